@@ -1,0 +1,87 @@
+#pragma once
+
+// The one way the program touches the file system. An instance stands for one
+// directory (its path) and works on names inside it; the static operations
+// work on whole paths ("URLs"). Failures go to logError (a debug log line) and
+// show only as absent or false results, as callers of this class expect.
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "utilities/Nullable.h"
+
+namespace stonewall {
+
+using Data = std::string;  // bytes
+
+namespace FileLocation {
+inline constexpr int64_t kDocuments = 1;           // the user's data folder
+inline constexpr int64_t kCaches = 2;              // the user's cache folder
+inline constexpr int64_t kApplicationSupport = 3;  // the user's configuration folder + "Stonewall"
+}  // namespace FileLocation
+
+// The application group the product's programs share.
+inline constexpr std::string_view kApplicationGroup = "K7Q2XJ4M9P.com.mapleharbor.Stonewall";
+
+// Boolean key-value archive (the extension state).
+using Archive = std::map<std::string, bool>;
+
+class FileHandler {
+public:
+    FileHandler() = default;
+
+    static FileHandler initWithLocation(int64_t location);
+    static FileHandler initWithName(const std::string& name, int64_t fileLocation);
+    static FileHandler initWithNameAndGroup(const std::string& name, const std::string& groupName);
+
+    // The directory; null for an unknown location.
+    const NullableString& path() const { return path_; }
+
+    static std::string getDirectoryPath(const std::string& name, int64_t fileLocation);
+    static std::string getDirectoryPathGroup(const std::string& name, const std::string& groupName);
+
+    std::string getFilePath(const std::string& name) const;
+    bool fileExists(const std::string& name) const;
+    int64_t fileSize(const NullableString& name) const;
+    NullableString fileMIMEType(const std::string& name) const;
+    void createFile(const std::string& name) const;
+    void createDirectory(const std::string& name) const;
+
+    // Removes an existing file, then writes the bytes atomically (temporary
+    // file in the same folder, flushed, renamed). Null data leaves no file.
+    // True when the new file is in place.
+    bool writeToFile(const std::string& name, std::optional<std::string_view> data) const;
+    bool writeToURL(const std::string& name, std::optional<std::string_view> data) const;
+
+    std::optional<Data> readFromFile(const std::string& name) const;
+    static std::optional<Data> readFromFilePath(const std::string& path);
+    void copyFile(const std::string& name, const std::string& fromPath) const;
+    void removeFile(const std::string& name) const;
+    void remove() const;
+
+    void archiveData(const std::string& name, const Archive& data) const;
+    std::optional<Archive> unarchiveData(const std::string& name) const;
+    static void addSkipBackupAttributeToPath(const std::string& path);
+
+    static std::string applicationDocumentsDirectory();
+    static std::string applicationCachesDirectory();
+    static std::string applicationApplicationSupportDirectory();
+    static void moveFileFromURL(const std::string& from, const std::string& to);
+    static void copyFileFromURL(const std::string& from, const std::string& to);
+    static bool writeToURL(const std::string& url, std::optional<std::string_view> data,
+                           bool extensionHidden);
+    static std::optional<Data> readFromURL(const std::string& url);
+    // An open read handle (a FILE* the caller closes), or null.
+    static std::FILE* fileHandleForReadingURL(const std::string& url);
+
+    static void logError(std::string_view message);
+
+private:
+    NullableString path_;
+};
+
+}  // namespace stonewall

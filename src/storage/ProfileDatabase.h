@@ -1,0 +1,85 @@
+#pragma once
+
+// One blocker profile's rules: the SQLite file ".Profiles/profile_<id>_data"
+// in the application-group container, table ProfileRules. Made from the
+// "profiles" template when missing or unreadable; never creates a table.
+//
+// Not thread-safe: one object is used by one thread at a time. Other
+// processes may open the same file; every connection waits for their locks
+// (busy timeout) instead of dropping a write.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "model/ProfileRule.h"
+#include "storage/FileHandler.h"
+#include "utilities/Nullable.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace stonewall {
+
+class ProfileDatabase {
+public:
+    // Opens (or makes from the template) the profile's database. Always returns
+    // an object; when the file cannot be opened its queries return nothing and
+    // its changes are dropped. An identifier that would leave ".Profiles" (a
+    // path separator, "..") opens nothing.
+    static std::shared_ptr<ProfileDatabase> initWithBlockerProfileID(
+        const NullableString& blockerProfileID);
+    ~ProfileDatabase();
+    ProfileDatabase(const ProfileDatabase&) = delete;
+    ProfileDatabase& operator=(const ProfileDatabase&) = delete;
+
+    void connect();
+    int connectProfilesDatabase();
+    void addProfilesDatabase();
+    bool checkTablesExist();
+    bool checkTableExists(const std::string& tableName);
+    void restoreDatabase();
+    void close();
+
+    std::vector<ProfileRule> getProfileRulesByAction(int64_t action);
+    std::vector<ProfileRule> getProfileRulesByActionAndType(int64_t action, int64_t blocker);
+    std::vector<ProfileRule> getProfileRulesByQueryType(int64_t queryType);
+    int64_t getProfileRulesCount();
+
+    // The rows of getProfileRulesByAction, one at a time, in the same order,
+    // without building the array (the compiler's hot path). The rule passed
+    // is reused between calls. False when the statement could not be prepared.
+    bool forEachProfileRuleByAction(int64_t action,
+                                    const std::function<void(const ProfileRule&)>& visit);
+
+    void addProfileRules(const std::vector<ProfileRule>& rules);
+    void updateProfileRules(const std::vector<ProfileRule>& rules);
+    void removeProfileRulesCustom(const std::vector<ProfileRule>& rules);
+    void removeProfileRules(int64_t blocker, int64_t blockerAction, const NullableString& ruleID);
+    void removeAllProfileRules();
+    // Kept for the interface's other users; does nothing.
+    void reloadProfileRules(int64_t reloadType, int64_t reloadOperation,
+                            const std::vector<ProfileRule>& rules);
+
+    bool beginTransactionProfilesDatabase();
+    bool commitTransactionProfilesDatabase();
+
+    const std::string& profilesFileName() const { return profilesFileName_; }
+    const std::string& profilesDataPath() const { return profilesDataPath_; }
+    const FileHandler& profilesFileHandler() const { return profilesFileHandler_; }
+
+    static void logError(std::string_view message);
+
+private:
+    ProfileDatabase() = default;
+
+    sqlite3* profilesDatabase_ = nullptr;
+    FileHandler profilesFileHandler_;
+    std::string profilesFileName_;
+    std::string profilesDataPath_;
+    bool usable_ = true;  // false for an identifier that names no file of ours
+};
+
+}  // namespace stonewall
