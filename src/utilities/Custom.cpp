@@ -70,8 +70,23 @@ bool checkTimestampPassed(Timestamp timestamp, double offset) {
     return currentTimestamp() - offset > timestamp;
 }
 
+namespace {
+
+// ICU's date parser divides by zero on a number field of some 40 digits or
+// more; no field of an RFC 3339 date comes near 16.
+bool hasOverlongDigitRun(const std::string& text) {
+    size_t run = 0;
+    for (char c : text) {
+        run = (c >= '0' && c <= '9') ? run + 1 : 0;
+        if (run > 16) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 std::optional<Timestamp> dateFromRFC3339String(const NullableString& text) {
-    if (!text) return std::nullopt;
+    if (!text || hasOverlongDigitRun(*text)) return std::nullopt;
     icu::UnicodeString value = icu::UnicodeString::fromUTF8(
         icu::StringPiece(text->data(), static_cast<int32_t>(text->size())));
     value.toUpper(icu::Locale("en_US_POSIX"));

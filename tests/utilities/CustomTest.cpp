@@ -20,6 +20,7 @@ TEST(RFC3339, ParsesTheAcceptedForms) {
         {"2020-05-01", std::nullopt},
         {"2020-05-01T10:20:30Zjunk", std::nullopt},
         {"garbage", std::nullopt},
+        {"2020-05-01T10:20:30.123456789012345678901234567890123456789Z", std::nullopt},
         {"", std::nullopt},
     };
     for (const auto& [input, expected] : cases) {
