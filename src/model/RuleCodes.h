@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
 // The numeric codes of rules, shared by every layer and stored in the databases.
 namespace stonewall {
@@ -34,5 +36,26 @@ inline constexpr int64_t kUnlessTopURL = 2;         // patterns built from the d
 inline constexpr int64_t kIfTopURLVerbatim = 4;     // entries used as they stand
 inline constexpr int64_t kUnlessTopURLVerbatim = 5; // entries used as they stand
 }  // namespace DomainTypeCode
+
+// Which rule list a profile rule was read for (`initWithRule:reloadType:`);
+// the tag it gives the rule's ruleID.
+namespace ReloadType {
+inline constexpr int64_t kAds = 2;            // "ad"
+inline constexpr int64_t kAdsAlternate = 3;   // "ad"
+inline constexpr int64_t kTrackers = 4;       // "tr"
+inline constexpr int64_t kSocial = 5;         // "sm"
+inline constexpr int64_t kSocialAlternate = 6;  // "sm"
+inline constexpr int64_t kWebImages = 7;      // "wr_images"
+inline constexpr int64_t kWebMedia = 8;       // "wr_media"
+inline constexpr int64_t kWebScripts = 9;     // "wr_scripts"
+inline constexpr int64_t kWebStylesheets = 10;  // "wr_stylesheets"
+inline constexpr int64_t kWebSVGs = 11;       // "wr_svgs"
+inline constexpr int64_t kBanners = 13;       // "bn"
+inline constexpr int64_t kBannersAlternate = 14;  // "bn"
+}  // namespace ReloadType
+
+// The ruleID tag of a reload type; std::nullopt for the types without one
+// (0, 1, 12 and anything outside the table).
+std::optional<std::string_view> ruleIDForReloadType(int64_t reloadType);
 
 }  // namespace stonewall
