@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <string_view>
 
 #include "utilities/PunycodeAdditions.h"
@@ -6,6 +7,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view input(reinterpret_cast<const char*>(data), size);
     auto decoded = stonewall::PunycodeAdditions::punycodeDecodedString(input);
     // Whatever decodes must encode again without failing.
-    if (decoded && !decoded->empty()) (void)stonewall::PunycodeAdditions::punycodeEncodedString(*decoded);
+    if (decoded && !decoded->empty())
+        (void)stonewall::PunycodeAdditions::punycodeEncodedString(*decoded);
     return 0;
 }

@@ -2,14 +2,16 @@
 
 #include "utilities/Custom.h"
 
+#include <unicode/locid.h>
+#include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
+
 #include <algorithm>
 #include <chrono>
 #include <memory>
 #include <mutex>
 
-#include <unicode/locid.h>
-#include <unicode/smpdtfmt.h>
-#include <unicode/timezone.h>
+#include "utilities/Unicode.h"
 
 namespace stonewall::Custom {
 
@@ -86,17 +88,29 @@ bool hasOverlongDigitRun(const std::string& text) {
 }  // namespace
 
 std::optional<Timestamp> dateFromRFC3339String(const NullableString& text) {
-    if (!text || hasOverlongDigitRun(*text)) return std::nullopt;
+    if (!text || !unicode::isValidUTF8(*text) || hasOverlongDigitRun(*text)) return std::nullopt;
     icu::UnicodeString value = icu::UnicodeString::fromUTF8(
         icu::StringPiece(text->data(), static_cast<int32_t>(text->size())));
     value.toUpper(icu::Locale("en_US_POSIX"));
-    value.findAndReplace(icu::UnicodeString("Z"), icu::UnicodeString("-0000"));
-    if (value.length() >= 21) {
-        icu::UnicodeString head(value, 0, 20);
-        icu::UnicodeString tail(value, 20);
-        tail.findAndReplace(icu::UnicodeString(":"), icu::UnicodeString());
-        value = head + tail;
+    // Both rewrites build a new string: replacing in place moves the tail
+    // each time, and a text of a million "Z"s would take minutes.
+    icu::UnicodeString zoned;
+    for (int32_t i = 0; i < value.length(); ++i) {
+        if (value[i] == u'Z') {
+            zoned.append(u"-0000", 5);
+        } else {
+            zoned.append(value[i]);
+        }
     }
+    // From position 20 on, colons go: "+01:00" becomes "+0100" while the
+    // colons of the time stay.
+    icu::UnicodeString cleaned(zoned, 0, std::min<int32_t>(20, zoned.length()));
+    if (zoned.length() >= 21) {
+        for (int32_t i = 20; i < zoned.length(); ++i) {
+            if (zoned[i] != u':') cleaned.append(zoned[i]);
+        }
+    }
+    value = cleaned;
 
     InternetDateFormatter& shared = getInternetDateFormatter();
     std::lock_guard<std::mutex> guard(shared.lock);

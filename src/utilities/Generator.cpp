@@ -2,12 +2,12 @@
 
 #include "utilities/Generator.h"
 
+#include <openssl/rand.h>
+#include <openssl/sha.h>
+
 #include <array>
 #include <cstdio>
 #include <cstring>
-
-#include <openssl/rand.h>
-#include <openssl/sha.h>
 
 #include "utilities/Custom.h"
 
@@ -58,14 +58,21 @@ std::string Generator::customRuleID() { return digestHex("CustomRule." + randomS
 std::string Generator::customRuleID(int64_t ruleType, const NullableString& blockerProfileID) {
     const char* listName = nullptr;
     switch (ruleType) {
-        case 7: listName = "SecureWebsites"; break;
-        case 5: listName = "BlockWebsites"; break;
-        case 3: listName = "WhitelistWebsites"; break;
-        default: break;
+        case 7:
+            listName = "SecureWebsites";
+            break;
+        case 5:
+            listName = "BlockWebsites";
+            break;
+        case 3:
+            listName = "WhitelistWebsites";
+            break;
+        default:
+            break;
     }
-    const std::string seed = listName
-        ? std::string("CustomRule.") + listName + "." + textOrNull(blockerProfileID)
-        : "CustomRule." + randomSeedTail();
+    const std::string seed =
+        listName ? std::string("CustomRule.") + listName + "." + textOrNull(blockerProfileID)
+                 : "CustomRule." + randomSeedTail();
     // Digest bytes by type - 3: the three website lists get the whole digest.
     static constexpr size_t kBytesByType[] = {20, 5, 20, 5, 20};
     const size_t bytes = (ruleType >= 3 && ruleType <= 7) ? kBytesByType[ruleType - 3] : 5;

@@ -56,6 +56,9 @@ std::optional<std::string> URLWithUnicodeString(std::string_view text);
 std::string cleansedString(std::string_view text);
 std::string trim(std::string_view text);
 std::string removeCommas(std::string_view text);
+// True when the text does not compile as an ICU regular expression with the
+// case-insensitive flag. Expressions longer than 32768 UTF-16 units count as
+// invalid without compiling: ICU's compiler is quadratic in their length.
 bool checkInvalidRegularExpression(std::string_view text);
 bool checkHasInvalidCharacters(std::string_view text);
 bool checkHasPipe(std::string_view text);
@@ -71,6 +74,10 @@ NullableString schemeFromURL(std::string_view url);
 // "%@://%@" of scheme and host, a missing part written as "(null)".
 std::string schemeAndHostFromURL(std::string_view url);
 
+// Any script to Latin, without combining marks and diacritics. Text is
+// transliterated in pieces that end at white space; a run of more than 4096
+// UTF-16 units without any is cut at a character boundary, where rules that
+// look at the neighbouring letter may read differently.
 std::string normalizeString(std::string_view text);
 
 // ".", "?", "^", "+" and "|" each preceded by a backslash; nothing else.

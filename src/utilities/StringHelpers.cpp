@@ -1,13 +1,15 @@
 // Cleaning and validation of user and page text, and escaping for URL-filter
 // patterns.
 
+#include <unicode/regex.h>
+#include <unicode/translit.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <vector>
-
-#include <unicode/regex.h>
-#include <unicode/translit.h>
-#include <unicode/unistr.h>
 
 #include "utilities/PunycodeAdditions.h"
 #include "utilities/Unicode.h"
@@ -15,6 +17,10 @@
 namespace stonewall::PunycodeAdditions {
 
 namespace {
+
+constexpr size_t kMaxRegularExpressionLength = 32768;  // UTF-16 units
+constexpr int32_t kPieceLength = 1024;                 // UTF-16 units
+constexpr int32_t kHardPieceLength = 4096;
 
 bool isLineBreakForCleansing(char32_t c) {
     return c == U'\t' || c == U'\n' || c == U'\r' || c == 0x0085 || c == 0x000C || c == 0x2028 ||
@@ -96,11 +102,19 @@ std::string removeCommas(std::string_view text) {
 
 bool checkInvalidRegularExpression(std::string_view text) {
     if (!unicode::isValidUTF8(text)) return false;
+    // ICU's compiler moves the compiled program for every quantified group
+    // that may match empty, which makes it quadratic: a megabyte of "(a*)+"
+    // takes many minutes. No rule needs an expression this long.
+    if (text.size() > kMaxRegularExpressionLength &&
+        utf16Length(*unicode::decodeUTF8(text)) > kMaxRegularExpressionLength) {
+        return true;
+    }
     UErrorCode status = U_ZERO_ERROR;
     UParseError parseError;
-    std::unique_ptr<icu::RegexPattern> pattern(icu::RegexPattern::compile(
-        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size()))),
-        UREGEX_CASE_INSENSITIVE, parseError, status));
+    std::unique_ptr<icu::RegexPattern> pattern(
+        icu::RegexPattern::compile(icu::UnicodeString::fromUTF8(icu::StringPiece(
+                                       text.data(), static_cast<int32_t>(text.size()))),
+                                   UREGEX_CASE_INSENSITIVE, parseError, status));
     return U_FAILURE(status) || pattern == nullptr;
 }
 
@@ -162,15 +176,38 @@ std::string normalizeString(std::string_view text) {
         if (U_FAILURE(status)) transliterator.reset();
     }
     if (!transliterator) return std::string(text);
-    icu::UnicodeString value = icu::UnicodeString::fromUTF8(
+    const icu::UnicodeString value = icu::UnicodeString::fromUTF8(
         icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
-    transliterator->transliterate(value);
+    // ICU's Any-Latin slows down with the length of the text (a megabyte of
+    // Han takes minutes in one piece), so long text goes through in pieces.
+    // The rules look at neighbouring letters (Han syllable spacing, Japanese
+    // geminates, Greek final sigma) but not across white space, so pieces end
+    // after white space; only a run of kHardPieceLength units without any is
+    // cut elsewhere, at a character boundary.
     std::string out;
-    value.toUTF8String(out);
+    out.reserve(text.size());
+    const int32_t length = value.length();
+    for (int32_t begin = 0; begin < length;) {
+        int32_t end = std::min(length, begin + kPieceLength);
+        while (end < length && !u_isUWhiteSpace(value.char32At(end - 1)) &&
+               end - begin < kHardPieceLength) {
+            ++end;
+        }
+        // Never between a surrogate pair or before a combining mark.
+        while (end < length &&
+               (U16_IS_TRAIL(value[end]) || (U_GET_GC_MASK(value.char32At(end)) & U_GC_M_MASK))) {
+            ++end;
+        }
+        icu::UnicodeString piece(value, begin, end - begin);
+        transliterator->transliterate(piece);
+        piece.toUTF8String(out);
+        begin = end;
+    }
     return out;
 }
 
 std::string escapeData(std::string_view text) {
+    if (!unicode::isValidUTF8(text)) return {};
     std::string out;
     out.reserve(text.size() + text.size() / 4);
     for (char c : text) {

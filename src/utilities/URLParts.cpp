@@ -15,7 +15,7 @@ namespace {
 // A scanner over code points that skips white space and line breaks before
 // every scan, and counts its position in UTF-16 units as well.
 class Scanner {
-public:
+  public:
     explicit Scanner(const std::u32string& text) : text_(text) {}
 
     bool isAtEnd() {
@@ -60,7 +60,7 @@ public:
         return units;
     }
 
-private:
+  private:
     void skip() {
         while (pos_ < text_.size() && unicode::isWhitespaceOrNewline(text_[pos_])) ++pos_;
     }
@@ -95,8 +95,8 @@ std::vector<std::u32string> split(const std::u32string& text, char32_t separator
 }
 
 bool isUnreserved(unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           c == '-' || c == '.' || c == '_' || c == '~';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '.' || c == '_' || c == '~';
 }
 bool isSubDelimiter(unsigned char c) {
     return c == '!' || c == '$' || c == '&' || c == '\'' || c == '(' || c == ')' || c == '*' ||
@@ -271,9 +271,8 @@ struct ParsedURI {
     bool ok = false;
     explicit ParsedURI(std::string source) : text(std::move(source)) {
         const char* error = nullptr;
-        ok = !text.empty() &&
-             uriParseSingleUriExA(&uri, text.data(), text.data() + text.size(), &error) ==
-                 URI_SUCCESS;
+        ok = !text.empty() && uriParseSingleUriExA(&uri, text.data(), text.data() + text.size(),
+                                                   &error) == URI_SUCCESS;
     }
     ~ParsedURI() {
         if (ok) uriFreeUriMembersA(&uri);

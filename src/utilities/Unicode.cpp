@@ -88,13 +88,15 @@ std::u32string nfkc(std::u32string_view codePoints) {
     UErrorCode status = U_ZERO_ERROR;
     const icu::Normalizer2* normalizer = icu::Normalizer2::getNFKCInstance(status);
     if (U_FAILURE(status)) return std::u32string(codePoints);
-    icu::UnicodeString source = icu::UnicodeString::fromUTF32(
-        reinterpret_cast<const UChar32*>(codePoints.data()), static_cast<int32_t>(codePoints.size()));
+    icu::UnicodeString source =
+        icu::UnicodeString::fromUTF32(reinterpret_cast<const UChar32*>(codePoints.data()),
+                                      static_cast<int32_t>(codePoints.size()));
     icu::UnicodeString normalized = normalizer->normalize(source, status);
     if (U_FAILURE(status)) return std::u32string(codePoints);
     std::u32string out(static_cast<size_t>(normalized.countChar32()), U'\0');
     UErrorCode convert = U_ZERO_ERROR;
-    normalized.toUTF32(reinterpret_cast<UChar32*>(out.data()), static_cast<int32_t>(out.size()), convert);
+    normalized.toUTF32(reinterpret_cast<UChar32*>(out.data()), static_cast<int32_t>(out.size()),
+                       convert);
     return out;
 }
 

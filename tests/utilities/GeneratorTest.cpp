@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "utilities/Custom.h"
 #include "utilities/Generator.h"
 
 using namespace stonewall;
@@ -21,11 +22,24 @@ TEST(Generator, WebsiteListRulesHaveFixed40CharacterIdentifiers) {
         EXPECT_NE(first, Generator::customRuleID(type, std::string("otherProfile")));
     }
     // The lists differ from each other for one profile.
-    EXPECT_NE(Generator::customRuleID(3, std::string("p")), Generator::customRuleID(5, std::string("p")));
-    // SHA-1 of "CustomRule.BlockWebsites.defaultProfile", in full.
-    EXPECT_EQ(Generator::customRuleID(5, std::string("defaultProfile")), "c7b9281159cf4048e72b802cacb089fd5c48e4d4");
+    EXPECT_NE(Generator::customRuleID(3, std::string("p")),
+              Generator::customRuleID(5, std::string("p")));
+    // SHA-1 of "CustomRule.<list name>.<profile>", in full: the identifiers
+    // that the application computes for the same lists.
+    const std::pair<int64_t, const char*> digests[] = {
+        {7, "ff657eb1f34d6dee70cdc68847fb294db020c4c0"},  // SecureWebsites
+        {5, "c7b9281159cf4048e72b802cacb089fd5c48e4d4"},  // BlockWebsites
+        {3, "007fe967329adfc8159d4a231cf7bb40ff0593bc"},  // WhitelistWebsites
+    };
+    for (const auto& [type, digest] : digests) {
+        EXPECT_EQ(Generator::customRuleID(type, std::string("defaultProfile")), digest) << type;
+    }
+    // The profile identifier goes in as UTF-8.
+    EXPECT_EQ(Generator::customRuleID(5, std::string("bücher")),
+              "95149d66d154c9dfa9a528627df89a1ce6a81ddf");
     // A null profile formats like the text "(null)".
-    EXPECT_EQ(Generator::customRuleID(5, std::nullopt), Generator::customRuleID(5, std::string("(null)")));
+    EXPECT_EQ(Generator::customRuleID(5, std::nullopt),
+              Generator::customRuleID(5, std::string("(null)")));
 }
 
 TEST(Generator, OtherTypesGetRandom10CharacterIdentifiers) {
@@ -41,6 +55,18 @@ TEST(Generator, OtherTypesGetRandom10CharacterIdentifiers) {
     for (int i = 0; i < 100; ++i) seen.insert(Generator::profileID());
     EXPECT_EQ(seen.size(), 108u);
     EXPECT_EQ(Generator::customRuleID().size(), 10u);
+}
+
+TEST(Generator, RandomIdentifiersDifferUnderAFixedClock) {
+    // With the time fixed, only the 24 random bits tell two seeds apart.
+    Custom::setClockForTesting([] { return 1588328430.0; });
+    std::set<std::string> seen;
+    for (int i = 0; i < 200; ++i) {
+        seen.insert(Generator::profileID());
+        seen.insert(Generator::customRuleID());
+    }
+    Custom::setClockForTesting({});
+    EXPECT_GE(seen.size(), 398u);  // a 24-bit collision or two is possible, not more
 }
 
 }  // namespace

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <random>
+#include <vector>
+
 #include "utilities/PunycodeAdditions.h"
 
 using namespace stonewall;
@@ -48,7 +52,7 @@ TEST(Punycode, RejectsBadInputAndOverflow) {
         "a-9",           // input ends inside an integer
         "99999999999",   // overflow of i
         "zzzzzzzzzzzzzzz",
-        "\xFF\xFE",      // invalid UTF-8
+        "\xFF\xFE",  // invalid UTF-8
     };
     for (const char* input : bad) EXPECT_EQ(punycodeDecodedString(input), std::nullopt) << input;
     EXPECT_EQ(punycodeDecodedString(""), "");
@@ -68,14 +72,38 @@ TEST(IDNA, EncodesLabelByLabel) {
         {"example.com", "example.com"},
         {"user@bücher.de", "user@xn--bcher-kva.de"},
         {"a\u00ADb.example", "xn--ab-.example"},  // soft hyphen: non-ASCII, then dropped
-        {"  bücher . example", "xn--bcher -3ya.example"},  // white space skipped only at token starts
+        {"  bücher . example",
+         "xn--bcher -3ya.example"},           // white space skipped only at token starts
         {"\uFF45xample.com", "example.com"},  // NFKC folds the full-width letter
-        {"a\uFF0Eb", "a.b"},  // NFKC maps the full-width full stop to "."
+        {"a\uFF0Eb", "a.b"},                  // NFKC maps the full-width full stop to "."
         {"..@", "..@"},
         {"", ""},
         {"\xC3\x28", ""},  // invalid UTF-8
     };
-    for (const auto& [input, expected] : cases) EXPECT_EQ(IDNAEncodedString(input), expected) << input;
+    for (const auto& [input, expected] : cases)
+        EXPECT_EQ(IDNAEncodedString(input), expected) << input;
+}
+
+TEST(IDNA, PlainASCIIShortcutSeesEveryByte) {
+    // Printable ASCII is copied without a look at its labels; any other byte,
+    // wherever it sits in the word-wise scan, must send the text the long way.
+    for (size_t length : {1u, 7u, 8u, 9u, 16u, 23u, 40u}) {
+        const std::string plain(length, 'a');
+        EXPECT_EQ(IDNAEncodedString(plain), plain);
+        for (size_t at = 0; at < length; ++at) {
+            std::string text = plain;
+            text[at] = '\0';  // non-ASCII for IDNA, a basic code point for Punycode
+            EXPECT_EQ(IDNAEncodedString(text), "xn--" + text + "-") << length << " " << at;
+            text[at] = ' ';  // dropped only where a label starts
+            EXPECT_EQ(IDNAEncodedString(text), at == 0 ? plain.substr(1) : text);
+            for (char kept : {'\x21', '\x7E', '\x7F', '\x1F'}) {
+                text[at] = kept;
+                EXPECT_EQ(IDNAEncodedString(text), text) << length << " " << at;
+            }
+            text[at] = '\xC3';  // a broken UTF-8 sequence
+            EXPECT_EQ(IDNAEncodedString(text), "");
+        }
+    }
 }
 
 TEST(IDNA, DecodesXnLabelsCaseInsensitively) {
@@ -87,45 +115,8 @@ TEST(IDNA, DecodesXnLabelsCaseInsensitively) {
         {"xn--", ""},
         {"plain.example", "plain.example"},
     };
-    for (const auto& [input, expected] : cases) EXPECT_EQ(IDNADecodedString(input), expected) << input;
-}
-
-TEST(URLParts, SplitsTheDocumentedExamples) {
-    auto parts = URLParts("ftp://user:pw@bücher.example:8080/a b?q=1#frag");
-    EXPECT_EQ(parts.scheme, "ftp");
-    EXPECT_EQ(parts.delim, "://");
-    EXPECT_EQ(parts.username, "user");
-    EXPECT_EQ(parts.password, "pw");
-    EXPECT_EQ(parts.host, "bücher.example:8080");
-    EXPECT_EQ(parts.path, "/a b?q=1");
-    EXPECT_EQ(parts.fragment, "frag");
-    EXPECT_EQ(encodedURLString("ftp://user:pw@bücher.example:8080/a b?q=1#frag"),
-              "ftp://user:pw@xn--bcher-kva.example:8080/a%20b?q=1#frag");
-
-    parts = URLParts("example.com/path");
-    EXPECT_EQ(parts.scheme, "");
-    EXPECT_EQ(parts.delim, "");
-    EXPECT_EQ(parts.host, "example.com");
-    EXPECT_EQ(parts.path, "/path");
-    EXPECT_EQ(parts.fragment, std::nullopt);
-
-    parts = URLParts("http://a@b@c/x");
-    EXPECT_EQ(parts.username, "a");
-    EXPECT_EQ(parts.password, std::nullopt);
-    EXPECT_EQ(parts.host, "b");
-
-    parts = URLParts("mailto:someone");  // at the end after the scheme
-    EXPECT_EQ(parts.scheme, "mailto");
-    EXPECT_EQ(parts.host, "someone");
-}
-
-TEST(URLParts, DecodesBackToUnicode) {
-    EXPECT_EQ(decodedURLString("http://xn--bcher-kva.example/a%20b#x%41"),
-              "http://bücher.example/a b#xA");
-    EXPECT_EQ(decodedURLString("http://host/bad%zz"), "http://host");
-    EXPECT_EQ(URLWithUnicodeString("http://bücher.example/ä"),
-              "http://xn--bcher-kva.example/%C3%A4");
-    EXPECT_EQ(URLWithUnicodeString("http://exa mple.com/"), std::nullopt);
+    for (const auto& [input, expected] : cases)
+        EXPECT_EQ(IDNADecodedString(input), expected) << input;
 }
 
 TEST(IDNA, HugeAndHostileInputsStayBounded) {
@@ -136,6 +127,256 @@ TEST(IDNA, HugeAndHostileInputsStayBounded) {
     EXPECT_FALSE(IDNAEncodedString(unicodeHuge).empty());
     EXPECT_FALSE(URLParts(std::string(100000, ':')).scheme.empty() &&
                  URLParts(std::string(100000, ':')).host.size() > 0);
+}
+
+// The reference coder of RFC 3492 section 6, written as plainly as the RFC
+// has it (one pass over the input per code point, insertion into the output
+// as it goes): the library's faster coder must agree with it everywhere,
+// including on which inputs overflow.
+namespace reference {
+
+constexpr uint32_t kMax = UINT32_MAX;
+
+uint32_t adapt(uint32_t delta, uint32_t numPoints, bool firstTime) {
+    delta = firstTime ? delta / 700 : delta / 2;
+    delta += delta / numPoints;
+    uint32_t k = 0;
+    for (; delta > 455; k += 36) delta /= 35;
+    return k + (36 * delta) / (delta + 38);
+}
+
+uint32_t threshold(uint32_t k, uint32_t bias) {
+    return k <= bias ? 1 : k >= bias + 26 ? 26 : k - bias;
+}
+
+std::optional<std::u32string> encode(const std::u32string& input) {
+    std::u32string out;
+    for (char32_t c : input) {
+        if (c < 0x80) out.push_back(c);
+    }
+    const auto b = static_cast<uint32_t>(out.size());
+    if (b > 0) out.push_back(U'-');
+    uint32_t n = 128, delta = 0, bias = 72, h = b;
+    while (h < input.size()) {
+        uint32_t m = kMax;
+        for (char32_t c : input) {
+            if (c >= n && c < m) m = c;
+        }
+        if (m - n > (kMax - delta) / (h + 1)) return std::nullopt;
+        delta += (m - n) * (h + 1);
+        n = m;
+        for (char32_t c : input) {
+            if (c < n && ++delta == 0) return std::nullopt;
+            if (c == n) {
+                uint32_t q = delta;
+                for (uint32_t k = 36;; k += 36) {
+                    const uint32_t t = threshold(k, bias);
+                    if (q < t) break;
+                    const uint32_t d = t + (q - t) % (36 - t);
+                    out.push_back(d < 26 ? U'a' + d : U'0' + d - 26);
+                    q = (q - t) / (36 - t);
+                }
+                out.push_back(q < 26 ? U'a' + q : U'0' + q - 26);
+                bias = adapt(delta, h + 1, h == b);
+                delta = 0;
+                ++h;
+            }
+        }
+        ++delta;
+        ++n;
+    }
+    return out;
+}
+
+std::optional<std::u32string> decode(const std::u32string& input) {
+    std::u32string out;
+    size_t in = 0;
+    const size_t delimiter = input.rfind(U'-');
+    if (delimiter != std::u32string::npos && delimiter > 0) {
+        out = input.substr(0, delimiter);
+        for (char32_t c : out) {
+            if (c >= 0x80) return std::nullopt;
+        }
+        in = delimiter + 1;
+    }
+    uint32_t n = 128, i = 0, bias = 72;
+    while (in < input.size()) {
+        const uint32_t oldi = i;
+        uint32_t w = 1;
+        for (uint32_t k = 36;; k += 36) {
+            if (in >= input.size()) return std::nullopt;
+            const char32_t c = input[in++];
+            const uint32_t digit = c >= U'0' && c <= U'9'   ? c - U'0' + 26
+                                   : c >= U'a' && c <= U'z' ? c - U'a'
+                                   : c >= U'A' && c <= U'Z' ? c - U'A'
+                                                            : 36;
+            if (digit >= 36 || digit > (kMax - i) / w) return std::nullopt;
+            i += digit * w;
+            const uint32_t t = threshold(k, bias);
+            if (digit < t) break;
+            if (w > kMax / (36 - t)) return std::nullopt;
+            w *= 36 - t;
+        }
+        const auto count = static_cast<uint32_t>(out.size() + 1);
+        bias = adapt(i - oldi, count, oldi == 0);
+        if (i / count > kMax - n) return std::nullopt;
+        n += i / count;
+        i %= count;
+        if (n > 0x10FFFF || (n >= 0xD800 && n <= 0xDFFF)) return std::nullopt;
+        out.insert(out.begin() + i, n);
+        ++i;
+    }
+    return out;
+}
+
+}  // namespace reference
+
+std::string utf8(const std::u32string& points) {
+    std::string out;
+    for (char32_t c : points) {
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::optional<std::string> utf8(const std::optional<std::u32string>& points) {
+    if (!points) return std::nullopt;
+    return utf8(*points);
+}
+
+// Random labels from a few pools, so that runs of one code point, neighbours
+// and basic characters all come up; long labels that end in code points near
+// U+10FFFF reach the overflow checks.
+std::u32string randomLabel(std::mt19937& rng, bool nearOverflow) {
+    std::u32string label;
+    if (nearOverflow) {
+        // (0x10FFFF - 0x80) * (h + 1) overflows once h reaches about 3855.
+        for (size_t j = 3700 + rng() % 400; j > 0; --j) {
+            label.push_back(rng() % 2 ? U'a' + rng() % 26 : 0x80 + rng() % 4);
+        }
+        for (size_t j = 1 + rng() % 3; j > 0; --j) {
+            label.insert(label.begin() + rng() % label.size(), 0x10FFFF - rng() % 4);
+        }
+        return label;
+    }
+    const size_t length = rng() % 40;
+    const uint32_t pool = rng() % 3;
+    for (size_t j = 0; j < length; ++j) {
+        char32_t c;
+        switch (rng() % 4 == 0 ? 0 : pool) {
+            case 0:
+                c = U'a' + rng() % 26;
+                break;
+            case 1:
+                c = 0xC0 + rng() % 8;
+                break;
+            default:
+                c = 0x4E00 + rng() % 5000;
+                break;
+        }
+        label.push_back(c);
+    }
+    return label;
+}
+
+TEST(Punycode, AgreesWithTheReferenceCoder) {
+    std::mt19937 rng(20240501);
+    int overflows = 0;
+    for (int round = 0; round < 2000; ++round) {
+        const std::u32string label = randomLabel(rng, /*nearOverflow=*/round % 20 == 0);
+        const auto expected = utf8(reference::encode(label));
+        const auto encoded = punycodeEncodedString(utf8(label));
+        ASSERT_EQ(encoded, expected) << utf8(label);
+        if (!encoded) {
+            ++overflows;
+            continue;
+        }
+        ASSERT_EQ(punycodeDecodedString(*encoded), utf8(label));
+    }
+    EXPECT_GT(overflows, 10);   // the overflow checks are reached
+    EXPECT_LT(overflows, 100);  // and successes near them too
+
+    // Arbitrary digit strings, most of them invalid or overflowing.
+    const std::u32string alphabet = U"abcz09AZ-";
+    for (int round = 0; round < 5000; ++round) {
+        std::u32string text;
+        for (size_t j = rng() % 16; j > 0; --j) text.push_back(alphabet[rng() % alphabet.size()]);
+        ASSERT_EQ(punycodeDecodedString(utf8(text)), utf8(reference::decode(text))) << utf8(text);
+    }
+}
+
+TEST(Punycode, OverflowGivesNil) {
+    // (0x10FFFF - 128) * (h + 1) exceeds 2^32 - 1 once more than 3855 code
+    // points precede U+10FFFF in the output.
+    const std::string top = "\U0010FFFF";
+    EXPECT_EQ(punycodeEncodedString(std::string(5000, 'a') + top), std::nullopt);
+    const auto fits = punycodeEncodedString(std::string(3000, 'a') + top);
+    ASSERT_TRUE(fits.has_value());
+    EXPECT_EQ(punycodeDecodedString(*fits), std::string(3000, 'a') + top);
+
+    // A well-formed integer whose code point lies beyond U+10FFFF.
+    EXPECT_EQ(punycodeDecodedString("99999999"), std::nullopt);
+    // Integers that decode to a surrogate (U+D800 alone, and after "a"): no
+    // string holds one.
+    EXPECT_EQ(punycodeDecodedString("ib9b"), std::nullopt);
+    EXPECT_EQ(punycodeDecodedString("a-rc4g"), std::nullopt);
+}
+
+TEST(IDNA, FailedEncodingWritesNullAndKeepsSeparators) {
+    const std::string overflowing = std::string(5000, 'a') + "\U0010FFFF";
+    EXPECT_EQ(IDNAEncodedString("ok." + overflowing + "@b.com"), "ok.xn--(null)@b.com");
+}
+
+TEST(IDNA, ControlAndWhiteSpaceHandling) {
+    const std::pair<std::string, std::string> encodes[] = {
+        // U+0000 counts as non-ASCII, but the encoder copies it as basic.
+        {std::string("a\0b.com", 7), std::string("xn--a\0b-.com", 12)},
+        // White space is dropped where a token starts, kept where one ends.
+        {"\tbücher.\nexample\r\n", "xn--bcher-kva.example\r\n"},
+        {"a\u3002b", "xn--ab-r13a"},  // the ideographic full stop separates nothing
+    };
+    for (const auto& [input, expected] : encodes) EXPECT_EQ(IDNAEncodedString(input), expected);
+
+    const std::pair<const char*, const char*> decodes[] = {
+        {"\txn--bcher-kva.\nde", "bücher.de"},
+        {"xn--bcher-kva .de", ".de"},  // the blank is part of the label: no digit
+        {"@@xn--tda@@", "@@ü@@"},
+        {"xn--tda\xC3", ""},  // invalid UTF-8
+    };
+    for (const auto& [input, expected] : decodes) EXPECT_EQ(IDNADecodedString(input), expected);
+}
+
+TEST(Punycode, MegabyteLabelsRoundTrip) {
+    // 200000 distinct code points: a quadratic coder would take hours.
+    std::u32string ascending, descending;
+    for (char32_t c = 0x4E00; ascending.size() < 200000; ++c) {
+        if (c == 0xA000) c = 0x20000;   // past the BMP's ideographs
+        if (c == 0x2F800) c = 0x2FA20;  // NFKC maps the compatibility ideographs
+        ascending.push_back(c);
+    }
+    descending.assign(ascending.rbegin(), ascending.rend());
+    for (const auto* label : {&ascending, &descending}) {
+        const std::string text = utf8(*label);
+        const auto encoded = punycodeEncodedString(text);
+        ASSERT_TRUE(encoded.has_value());
+        // Descending order makes the decoder insert every code point at the front.
+        EXPECT_TRUE(punycodeDecodedString(*encoded) == text);
+        EXPECT_TRUE(IDNADecodedString(IDNAEncodedString(text)) == text);
+    }
 }
 
 }  // namespace

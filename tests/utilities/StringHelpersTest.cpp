@@ -7,17 +7,36 @@ using namespace stonewall::PunycodeAdditions;
 
 namespace {
 
+std::string repeat(std::string_view unit, size_t count) {
+    std::string out;
+    for (size_t i = 0; i < count; ++i) out += unit;
+    return out;
+}
+
 TEST(CleansedString, CutsAt1002Utf16Units) {
-    EXPECT_EQ(cleansedString(std::string(1000, 'a')).size(), 1000u);
-    EXPECT_EQ(cleansedString(std::string(1001, 'a')).size(), 1001u);
-    EXPECT_EQ(cleansedString(std::string(1002, 'a')).size(), 1000u);
-    // A surrogate pair (one emoji = 2 units) straddling unit 1000 is dropped whole.
-    std::string text = std::string(999, 'a') + "\U0001F600" + std::string(10, 'b');
-    EXPECT_EQ(cleansedString(text), std::string(999, 'a'));
-    // Counting is in UTF-16 units, not bytes: 1001 two-byte letters stay whole.
-    std::string umlauts;
-    for (int i = 0; i < 1001; ++i) umlauts += "ü";
-    EXPECT_EQ(cleansedString(umlauts), umlauts);
+    const std::string emoji = "\U0001F600";  // one code point, two UTF-16 units
+    const std::pair<std::string, std::string> cases[] = {
+        {repeat("a", 1000), repeat("a", 1000)},
+        {repeat("a", 1001), repeat("a", 1001)},
+        {repeat("a", 1002), repeat("a", 1000)},
+        {repeat("a", 5000000), repeat("a", 1000)},
+        // Counting is in UTF-16 units, not bytes or code points.
+        {repeat("ü", 1001), repeat("ü", 1001)},
+        {repeat("ü", 1002), repeat("ü", 1000)},
+        {repeat("a", 999) + emoji, repeat("a", 999) + emoji},              // 1001 units
+        {repeat("a", 998) + emoji + "b", repeat("a", 998) + emoji + "b"},  // 1001 units
+        {repeat("a", 1000) + emoji, repeat("a", 1000)},                    // 1002 units
+        {repeat(emoji, 501), repeat(emoji, 500)},                          // 1002 units
+        // The pair straddles unit 1000: it goes whole rather than in half.
+        {repeat("a", 999) + emoji + "b", repeat("a", 999)},
+        // The cut comes before the folding of line breaks.
+        {repeat("a", 998) + "\n\nb", repeat("a", 998) + " b"},
+        {repeat("a", 999) + "\n\nb", repeat("a", 999)},
+        {repeat("a", 1000) + "\nb", repeat("a", 1000)},
+    };
+    for (const auto& [input, expected] : cases) {
+        EXPECT_TRUE(cleansedString(input) == expected) << "input of " << input.size() << " bytes";
+    }
 }
 
 TEST(CleansedString, FoldsLineBreakRuns) {
@@ -27,26 +46,59 @@ TEST(CleansedString, FoldsLineBreakRuns) {
         {"a\u2028\u2029\u0085b", "a b"},
         {"a  b", "a  b"},  // blanks are not collapsed
         {"", ""},
+        {"\r\n\r\n", ""},
+        {"line one\r\nline two\r\nline three", "line one line two line three"},
+        {"a\fb\tc\rd", "a b c d"},
+        {"a \n b", "a   b"},       // the run is the break alone; the blanks stay
+        {"a\u000Bb", "a\u000Bb"},  // vertical tab is not in the set
     };
     for (const auto& [input, expected] : cases) EXPECT_EQ(cleansedString(input), expected);
 }
 
 TEST(StringHelpers, ValidatesDomains) {
     const std::pair<std::string, bool> cases[] = {
-        {"example.com", true},     {"com", false},
-        {"a..b", false},           {".example.com", false},
-        {"a.b.c.d.e.f.g", true},   {"a.b.c.d.e.f.g.h", false},
+        {"example.com", true},
+        {"com", false},
+        {"a..b", false},
+        {".example.com", false},
+        {"a.b.c.d.e.f.g", true},
+        {"a.b.c.d.e.f.g.h", false},
         {std::string(100, 'x') + ".com", true},
         {std::string(101, 'x') + ".com", false},
-        {"exa mple.com", false},   {"ex;ample.com", false},
-        {"under_score.com", true}, {"bücher.de", true},
+        {"exa mple.com", false},
+        {"ex;ample.com", false},
+        {"under_score.com", true},
+        {"bücher.de", true},
     };
-    for (const auto& [input, expected] : cases) EXPECT_EQ(checkValidDomain(input), expected) << input;
+    for (const auto& [input, expected] : cases)
+        EXPECT_EQ(checkValidDomain(input), expected) << input;
+}
+
+TEST(StringHelpers, RegularExpressionCheck) {
+    const std::pair<std::string, bool> cases[] = {
+        {"[a-z", true},
+        {"ab|cd", false},
+        {"", false},
+        {"(", true},
+        {"a)", true},
+        {"*a", true},
+        {"a{2,1}", true},
+        {"\\", true},
+        {"(?<name>x)\\k<name>", false},
+        {"^https?://([a-z0-9-]+\\.)*example\\.com/", false},
+        {"[[:alpha:]]+", false},
+        {"\\p{Latin}+", false},
+        {"\\p{NoSuchProperty}", true},
+        {std::string(32768, 'a'), false},
+        {std::string(32769, 'a'), true},  // refused without compiling
+        {repeat("(a*)+", 200000), true},  // a megabyte: compiled, it would take minutes
+    };
+    for (const auto& [input, invalid] : cases) {
+        EXPECT_EQ(checkInvalidRegularExpression(input), invalid) << input.substr(0, 40);
+    }
 }
 
 TEST(StringHelpers, CharacterChecks) {
-    EXPECT_TRUE(checkInvalidRegularExpression("[a-z"));
-    EXPECT_FALSE(checkInvalidRegularExpression("ab|cd"));
     EXPECT_TRUE(checkHasPipe("ab|cd"));
     EXPECT_TRUE(checkHasInvalidCharacters("ab|cd"));
     EXPECT_FALSE(checkHasInvalidCharacters("abc;"));
@@ -62,8 +114,73 @@ TEST(StringHelpers, CharacterChecks) {
 }
 
 TEST(StringHelpers, EscapesExactlyFiveCharacters) {
-    EXPECT_EQ(escapeData("ads.example.com/*?x"), "ads\\.example\\.com/*\\?x");
-    EXPECT_EQ(escapeData("^a+b|c$[()]\\"), "\\^a\\+b\\|c$[()]\\");
+    const std::pair<const char*, const char*> cases[] = {
+        {"ads.example.com/*?x", "ads\\.example\\.com/*\\?x"},
+        {"^a+b|c$[()]\\", "\\^a\\+b\\|c$[()]\\"},
+        {"..", "\\.\\."},
+        {"\\.", "\\\\."},  // an existing backslash is not doubled
+        {"bücher.de", "bücher\\.de"},
+        {"", ""},
+    };
+    for (const auto& [input, expected] : cases) EXPECT_EQ(escapeData(input), expected) << input;
+}
+
+TEST(StringHelpers, InvalidUtf8GivesTheEmptyResult) {
+    const std::string inputs[] = {
+        "\xFF", "a\xC3", "\xC0\xAF", "\xED\xA0\x80.com", "\xF4\x90\x80\x80", "ok.\xE2\x82",
+    };
+    for (const auto& bad : inputs) {
+        EXPECT_EQ(cleansedString(bad), "");
+        EXPECT_EQ(trim(bad), "");
+        EXPECT_EQ(removeCommas(bad), "");
+        EXPECT_EQ(normalizeString(bad), "");
+        EXPECT_EQ(escapeData(bad), "");
+        EXPECT_FALSE(checkInvalidRegularExpression(bad));
+        EXPECT_FALSE(checkHasInvalidCharacters(bad + "|"));
+        EXPECT_FALSE(checkHasSpaces(bad + " "));
+        EXPECT_FALSE(checkAscii(bad));
+        EXPECT_FALSE(checkValidDomain(bad + "example.com"));
+        EXPECT_EQ(hostFromURL("https://" + bad), std::nullopt);
+        EXPECT_EQ(schemeFromURL("https://" + bad), std::nullopt);
+        EXPECT_EQ(schemeAndHostFromURL(bad), "(null)://(null)");
+        EXPECT_EQ(IDNAEncodedString(bad), "");
+        EXPECT_EQ(IDNADecodedString(bad), "");
+        EXPECT_EQ(encodedURLString(bad), "");
+        EXPECT_EQ(URLWithUnicodeString(bad), std::nullopt);
+        EXPECT_EQ(punycodeEncodedString(bad), std::nullopt);
+        EXPECT_TRUE(messageAttributedString(bad, 1).string.empty());
+    }
+}
+
+TEST(StringHelpers, NormalizesLongTextInPieces) {
+    // Pieces end at white space, where no transliteration rule looks across,
+    // so long text reads exactly as its words do one by one.
+    const std::string sentence = "Москва 中国 がっこう Ελληνικός Crème\n";
+    const std::string once = normalizeString(sentence);
+    EXPECT_EQ(once, "Moskva zhong guo gakkou Ellenikos Creme\n");
+    EXPECT_TRUE(normalizeString(repeat(sentence, 400)) == repeat(once, 400));
+    // No white space at all for a megabyte: still linear, still Latin.
+    const std::string latin = normalizeString(repeat("ü", 500000));
+    EXPECT_TRUE(latin == repeat("u", 500000));
+    EXPECT_EQ(normalizeString(""), "");
+}
+
+TEST(StringHelpers, DomainEdgeCases) {
+    const std::pair<std::string, bool> cases[] = {
+        {"example.com.", false},
+        {"*.example.com", false},
+        {"example.com/path?x", true},
+        {"a.b", true},
+        {std::string(100, 'x') + "." + std::string(100, 'y'), true},
+        {repeat("ü", 100) + ".de", true},           // 100 UTF-16 units, 200 bytes
+        {repeat("\U0001F600", 50) + ".de", true},   // 100 units
+        {repeat("\U0001F600", 51) + ".de", false},  // 102 units
+        {"example.com\t", true},                    // only the blank splits
+        {"", false},
+        {".", false},
+    };
+    for (const auto& [input, expected] : cases)
+        EXPECT_EQ(checkValidDomain(input), expected) << input;
 }
 
 TEST(StringHelpers, HostAndSchemeFromURL) {
@@ -77,22 +194,13 @@ TEST(StringHelpers, HostAndSchemeFromURL) {
     EXPECT_EQ(schemeFromURL("HTTPS://a.b/"), "HTTPS");
     EXPECT_EQ(schemeAndHostFromURL("https://cdn.example.com/x.png"), "https://cdn.example.com");
     EXPECT_EQ(schemeAndHostFromURL("not a url"), "(null)://(null)");
-}
-
-TEST(StyledText, RunsCoverTheWholeTextInUtf16Units) {
-    auto link = hyperlinkFromString("a\U0001F600", "https://example.com");
-    ASSERT_EQ(link.runs.size(), 1u);
-    EXPECT_EQ(link.runs[0].length, 3u);
-    EXPECT_EQ(link.runs[0].attributes.link, "https://example.com");
-    EXPECT_EQ(link.runs[0].attributes.underlineStyle, UnderlineStyle::Single);
-
-    auto message = messageAttributedString("hello", 1.2);
-    EXPECT_EQ(message.runs[0].attributes.paragraphStyle->alignment, TextAlignment::Center);
-    EXPECT_EQ(message.runs[0].attributes.paragraphStyle->lineBreakMode, LineBreakMode::TruncatingTail);
-
-    auto white = buttonAttributedTitle(createButtonAttributedString("OK", Color{1, 0, 0, 1}, Font{}));
-    EXPECT_EQ(white.runs[0].attributes.foregroundColor, (Color{1, 1, 1, 1}));
-    EXPECT_TRUE(white.runs[0].attributes.font.has_value());
+    EXPECT_EQ(schemeAndHostFromURL("mailto:someone@example.com"), "mailto://(null)");
+    EXPECT_EQ(hostFromURL("http://[::1]:8080/"), "::1");
+    EXPECT_EQ(hostFromURL("http://user:pw@ä.example/"), "xn--4ca.example");
+    EXPECT_EQ(hostFromURL("http://a%41b.example/"), "aAb.example");
+    EXPECT_EQ(hostFromURL(""), std::nullopt);
+    EXPECT_EQ(hostFromURL("https://www.b\u00FCcher.example/" + std::string(1 << 20, 'p')),
+              "www.xn--bcher-kva.example");
 }
 
 }  // namespace
