@@ -1,0 +1,84 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/ContentBlockerManager.h"
+#include "platform/Log.h"
+
+#ifdef linux
+#undef linux
+#endif
+
+namespace stonewall::platform::linux {
+
+// Stands in for the browser's content-blocker reload: it does what the
+// browser does when it loads the Stonewall content blocker anew, with
+// WebKitGTK's own rule-list compiler (WebKitUserContentFilterStore).
+//
+// A reload of kContentBlockerIdentifier reads the shared defaults file as
+// another process sees it (values synchronised to disk): "activeProfileID"
+// names the rule list "<container>/.Profiles/profile_<id>_unarchive.json";
+// when "blockingStatus" is 2 (blocking off) kAllowEverythingRuleList is
+// compiled instead. The list is compiled into the store folder
+// "<container>/Library/ContentBlockers" under the content blocker's
+// identifier (WebKit keeps it as "ContentRuleList-<identifier>" there).
+// The completion gets no error, WebKit's own error (domain
+// "WebKitUserContentFilterError", its code and message), or one of ours in
+// kErrorDomain.
+//
+// WebKit is used from one thread only, a process-wide thread of ours
+// running a GLib loop, because WebKit binds itself to the thread (and the
+// main context) it is first used on and delivers its callbacks there.
+// Completions of reloadContentBlockerWithIdentifier come on that thread.
+// No display is needed.
+class WebKitContentBlockerManager : public ContentBlockerManager {
+  public:
+    static constexpr const char* kContentBlockerIdentifier =
+        "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
+    static constexpr const char* kErrorDomain = "StonewallContentBlockerErrorDomain";
+    enum ErrorCode : int64_t {
+        kUnknownIdentifier = 1,
+        kNoActiveProfile = 2,
+        kRuleListMissing = 3,
+        kRuleListUnreadable = 4,
+        kStoreUnusable = 5,
+        kTimedOut = 6,
+    };
+    // Lets every load through: what the content blocker serves while
+    // blocking is off.
+    static constexpr const char* kAllowEverythingRuleList =
+        R"([{"action":{"type":"ignore-previous-rules"},"trigger":{"url-filter":".*"}}])";
+
+    // `defaultsPath` is the shared suite's file (see FileUserDefaults).
+    WebKitContentBlockerManager(std::string containerPath, std::string defaultsPath,
+                                std::shared_ptr<Log> log = nullptr);
+
+    void reloadContentBlockerWithIdentifier(const std::string& identifier,
+                                            CompletionHandler completionHandler) override;
+
+    const std::string& storePath() const { return storePath_; }
+    static std::string storePathForContainer(const std::string& containerPath);
+
+    // Compiles `json` into the store folder under `identifier` and returns
+    // when WebKit is done. Callable from any thread, the main thread
+    // included, without the caller running a loop, as often as needed.
+    [[nodiscard]] static std::optional<Error> compileRuleList(const std::string& storePath,
+                                                              const std::string& identifier,
+                                                              const std::string& json);
+
+    // Loads a compiled list back; on success the identifier WebKit reports
+    // is stored in `loadedIdentifier` when given.
+    [[nodiscard]] static std::optional<Error> lookUpRuleList(
+        const std::string& storePath, const std::string& identifier,
+        std::string* loadedIdentifier = nullptr);
+
+  private:
+    std::string containerPath_;
+    std::string defaultsPath_;
+    std::string storePath_;
+    std::shared_ptr<Log> log_;
+};
+
+}  // namespace stonewall::platform::linux

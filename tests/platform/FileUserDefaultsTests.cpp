@@ -1,0 +1,240 @@
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/FileUserDefaults.h"
+#include "platform/testing/TestPlatform.h"
+
+extern char** environ;
+
+namespace stonewall::platform::linux {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+class FileUserDefaultsTest : public ::testing::Test {
+  protected:
+    testing::TestPlatform platform;  // for its temporary folder
+    std::string path = platform.rootPath() + "/prefs/suite.json";
+
+    void writeFile(const std::string& text) {
+        fs::create_directories(fs::path(path).parent_path());
+        std::ofstream(path, std::ios::binary) << text;
+    }
+    std::string readFile() const {
+        std::ifstream stream(path, std::ios::binary);
+        std::ostringstream text;
+        text << stream.rdbuf();
+        return text.str();
+    }
+    json fileObject() const { return json::parse(readFile()); }
+};
+
+TEST_F(FileUserDefaultsTest, ValuesRoundTripThroughTheFile) {
+    {
+        FileUserDefaults defaults(path);
+        defaults.setObject("a1b2c3", "activeProfileID");
+        defaults.setInteger(-9223372036854775807 - 1, "minimum");
+        defaults.setInteger(2, "blockingStatus");
+        defaults.setInteger(7, "removed");
+        defaults.removeObjectForKey("removed");
+        EXPECT_EQ(defaults.integerForKey("blockingStatus"), 2);  // before any synchronize
+        ASSERT_TRUE(defaults.synchronize());
+    }
+    EXPECT_EQ(fileObject(), json::parse(R"({"activeProfileID":"a1b2c3","blockingStatus":2,
+                                            "minimum":-9223372036854775808})"));
+    FileUserDefaults reread(path);
+    EXPECT_EQ(reread.stringForKey("activeProfileID"), "a1b2c3");
+    EXPECT_EQ(reread.integerForKey("minimum"), INT64_MIN);
+    EXPECT_EQ(reread.integerForKey("removed"), std::nullopt);
+}
+
+TEST_F(FileUserDefaultsTest, OtherTypesReadAsAbsentAndSurviveASynchronize) {
+    writeFile(R"({"flag":true,"list":[1,2],"real":1.5,"huge":18446744073709551615,
+                  "number":5,"text":"5"})");
+    FileUserDefaults defaults(path);
+    struct Case {
+        const char* key;
+        std::optional<int64_t> integer;
+        std::optional<std::string> string;
+    };
+    for (const Case& c :
+         {Case{"flag", {}, {}}, Case{"list", {}, {}}, Case{"real", {}, {}}, Case{"huge", {}, {}},
+          Case{"number", 5, {}}, Case{"text", {}, "5"}, Case{"missing", {}, {}}}) {
+        SCOPED_TRACE(c.key);
+        EXPECT_EQ(defaults.integerForKey(c.key), c.integer);
+        EXPECT_EQ(defaults.stringForKey(c.key), c.string);
+    }
+    defaults.setInteger(1, "blockerReloadType");
+    ASSERT_TRUE(defaults.synchronize());
+    const json file = fileObject();
+    EXPECT_EQ(file["flag"], true);
+    EXPECT_EQ(file["list"], json::parse("[1,2]"));
+    EXPECT_EQ(file["huge"], json(18446744073709551615ull));
+    EXPECT_EQ(file["blockerReloadType"], 1);
+}
+
+TEST_F(FileUserDefaultsTest, SynchronizeMergesChangesOfBothSidesByKey) {
+    FileUserDefaults first(path), second(path);
+    first.setInteger(1, "onlyFirst");
+    first.setObject("first", "contested");
+    first.setInteger(5, "removedBySecond");
+    ASSERT_TRUE(first.synchronize());
+
+    ASSERT_TRUE(second.synchronize());  // takes in what first wrote
+    EXPECT_EQ(second.integerForKey("onlyFirst"), 1);
+    second.setInteger(2, "onlySecond");
+    second.setObject("second", "contested");
+    second.removeObjectForKey("removedBySecond");
+    first.setObject("first again", "contested");  // changed since first's last synchronize
+    ASSERT_TRUE(second.synchronize());
+
+    // Not seen before first's own synchronize...
+    EXPECT_EQ(first.integerForKey("onlySecond"), std::nullopt);
+    EXPECT_EQ(first.integerForKey("removedBySecond"), 5);
+    ASSERT_TRUE(first.synchronize());
+    // ...then: its own change wins, every other key comes from the file.
+    EXPECT_EQ(first.integerForKey("onlySecond"), 2);
+    EXPECT_EQ(first.integerForKey("removedBySecond"), std::nullopt);
+    EXPECT_EQ(first.stringForKey("contested"), "first again");
+    ASSERT_TRUE(second.synchronize());
+    EXPECT_EQ(second.stringForKey("contested"), "first again");
+    EXPECT_EQ(fileObject(), json::parse(R"({"onlyFirst":1,"onlySecond":2,
+                                            "contested":"first again"})"));
+}
+
+TEST_F(FileUserDefaultsTest, ADamagedFileReadsAsEmptyAndIsRewritten) {
+    const std::vector<std::string> damaged = {
+        "", "not json", "[1,2]", "{\"a\":", "\"text\"", std::string("\x00\xff{}", 4), "null",
+    };
+    for (const auto& text : damaged) {
+        SCOPED_TRACE(::testing::PrintToString(text));
+        writeFile(text);
+        FileUserDefaults defaults(path);
+        EXPECT_EQ(defaults.integerForKey("a"), std::nullopt);
+        ASSERT_TRUE(defaults.synchronize());  // nothing changed, still rewritten
+        EXPECT_TRUE(fileObject().is_object());
+        EXPECT_TRUE(fileObject().empty());
+    }
+}
+
+TEST_F(FileUserDefaultsTest, InvalidUtf8IsReplacedNotRefused) {
+    FileUserDefaults defaults(path);
+    defaults.setObject("bad \xff\xfe text", "key");
+    defaults.setInteger(1, "bad \xc3 key");
+    ASSERT_TRUE(defaults.synchronize());
+    const json file = fileObject();
+    EXPECT_EQ(file.size(), 2u);
+    FileUserDefaults reread(path);
+    EXPECT_TRUE(reread.stringForKey("key").has_value());
+}
+
+TEST_F(FileUserDefaultsTest, AnUnwritableFileFailsAndKeepsTheValuesForLater) {
+    fs::create_directories(platform.rootPath() + "/blocked");
+    std::ofstream(platform.rootPath() + "/blocked/file") << "x";
+    FileUserDefaults defaults(platform.rootPath() + "/blocked/file/suite.json");
+    defaults.setInteger(3, "key");
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_EQ(defaults.integerForKey("key"), 3);
+}
+
+TEST_F(FileUserDefaultsTest, ThreadsOfOneProcessLoseNoKey) {
+    constexpr int kThreads = 4, kKeys = 20;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            FileUserDefaults own(path);  // one object (and lock) per thread
+            for (int i = 0; i < kKeys; ++i) {
+                own.setInteger(i, "t" + std::to_string(t) + "-" + std::to_string(i));
+                EXPECT_TRUE(own.synchronize());
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(fileObject().size(), static_cast<size_t>(kThreads * kKeys));
+}
+
+pid_t spawnWriter(const std::string& path, const std::string& prefix, int count) {
+    std::vector<std::string> arguments = {STONEWALL_DEFAULTS_WRITER, path, prefix,
+                                          std::to_string(count)};
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
+    return pid;
+}
+
+TEST_F(FileUserDefaultsTest, TwoProcessesWritingDifferentKeysLoseNone) {
+    constexpr int kCount = 40;
+    const pid_t first = spawnWriter(path, "one", kCount);
+    const pid_t second = spawnWriter(path, "two", kCount);
+    ASSERT_GT(first, 0);
+    ASSERT_GT(second, 0);
+    // And this process at the same time, through its own object.
+    FileUserDefaults own(path);
+    for (int i = 0; i < kCount; ++i) {
+        own.setInteger(i, "three-" + std::to_string(i));
+        ASSERT_TRUE(own.synchronize());
+    }
+    for (pid_t pid : {first, second}) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    ASSERT_TRUE(own.synchronize());
+    for (const char* prefix : {"one", "two", "three"}) {
+        for (int i = 0; i < kCount; ++i) {
+            ASSERT_EQ(own.integerForKey(std::string(prefix) + "-" + std::to_string(i)), i)
+                << prefix << " " << i;
+        }
+    }
+    EXPECT_EQ(fileObject().size(), 3u * kCount);
+    // The temporary files are all gone.
+    size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry :
+         fs::directory_iterator(fs::path(path).parent_path())) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 2u);  // the suite and its lock file
+}
+
+TEST(FileUserDefaultsService, SuitesByName) {
+    testing::TestPlatform platform;
+    const std::string container = platform.rootPath() + "/group";
+    FileUserDefaultsService service(
+        [&](const std::string& group) -> std::optional<std::string> {
+            if (group == "K7Q2XJ4M9P.com.mapleharbor.Stonewall") return container;
+            return std::nullopt;
+        },
+        platform.rootPath() + "/prefs");
+    EXPECT_EQ(service.pathForSuite("K7Q2XJ4M9P.com.mapleharbor.Stonewall"),
+              container + "/Library/Preferences/K7Q2XJ4M9P.com.mapleharbor.Stonewall.json");
+    EXPECT_EQ(service.pathForSuite("other"), platform.rootPath() + "/prefs/other.json");
+    auto suite = service.suiteNamed("K7Q2XJ4M9P.com.mapleharbor.Stonewall");
+    EXPECT_EQ(suite, service.suiteNamed("K7Q2XJ4M9P.com.mapleharbor.Stonewall"));
+    suite->setInteger(1, "blockerReloadType");
+    EXPECT_TRUE(suite->synchronize());
+    EXPECT_TRUE(fs::exists(service.pathForSuite("K7Q2XJ4M9P.com.mapleharbor.Stonewall")));
+
+    for (const char* bad : {"", ".", "..", "a/b"}) {
+        SCOPED_TRACE(bad);
+        EXPECT_EQ(service.pathForSuite(bad), "");
+        auto memoryOnly = service.suiteNamed(bad);
+        memoryOnly->setObject("kept", "key");
+        EXPECT_EQ(memoryOnly->stringForKey("key"), "kept");
+        EXPECT_FALSE(memoryOnly->synchronize());
+    }
+}
+
+}  // namespace
+}  // namespace stonewall::platform::linux

@@ -1,0 +1,225 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <clocale>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/linux/LinuxHost.h"
+#include "platform/linux/LinuxServices.h"
+#include "platform/linux/SystemLog.h"
+#include "platform/linux/WebKitContentBlockerManager.h"
+#include "platform/testing/TestPlatform.h"
+
+namespace stonewall::platform::linux {
+namespace {
+
+namespace fs = std::filesystem;
+using Environment = std::map<std::string, std::string>;
+
+EnvironmentLookup lookupIn(Environment environment) {
+    return [environment =
+                std::move(environment)](const std::string& name) -> std::optional<std::string> {
+        auto found = environment.find(name);
+        if (found == environment.end()) return std::nullopt;
+        return found->second;
+    };
+}
+
+TEST(LinuxHost, DefaultsAreACurrentHostWithXdgFolders) {
+    LinuxHost host(lookupIn({{"HOME", "/home/user"}}));
+    EXPECT_EQ(host.operatingSystemVersion(), (OperatingSystemVersion{14, 4, 0}));
+    EXPECT_EQ(host.appKitVersionNumber(), 2487.0);
+    EXPECT_EQ(host.safariServicesVersion(), 6);
+    EXPECT_TRUE(host.safariServicesAvailable());
+    EXPECT_EQ(host.homeDirectory(), "/home/user");
+    EXPECT_EQ(host.userDirectory(SearchPathDirectory::Documents), "/home/user/.local/share");
+    EXPECT_EQ(host.userDirectory(SearchPathDirectory::Caches), "/home/user/.cache");
+    EXPECT_EQ(host.userDirectory(SearchPathDirectory::ApplicationSupport), "/home/user/.config");
+    EXPECT_EQ(host.containerPathForApplicationGroup(kApplicationGroup),
+              "/home/user/.local/share/stonewall/containers/K7Q2XJ4M9P.com.mapleharbor.Stonewall");
+    EXPECT_EQ(host.containerPathForApplicationGroup("com.example.other"), std::nullopt);
+    EXPECT_TRUE(host.warnings().empty());
+}
+
+TEST(LinuxHost, EnvironmentPlaysAnOlderHostAndMovesTheFolders) {
+    LinuxHost host(lookupIn({
+        {"HOME", "/home/user"},
+        {"STONEWALL_OS_VERSION", "10.13.4"},
+        {"STONEWALL_APPKIT_VERSION", "1404"},
+        {"STONEWALL_SAFARI_SERVICES_VERSION", "none"},
+        {"STONEWALL_SAFARI_SERVICES_AVAILABLE", "0"},
+        {"XDG_DATA_HOME", "/data"},
+        {"XDG_CACHE_HOME", "/cache"},
+        {"XDG_CONFIG_HOME", "relative/is/ignored"},
+        {"STONEWALL_CONTAINER", "/tmp/container/"},
+    }));
+    EXPECT_EQ(host.operatingSystemVersion(), (OperatingSystemVersion{10, 13, 4}));
+    EXPECT_FALSE(host.isOperatingSystemAtLeastVersion({11, 0, 0}));
+    EXPECT_EQ(host.appKitVersionNumber(), 1404.0);
+    EXPECT_EQ(host.safariServicesVersion(), std::nullopt);
+    EXPECT_FALSE(host.safariServicesAvailable());
+    EXPECT_EQ(host.userDirectory(SearchPathDirectory::Documents), "/data");
+    EXPECT_EQ(host.userDirectory(SearchPathDirectory::Caches), "/cache");
+    EXPECT_EQ(host.userDirectory(SearchPathDirectory::ApplicationSupport), "/home/user/.config");
+    EXPECT_EQ(host.containerPathForApplicationGroup(kApplicationGroup), "/tmp/container");
+
+    // The option given by the program wins over the environment.
+    LinuxHost overridden(lookupIn({{"HOME", "/h"}, {"STONEWALL_CONTAINER", "/env"}}), "/option");
+    EXPECT_EQ(overridden.containerPathForApplicationGroup(kApplicationGroup), "/option");
+    LinuxHost relative(lookupIn({{"HOME", "/h"}, {"STONEWALL_CONTAINER", "here"}}));
+    EXPECT_EQ(relative.containerPathForApplicationGroup(kApplicationGroup),
+              (fs::current_path() / "here").string());
+}
+
+TEST(LinuxHost, ValuesThatDoNotParseKeepTheDefaultAndWarn) {
+    struct Case {
+        const char* variable;
+        const char* value;
+    };
+    for (const Case& c :
+         {Case{"STONEWALL_OS_VERSION", ""}, Case{"STONEWALL_OS_VERSION", "10..4"},
+          Case{"STONEWALL_OS_VERSION", "1.2.3.4"}, Case{"STONEWALL_OS_VERSION", "-1.0"},
+          Case{"STONEWALL_OS_VERSION", "9999999999"}, Case{"STONEWALL_OS_VERSION", "10.13.4 "},
+          Case{"STONEWALL_APPKIT_VERSION", "new"}, Case{"STONEWALL_APPKIT_VERSION", "nan"},
+          Case{"STONEWALL_APPKIT_VERSION", "-1"}, Case{"STONEWALL_SAFARI_SERVICES_VERSION", "5x"},
+          Case{"STONEWALL_SAFARI_SERVICES_AVAILABLE", "maybe"}}) {
+        SCOPED_TRACE(std::string(c.variable) + "=" + c.value);
+        LinuxHost host(lookupIn({{"HOME", "/h"}, {c.variable, c.value}}));
+        EXPECT_EQ(host.operatingSystemVersion(), (OperatingSystemVersion{14, 4, 0}));
+        EXPECT_EQ(host.appKitVersionNumber(), 2487.0);
+        EXPECT_EQ(host.safariServicesVersion(), 6);
+        EXPECT_TRUE(host.safariServicesAvailable());
+        ASSERT_EQ(host.warnings().size(), 1u);
+        EXPECT_NE(host.warnings()[0].find(c.variable), std::string::npos);
+    }
+}
+
+TEST(LinuxHost, VersionTexts) {
+    EXPECT_EQ(LinuxHost::parseVersion("11"), (OperatingSystemVersion{11, 0, 0}));
+    EXPECT_EQ(LinuxHost::parseVersion("10.12"), (OperatingSystemVersion{10, 12, 0}));
+    EXPECT_EQ(LinuxHost::parseVersion("010.002.003"), (OperatingSystemVersion{10, 2, 3}));
+    EXPECT_EQ(LinuxHost::parseVersion("10."), std::nullopt);
+    EXPECT_EQ(LinuxHost::parseVersion(".10"), std::nullopt);
+    EXPECT_EQ(LinuxHost::parseVersion("10.a"), std::nullopt);
+}
+
+// A gettext catalogue file: magic, revision, count, the two tables of
+// (length, offset) and the NUL-terminated texts; originals sorted.
+void writeCatalogue(const fs::path& file, std::map<std::string, std::string> translations) {
+    translations[""] = "Content-Type: text/plain; charset=UTF-8\n";
+    const uint32_t count = static_cast<uint32_t>(translations.size());
+    const uint32_t originals = 28, targets = originals + 8 * count;
+    uint32_t textOffset = targets + 8 * count;
+    std::vector<uint32_t> header = {0x950412de, 0, count, originals, targets, 0, textOffset};
+    std::vector<uint32_t> originalTable, targetTable;
+    std::string texts;
+    for (const auto& [key, value] : translations) {
+        originalTable.insert(originalTable.end(), {static_cast<uint32_t>(key.size()), textOffset});
+        texts += key + '\0';
+        textOffset += static_cast<uint32_t>(key.size()) + 1;
+    }
+    for (const auto& [key, value] : translations) {
+        targetTable.insert(targetTable.end(), {static_cast<uint32_t>(value.size()), textOffset});
+        texts += value + '\0';
+        textOffset += static_cast<uint32_t>(value.size()) + 1;
+    }
+    fs::create_directories(file.parent_path());
+    std::ofstream out(file, std::ios::binary);
+    for (const auto* table : {&header, &originalTable, &targetTable}) {
+        out.write(reinterpret_cast<const char*>(table->data()),
+                  static_cast<std::streamsize>(table->size() * 4));
+    }
+    out << texts;
+}
+
+TEST(LinuxBundle, ResourcesVersionAndCatalogue) {
+    testing::TestPlatform platform;
+    const std::string resources = platform.rootPath() + "/resources";
+    writeCatalogue(resources + "/locale/de/LC_MESSAGES/stonewall.mo",
+                   {{"Block Website", "Website blockieren"}});
+
+    EXPECT_EQ(LinuxBundle("/given", lookupIn({{"STONEWALL_RESOURCES", "/env"}})).resourcePath(),
+              "/given");
+    EXPECT_EQ(LinuxBundle(std::nullopt, lookupIn({{"STONEWALL_RESOURCES", "/env"}})).resourcePath(),
+              "/env");
+    const std::string found = LinuxBundle(std::nullopt, lookupIn({})).resourcePath();
+    EXPECT_TRUE(found.empty() || fs::path(found).filename() == "resources") << found;
+
+    LinuxBundle bundle(resources, lookupIn({}));
+    EXPECT_EQ(bundle.shortVersionString(), STONEWALL_TEST_PROJECT_VERSION);
+    // In the C locale gettext translates nothing: the key is the text.
+    EXPECT_EQ(bundle.localizedString("Block Website"), "Block Website");
+    EXPECT_EQ(bundle.localizedString(""), "");
+
+    const std::string previous = std::setlocale(LC_MESSAGES, nullptr);
+    ASSERT_NE(std::setlocale(LC_MESSAGES, "C.UTF-8"), nullptr);
+    ::setenv("LANGUAGE", "de", 1);
+    EXPECT_EQ(bundle.localizedString("Block Website"), "Website blockieren");
+    EXPECT_EQ(bundle.localizedString("Untranslated text"), "Untranslated text");
+    EXPECT_EQ(bundle.localizedString(""), "");  // not the catalogue's header
+    EXPECT_EQ(bundle.localizedString(std::string("Block Website\0x", 15)),
+              std::string("Block Website\0x", 15));
+    ::unsetenv("LANGUAGE");
+    std::setlocale(LC_MESSAGES, previous.c_str());
+}
+
+TEST(SystemLog, StderrCopiesAndDebugLinesOnlyWhenVerbose) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    SystemLog log(/*verbose=*/false, fds[1]);
+    log.write(LogLevel::Debug, "hidden debug");
+    log.write(LogLevel::Error, "quiet error %s%n");  // syslog only; never a format
+    log.setVerbose(true);
+    log.write(LogLevel::Debug, "shown %n debug");
+    log.write(LogLevel::Info, "info");
+    ::close(fds[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t count; (count = ::read(fds[0], buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<size_t>(count));
+    }
+    ::close(fds[0]);
+    EXPECT_EQ(text, "stonewall: debug: shown %n debug\nstonewall: info: info\n");
+}
+
+TEST(LinuxServices, MakeBuildsACompleteSetOverTheGivenContainer) {
+    testing::TestPlatform scratch;  // its folder; the set below replaces nothing
+    LinuxOptions options;
+    options.containerPath = scratch.rootPath() + "/container";
+    options.resourcePath = scratch.rootPath() + "/resources";
+    options.busAddress = "unix:path=" + scratch.rootPath() + "/no-bus";
+    options.verbose = false;
+    Services services = makeLinuxServices(options);
+    ASSERT_TRUE(services.dispatch && services.defaults && services.notifications &&
+                services.contentBlocker && services.host && services.bundle && services.log);
+    EXPECT_EQ(services.host->containerPathForApplicationGroup(kApplicationGroup),
+              *options.containerPath);
+    EXPECT_EQ(services.bundle->resourcePath(), *options.resourcePath);
+
+    auto suite = services.defaults->suiteNamed(kApplicationGroup);
+    suite->setInteger(2, "blockingStatus");
+    ASSERT_TRUE(suite->synchronize());
+    EXPECT_TRUE(fs::exists(*options.containerPath +
+                           "/Library/Preferences/K7Q2XJ4M9P.com.mapleharbor.Stonewall.json"));
+
+    // The reload reads the same suite file: blocking off needs no rule list.
+    std::promise<std::optional<Error>> completed;
+    auto result = completed.get_future();
+    services.contentBlocker->reloadContentBlockerWithIdentifier(
+        WebKitContentBlockerManager::kContentBlockerIdentifier,
+        [&](std::optional<Error> error) { completed.set_value(std::move(error)); });
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(result.get(), std::nullopt);
+    EXPECT_TRUE(fs::is_directory(*options.containerPath + "/Library/ContentBlockers"));
+}
+
+}  // namespace
+}  // namespace stonewall::platform::linux

@@ -1,0 +1,201 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/WebKitContentBlockerManager.h"
+#include "platform/testing/TestPlatform.h"
+
+namespace stonewall::platform::linux {
+namespace {
+
+namespace fs = std::filesystem;
+using Manager = WebKitContentBlockerManager;
+
+constexpr const char* kBlockRule =
+    R"([{"trigger":{"url-filter":"ads\\.example\\.com"},"action":{"type":"block"}}])";
+constexpr const char* kWebKitDomain = "WebKitUserContentFilterError";
+
+class WebKitContentBlockerManagerTest : public ::testing::Test {
+  protected:
+    testing::TestPlatform platform;
+    std::string container = platform.containerPath();
+    std::string defaultsPath = container + "/Library/Preferences/suite.json";
+    Manager manager{container, defaultsPath, platform.log};
+
+    void setDefaults(std::optional<std::string> profile, std::optional<int64_t> status) {
+        FileUserDefaults defaults(defaultsPath);
+        if (profile) defaults.setObject(*profile, "activeProfileID");
+        if (status) defaults.setInteger(*status, "blockingStatus");
+        ASSERT_TRUE(defaults.synchronize());
+    }
+    void writeRuleList(const std::string& profile, const std::string& json) {
+        fs::create_directories(container + "/.Profiles");
+        std::ofstream(container + "/.Profiles/profile_" + profile + "_unarchive.json") << json;
+    }
+    std::optional<Error> reload(
+        const std::string& identifier = Manager::kContentBlockerIdentifier) {
+        std::promise<std::optional<Error>> completed;
+        auto result = completed.get_future();
+        std::atomic<int> calls{0};
+        manager.reloadContentBlockerWithIdentifier(identifier, [&](std::optional<Error> error) {
+            if (++calls == 1) completed.set_value(std::move(error));
+        });
+        if (result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+            ADD_FAILURE() << "the reload never completed";
+            std::abort();
+        }
+        auto error = result.get();
+        EXPECT_EQ(calls.load(), 1);
+        return error;
+    }
+};
+
+TEST_F(WebKitContentBlockerManagerTest, AValidListCompilesAndLoadsUnderItsIdentifier) {
+    const std::string store = platform.rootPath() + "/store";
+    EXPECT_EQ(Manager::compileRuleList(store, "com.example.blocker", kBlockRule), std::nullopt);
+    std::string loaded;
+    EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.blocker", &loaded), std::nullopt);
+    EXPECT_EQ(loaded, "com.example.blocker");
+
+    const auto missing = Manager::lookUpRuleList(store, "com.example.other");
+    ASSERT_TRUE(missing.has_value());
+    EXPECT_EQ(missing->domain, kWebKitDomain);
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ListsWebKitRejectsReportWebKitsOwnError) {
+    struct Case {
+        const char* name;
+        std::string json;
+        std::string message;  // WebKit's text
+    };
+    const std::vector<Case> cases = {
+        {"empty action", R"([{"trigger":{"url-filter":".*"},"action":{}}])",
+         "Invalid action type."},
+        {"bogus resource type",
+         R"([{"trigger":{"url-filter":".*","resource-type":["bogus"]},"action":{"type":"block"}}])",
+         "Invalid string in the trigger flags array."},
+        {"not JSON", "[{", "Failed to parse the JSON String."},
+        {"no rules", "[]", "Empty extension."},
+    };
+    const std::string store = platform.rootPath() + "/store";
+    for (const auto& testCase : cases) {
+        SCOPED_TRACE(testCase.name);
+        const auto error = Manager::compileRuleList(store, "com.example.blocker", testCase.json);
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->domain, kWebKitDomain);
+        EXPECT_EQ(error->code, 0);  // WEBKIT_USER_CONTENT_FILTER_ERROR_INVALID_SOURCE
+        EXPECT_EQ(error->message, testCase.message);
+    }
+}
+
+TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThreadManyTimesInARow) {
+    const std::string store = platform.rootPath() + "/store";
+    // Bisecting calls it over and over from the main thread.
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(Manager::compileRuleList(store, "bisect", i % 2 ? kBlockRule : "[]").has_value(),
+                  i % 2 == 0);
+    }
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            if (Manager::compileRuleList(store, "thread" + std::to_string(t), kBlockRule))
+                ++failures;
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(Manager::compileRuleList(store, "", kBlockRule)->domain, Manager::kErrorDomain);
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ReloadCompilesTheActiveProfilesList) {
+    setDefaults("a1b2c3d4e5", 1);
+    writeRuleList("a1b2c3d4e5", kBlockRule);
+    EXPECT_EQ(reload(), std::nullopt);
+    EXPECT_EQ(manager.storePath(), container + "/Library/ContentBlockers");
+    std::string loaded;
+    EXPECT_EQ(
+        Manager::lookUpRuleList(manager.storePath(), Manager::kContentBlockerIdentifier, &loaded),
+        std::nullopt);
+    EXPECT_EQ(loaded, Manager::kContentBlockerIdentifier);
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ReloadWithBlockingOffCompilesTheAllowEverythingList) {
+    setDefaults("a1b2c3d4e5", 2);
+    writeRuleList("a1b2c3d4e5", R"([{"action":{}}])");  // would fail: not read at all
+    EXPECT_EQ(reload(), std::nullopt);
+    // No profile needed either.
+    fs::remove(defaultsPath);
+    setDefaults(std::nullopt, 2);
+    EXPECT_EQ(reload(), std::nullopt);
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ReloadReportsWebKitsErrorForABadList) {
+    setDefaults("p", 1);
+    writeRuleList("p", R"([{"trigger":{"url-filter":".*"},"action":{}}])");
+    const auto error = reload();
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(*error, (Error{kWebKitDomain, 0, "Invalid action type."}));
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ReloadFailuresOfOurOwnAreClear) {
+    struct Case {
+        const char* name;
+        std::optional<std::string> profile;
+        bool writeList;
+        std::string identifier;
+        int64_t code;
+        std::string messagePart;
+    };
+    const std::vector<Case> cases = {
+        {"unknown identifier", "p", true, "com.example.unknown", Manager::kUnknownIdentifier,
+         "com.example.unknown"},
+        {"no active profile", std::nullopt, false, Manager::kContentBlockerIdentifier,
+         Manager::kNoActiveProfile, "No active profile"},
+        {"missing list", "absent", false, Manager::kContentBlockerIdentifier,
+         Manager::kRuleListMissing, "profile_absent_unarchive.json does not exist"},
+        {"profile naming a path", "../../etc", false, Manager::kContentBlockerIdentifier,
+         Manager::kNoActiveProfile, "cannot name a rule list"},
+    };
+    for (const auto& testCase : cases) {
+        SCOPED_TRACE(testCase.name);
+        fs::remove(defaultsPath);
+        setDefaults(testCase.profile, std::nullopt);
+        if (testCase.writeList) writeRuleList(*testCase.profile, kBlockRule);
+        const auto error = reload(testCase.identifier);
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->domain, Manager::kErrorDomain);
+        EXPECT_EQ(error->code, testCase.code);
+        EXPECT_NE(error->message.find(testCase.messagePart), std::string::npos) << error->message;
+    }
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ReloadSeesOnlyWhatWasSynchronised) {
+    setDefaults("synced", 1);
+    writeRuleList("synced", kBlockRule);
+    FileUserDefaults writer(defaultsPath);
+    writer.setObject("not-yet-synced", "activeProfileID");  // no synchronize
+    EXPECT_EQ(reload(), std::nullopt);
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ACompletionMayCallTheSynchronousHelper) {
+    setDefaults("p", 1);
+    writeRuleList("p", kBlockRule);
+    std::promise<std::optional<Error>> nested;
+    auto result = nested.get_future();
+    const std::string store = platform.rootPath() + "/store";
+    manager.reloadContentBlockerWithIdentifier(
+        Manager::kContentBlockerIdentifier, [&](std::optional<Error>) {
+            nested.set_value(Manager::compileRuleList(store, "nested", kBlockRule));
+        });
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(result.get(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace stonewall::platform::linux
