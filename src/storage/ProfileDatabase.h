@@ -75,6 +75,12 @@ public:
 private:
     ProfileDatabase() = default;
 
+    // Binds one record's values to the batch statement.
+    using BindRule = void (*)(sqlite3_stmt*, const ProfileRule&);
+    // The batch change shared by add, update and remove: one transaction, one
+    // statement, a failing record skipped.
+    void runBatch(const char* sql, const std::vector<ProfileRule>& rules, BindRule bind);
+
     sqlite3* profilesDatabase_ = nullptr;
     FileHandler profilesFileHandler_;
     std::string profilesFileName_;

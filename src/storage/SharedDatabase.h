@@ -65,7 +65,24 @@ public:
 private:
     SharedDatabase();
 
+    // Connection management from outside the queue runs on it, so that it
+    // never overlaps a queued read or transaction of another thread; from
+    // inside the queue it runs at once.
+    void runForConnection(const platform::Work& work);
+    int openDataPath();
+    void closeConnections();
+    // Debug builds abort when a raw operation runs off the queue.
+    void checkOnQueue(const char* operation) const;
+
     sqlite3* dataDatabase_ = nullptr;
+    // Connections replaced by the repair's second open. They stay open, as
+    // the repair requires, until close() releases them with the current one.
+    std::vector<sqlite3*> replacedConnections_;
+    // The last custom-rule insert statement: never finalized by the insert
+    // itself, only by close(), since a connection with an unfinalized
+    // statement cannot really close (sqlite3_close_v2 would keep it as a
+    // zombie for ever).
+    sqlite3_stmt* customRulesStatement_ = nullptr;
     std::shared_ptr<platform::Queue> sharedQueue_;
     bool restored_ = false;
     FileHandler dataFileHandler_;

@@ -1,0 +1,383 @@
+#include "storage/ProfileDatabase.h"
+
+#include <sqlite3.h>
+
+#include <iterator>
+#include <string_view>
+
+#include "platform/Platform.h"
+#include "storage/SQLiteSupport.h"
+
+namespace stonewall {
+
+using namespace storage_detail;
+
+namespace {
+
+constexpr char kProfilesFolder[] = ".Profiles";
+constexpr char kTemplateName[] = "profiles";
+constexpr char kProfileRulesTable[] = "ProfileRules";
+
+constexpr char kSelectByActionSql[] = "SELECT * FROM ProfileRules WHERE action=? ORDER BY filter";
+constexpr char kSelectByActionAndTypeSql[] =
+    "SELECT * FROM ProfileRules WHERE action=? AND blocker=?";
+constexpr char kCountSql[] = "SELECT COUNT(*) FROM ProfileRules";
+constexpr char kInsertSql[] = "INSERT INTO ProfileRules VALUES (?,?,?,?,?,?,?,?,?,?)";
+constexpr char kUpdateSql[] =
+    "UPDATE ProfileRules SET blocker=?, action=?, selector=?, filter=?, resources=?, loads=?, "
+    "domainType=?, domains=?, filterSensitive=? WHERE ruleID=?";
+constexpr char kDeleteSql[] = "DELETE FROM ProfileRules WHERE blocker=? AND action=? AND ruleID=?";
+constexpr char kDeleteAllSql[] = "DELETE FROM ProfileRules";
+constexpr char kBeginSql[] = "BEGIN TRANSACTION";
+constexpr char kCommitSql[] = "COMMIT TRANSACTION";
+
+// Query types 1 to 7; index 0 is unused.
+constexpr const char* kQueryTypeSql[] = {
+    nullptr,
+    "SELECT * FROM ProfileRules WHERE blocker=1 AND (action=1 OR action=6) ORDER BY action, filter",
+    "SELECT * FROM ProfileRules WHERE blocker=1 AND action=2 ORDER BY action, filter",
+    "SELECT * FROM ProfileRules WHERE blocker=2 AND (action=1 OR action=6) ORDER BY action, filter",
+    "SELECT * FROM ProfileRules WHERE blocker=3 AND (action=1 OR action=6) ORDER BY action, filter",
+    "SELECT * FROM ProfileRules WHERE blocker=3 AND action=2 ORDER BY action, filter",
+    "SELECT * FROM ProfileRules WHERE blocker=6 AND (action=1 OR action=6) ORDER BY action, filter",
+    "SELECT * FROM ProfileRules WHERE blocker=6 AND action=2 ORDER BY action, filter",
+};
+
+// The identifier becomes part of a file name in ".Profiles"; one that could
+// name a file elsewhere (or cut the name short at a NUL) opens nothing. With
+// both separators refused, ".." can only be a path component when it is the
+// whole identifier; inside a name ("a..b") it is harmless.
+bool isSafeFileNameComponent(std::string_view identifier) {
+    if (identifier == "." || identifier == "..") return false;
+    return identifier.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
+}
+
+// Columns 0 to 9 of a ProfileRules row, into a record that may be reused.
+void readProfileRule(sqlite3_stmt* statement, ProfileRule& rule) {
+    columnStringInto(statement, 0, rule.ruleID);
+    rule.blocker = columnInt(statement, 1);
+    rule.action = columnInt(statement, 2);
+    columnStringInto(statement, 3, rule.selector);
+    columnStringInto(statement, 4, rule.filter);
+    columnStringInto(statement, 5, rule.resources);
+    columnStringInto(statement, 6, rule.loads);
+    rule.domainType = columnInt(statement, 7);
+    columnStringInto(statement, 8, rule.domains);
+    rule.filterSensitive = columnInt(statement, 9);
+}
+
+ProfileRule getProfileRuleFromStatement(sqlite3_stmt* statement) {
+    ProfileRule rule;
+    readProfileRule(statement, rule);
+    return rule;
+}
+
+}  // namespace
+
+std::shared_ptr<ProfileDatabase> ProfileDatabase::initWithBlockerProfileID(
+    const NullableString& blockerProfileID) {
+    std::shared_ptr<ProfileDatabase> database(new ProfileDatabase());
+    // A null identifier formats as "(null)", as the original's "%@" of nil.
+    const std::string identifier = textOrNull(blockerProfileID);
+    database->profilesFileName_ = "profile_" + identifier + "_data";
+    database->profilesFileHandler_ =
+        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
+    if (!isSafeFileNameComponent(identifier)) {
+        database->usable_ = false;
+        logError("refusing a profile identifier that leaves the profiles folder");
+        return database;
+    }
+    database->profilesDataPath_ =
+        database->profilesFileHandler_.getFilePath(database->profilesFileName_);
+    database->connect();
+    if (!database->checkTablesExist()) {
+        // Another program holding its lock past our busy timeout is no
+        // reason to throw its rules away.
+        if (failedOnLock(database->profilesDatabase_)) {
+            logError("profile database locked by another program; not restored");
+        } else {
+            database->restoreDatabase();
+        }
+    }
+    return database;
+}
+
+ProfileDatabase::~ProfileDatabase() { close(); }
+
+void ProfileDatabase::connect() {
+    if (const int result = connectProfilesDatabase(); result != SQLITE_OK) {
+        logError("cannot open " + profilesFileName_ + ": " + sqlite3_errstr(result));
+    }
+}
+
+int ProfileDatabase::connectProfilesDatabase() {
+    if (!usable_ || profilesDataPath_.empty()) return SQLITE_CANTOPEN;
+    if (!profilesFileHandler_.fileExists(profilesFileName_)) addProfilesDatabase();
+    // A handle from an earlier open that was not closed would leak.
+    close();
+    const int result = sqlite3_open(profilesDataPath_.c_str(), &profilesDatabase_);
+    if (result != SQLITE_OK) {
+        // A handle whose open failed serves nothing; without it every later
+        // call sees "no open database" instead of a misuse error.
+        logError(errorText(profilesDatabase_, "open " + profilesDataPath_));
+        sqlite3_close_v2(profilesDatabase_);
+        profilesDatabase_ = nullptr;
+        return result;
+    }
+    configureConnection(profilesDatabase_);
+    return result;
+}
+
+void ProfileDatabase::addProfilesDatabase() {
+    if (!usable_) return;
+    std::string templatePath = platform::bundle().resourcePath();
+    if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
+    templatePath.append(kTemplateName);
+    profilesFileHandler_.copyFile(profilesFileName_, templatePath);
+}
+
+bool ProfileDatabase::checkTablesExist() { return checkTableExists(kProfileRulesTable); }
+
+bool ProfileDatabase::checkTableExists(const std::string& tableName) {
+    if (!profilesDatabase_) return false;
+    const std::string sql = "SELECT * FROM " + tableName + " LIMIT 1";
+    sqlite3_stmt* statement = nullptr;
+    armDeadline();
+    const bool exists =
+        sqlite3_prepare_v2(profilesDatabase_, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK;
+    sqlite3_finalize(statement);
+    return exists;
+}
+
+void ProfileDatabase::restoreDatabase() {
+    if (!usable_) return;
+    close();
+    profilesFileHandler_.removeFile(profilesFileName_);
+    connect();
+}
+
+// The handle is cleared after closing (the original leaves it dangling) so
+// that the destructor's close and any later use find no connection.
+void ProfileDatabase::close() {
+    if (!profilesDatabase_) return;
+    if (sqlite3_close_v2(profilesDatabase_) != SQLITE_OK) {
+        logError(errorText(profilesDatabase_, "close"));
+    }
+    profilesDatabase_ = nullptr;
+}
+
+// --- Queries -----------------------------------------------------------------
+
+namespace {
+
+// Prepares `sql` on the connection; false (after logging) when there is no
+// connection or the statement does not compile.
+bool prepare(sqlite3* database, const char* sql, sqlite3_stmt** statement) {
+    *statement = nullptr;
+    if (!database) {
+        ProfileDatabase::logError(std::string("no open database for: ") + sql);
+        return false;
+    }
+    armDeadline();
+    if (sqlite3_prepare_v2(database, sql, -1, statement, nullptr) != SQLITE_OK) {
+        ProfileDatabase::logError(errorText(database, std::string("prepare ") + sql));
+        sqlite3_finalize(*statement);
+        *statement = nullptr;
+        return false;
+    }
+    return true;
+}
+
+std::vector<ProfileRule> readAll(sqlite3_stmt* statement) {
+    std::vector<ProfileRule> rules;
+    // Any result other than a row (done, busy, corrupt page) ends the read.
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        rules.push_back(getProfileRuleFromStatement(statement));
+    }
+    sqlite3_finalize(statement);
+    return rules;
+}
+
+}  // namespace
+
+std::vector<ProfileRule> ProfileDatabase::getProfileRulesByAction(int64_t action) {
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kSelectByActionSql, &statement)) return {};
+    bindInt(statement, 1, action);
+    return readAll(statement);
+}
+
+std::vector<ProfileRule> ProfileDatabase::getProfileRulesByActionAndType(int64_t action,
+                                                                         int64_t blocker) {
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kSelectByActionAndTypeSql, &statement)) return {};
+    bindInt(statement, 1, action);
+    bindInt(statement, 2, blocker);
+    return readAll(statement);
+}
+
+std::vector<ProfileRule> ProfileDatabase::getProfileRulesByQueryType(int64_t queryType) {
+    constexpr int64_t kQueryTypes = static_cast<int64_t>(std::size(kQueryTypeSql));
+    if (queryType < 1 || queryType >= kQueryTypes) {
+        logError("no statement for query type " + std::to_string(queryType));
+        return {};
+    }
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kQueryTypeSql[queryType], &statement)) return {};
+    return readAll(statement);
+}
+
+int64_t ProfileDatabase::getProfileRulesCount() {
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kCountSql, &statement)) return 0;
+    int64_t count = 0;
+    // sqlite3_column_int64: the count is the one value of this table not
+    // stored by us, and it may exceed 32 bits.
+    while (sqlite3_step(statement) == SQLITE_ROW) count = sqlite3_column_int64(statement, 0);
+    sqlite3_finalize(statement);
+    return count;
+}
+
+bool ProfileDatabase::forEachProfileRuleByAction(
+    int64_t action, const std::function<void(const ProfileRule&)>& visit) {
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kSelectByActionSql, &statement)) return false;
+    bindInt(statement, 1, action);
+    ProfileRule rule;
+    // The visitor's own time does not count against the statement's deadline.
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        readProfileRule(statement, rule);
+        visit(rule);
+        armDeadline();
+    }
+    sqlite3_finalize(statement);
+    return true;
+}
+
+// --- Changes -----------------------------------------------------------------
+
+namespace {
+
+void bindInsert(sqlite3_stmt* statement, const ProfileRule& rule) {
+    bindString(statement, 1, rule.ruleID);
+    bindInt(statement, 2, rule.blocker);
+    bindInt(statement, 3, rule.action);
+    bindString(statement, 4, rule.selector);
+    bindString(statement, 5, rule.filter);
+    bindString(statement, 6, rule.resources);
+    bindString(statement, 7, rule.loads);
+    bindInt(statement, 8, rule.domainType);
+    bindString(statement, 9, rule.domains);
+    bindInt(statement, 10, rule.filterSensitive);
+}
+
+void bindUpdate(sqlite3_stmt* statement, const ProfileRule& rule) {
+    bindInt(statement, 1, rule.blocker);
+    bindInt(statement, 2, rule.action);
+    bindString(statement, 3, rule.selector);
+    bindString(statement, 4, rule.filter);
+    bindString(statement, 5, rule.resources);
+    bindString(statement, 6, rule.loads);
+    bindInt(statement, 7, rule.domainType);
+    bindString(statement, 8, rule.domains);
+    bindInt(statement, 9, rule.filterSensitive);
+    bindString(statement, 10, rule.ruleID);
+}
+
+void bindDelete(sqlite3_stmt* statement, const ProfileRule& rule) {
+    bindInt(statement, 1, rule.blocker);
+    bindInt(statement, 2, rule.action);
+    bindString(statement, 3, rule.ruleID);
+}
+
+}  // namespace
+
+void ProfileDatabase::runBatch(const char* sql, const std::vector<ProfileRule>& rules,
+                               BindRule bind) {
+    if (!usable_) {
+        logError("change dropped: the profile identifier names no file of ours");
+        return;
+    }
+    (void)beginTransactionProfilesDatabase();
+    sqlite3_stmt* statement;
+    // On a failed prepare the transaction just begun stays open: no commit,
+    // no rollback. The next successful batch commits it.
+    if (!prepare(profilesDatabase_, sql, &statement)) return;
+    for (const ProfileRule& rule : rules) {
+        bind(statement, rule);
+        armDeadline();
+        if (sqlite3_step(statement) != SQLITE_DONE) {
+            logError(errorText(profilesDatabase_, std::string("step ") + sql));
+        }
+        sqlite3_reset(statement);
+    }
+    (void)commitTransactionProfilesDatabase();
+    sqlite3_finalize(statement);
+}
+
+void ProfileDatabase::addProfileRules(const std::vector<ProfileRule>& rules) {
+    runBatch(kInsertSql, rules, bindInsert);
+}
+
+void ProfileDatabase::updateProfileRules(const std::vector<ProfileRule>& rules) {
+    runBatch(kUpdateSql, rules, bindUpdate);
+}
+
+void ProfileDatabase::removeProfileRulesCustom(const std::vector<ProfileRule>& rules) {
+    runBatch(kDeleteSql, rules, bindDelete);
+}
+
+void ProfileDatabase::removeProfileRules(int64_t blocker, int64_t blockerAction,
+                                         const NullableString& ruleID) {
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kDeleteSql, &statement)) return;
+    bindInt(statement, 1, blocker);
+    bindInt(statement, 2, blockerAction);
+    bindString(statement, 3, ruleID);
+    if (sqlite3_step(statement) != SQLITE_DONE) logError(errorText(profilesDatabase_, kDeleteSql));
+    sqlite3_finalize(statement);
+}
+
+void ProfileDatabase::removeAllProfileRules() {
+    sqlite3_stmt* statement;
+    if (!prepare(profilesDatabase_, kDeleteAllSql, &statement)) return;
+    if (sqlite3_step(statement) != SQLITE_DONE) {
+        logError(errorText(profilesDatabase_, kDeleteAllSql));
+    }
+    sqlite3_finalize(statement);
+}
+
+void ProfileDatabase::reloadProfileRules(int64_t /*reloadType*/, int64_t /*reloadOperation*/,
+                                         const std::vector<ProfileRule>& /*rules*/) {}
+
+bool ProfileDatabase::beginTransactionProfilesDatabase() {
+    if (!profilesDatabase_) {
+        logError("begin: no open database");
+        return false;
+    }
+    armDeadline();
+    if (sqlite3_exec(profilesDatabase_, kBeginSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        logError(errorText(profilesDatabase_, kBeginSql));
+        return false;
+    }
+    return true;
+}
+
+bool ProfileDatabase::commitTransactionProfilesDatabase() {
+    if (!profilesDatabase_) {
+        logError("commit: no open database");
+        return false;
+    }
+    armDeadline();
+    if (sqlite3_exec(profilesDatabase_, kCommitSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        logError(errorText(profilesDatabase_, kCommitSql));
+        return false;
+    }
+    return true;
+}
+
+void ProfileDatabase::logError(std::string_view message) {
+    platform::log(platform::LogLevel::Debug, std::string("ProfileDatabase: ").append(message));
+}
+
+}  // namespace stonewall

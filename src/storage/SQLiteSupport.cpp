@@ -1,0 +1,164 @@
+#include "storage/SQLiteSupport.h"
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+
+namespace stonewall::storage_detail {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Thirty seconds: fifty thousand rules read or written take well under one.
+constexpr auto kStatementTimeLimit = std::chrono::seconds(30);
+// Virtual-machine steps between two looks at the clock.
+constexpr int kProgressInterval = 4096;
+
+thread_local Clock::time_point tDeadline = Clock::time_point::max();
+
+std::atomic<int> gBusyTimeout{kBusyTimeoutMilliseconds};
+
+int checkDeadline(void*) { return Clock::now() > tDeadline ? 1 : 0; }
+
+}  // namespace
+
+void configureConnection(sqlite3* database) {
+    if (!database) return;
+    sqlite3_busy_timeout(database, gBusyTimeout.load());
+    sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, static_cast<int*>(nullptr));
+    sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, static_cast<int*>(nullptr));
+    sqlite3_progress_handler(database, kProgressInterval, checkDeadline, nullptr);
+}
+
+void setBusyTimeoutForTesting(int milliseconds) {
+    gBusyTimeout = milliseconds < 0 ? kBusyTimeoutMilliseconds : milliseconds;
+}
+
+bool failedOnLock(sqlite3* database) {
+    if (!database) return false;
+    const int code = sqlite3_errcode(database) & 0xff;
+    return code == SQLITE_BUSY || code == SQLITE_LOCKED;
+}
+
+void armDeadline() { tDeadline = Clock::now() + kStatementTimeLimit; }
+
+void expireDeadlineForTesting() { tDeadline = Clock::time_point::min(); }
+
+bool isValidUTF8(std::string_view bytes) {
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    const auto* end = p + bytes.size();
+    while (p < end) {
+        // Rule text is nearly all ASCII: skip it eight bytes at a time.
+        while (end - p >= 8) {
+            uint64_t word;
+            std::memcpy(&word, p, sizeof word);
+            if (word & 0x8080808080808080ULL) break;
+            p += 8;
+        }
+        if (p == end) break;
+        const unsigned char c = *p;
+        if (c < 0x80) {
+            ++p;
+            continue;
+        }
+        int length;
+        uint32_t codePoint;
+        if (c >= 0xC2 && c <= 0xDF) {
+            length = 2;
+            codePoint = c & 0x1F;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            length = 3;
+            codePoint = c & 0x0F;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            length = 4;
+            codePoint = c & 0x07;
+        } else {
+            return false;  // continuation byte, overlong lead (C0, C1) or F5..FF
+        }
+        if (end - p < length) return false;
+        for (int i = 1; i < length; ++i) {
+            if ((p[i] & 0xC0) != 0x80) return false;
+            codePoint = (codePoint << 6) | (p[i] & 0x3F);
+        }
+        if ((length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000) ||
+            codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+            return false;
+        }
+        p += length;
+    }
+    return true;
+}
+
+namespace {
+
+bool hasColumn(sqlite3_stmt* statement, int column) {
+    return column >= 0 && column < sqlite3_data_count(statement);
+}
+
+}  // namespace
+
+void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out) {
+    if (!hasColumn(statement, column) || sqlite3_column_type(statement, column) == SQLITE_NULL) {
+        out.reset();
+        return;
+    }
+    // sqlite3_column_bytes must follow sqlite3_column_text: the text call may
+    // convert the value, and the length is that of the converted text.
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    const int length = sqlite3_column_bytes(statement, column);
+    if (!text) {  // out of memory while converting
+        out.reset();
+        return;
+    }
+    const std::string_view bytes(text, static_cast<size_t>(length));
+    if (!isValidUTF8(bytes)) {
+        out.reset();
+        return;
+    }
+    if (out) {
+        out->assign(bytes);
+    } else {
+        out.emplace(bytes);
+    }
+}
+
+NullableString columnString(sqlite3_stmt* statement, int column) {
+    NullableString value;
+    columnStringInto(statement, column, value);
+    return value;
+}
+
+int64_t columnInt(sqlite3_stmt* statement, int column) {
+    if (!hasColumn(statement, column)) return 0;
+    return static_cast<int64_t>(sqlite3_column_int(statement, column));
+}
+
+double columnDouble(sqlite3_stmt* statement, int column) {
+    if (!hasColumn(statement, column)) return 0;
+    return sqlite3_column_double(statement, column);
+}
+
+int truncateTimestampToInt32(double value) {
+    if (!std::isfinite(value)) return 0;
+    const double whole = std::trunc(value);
+    // Beyond the 64-bit range the conversion itself would be undefined.
+    if (whole >= 9.2e18 || whole <= -9.2e18) return 0;
+    return truncateToInt32(static_cast<int64_t>(whole));
+}
+
+int bindString(sqlite3_stmt* statement, int index, const NullableString& value) {
+    if (!value) return sqlite3_bind_null(statement, index);
+    return sqlite3_bind_text64(statement, index, value->data(), value->size(), SQLITE_TRANSIENT,
+                               SQLITE_UTF8);
+}
+
+std::string errorText(sqlite3* database, std::string_view what) {
+    std::string text(what);
+    text.append(": ");
+    text.append(database ? sqlite3_errmsg(database) : "no open database");
+    return text;
+}
+
+}  // namespace stonewall::storage_detail

@@ -1,0 +1,448 @@
+#include "storage/SharedDatabase.h"
+
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/Platform.h"
+#include "storage/SQLiteSupport.h"
+#include "utilities/Custom.h"
+
+namespace stonewall {
+
+using namespace storage_detail;
+
+namespace {
+
+constexpr char kQueueLabel[] = "com.mapleharbor.Stonewall.SharedDataQueue";
+constexpr char kSharedFolder[] = ".Shared";
+constexpr char kDataFileName[] = "shared_data";
+constexpr char kTemplateName[] = "shared_data";
+
+constexpr char kInsertSharedDataSql[] = "INSERT INTO SharedData VALUES (?,?,?,?,?,?,?,?,?,?,?)";
+// No WHERE and the versions named twice: every row is updated, and twelve
+// values are bound. The other programs of the product write the table the
+// same way.
+constexpr char kUpdateSharedDataSql[] =
+    "UPDATE SharedData SET activeProfileID=?, timestamps=?, profiles=?, profileIDs=?, "
+    "profileUpdates=?, status=?, appVersion=?, extVersion=?, domainStatus=?, reload=?, "
+    "appVersion=?, extVersion=?";
+constexpr char kInsertCustomRuleSql[] =
+    "INSERT INTO SharedCustomRules VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
+constexpr char kDeleteCustomRulesSql[] = "DELETE FROM SharedCustomRules";
+constexpr char kSelectSharedDataSql[] = "SELECT * FROM SharedData ORDER BY addDate DESC";
+constexpr char kSelectCustomRulesSql[] = "SELECT * FROM SharedCustomRules ORDER BY addDate DESC";
+constexpr char kBeginSql[] = "BEGIN TRANSACTION";
+constexpr char kCommitSql[] = "COMMIT TRANSACTION";
+
+// The first nine columns are those of the table's older layout; the last two
+// (domainStatus, reload) came later.
+constexpr int kOldSharedDataColumns = 9;
+constexpr int kSharedDataColumns = 11;
+
+// Runs a queue-serialised operation. The platform's sync catches a call from
+// inside the queue itself in debug builds.
+void runSerialised(const std::shared_ptr<platform::Queue>& queue, const platform::Work& work) {
+    if (queue) {
+        queue->sync(work);
+    } else {
+        work();
+    }
+}
+
+std::mutex gInstanceMutex;
+std::unique_ptr<SharedDatabase> gInstance;
+
+bool prepare(sqlite3* database, const char* sql, sqlite3_stmt** statement) {
+    *statement = nullptr;
+    if (!database) {
+        SharedDatabase::logError(std::string("no open database for: ") + sql);
+        return false;
+    }
+    armDeadline();
+    if (sqlite3_prepare_v2(database, sql, -1, statement, nullptr) != SQLITE_OK) {
+        SharedDatabase::logError(errorText(database, std::string("prepare ") + sql));
+        sqlite3_finalize(*statement);
+        *statement = nullptr;
+        return false;
+    }
+    return true;
+}
+
+SharedData getSharedDataFromStatement(sqlite3_stmt* statement) {
+    SharedData data;
+    const int columns = sqlite3_column_count(statement);
+    if (columns != kOldSharedDataColumns && columns != kSharedDataColumns) return data;
+    data.activeProfileID = columnString(statement, 0);
+    data.timestamps = columnString(statement, 1);
+    data.profiles = columnString(statement, 2);
+    data.profileIDs = columnString(statement, 3);
+    data.profileUpdates = columnString(statement, 4);
+    data.status = columnInt(statement, 5);
+    data.addDate = columnDouble(statement, 6);
+    data.appVersion = columnString(statement, 7);
+    data.extVersion = columnString(statement, 8);
+    if (columns == kSharedDataColumns) {
+        data.domainStatus = columnString(statement, 9);
+        data.reload = columnInt(statement, 10);
+    }
+    return data;
+}
+
+SharedCustomRule getSharedCustomRuleFromStatement(sqlite3_stmt* statement) {
+    SharedCustomRule rule;
+    rule.ruleID = columnString(statement, 0);
+    rule.blocker = columnInt(statement, 1);
+    rule.action = columnInt(statement, 2);
+    rule.selector = columnString(statement, 3);
+    rule.filter = columnString(statement, 4);
+    rule.resources = columnString(statement, 5);
+    rule.loads = columnString(statement, 6);
+    rule.domainType = columnInt(statement, 7);
+    rule.addDate = columnDouble(statement, 8);
+    rule.blockerProfileID = columnString(statement, 9);
+    rule.ruleName = columnString(statement, 10);
+    rule.filterSensitive = columnInt(statement, 11);
+    rule.modDate = columnDouble(statement, 12);
+    rule.regularExpression = columnInt(statement, 13);
+    rule.ruleType = columnInt(statement, 14);
+    rule.active = columnInt(statement, 15);
+    rule.filterDomain = columnString(statement, 16);
+    rule.filterInfo = columnInt(statement, 17);
+    rule.domains = columnString(statement, 18);
+    return rule;
+}
+
+// Reads every SharedData row, keeping the last one, which under "ORDER BY
+// addDate DESC" is the oldest. Null when the statement cannot be prepared or
+// there is no row; `prepared` tells the two apart.
+std::optional<SharedData> readSharedData(sqlite3* database, bool& prepared) {
+    sqlite3_stmt* statement;
+    prepared = prepare(database, kSelectSharedDataSql, &statement);
+    if (!prepared) return std::nullopt;
+    std::optional<SharedData> data;
+    while (sqlite3_step(statement) == SQLITE_ROW) data = getSharedDataFromStatement(statement);
+    sqlite3_finalize(statement);
+    return data;
+}
+
+}  // namespace
+
+// --- Instance ----------------------------------------------------------------
+
+SharedDatabase& SharedDatabase::sharedInstance() {
+    std::lock_guard lock(gInstanceMutex);
+    if (!gInstance) gInstance.reset(new SharedDatabase());
+    return *gInstance;
+}
+
+void SharedDatabase::resetSharedInstanceForTesting() {
+    std::unique_ptr<SharedDatabase> previous;
+    {
+        std::lock_guard lock(gInstanceMutex);
+        previous = std::move(gInstance);
+    }
+}
+
+SharedDatabase::SharedDatabase() {
+    dataFileName_ = kDataFileName;
+    dataFileHandler_ = FileHandler::initWithNameAndGroup(kSharedFolder, std::string(kApplicationGroup));
+    dataPath_ = dataFileHandler_.getFilePath(dataFileName_);
+    sharedQueue_ = platform::dispatch().createSerialQueue(kQueueLabel);
+    restored_ = false;
+    connect();
+}
+
+// Not through the queue: at the end of the process the dispatch service may
+// be gone already, and nobody else can hold the instance any more.
+SharedDatabase::~SharedDatabase() { closeConnections(); }
+
+void SharedDatabase::runForConnection(const platform::Work& work) {
+    if (!sharedQueue_ || sharedQueue_->isCurrent()) {
+        work();
+    } else {
+        sharedQueue_->sync(work);
+    }
+}
+
+void SharedDatabase::connect() {
+    runForConnection([this] {
+        if (const int result = connectDataDatabase(); result != SQLITE_OK) {
+            logError(std::string("cannot open the shared database: ") + sqlite3_errstr(result));
+        }
+    });
+}
+
+int SharedDatabase::openDataPath() {
+    if (dataPath_.empty()) return SQLITE_CANTOPEN;  // no container: never a temporary database
+    const int result = sqlite3_open(dataPath_.c_str(), &dataDatabase_);
+    if (result != SQLITE_OK) {
+        // A handle whose open failed serves nothing; without it every later
+        // call sees "no open database" instead of a misuse error.
+        logError(errorText(dataDatabase_, "open " + dataPath_));
+        sqlite3_close_v2(dataDatabase_);
+        dataDatabase_ = nullptr;
+        return result;
+    }
+    configureConnection(dataDatabase_);
+    return result;
+}
+
+int SharedDatabase::connectDataDatabase() {
+    int result = SQLITE_CANTOPEN;
+    runForConnection([&] {
+        if (!dataFileHandler_.fileExists(dataFileName_)) addSharedDatabase();
+        // Opening over a live handle would lose it; reconnectDatabase closes
+        // first, so this only matters for a direct second call.
+        if (dataDatabase_) {
+            replacedConnections_.push_back(dataDatabase_);
+            dataDatabase_ = nullptr;
+        }
+        result = openDataPath();
+        bool prepared = false;
+        (void)readSharedData(dataDatabase_, prepared);
+        // A file locked by another program past the busy timeout is not
+        // damaged; replacing it would lose the shared state and custom rules.
+        if (!prepared && failedOnLock(dataDatabase_)) {
+            logError("shared database locked by another program; not restored");
+        } else if (!prepared) {
+            addSharedDatabase();
+            // The first handle is replaced without being closed; it is
+            // released by close() (see replacedConnections_).
+            if (dataDatabase_) replacedConnections_.push_back(dataDatabase_);
+            dataDatabase_ = nullptr;
+            result = openDataPath();
+        }
+    });
+    return result;
+}
+
+void SharedDatabase::addSharedDatabase() {
+    std::string templatePath = platform::bundle().resourcePath();
+    if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
+    templatePath.append(kTemplateName);
+    dataFileHandler_.copyFile(dataFileName_, templatePath);
+    restored_ = true;
+}
+
+void SharedDatabase::reconnectDatabase() {
+    runForConnection([this] {
+        close();
+        (void)connectDataDatabase();
+    });
+}
+
+void SharedDatabase::close() {
+    runForConnection([this] { closeConnections(); });
+}
+
+void SharedDatabase::closeConnections() {
+    sqlite3_finalize(customRulesStatement_);
+    customRulesStatement_ = nullptr;
+    for (sqlite3* connection : replacedConnections_) sqlite3_close_v2(connection);
+    replacedConnections_.clear();
+    if (dataDatabase_ && sqlite3_close_v2(dataDatabase_) != SQLITE_OK) {
+        logError(errorText(dataDatabase_, "close"));
+    }
+    dataDatabase_ = nullptr;
+}
+
+// --- Queue-serialised operations -----------------------------------------------
+
+void SharedDatabase::addSharedDataDetails(const SharedData& data) {
+    runSerialised(sharedQueue_, [&] {
+        (void)beginTransactionSharedDatabase();
+        addSharedData(data);
+        (void)commitTransactionSharedDatabase();
+    });
+}
+
+void SharedDatabase::updateSharedDataDetails(const SharedData& data) {
+    runSerialised(sharedQueue_, [&] {
+        (void)beginTransactionSharedDatabase();
+        updateSharedData(data);
+        (void)commitTransactionSharedDatabase();
+    });
+}
+
+void SharedDatabase::addSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules) {
+    runSerialised(sharedQueue_, [&] {
+        (void)beginTransactionSharedDatabase();
+        addSharedCustomRules(rules);
+        (void)commitTransactionSharedDatabase();
+    });
+}
+
+void SharedDatabase::removeSharedCustomRulesDetails() {
+    runSerialised(sharedQueue_, [&] {
+        (void)beginTransactionSharedDatabase();
+        removeSharedCustomRules();
+        (void)commitTransactionSharedDatabase();
+    });
+}
+
+std::optional<SharedData> SharedDatabase::getSharedData() {
+    std::optional<SharedData> data;
+    runSerialised(sharedQueue_, [&] {
+        bool prepared = false;
+        data = readSharedData(dataDatabase_, prepared);
+    });
+    return data;
+}
+
+std::vector<SharedCustomRule> SharedDatabase::getSharedCustomRules() {
+    std::vector<SharedCustomRule> rules;
+    runSerialised(sharedQueue_, [&] {
+        sqlite3_stmt* statement;
+        if (!prepare(dataDatabase_, kSelectCustomRulesSql, &statement)) return;
+        while (sqlite3_step(statement) == SQLITE_ROW) {
+            rules.push_back(getSharedCustomRuleFromStatement(statement));
+        }
+        sqlite3_finalize(statement);
+    });
+    return rules;
+}
+
+bool SharedDatabase::verifySharedData() {
+    bool prepared = false;
+    runSerialised(sharedQueue_, [&] { (void)readSharedData(dataDatabase_, prepared); });
+    return prepared;
+}
+
+// --- Raw operations ----------------------------------------------------------
+
+void SharedDatabase::checkOnQueue([[maybe_unused]] const char* operation) const {
+#ifndef NDEBUG
+    if (sharedQueue_ && !sharedQueue_->isCurrent()) {
+        std::fprintf(stderr, "stonewall: SharedDatabase::%s must run on the queue '%s'\n",
+                     operation, kQueueLabel);
+        std::abort();
+    }
+#endif
+}
+
+void SharedDatabase::addSharedData(const SharedData& data) {
+    checkOnQueue("addSharedData");
+    sqlite3_stmt* statement;
+    if (!prepare(dataDatabase_, kInsertSharedDataSql, &statement)) return;
+    bindString(statement, 1, data.activeProfileID);
+    bindString(statement, 2, data.timestamps);
+    bindString(statement, 3, data.profiles);
+    bindString(statement, 4, data.profileIDs);
+    bindString(statement, 5, data.profileUpdates);
+    bindInt(statement, 6, data.status);
+    // The time of writing, not the record's own addDate, without its fraction.
+    sqlite3_bind_int(statement, 7, truncateTimestampToInt32(Custom::currentTimestamp()));
+    bindString(statement, 8, data.appVersion);
+    bindString(statement, 9, data.extVersion);
+    bindString(statement, 10, data.domainStatus);
+    bindInt(statement, 11, data.reload);
+    if (sqlite3_step(statement) != SQLITE_DONE) {
+        logError(errorText(dataDatabase_, kInsertSharedDataSql));
+    }
+    sqlite3_finalize(statement);
+}
+
+void SharedDatabase::updateSharedData(const SharedData& data) {
+    checkOnQueue("updateSharedData");
+    sqlite3_stmt* statement;
+    if (!prepare(dataDatabase_, kUpdateSharedDataSql, &statement)) return;
+    bindString(statement, 1, data.activeProfileID);
+    bindString(statement, 2, data.timestamps);
+    bindString(statement, 3, data.profiles);
+    bindString(statement, 4, data.profileIDs);
+    bindString(statement, 5, data.profileUpdates);
+    bindInt(statement, 6, data.status);
+    bindString(statement, 7, data.appVersion);
+    bindString(statement, 8, data.extVersion);
+    bindString(statement, 9, data.domainStatus);
+    bindInt(statement, 10, data.reload);
+    bindString(statement, 11, data.appVersion);
+    bindString(statement, 12, data.extVersion);
+    if (sqlite3_step(statement) != SQLITE_DONE) {
+        logError(errorText(dataDatabase_, kUpdateSharedDataSql));
+    }
+    sqlite3_finalize(statement);
+}
+
+void SharedDatabase::addSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
+    checkOnQueue("addSharedCustomRules");
+    sqlite3_stmt* statement;
+    if (!prepare(dataDatabase_, kInsertCustomRuleSql, &statement)) return;
+    // The insert leaves its statement unfinalized; only the newest one is
+    // still reachable, so an older one is released here and the newest by
+    // close().
+    sqlite3_finalize(customRulesStatement_);
+    customRulesStatement_ = statement;
+    for (const SharedCustomRule& rule : rules) {
+        bindString(statement, 1, rule.ruleID);
+        bindInt(statement, 2, rule.blocker);
+        bindInt(statement, 3, rule.action);
+        bindString(statement, 4, rule.selector);
+        bindString(statement, 5, rule.filter);
+        bindString(statement, 6, rule.resources);
+        bindString(statement, 7, rule.loads);
+        bindInt(statement, 8, rule.domainType);
+        // Both dates are the time of writing, read separately.
+        sqlite3_bind_double(statement, 9, Custom::currentTimestamp());
+        bindString(statement, 10, rule.blockerProfileID);
+        bindString(statement, 11, rule.ruleName);
+        bindInt(statement, 12, rule.filterSensitive);
+        sqlite3_bind_double(statement, 13, Custom::currentTimestamp());
+        bindInt(statement, 14, rule.regularExpression);
+        bindInt(statement, 15, rule.ruleType);
+        bindInt(statement, 16, rule.active);
+        bindString(statement, 17, rule.filterDomain);
+        bindInt(statement, 18, rule.filterInfo);
+        bindString(statement, 19, rule.domains);
+        armDeadline();
+        if (sqlite3_step(statement) != SQLITE_DONE) {
+            logError(errorText(dataDatabase_, kInsertCustomRuleSql));
+        }
+        sqlite3_reset(statement);
+    }
+}
+
+void SharedDatabase::removeSharedCustomRules() {
+    checkOnQueue("removeSharedCustomRules");
+    sqlite3_stmt* statement;
+    if (!prepare(dataDatabase_, kDeleteCustomRulesSql, &statement)) return;
+    if (sqlite3_step(statement) != SQLITE_DONE) {
+        logError(errorText(dataDatabase_, kDeleteCustomRulesSql));
+    }
+    sqlite3_finalize(statement);
+}
+
+bool SharedDatabase::beginTransactionSharedDatabase() {
+    if (!dataDatabase_) {
+        logError("begin: no open database");
+        return false;
+    }
+    armDeadline();
+    if (sqlite3_exec(dataDatabase_, kBeginSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        logError(errorText(dataDatabase_, kBeginSql));
+        return false;
+    }
+    return true;
+}
+
+bool SharedDatabase::commitTransactionSharedDatabase() {
+    if (!dataDatabase_) {
+        logError("commit: no open database");
+        return false;
+    }
+    armDeadline();
+    if (sqlite3_exec(dataDatabase_, kCommitSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        logError(errorText(dataDatabase_, kCommitSql));
+        return false;
+    }
+    return true;
+}
+
+void SharedDatabase::logError(std::string_view message) {
+    platform::log(platform::LogLevel::Debug, std::string("SharedDatabase: ").append(message));
+}
+
+}  // namespace stonewall

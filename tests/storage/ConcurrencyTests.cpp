@@ -1,0 +1,134 @@
+// The product's programs open the same database files at once. These tests
+// write from several processes and threads at the same moment and check that
+// every row arrives: a write must wait for another writer's lock, not fail.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "StorageTestSupport.h"
+#include "storage/ProfileDatabase.h"
+#include "storage/SharedDatabase.h"
+
+namespace stonewall {
+namespace {
+
+using testing::RawDatabase;
+using testing::StorageTest;
+
+constexpr int kBatches = 20;
+constexpr int kBatchSize = 50;
+constexpr const char* kProfile = "together";
+
+std::vector<ProfileRule> profileBatch(const std::string& writer, int batch) {
+    std::vector<ProfileRule> rules;
+    for (int i = 0; i < kBatchSize; ++i) {
+        ProfileRule rule;
+        rule.ruleID = writer + "-" + std::to_string(batch) + "-" + std::to_string(i);
+        rule.blocker = 1;
+        rule.action = 1 + i % 2;
+        rule.filter = "^https?://" + *rule.ruleID + "\\.";
+        rules.push_back(std::move(rule));
+    }
+    return rules;
+}
+
+std::vector<SharedCustomRule> customBatch(const std::string& writer, int batch) {
+    std::vector<SharedCustomRule> rules;
+    for (int i = 0; i < kBatchSize; ++i) {
+        SharedCustomRule rule;
+        rule.ruleID = writer + "-" + std::to_string(batch) + "-" + std::to_string(i);
+        rule.action = 5;
+        rule.filter = ".*";
+        rules.push_back(std::move(rule));
+    }
+    return rules;
+}
+
+class ConcurrencyTest : public StorageTest {
+protected:
+    // Both files exist before the writers start, as they do once the main
+    // application has run; the parent's connections are closed so that no
+    // child inherits one.
+    void createFiles() {
+        (void)ProfileDatabase::initWithBlockerProfileID(kProfile);
+        (void)SharedDatabase::sharedInstance().verifySharedData();
+        SharedDatabase::resetSharedInstanceForTesting();
+    }
+
+    void expectAllRows(int writers) {
+        const int64_t expected = int64_t{writers} * kBatches * kBatchSize;
+        RawDatabase profile(profilePath(kProfile));
+        EXPECT_EQ(profile.integer("SELECT COUNT(DISTINCT ruleID) FROM ProfileRules"), expected);
+        EXPECT_EQ(profile.integer("SELECT COUNT(*) FROM ProfileRules"), expected);
+        RawDatabase shared(sharedPath());
+        EXPECT_EQ(shared.integer("SELECT COUNT(DISTINCT ruleID) FROM SharedCustomRules"),
+                  expected);
+        EXPECT_EQ(shared.integer("SELECT COUNT(*) FROM SharedCustomRules"), expected);
+    }
+};
+
+TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
+    createFiles();
+    int startPipe[2];
+    ASSERT_EQ(pipe(startPipe), 0);
+    std::vector<pid_t> children;
+    for (const char* writer : {"first", "second"}) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            ::close(startPipe[1]);
+            char go;
+            (void)!read(startPipe[0], &go, 1);  // returns at EOF: both are ready
+            {
+                auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
+                auto& shared = SharedDatabase::sharedInstance();
+                for (int batch = 0; batch < kBatches; ++batch) {
+                    profile->addProfileRules(profileBatch(writer, batch));
+                    shared.addSharedCustomRulesDetails(customBatch(writer, batch));
+                    (void)profile->getProfileRulesCount();
+                    (void)shared.getSharedData();
+                }
+            }
+            SharedDatabase::resetSharedInstanceForTesting();
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    ::close(startPipe[0]);
+    ::close(startPipe[1]);
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    expectAllRows(2);
+}
+
+// Within one process: separate profile connections on their own threads, and
+// the one shared instance used from all of them.
+TEST_F(ConcurrencyTest, ThreadsWithTheirOwnConnectionsLoseNoRow) {
+    createFiles();
+    constexpr int kWriters = 3;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kWriters; ++t) {
+        threads.emplace_back([t] {
+            const std::string writer = "thread" + std::to_string(t);
+            auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
+            auto& shared = SharedDatabase::sharedInstance();
+            for (int batch = 0; batch < kBatches; ++batch) {
+                profile->addProfileRules(profileBatch(writer, batch));
+                shared.addSharedCustomRulesDetails(customBatch(writer, batch));
+                (void)profile->getProfileRulesByAction(2);
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    SharedDatabase::resetSharedInstanceForTesting();
+    expectAllRows(kWriters);
+}
+
+}  // namespace
+}  // namespace stonewall

@@ -1,0 +1,169 @@
+#include "storage/ExtensionState.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+
+#include <filesystem>
+#include <thread>
+
+#include "StorageTestSupport.h"
+
+namespace stonewall {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::StorageTest;
+using testing::writeBytes;
+
+class ExtensionStateTest : public StorageTest {
+protected:
+    std::string statePath() const { return platform.rootPath() + "/config/Stonewall/.Data/state"; }
+    FileHandler stateFolder() const {
+        return FileHandler::initWithName(".Data", FileLocation::kApplicationSupport);
+    }
+};
+
+TEST_F(ExtensionStateTest, FirstRunSavesTheDefaultsForTheBrowserVersion) {
+    const std::vector<std::pair<std::optional<int64_t>, bool>> cases = {
+        {std::nullopt, false}, {4, false}, {5, true}, {6, true}};
+    for (const auto& [servicesVersion, counter] : cases) {
+        SCOPED_TRACE(servicesVersion.value_or(-100));
+        fs::remove_all(platform.rootPath() + "/config");
+        ExtensionState::resetSharedInstanceForTesting();
+        platform.host->setSafariServicesVersion(servicesVersion);
+
+        ExtensionState* state = ExtensionState::sharedInstance();
+        ASSERT_NE(state, nullptr);
+        EXPECT_FALSE(state->statusUpdated());
+        EXPECT_EQ(state->blockingCounter(), counter);
+        ASSERT_TRUE(fs::exists(statePath()));
+        EXPECT_EQ(stateFolder().unarchiveData("state"),
+                  (Archive{{"statusUpdated", false}, {"blockingCounter", counter}}));
+        EXPECT_EQ(ExtensionState::sharedInstance(), state);
+    }
+}
+
+TEST_F(ExtensionStateTest, ASavedStateWinsOverTheDefaults) {
+    platform.host->setSafariServicesVersion(6);  // default counter: on
+    stateFolder().archiveData("state", {{"statusUpdated", true}, {"blockingCounter", false}});
+    ExtensionState* state = ExtensionState::sharedInstance();
+    ASSERT_NE(state, nullptr);
+    EXPECT_TRUE(state->statusUpdated());
+    EXPECT_FALSE(state->blockingCounter());
+    EXPECT_EQ(state->description(), "statusUpdated: 1, blockingCounter: 0");
+}
+
+TEST_F(ExtensionStateTest, MissingKeysDecodeAsFalse) {
+    stateFolder().archiveData("state", {{"somethingElse", true}});
+    ExtensionState* state = ExtensionState::sharedInstance();
+    ASSERT_NE(state, nullptr);
+    EXPECT_FALSE(state->statusUpdated());
+    EXPECT_FALSE(state->blockingCounter());
+}
+
+TEST_F(ExtensionStateTest, AnUndecodableFileLeavesNoInstanceForTheProcess) {
+    writeBytes(statePath(), "garbage");
+    EXPECT_EQ(ExtensionState::sharedInstance(), nullptr);
+    // The file is neither repaired nor read again.
+    EXPECT_EQ(testing::readBytes(statePath()), "garbage");
+    stateFolder().archiveData("state", {{"statusUpdated", true}});
+    EXPECT_EQ(ExtensionState::sharedInstance(), nullptr);
+    ExtensionState::resetSharedInstanceForTesting();
+    EXPECT_NE(ExtensionState::sharedInstance(), nullptr);
+}
+
+TEST_F(ExtensionStateTest, SaveThenLoad) {
+    ExtensionState* state = ExtensionState::sharedInstance();
+    ASSERT_NE(state, nullptr);
+    state->setStatusUpdated(true);
+    state->setBlockingCounter(false);
+    state->saveData();
+    const auto loaded = state->loadData();
+    ASSERT_TRUE(loaded.has_value());
+    EXPECT_TRUE(loaded->statusUpdated());
+    EXPECT_FALSE(loaded->blockingCounter());
+    EXPECT_EQ(loaded->dataFileName(), "state");
+    EXPECT_EQ(loaded->dataFileHandler().path(), state->dataFileHandler().path());
+
+    // Loading does not touch the receiver.
+    state->setStatusUpdated(false);
+    EXPECT_TRUE(state->loadData()->statusUpdated());
+    EXPECT_FALSE(state->statusUpdated());
+
+    ExtensionState::resetSharedInstanceForTesting();
+    ExtensionState* again = ExtensionState::sharedInstance();
+    ASSERT_NE(again, nullptr);
+    EXPECT_TRUE(again->statusUpdated());
+}
+
+TEST_F(ExtensionStateTest, RemoveCreateAndLoadOfAMissingFile) {
+    ExtensionState state;
+    EXPECT_FALSE(state.checkDataExists());
+    EXPECT_EQ(state.loadData(), std::nullopt);
+    state.setStatusUpdated(true);
+    state.createData();
+    EXPECT_TRUE(state.checkDataExists());
+    EXPECT_TRUE(state.loadData()->statusUpdated());
+    state.removeData();
+    EXPECT_FALSE(state.checkDataExists());
+}
+
+// When the first save cannot complete (a full disk, simulated with a file
+// size limit in a child process), no empty file may stay behind: it would
+// make every later start find an undecodable state.
+TEST_F(ExtensionStateTest, AFailedFirstSaveLeavesNoFile) {
+    ExtensionState state;
+    const int result = testing::runInChild([&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+        state.createData();
+        return state.checkDataExists() ? 1 : 0;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_FALSE(state.checkDataExists());
+}
+
+TEST_F(ExtensionStateTest, SafariVersionLevels) {
+    struct Case {
+        bool available;
+        std::optional<int64_t> version;
+        int64_t asked;
+        bool expected;
+    };
+    const Case cases[] = {
+        {true, 5, 0, true},        {false, 5, 0, false},      {true, 5, 5, true},
+        {true, 5, 6, false},       {true, 5, 2, true},        {true, std::nullopt, 2, false},
+        {true, std::nullopt, 0, true}, {false, std::nullopt, 5, false}, {true, 5, -1, true},
+        {true, -3, 1, false},
+    };
+    for (const auto& c : cases) {
+        platform.host->setSafariServicesAvailable(c.available);
+        platform.host->setSafariServicesVersion(c.version);
+        EXPECT_EQ(ExtensionState::isSafariVersionAvailable(c.asked), c.expected)
+            << "available " << c.available << " version " << c.version.value_or(-100)
+            << " asked " << c.asked;
+    }
+}
+
+TEST_F(ExtensionStateTest, ConcurrentFirstCallsMakeOneInstance) {
+    std::vector<ExtensionState*> seen(6, nullptr);
+    std::vector<std::thread> threads;
+    for (auto& slot : seen) {
+        threads.emplace_back([&slot] { slot = ExtensionState::sharedInstance(); });
+    }
+    for (auto& thread : threads) thread.join();
+    ASSERT_NE(seen[0], nullptr);
+    for (auto* state : seen) EXPECT_EQ(state, seen[0]);
+    // Flags may be flipped and read from several threads.
+    std::thread writer([&] {
+        for (int i = 0; i < 1000; ++i) seen[0]->setBlockingCounter(i % 2 == 0);
+    });
+    for (int i = 0; i < 1000; ++i) (void)seen[0]->blockingCounter();
+    writer.join();
+}
+
+}  // namespace
+}  // namespace stonewall

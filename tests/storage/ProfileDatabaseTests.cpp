@@ -1,0 +1,442 @@
+#include "storage/ProfileDatabase.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+
+#include "StorageTestSupport.h"
+#include "storage/SQLiteSupport.h"
+
+namespace stonewall {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::RawDatabase;
+using testing::StorageTest;
+using testing::writeBytes;
+
+ProfileRule makeRule(std::string id, int64_t blocker, int64_t action, std::string filter) {
+    ProfileRule rule;
+    rule.ruleID = std::move(id);
+    rule.blocker = blocker;
+    rule.action = action;
+    rule.filter = std::move(filter);
+    return rule;
+}
+
+std::vector<std::string> idsOf(const std::vector<ProfileRule>& rules) {
+    std::vector<std::string> ids;
+    for (const auto& rule : rules) ids.push_back(rule.ruleID.value_or("<null>"));
+    return ids;
+}
+
+class ProfileDatabaseTest : public StorageTest {
+protected:
+    std::shared_ptr<ProfileDatabase> open(const NullableString& identifier = "p1") {
+        return ProfileDatabase::initWithBlockerProfileID(identifier);
+    }
+};
+
+TEST_F(ProfileDatabaseTest, MissingFileIsCopiedFromTheTemplate) {
+    auto database = open();
+    EXPECT_EQ(database->profilesFileName(), "profile_p1_data");
+    EXPECT_EQ(database->profilesDataPath(), profilePath("p1"));
+    ASSERT_TRUE(fs::exists(profilePath("p1")));
+    EXPECT_TRUE(database->checkTablesExist());
+    EXPECT_EQ(database->getProfileRulesCount(), 0);
+    RawDatabase raw(profilePath("p1"));
+    EXPECT_TRUE(raw.hasTable("ProfileRules"));
+}
+
+TEST_F(ProfileDatabaseTest, AnExistingFileIsKept) {
+    open()->addProfileRules({makeRule("a", 1, 1, "x")});
+    auto reopened = open();
+    EXPECT_EQ(reopened->getProfileRulesCount(), 1);
+}
+
+TEST_F(ProfileDatabaseTest, EveryFieldRoundTrips) {
+    ProfileRule full = makeRule("full", 6, 2, "^https?://ads\\.");
+    full.selector = "div.ad > span[data-x=\"1\"]";
+    full.resources = "image,script";
+    full.loads = "third-party";
+    full.domains = "*.shop.test,xn--bcher-kva.test";
+    full.domainType = 2;
+    full.filterSensitive = 1;
+
+    ProfileRule sparse;  // every string null, domainType -1
+    sparse.action = 2;
+    sparse.blocker = 1;
+
+    ProfileRule empties = makeRule("", 1, 2, "");
+    empties.selector = "";
+    empties.resources = "";
+    empties.loads = "";
+    empties.domains = "";
+
+    auto database = open();
+    database->addProfileRules({full, sparse, empties});
+    const auto rules = database->getProfileRulesByAction(2);
+    ASSERT_EQ(rules.size(), 3u);
+    // ORDER BY filter: NULL first, then "", then the text.
+    EXPECT_EQ(rules[0], sparse);
+    EXPECT_EQ(rules[1], empties);
+    EXPECT_EQ(rules[2], full);
+    EXPECT_EQ(rules[0].domainType, -1);
+
+    RawDatabase raw(profilePath("p1"));
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules WHERE selector IS NULL"), 1);
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules WHERE selector = ''"), 1);
+    EXPECT_EQ(raw.integer("SELECT domainType FROM ProfileRules WHERE ruleID IS NULL"), -1);
+}
+
+TEST_F(ProfileDatabaseTest, IntegersAreStoredAs32Bits) {
+    ProfileRule rule = makeRule("wide", (int64_t{1} << 32) + 5, 1, "f");
+    rule.domainType = (int64_t{1} << 32) - 1;  // low 32 bits all set: reads back -1
+    rule.filterSensitive = int64_t{1} << 33;
+    auto database = open();
+    database->addProfileRules({rule});
+    const auto rules = database->getProfileRulesByAction(1);
+    ASSERT_EQ(rules.size(), 1u);
+    EXPECT_EQ(rules[0].blocker, 5);
+    EXPECT_EQ(rules[0].domainType, -1);
+    EXPECT_EQ(rules[0].filterSensitive, 0);
+}
+
+// One rule for every blocker and action, so that each fixed statement shows
+// exactly which rows it selects and in which order.
+TEST_F(ProfileDatabaseTest, QueryTypesSelectTheirListsInOrder) {
+    std::vector<ProfileRule> rules;
+    for (int64_t blocker : {1, 2, 3, 4, 6}) {
+        for (int64_t action = 1; action <= 8; ++action) {
+            // Two filters per pair, inserted in reverse order of the sort.
+            for (const char* filter : {"z", "a"}) {
+                rules.push_back(makeRule("b" + std::to_string(blocker) + "a" +
+                                             std::to_string(action) + filter,
+                                         blocker, action, filter));
+            }
+        }
+    }
+    auto database = open();
+    database->addProfileRules(rules);
+    ASSERT_EQ(database->getProfileRulesCount(), static_cast<int64_t>(rules.size()));
+
+    const std::vector<std::pair<int64_t, std::vector<std::string>>> cases = {
+        {0, {}},
+        {1, {"b1a1a", "b1a1z", "b1a6a", "b1a6z"}},
+        {2, {"b1a2a", "b1a2z"}},
+        {3, {"b2a1a", "b2a1z", "b2a6a", "b2a6z"}},
+        {4, {"b3a1a", "b3a1z", "b3a6a", "b3a6z"}},
+        {5, {"b3a2a", "b3a2z"}},
+        {6, {"b6a1a", "b6a1z", "b6a6a", "b6a6z"}},
+        {7, {"b6a2a", "b6a2z"}},
+        {8, {}},
+        {-1, {}},
+    };
+    for (const auto& [queryType, expected] : cases) {
+        EXPECT_EQ(idsOf(database->getProfileRulesByQueryType(queryType)), expected)
+            << "query type " << queryType;
+    }
+
+    // By action: every list, ordered by filter only.
+    const auto byAction = database->getProfileRulesByAction(5);
+    ASSERT_EQ(byAction.size(), 10u);
+    for (size_t i = 0; i < 5; ++i) EXPECT_EQ(byAction[i].filter, "a");
+    for (size_t i = 5; i < 10; ++i) EXPECT_EQ(byAction[i].filter, "z");
+    EXPECT_TRUE(database->getProfileRulesByAction(9).empty());
+
+    std::vector<std::string> ids = idsOf(database->getProfileRulesByActionAndType(7, 4));
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(ids, (std::vector<std::string>{"b4a7a", "b4a7z"}));
+}
+
+TEST_F(ProfileDatabaseTest, StreamingGivesTheRowsOfTheArrayQuery) {
+    auto database = open();
+    std::vector<ProfileRule> rules;
+    for (int i = 0; i < 50; ++i) {
+        ProfileRule rule = makeRule("r" + std::to_string(i), 1 + i % 3, 1 + i % 2,
+                                    std::string(static_cast<size_t>(i % 7), 'f'));
+        if (i % 4 == 0) rule.selector = std::string(static_cast<size_t>(200 - i), 's');
+        rules.push_back(rule);
+    }
+    database->addProfileRules(rules);
+    for (int64_t action : {1, 2, 3}) {
+        std::vector<ProfileRule> streamed;
+        ASSERT_TRUE(database->forEachProfileRuleByAction(
+            action, [&](const ProfileRule& rule) { streamed.push_back(rule); }));
+        EXPECT_EQ(streamed, database->getProfileRulesByAction(action)) << action;
+    }
+}
+
+TEST_F(ProfileDatabaseTest, UpdateChangesTheMatchingRowOnly) {
+    auto database = open();
+    database->addProfileRules({makeRule("a", 1, 5, "x"), makeRule("b", 1, 5, "y")});
+    ProfileRule changed = makeRule("a", 4, 3, "new");
+    changed.domains = "shop.test";
+    changed.domainType = 1;
+    ProfileRule unknown = makeRule("nobody", 1, 5, "z");
+    ProfileRule nullID = makeRule("", 1, 5, "w");
+    nullID.ruleID.reset();  // "WHERE ruleID=NULL" matches nothing
+    database->updateProfileRules({changed, unknown, nullID});
+
+    EXPECT_EQ(database->getProfileRulesCount(), 2);
+    EXPECT_EQ(database->getProfileRulesByAction(3), std::vector<ProfileRule>{changed});
+    EXPECT_EQ(idsOf(database->getProfileRulesByAction(5)), std::vector<std::string>{"b"});
+}
+
+TEST_F(ProfileDatabaseTest, Removals) {
+    auto database = open();
+    database->addProfileRules({makeRule("a", 1, 1, "1"), makeRule("b", 1, 1, "2"),
+                               makeRule("c", 2, 1, "3"), makeRule("d", 1, 2, "4")});
+    // Blocker and action must match too.
+    database->removeProfileRulesCustom({makeRule("a", 1, 1, ""), makeRule("c", 1, 1, "")});
+    EXPECT_EQ(idsOf(database->getProfileRulesByAction(1)), (std::vector<std::string>{"b", "c"}));
+    database->removeProfileRules(2, 1, "c");
+    database->removeProfileRules(1, 2, std::nullopt);  // NULL matches nothing
+    EXPECT_EQ(database->getProfileRulesCount(), 2);
+    database->removeAllProfileRules();
+    EXPECT_EQ(database->getProfileRulesCount(), 0);
+}
+
+TEST_F(ProfileDatabaseTest, EmptyBatchAndDuplicateInserts) {
+    auto database = open();
+    database->addProfileRules({});
+    // The empty batch committed its transaction: a new one can begin.
+    ASSERT_TRUE(database->beginTransactionProfilesDatabase());
+    ASSERT_TRUE(database->commitTransactionProfilesDatabase());
+    database->addProfileRules({makeRule("same", 1, 1, "f")});
+    database->addProfileRules({makeRule("same", 1, 1, "f")});
+    EXPECT_EQ(database->getProfileRulesCount(), 2);
+}
+
+TEST_F(ProfileDatabaseTest, AFailingRecordDoesNotStopTheBatch) {
+    auto database = open();
+    {
+        RawDatabase raw(profilePath("p1"));
+        raw.exec("CREATE UNIQUE INDEX OneRulePerID ON ProfileRules(ruleID)");
+    }
+    database->addProfileRules({makeRule("a", 1, 1, "1")});
+    database->addProfileRules(
+        {makeRule("b", 1, 1, "2"), makeRule("a", 1, 1, "dup"), makeRule("c", 1, 1, "3")});
+    EXPECT_EQ(idsOf(database->getProfileRulesByAction(1)),
+              (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_TRUE(platform.log->contains("ProfileDatabase"));
+    // Committed: another connection sees the rows.
+    RawDatabase raw(profilePath("p1"));
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules"), 3);
+}
+
+// The transaction begun before a failed prepare stays open: the next begin
+// fails, and the next successful batch commits it.
+TEST_F(ProfileDatabaseTest, FailedPrepareLeavesTheTransactionOpen) {
+    auto database = open();
+    {
+        RawDatabase raw(profilePath("p1"));
+        raw.exec("ALTER TABLE ProfileRules RENAME TO Elsewhere");
+    }
+    // The first statement after the change reloads the connection's schema;
+    // from then on the insert cannot even be prepared.
+    EXPECT_EQ(database->getProfileRulesCount(), 0);
+    database->addProfileRules({makeRule("lost", 1, 1, "f")});
+    EXPECT_FALSE(database->beginTransactionProfilesDatabase());
+    EXPECT_TRUE(database->commitTransactionProfilesDatabase());
+    EXPECT_TRUE(database->beginTransactionProfilesDatabase());
+    EXPECT_TRUE(database->commitTransactionProfilesDatabase());
+}
+
+TEST_F(ProfileDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
+    const std::string templateBytes = testing::readBytes(templatePath("profiles"));
+    const std::vector<std::pair<std::string, std::function<void(const std::string&)>>> damages = {
+        {"foreign schema",
+         [](const std::string& path) {
+             RawDatabase raw(path);
+             raw.exec("CREATE TABLE Other (x); INSERT INTO Other VALUES (1)");
+         }},
+        {"random bytes",
+         [](const std::string& path) { writeBytes(path, testing::randomBytes(4096, 7)); }},
+        {"empty file", [](const std::string& path) { writeBytes(path, ""); }},
+        {"truncated",
+         [](const std::string& path) {
+             {
+                 auto database = ProfileDatabase::initWithBlockerProfileID("p1");
+                 std::vector<ProfileRule> many;
+                 for (int i = 0; i < 2000; ++i) {
+                     many.push_back(makeRule("r" + std::to_string(i), 1, 1, std::string(40, 'x')));
+                 }
+                 database->addProfileRules(many);
+             }
+             fs::resize_file(path, fs::file_size(path) / 3);
+         }},
+    };
+    for (const auto& [name, damage] : damages) {
+        SCOPED_TRACE(name);
+        fs::remove_all(platform.containerPath());
+        fs::create_directories(profilesFolder());
+        damage(profilePath("p1"));
+        auto database = open();
+        EXPECT_TRUE(database->checkTablesExist());
+        EXPECT_EQ(database->getProfileRulesCount(), 0);
+        database->addProfileRules({makeRule("after", 1, 1, "f")});
+        EXPECT_EQ(database->getProfileRulesCount(), 1);
+        database.reset();
+        RawDatabase raw(profilePath("p1"));
+        EXPECT_FALSE(raw.hasTable("Other"));
+        EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules"), 1);
+    }
+}
+
+// Another program holding a lock past the busy timeout makes the table
+// unreadable for a moment; that is no damage, and the rules stay.
+TEST_F(ProfileDatabaseTest, ALockedFileIsNotReplaced) {
+    open()->addProfileRules({makeRule("kept", 1, 1, "f")});
+    storage_detail::setBusyTimeoutForTesting(50);
+    {
+        RawDatabase other(profilePath("p1"));
+        other.exec("BEGIN EXCLUSIVE");
+        auto database = open();
+        EXPECT_TRUE(platform.log->contains("locked by another program"));
+        other.exec("COMMIT");
+        EXPECT_EQ(database->getProfileRulesCount(), 1);
+    }
+    storage_detail::setBusyTimeoutForTesting(-1);
+    EXPECT_EQ(open()->getProfileRulesCount(), 1);
+}
+
+TEST_F(ProfileDatabaseTest, RestoreReplacesTheFileWithoutCheckingAgain) {
+    auto database = open();
+    database->addProfileRules({makeRule("a", 1, 1, "f")});
+    database->restoreDatabase();
+    EXPECT_EQ(database->getProfileRulesCount(), 0);
+}
+
+TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {
+    const std::vector<std::string> identifiers = {
+        "../escape", "a/b", "/abs", "..", ".", "a\\b", std::string("a\0b", 3), "../../../tmp/x",
+    };
+    for (const auto& identifier : identifiers) {
+        SCOPED_TRACE(identifier);
+        const auto before = std::distance(fs::recursive_directory_iterator(platform.rootPath()),
+                                          fs::recursive_directory_iterator());
+        auto database = open(identifier);
+        database->addProfileRules({makeRule("a", 1, 1, "f")});
+        database->updateProfileRules({makeRule("a", 1, 1, "g")});
+        database->removeProfileRules(1, 1, "a");
+        database->removeAllProfileRules();
+        database->restoreDatabase();
+        EXPECT_TRUE(database->getProfileRulesByAction(1).empty());
+        EXPECT_TRUE(database->getProfileRulesByQueryType(1).empty());
+        EXPECT_EQ(database->getProfileRulesCount(), 0);
+        EXPECT_FALSE(database->forEachProfileRuleByAction(1, [](const ProfileRule&) {}));
+        database.reset();
+        // Only the ".Profiles" folder (first time) may have appeared.
+        const auto after = std::distance(fs::recursive_directory_iterator(platform.rootPath()),
+                                         fs::recursive_directory_iterator());
+        EXPECT_LE(after, before + 2);
+        EXPECT_EQ(std::distance(fs::directory_iterator(profilesFolder()), {}), 0);
+    }
+    EXPECT_TRUE(platform.log->contains("profile identifier"));
+}
+
+TEST_F(ProfileDatabaseTest, OddButSafeIdentifiersAreOrdinaryNames) {
+    const std::vector<std::pair<NullableString, std::string>> cases = {
+        {std::nullopt, "profile_(null)_data"},
+        {"", "profile__data"},
+        {"a..b", "profile_a..b_data"},
+        {"...", "profile_..._data"},
+        {"Ünïcode id", "profile_Ünïcode id_data"},
+    };
+    for (const auto& [identifier, fileName] : cases) {
+        auto database = open(identifier);
+        database->addProfileRules({makeRule("a", 1, 1, "f")});
+        EXPECT_EQ(database->profilesFileName(), fileName);
+        EXPECT_TRUE(fs::exists(profilesFolder() + "/" + fileName)) << fileName;
+        EXPECT_EQ(database->getProfileRulesCount(), 1) << fileName;
+    }
+}
+
+TEST_F(ProfileDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
+    auto database = open();
+    {
+        RawDatabase raw(profilePath("p1"));
+        raw.exec(
+            "INSERT INTO ProfileRules VALUES "
+            "(X'C328', 1, 1, X'80', CAST(X'F09F9880' AS TEXT), X'EDA080', 'ok', -1, "
+            "CAST(X'62C3BC6368' AS TEXT), 0)");
+        // A valid UTF-8 blob and a number read as text.
+        raw.exec("INSERT INTO ProfileRules VALUES ('b', 1, 1, X'C3A9', 12, NULL, NULL, -1, "
+                 "NULL, 0)");
+    }
+    const auto rules = database->getProfileRulesByAction(1);
+    ASSERT_EQ(rules.size(), 2u);
+    EXPECT_EQ(rules[0].ruleID, "b");
+    EXPECT_EQ(rules[0].selector, "é");
+    EXPECT_EQ(rules[0].filter, "12");
+    EXPECT_EQ(rules[1].ruleID, std::nullopt);
+    EXPECT_EQ(rules[1].selector, std::nullopt);
+    EXPECT_EQ(rules[1].filter, "\xF0\x9F\x98\x80");
+    EXPECT_EQ(rules[1].resources, std::nullopt);  // an encoded surrogate
+    EXPECT_EQ(rules[1].loads, "ok");
+    EXPECT_EQ(rules[1].domains, "bü" "ch");
+}
+
+TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
+    // A table of the right name but too few columns: the missing ones read
+    // as null and zero.
+    fs::create_directories(profilesFolder());
+    {
+        RawDatabase raw(profilePath("p1"));
+        raw.exec("CREATE TABLE ProfileRules (ruleID, blocker, action, filter); "
+                 "INSERT INTO ProfileRules VALUES ('short', 1, 1, 'f')");
+    }
+    auto database = open();
+    const auto rules = database->getProfileRulesByAction(1);
+    ASSERT_EQ(rules.size(), 1u);
+    EXPECT_EQ(rules[0].ruleID, "short");
+    EXPECT_EQ(rules[0].selector, "f");  // column 3, whatever its name
+    EXPECT_EQ(rules[0].filter, std::nullopt);
+    EXPECT_EQ(rules[0].domains, std::nullopt);
+    EXPECT_EQ(rules[0].filterSensitive, 0);
+    EXPECT_EQ(rules[0].domainType, 0);
+    database->addProfileRules({makeRule("x", 1, 1, "f")});  // 10 values into 4 columns: dropped
+    EXPECT_EQ(database->getProfileRulesCount(), 1);
+}
+
+TEST_F(ProfileDatabaseTest, UnusableContainerGivesEmptyResults) {
+    // A container path that is a file: no folder can be made in it, even by
+    // a privileged user.
+    const std::string blocker = platform.rootPath() + "/not-a-folder";
+    writeBytes(blocker, "x");
+    platform.host->setContainerPath(std::string(kApplicationGroup), blocker);
+    auto database = open();
+    database->addProfileRules({makeRule("a", 1, 1, "f")});
+    EXPECT_TRUE(database->getProfileRulesByAction(1).empty());
+    EXPECT_EQ(database->getProfileRulesCount(), 0);
+
+    platform.host->setContainerPath(std::string(kApplicationGroup), std::nullopt);
+    auto noContainer = open();
+    noContainer->addProfileRules({makeRule("a", 1, 1, "f")});
+    EXPECT_TRUE(noContainer->getProfileRulesByQueryType(1).empty());
+}
+
+TEST_F(ProfileDatabaseTest, ContainerRemovedWhileOpen) {
+    auto database = open();
+    database->addProfileRules({makeRule("a", 1, 1, "f")});
+    fs::remove_all(platform.containerPath());
+    database->addProfileRules({makeRule("b", 1, 1, "g")});  // no folder for a journal
+    (void)database->getProfileRulesByAction(1);
+    database.reset();
+    auto reopened = open();  // the container is made again, with a fresh template
+    EXPECT_EQ(reopened->getProfileRulesCount(), 0);
+}
+
+TEST_F(ProfileDatabaseTest, UseAfterCloseIsHarmless) {
+    auto database = open();
+    database->close();
+    database->close();
+    EXPECT_TRUE(database->getProfileRulesByAction(1).empty());
+    database->addProfileRules({makeRule("a", 1, 1, "f")});
+    EXPECT_FALSE(database->beginTransactionProfilesDatabase());
+}
+
+}  // namespace
+}  // namespace stonewall

@@ -1,0 +1,474 @@
+#include "storage/SharedDatabase.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "StorageTestSupport.h"
+#include "storage/SQLiteSupport.h"
+#include "utilities/Custom.h"
+
+namespace stonewall {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::RawDatabase;
+using testing::StorageTest;
+using testing::writeBytes;
+
+// Sets the clock behind currentTimestamp for one scope.
+class FixedClock {
+public:
+    explicit FixedClock(Custom::Timestamp now) {
+        Custom::setClockForTesting([now] { return now; });
+    }
+    ~FixedClock() { Custom::setClockForTesting({}); }
+};
+
+SharedCustomRule makeCustomRule(std::string id, int64_t action) {
+    SharedCustomRule rule;
+    rule.ruleID = std::move(id);
+    rule.action = action;
+    rule.filter = ".*";
+    return rule;
+}
+
+class SharedDatabaseTest : public StorageTest {
+protected:
+    SharedDatabase& database() { return SharedDatabase::sharedInstance(); }
+
+    // Makes the shared file from SQL before the instance opens it.
+    void prepareFile(const std::string& sql) {
+        fs::create_directories(fs::path(sharedPath()).parent_path());
+        RawDatabase raw(sharedPath());
+        raw.exec(sql);
+    }
+
+    static constexpr const char* kSharedDataTable =
+        "CREATE TABLE SharedData (activeProfileID TEXT, timestamps TEXT, profiles TEXT, "
+        "profileIDs TEXT, profileUpdates TEXT, status INTEGER, addDate INTEGER, "
+        "appVersion TEXT, extVersion TEXT, domainStatus TEXT, reload INTEGER);";
+};
+
+TEST_F(SharedDatabaseTest, MissingFileIsCopiedAndHoldsTheDefaultState) {
+    ASSERT_FALSE(fs::exists(sharedPath()));
+    auto& shared = database();
+    EXPECT_TRUE(shared.restored());
+    EXPECT_EQ(shared.dataPath(), sharedPath());
+    EXPECT_EQ(testing::readBytes(sharedPath()), testing::readBytes(templatePath("shared_data")));
+
+    const auto data = shared.getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, "defaultProfile");
+    EXPECT_EQ(data->timestamps, "0,0");
+    EXPECT_EQ(data->profiles, "Default Profile");
+    EXPECT_EQ(data->profileIDs, "defaultProfile");
+    EXPECT_EQ(data->profileUpdates, "0");
+    EXPECT_EQ(data->status, 1);
+    EXPECT_EQ(data->addDate, 0);
+    EXPECT_EQ(data->domainStatus, "-1,-1,-1");
+    EXPECT_EQ(data->reload, 0);
+    EXPECT_TRUE(shared.getSharedCustomRules().empty());
+    EXPECT_TRUE(shared.verifySharedData());
+}
+
+TEST_F(SharedDatabaseTest, AnIntactFileIsNotRestored) {
+    prepareFile(std::string(kSharedDataTable) +
+                "INSERT INTO SharedData VALUES ('mine','1,1','Mine','mine','1',0,5,'a','b','1,-1,-1',1)");
+    auto& shared = database();
+    EXPECT_FALSE(shared.restored());
+    const auto data = shared.getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, "mine");
+    EXPECT_EQ(data->appVersion, "a");
+    EXPECT_EQ(data->extVersion, "b");
+    EXPECT_EQ(data->domainStatus, "1,-1,-1");
+    EXPECT_EQ(data->reload, 1);
+    EXPECT_EQ(data->addDate, 5.0);
+}
+
+TEST_F(SharedDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
+    const std::vector<std::pair<std::string, std::function<void()>>> damages = {
+        {"missing SharedData table", [&] { prepareFile("CREATE TABLE Other (x);"); }},
+        {"random bytes", [&] { writeBytes(sharedPath(), testing::randomBytes(3000, 11)); }},
+        {"empty file", [&] { writeBytes(sharedPath(), ""); }},
+        {"truncated",
+         [&] {
+             {
+                 auto& shared = database();
+                 std::vector<SharedCustomRule> many;
+                 for (int i = 0; i < 1500; ++i) {
+                     many.push_back(makeCustomRule("r" + std::to_string(i), 1));
+                 }
+                 shared.addSharedCustomRulesDetails(many);
+                 SharedDatabase::resetSharedInstanceForTesting();
+             }
+             fs::resize_file(sharedPath(), fs::file_size(sharedPath()) / 3);
+         }},
+    };
+    for (const auto& [name, damage] : damages) {
+        SCOPED_TRACE(name);
+        fs::remove_all(platform.containerPath());
+        fs::create_directories(fs::path(sharedPath()).parent_path());
+        damage();
+        auto& shared = database();
+        EXPECT_TRUE(shared.restored());
+        EXPECT_TRUE(shared.verifySharedData());
+        const auto data = shared.getSharedData();
+        ASSERT_TRUE(data.has_value());
+        EXPECT_EQ(data->activeProfileID, "defaultProfile");
+        EXPECT_TRUE(shared.getSharedCustomRules().empty());
+        SharedDatabase::resetSharedInstanceForTesting();
+    }
+}
+
+TEST_F(SharedDatabaseTest, EmptyTableReadsNullButVerifies) {
+    auto& shared = database();
+    {
+        RawDatabase raw(sharedPath());
+        raw.exec("DELETE FROM SharedData");
+    }
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
+    EXPECT_TRUE(shared.verifySharedData());
+    // An update of an empty table adds nothing and is not an error.
+    SharedData data;
+    data.activeProfileID = "other";
+    shared.updateSharedDataDetails(data);
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
+    RawDatabase raw(sharedPath());
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedData"), 0);
+}
+
+TEST_F(SharedDatabaseTest, TheOldestRowWins) {
+    prepareFile(std::string(kSharedDataTable) +
+                "INSERT INTO SharedData VALUES ('newer','0,0','A','a','0',1,200,NULL,NULL,'-1,-1,-1',0);"
+                "INSERT INTO SharedData VALUES ('older','0,0','B','b','0',0,100,NULL,NULL,'-1,-1,-1',0);"
+                "INSERT INTO SharedData VALUES ('middle','0,0','C','c','0',1,150,NULL,NULL,'-1,-1,-1',0);");
+    const auto data = database().getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, "older");
+    EXPECT_EQ(data->status, 0);
+}
+
+TEST_F(SharedDatabaseTest, UpdateChangesEveryRowWithTheGivenVersions) {
+    prepareFile(std::string(kSharedDataTable) +
+                "INSERT INTO SharedData VALUES ('a','0,0','A','a','0',1,1,'x','x','-1,-1,-1',0);"
+                "INSERT INTO SharedData VALUES ('b','0,0','B','b','0',1,2,'x','x','-1,-1,-1',0);");
+    SharedData data;
+    data.activeProfileID = "p9";
+    data.timestamps = std::nullopt;
+    data.profiles = "";
+    data.status = 0;
+    data.appVersion = "3.0";
+    data.extVersion = "3.1";
+    data.domainStatus = "1,1,-1";
+    data.reload = 1;
+    database().updateSharedDataDetails(data);
+
+    RawDatabase raw(sharedPath());
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedData WHERE activeProfileID='p9' AND "
+                          "timestamps IS NULL AND profiles='' AND status=0 AND appVersion='3.0' "
+                          "AND extVersion='3.1' AND domainStatus='1,1,-1' AND reload=1"),
+              2);
+    // addDate is not part of the update.
+    EXPECT_EQ(raw.integer("SELECT SUM(addDate) FROM SharedData"), 3);
+}
+
+TEST_F(SharedDatabaseTest, AddStoresTheWriteTimeWithoutItsFraction) {
+    prepareFile(kSharedDataTable);
+    SharedData data;
+    data.addDate = 42.5;  // not written: the time of writing is
+    data.domainStatus = "-1,1,-1";
+    {
+        FixedClock clock(1700000000.875);
+        database().addSharedDataDetails(data);
+    }
+    RawDatabase raw(sharedPath());
+    EXPECT_EQ(raw.text("SELECT typeof(addDate) FROM SharedData"), "integer");
+    EXPECT_EQ(raw.integer("SELECT addDate FROM SharedData"), 1700000000);
+    const auto read = database().getSharedData();
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(read->addDate, 1700000000.0);
+    EXPECT_EQ(read->domainStatus, "-1,1,-1");
+    EXPECT_EQ(read->appVersion, data.appVersion);
+}
+
+TEST_F(SharedDatabaseTest, NineColumnTableIsReadAndCannotBeWritten) {
+    prepareFile(
+        "CREATE TABLE SharedData (activeProfileID TEXT, timestamps TEXT, profiles TEXT, "
+        "profileIDs TEXT, profileUpdates TEXT, status INTEGER, addDate INTEGER, appVersion TEXT, "
+        "extVersion TEXT);"
+        "INSERT INTO SharedData VALUES ('old','1,2','P','p','3',0,9,'0.9','0.8');");
+    auto& shared = database();
+    EXPECT_FALSE(shared.restored());
+    auto data = shared.getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, "old");
+    EXPECT_EQ(data->timestamps, "1,2");
+    EXPECT_EQ(data->profileUpdates, "3");
+    EXPECT_EQ(data->status, 0);
+    EXPECT_EQ(data->addDate, 9.0);
+    EXPECT_EQ(data->appVersion, "0.9");
+    EXPECT_EQ(data->extVersion, "0.8");
+    EXPECT_EQ(data->domainStatus, "-1,-1,-1");  // the defaults
+    EXPECT_EQ(data->reload, 0);
+
+    // Both the INSERT and the UPDATE name eleven columns: dropped silently.
+    shared.addSharedDataDetails(SharedData());
+    SharedData changed;
+    changed.activeProfileID = "new";
+    shared.updateSharedDataDetails(changed);
+    data = shared.getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, "old");
+    RawDatabase raw(sharedPath());
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedData"), 1);
+}
+
+TEST_F(SharedDatabaseTest, UnknownShapeGivesTheDefaultRecord) {
+    prepareFile("CREATE TABLE SharedData (a, b, c); INSERT INTO SharedData VALUES ('x', 2, 3);"
+                "CREATE TABLE SharedCustomRules (ruleID);");
+    const auto data = database().getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, "defaultProfile");
+    EXPECT_EQ(data->status, 1);
+}
+
+TEST_F(SharedDatabaseTest, CustomRulesRoundTripWithWriteTimes) {
+    SharedCustomRule full = makeCustomRule("full", 2);
+    full.blocker = 4;
+    full.selector = "div.ad";
+    full.resources = "image";
+    full.loads = "third-party";
+    full.domainType = 2;
+    full.addDate = 5;  // its own dates are not written
+    full.modDate = 6;
+    full.blockerProfileID = "defaultProfile";
+    full.ruleName = "Hide ads";
+    full.filterSensitive = 1;
+    full.regularExpression = 1;
+    full.ruleType = 3;
+    full.active = 0;
+    full.filterDomain = "https://shop.test";
+    full.domains = "*.shop.test";
+    full.filterInfo = 4;
+
+    SharedCustomRule sparse;  // strings null
+    SharedCustomRule empties = makeCustomRule("", 5);
+    empties.selector = "";
+    empties.domains = "";
+
+    auto& shared = database();
+    {
+        FixedClock clock(1000.25);
+        shared.addSharedCustomRulesDetails({sparse});
+    }
+    {
+        FixedClock clock(2000.5);
+        shared.addSharedCustomRulesDetails({full, empties});
+    }
+    const auto rules = shared.getSharedCustomRules();
+    ASSERT_EQ(rules.size(), 3u);
+    // Newest first.
+    SharedCustomRule expectedFull = full;
+    expectedFull.addDate = expectedFull.modDate = 2000.5;
+    SharedCustomRule expectedEmpties = empties;
+    expectedEmpties.addDate = expectedEmpties.modDate = 2000.5;
+    SharedCustomRule expectedSparse = sparse;
+    expectedSparse.addDate = expectedSparse.modDate = 1000.25;
+    EXPECT_EQ(rules[2], expectedSparse);
+    // The two rules of one write share addDate; their order between them is SQLite's.
+    if (rules[0].ruleID == "full") {
+        EXPECT_EQ(rules[0], expectedFull);
+        EXPECT_EQ(rules[1], expectedEmpties);
+    } else {
+        EXPECT_EQ(rules[1], expectedFull);
+        EXPECT_EQ(rules[0], expectedEmpties);
+    }
+
+    shared.removeSharedCustomRulesDetails();
+    EXPECT_TRUE(shared.getSharedCustomRules().empty());
+}
+
+TEST_F(SharedDatabaseTest, AFailingCustomRuleDoesNotStopTheOthers) {
+    auto& shared = database();
+    {
+        RawDatabase raw(sharedPath());
+        raw.exec("CREATE UNIQUE INDEX OneCustomRulePerID ON SharedCustomRules(ruleID)");
+    }
+    shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
+    shared.addSharedCustomRulesDetails(
+        {makeCustomRule("b", 1), makeCustomRule("a", 2), makeCustomRule("c", 1)});
+    EXPECT_EQ(shared.getSharedCustomRules().size(), 3u);
+    EXPECT_TRUE(platform.log->contains("SharedDatabase"));
+    RawDatabase raw(sharedPath());
+    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedCustomRules WHERE action=2"), 0);
+}
+
+TEST_F(SharedDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
+    auto& shared = database();
+    {
+        RawDatabase raw(sharedPath());
+        raw.exec("UPDATE SharedData SET activeProfileID=X'C0AF', profiles=X'E282AC'");
+        raw.exec("INSERT INTO SharedCustomRules (ruleID, ruleName, addDate) "
+                 "VALUES (X'FF', X'F4908080', 1)");
+    }
+    const auto data = shared.getSharedData();
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(data->activeProfileID, std::nullopt);
+    EXPECT_EQ(data->profiles, "\xE2\x82\xAC");
+    const auto rules = shared.getSharedCustomRules();
+    ASSERT_EQ(rules.size(), 1u);
+    EXPECT_EQ(rules[0].ruleID, std::nullopt);
+    EXPECT_EQ(rules[0].ruleName, std::nullopt);  // above U+10FFFF
+}
+
+TEST_F(SharedDatabaseTest, CloseThenReconnect) {
+    auto& shared = database();
+    shared.close();
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
+    EXPECT_FALSE(shared.verifySharedData());
+    shared.addSharedCustomRulesDetails({makeCustomRule("dropped", 1)});
+    shared.reconnectDatabase();
+    EXPECT_TRUE(shared.getSharedData().has_value());
+    EXPECT_TRUE(shared.getSharedCustomRules().empty());
+}
+
+TEST_F(SharedDatabaseTest, ReconnectRepairsAFileDamagedMeanwhile) {
+    auto& shared = database();
+    shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
+    shared.close();
+    writeBytes(sharedPath(), testing::randomBytes(2048, 3));
+    shared.reconnectDatabase();
+    EXPECT_TRUE(shared.getSharedData().has_value());
+    EXPECT_TRUE(shared.getSharedCustomRules().empty());
+
+    // A file removed meanwhile is copied again.
+    shared.close();
+    fs::remove(sharedPath());
+    shared.reconnectDatabase();
+    EXPECT_TRUE(fs::exists(sharedPath()));
+    EXPECT_TRUE(shared.getSharedData().has_value());
+}
+
+// The custom-rule insert keeps its statement; close must still release the
+// connection entirely, or every reconnect would leak one.
+TEST_F(SharedDatabaseTest, CloseReleasesEveryConnection) {
+    auto& shared = database();
+    shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
+    shared.close();
+    const sqlite3_int64 baseline = sqlite3_memory_used();
+    for (int i = 0; i < 20; ++i) {
+        shared.reconnectDatabase();
+        shared.addSharedCustomRulesDetails({makeCustomRule("r" + std::to_string(i), 1)});
+        (void)shared.getSharedCustomRules();
+        shared.close();
+    }
+    // Repairs replace a handle without closing it; close releases those too.
+    for (int i = 0; i < 5; ++i) {
+        writeBytes(sharedPath(), "");
+        shared.reconnectDatabase();
+        shared.addSharedCustomRulesDetails({makeCustomRule("x", 1)});
+        shared.close();
+    }
+    EXPECT_LE(sqlite3_memory_used(), baseline);
+}
+
+TEST_F(SharedDatabaseTest, ALockedFileIsNotReplaced) {
+    database().addSharedCustomRulesDetails({makeCustomRule("kept", 1)});
+    SharedDatabase::resetSharedInstanceForTesting();
+    storage_detail::setBusyTimeoutForTesting(50);
+    {
+        RawDatabase other(sharedPath());
+        other.exec("BEGIN EXCLUSIVE");
+        auto& shared = database();
+        EXPECT_FALSE(shared.restored());
+        EXPECT_TRUE(platform.log->contains("locked by another program"));
+        other.exec("COMMIT");
+        EXPECT_EQ(shared.getSharedCustomRules().size(), 1u);
+    }
+    storage_detail::setBusyTimeoutForTesting(-1);
+}
+
+TEST_F(SharedDatabaseTest, UnusableContainerGivesEmptyResults) {
+    const std::string file = platform.rootPath() + "/not-a-folder";
+    writeBytes(file, "x");
+    platform.host->setContainerPath(std::string(kApplicationGroup), file);
+    auto& shared = database();
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
+    EXPECT_FALSE(shared.verifySharedData());
+    shared.addSharedDataDetails(SharedData());
+    shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
+    shared.updateSharedDataDetails(SharedData());
+    shared.removeSharedCustomRulesDetails();
+    EXPECT_TRUE(shared.getSharedCustomRules().empty());
+    shared.reconnectDatabase();
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
+
+    SharedDatabase::resetSharedInstanceForTesting();
+    platform.host->setContainerPath(std::string(kApplicationGroup), std::nullopt);
+    EXPECT_EQ(database().getSharedData(), std::nullopt);
+    EXPECT_TRUE(database().dataPath().empty());
+}
+
+#ifndef NDEBUG
+// The raw operations belong to the queue: called from anywhere else they
+// would race with the queued work, so debug builds stop at once.
+TEST_F(SharedDatabaseTest, RawOperationsOffTheQueueAreCaughtInDebugBuilds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto& shared = database();
+    EXPECT_DEATH(shared.addSharedData(SharedData()), "must run on the queue");
+    EXPECT_DEATH(shared.removeSharedCustomRules(), "must run on the queue");
+}
+#endif
+
+TEST_F(SharedDatabaseTest, SharedInstanceIsOnePerProcessUntilReset) {
+    SharedDatabase* first = &database();
+    EXPECT_EQ(&database(), first);
+    std::vector<SharedDatabase*> seen(4, nullptr);
+    SharedDatabase::resetSharedInstanceForTesting();
+    {
+        std::vector<std::thread> threads;
+        for (auto& slot : seen) {
+            threads.emplace_back([&slot] { slot = &SharedDatabase::sharedInstance(); });
+        }
+        for (auto& thread : threads) thread.join();
+    }
+    for (auto* instance : seen) EXPECT_EQ(instance, seen[0]);
+}
+
+// Callers on several threads: each operation runs whole on the serial queue,
+// so no write is lost and no read sees half a batch.
+TEST_F(SharedDatabaseTest, ThreadsShareTheQueue) {
+    auto& shared = database();
+    constexpr int kThreads = 4;
+    constexpr int kBatches = 10;
+    constexpr int kBatchSize = 8;
+    std::vector<std::thread> threads;
+    std::atomic<bool> partialBatchSeen{false};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int b = 0; b < kBatches; ++b) {
+                std::vector<SharedCustomRule> batch;
+                for (int i = 0; i < kBatchSize; ++i) {
+                    batch.push_back(makeCustomRule(
+                        "t" + std::to_string(t) + "b" + std::to_string(b) + "i" + std::to_string(i),
+                        1));
+                }
+                shared.addSharedCustomRulesDetails(batch);
+                if (shared.getSharedCustomRules().size() % kBatchSize != 0) partialBatchSeen = true;
+                SharedData data;
+                data.status = b % 2;
+                shared.updateSharedDataDetails(data);
+                (void)shared.getSharedData();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(shared.getSharedCustomRules().size(), size_t{kThreads * kBatches * kBatchSize});
+    EXPECT_FALSE(partialBatchSeen);
+}
+
+}  // namespace
+}  // namespace stonewall
