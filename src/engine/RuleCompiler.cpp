@@ -1,0 +1,431 @@
+// The compiler: a blocker profile's rules -> the content-blocker rule list
+// file, and the two-phase reload of the content blocker.
+
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <new>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "engine/CompanionController.h"
+#include "engine/RuleKeySet.h"
+#include "engine/TextComponents.h"
+#include "platform/Platform.h"
+#include "storage/SharedDatabase.h"
+
+namespace stonewall {
+
+namespace {
+
+// The order of the compiled list. Blocking and hiding rules come before every
+// "ignore-previous-rules" rule, so that an allowed website overrides all of
+// them; "make-https" rules come last. The browser applies rules in list
+// order, so this order is the product's behaviour, not a detail.
+constexpr std::array<int64_t, 8> kCompileOrder = {
+    ActionCode::kBlockWebsite,  ActionCode::kBlock,        ActionCode::kBlockCookies,
+    ActionCode::kHide,          ActionCode::kAllowWebsite, ActionCode::kException,
+    ActionCode::kSecureWebsite, ActionCode::kUpgradeHTTPS,
+};
+
+constexpr char kProfilesFolder[] = ".Profiles";
+
+// Sizes the dedupe table up front; it doubles as a large profile needs.
+constexpr size_t kExpectedRuleCount = 8192;
+// Room for the JSON of a typical list before the first reallocation.
+constexpr size_t kInitialOutputBytes = size_t{1} << 20;
+
+constexpr auto kSettleDelayBigSur = std::chrono::nanoseconds(0);
+constexpr auto kSettleDelayHighSierra = std::chrono::nanoseconds(3000000000);
+constexpr auto kSettleDelayOlder = std::chrono::nanoseconds(2000000000);
+
+// An empty list makes the content blocker fail to load; this rule keeps the
+// list non-empty and matches nothing real.
+ContentBlockerRule placeholderRule() {
+    ContentBlockerRule rule;
+    rule.action.type = "block";
+    rule.trigger.urlFilter = "ockit.svg";
+    return rule;
+}
+
+// The active profile of the shared record when no profile is named. The
+// shared database is closed afterwards, as the rest of the product expects of
+// the compiler; the front reconnects it when its next read comes back empty.
+NullableString resolveProfileID(const NullableString& profileID) {
+    if (profileID) return profileID;
+    SharedDatabase& shared = SharedDatabase::sharedInstance();
+    std::optional<SharedData> data = shared.getSharedData();
+    shared.close();
+    return data ? data->activeProfileID : std::nullopt;
+}
+
+std::string ruleListFileName(const NullableString& profileID) {
+    return "profile_" + textOrNull(profileID) + "_unarchive.json";
+}
+
+// A profile identifier that would put the file outside ".Profiles".
+bool isUnsafeFileNamePart(const std::string& name) {
+    return name.find('/') != std::string::npos || name.find('\0') != std::string::npos;
+}
+
+// The dedupe, cap and conversion of writeProfileRules, rule by rule in list
+// order; the same decisions as addUniqueRule. Only the dedupe keys outlive a
+// rule; converted rules go straight into the JSON buffer.
+class RuleListBuilder {
+  public:
+    explicit RuleListBuilder(ContentBlockerRuleListWriter& writer)
+        : writer_(writer), uniqueRules_(kExpectedRuleCount) {
+        key_.reserve(512);
+    }
+
+    void add(const ProfileRule& rule) {
+        key_.clear();
+        rule.appendHash(key_);
+        if (!uniqueRules_.insert(key_)) {
+            ++duplicates_;
+            return;
+        }
+        if (count_ >= kMaximumRuleCount) {
+            ++capped_;
+            return;
+        }
+        writer_.add(rule.convertToSafariData2());
+        ++count_;
+    }
+
+    size_t count() const { return count_; }
+    int64_t duplicates() const { return duplicates_; }
+    int64_t capped() const { return capped_; }
+
+  private:
+    ContentBlockerRuleListWriter& writer_;
+    RuleKeySet uniqueRules_;
+    std::string key_;
+    size_t count_ = 0;
+    int64_t duplicates_ = 0;
+    int64_t capped_ = 0;
+};
+
+// Reading rows out of SQLite and building the list take about three parts to
+// one; on a large profile the building runs on a helper thread, fed with
+// batches of rows in list order, so that it overlaps the reading. A small
+// profile never starts the thread. The caller still gets the finished list
+// before writeProfileRules returns.
+class PipelinedRuleListBuilder {
+  public:
+    explicit PipelinedRuleListBuilder(ContentBlockerRuleListWriter& writer)
+        : builder_(writer), filling_(kBatchSize) {}
+
+    // Only stops the helper (when the reading side failed before finish).
+    ~PipelinedRuleListBuilder() { stopWorker(); }
+
+    // On the reading thread.
+    void add(const ProfileRule& rule) {
+        filling_[filled_++] = rule;  // assignment reuses the strings' buffers
+        if (filled_ == kBatchSize) submit();
+    }
+
+    // Builds what is left and stops the helper. False when the helper ran out
+    // of memory: the list is then incomplete.
+    bool finish() {
+        if (!worker_.joinable()) {
+            for (size_t i = 0; i < filled_; ++i) builder_.add(filling_[i]);
+            filled_ = 0;
+            return !failed_;
+        }
+        if (filled_ > 0) submit();
+        stopWorker();
+        return !failed_;
+    }
+
+    const RuleListBuilder& builder() const { return builder_; }
+
+  private:
+    static constexpr size_t kBatchSize = 1024;
+    static constexpr size_t kBatchesInFlight = 4;
+
+    struct Batch {
+        std::vector<ProfileRule> rules;
+        size_t size = 0;
+    };
+
+    void submit() {
+        if (!worker_.joinable() && !inline_) {
+            try {
+                worker_ = std::thread([this] { run(); });
+            } catch (const std::system_error&) {
+                inline_ = true;  // no thread to be had: build on this one
+            }
+        }
+        if (inline_) {
+            for (size_t i = 0; i < filled_; ++i) builder_.add(filling_[i]);
+            filled_ = 0;
+            return;
+        }
+        std::vector<ProfileRule> next;
+        {
+            std::unique_lock lock(mutex_);
+            // Bounded, so that a slow builder cannot make the rows pile up.
+            changed_.wait(lock, [this] { return ready_.size() < kBatchesInFlight; });
+            ready_.push_back(Batch{std::move(filling_), filled_});
+            if (!spare_.empty()) {
+                next = std::move(spare_.back());
+                spare_.pop_back();
+            }
+        }
+        changed_.notify_all();
+        if (next.empty()) next.resize(kBatchSize);
+        filling_ = std::move(next);
+        filled_ = 0;
+    }
+
+    void stopWorker() {
+        if (!worker_.joinable()) return;
+        {
+            std::lock_guard lock(mutex_);
+            done_ = true;
+        }
+        changed_.notify_all();
+        worker_.join();
+    }
+
+    // On the helper thread.
+    void run() {
+        while (true) {
+            Batch batch;
+            {
+                std::unique_lock lock(mutex_);
+                changed_.wait(lock, [this] { return !ready_.empty() || done_; });
+                if (ready_.empty()) return;
+                batch = std::move(ready_.front());
+                ready_.pop_front();
+            }
+            changed_.notify_all();
+            if (!failed_) {
+                try {
+                    for (size_t i = 0; i < batch.size; ++i) builder_.add(batch.rules[i]);
+                } catch (const std::bad_alloc&) {
+                    // Out of memory: the reading side finishes, the list is
+                    // dropped (see finish).
+                    failed_ = true;
+                }
+            }
+            std::lock_guard lock(mutex_);
+            spare_.push_back(std::move(batch.rules));
+        }
+    }
+
+    RuleListBuilder builder_;
+    std::vector<ProfileRule> filling_;
+    size_t filled_ = 0;
+
+    std::thread worker_;
+    bool inline_ = false;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Batch> ready_;
+    std::vector<std::vector<ProfileRule>> spare_;
+    bool done_ = false;
+    std::atomic<bool> failed_ = false;
+};
+
+// The hot path of writeProfileRules: rows stream from SQLite into the JSON
+// buffer. Returns the number of rules written, or none when the list could
+// not be completed.
+std::optional<size_t> compileInto(ProfileDatabase* database, ContentBlockerRuleListWriter& writer,
+                                  CompileReport* report) {
+    if (!database) return 0;
+    PipelinedRuleListBuilder pipeline(writer);
+    for (int64_t action : kCompileOrder) {
+        int64_t read = 0;
+        database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
+            ++read;
+            pipeline.add(rule);
+        });
+        if (report) report->rulesReadByAction[static_cast<size_t>(action)] = read;
+    }
+    const bool complete = pipeline.finish();
+    if (report) {
+        report->duplicatesDropped = pipeline.builder().duplicates();
+        report->rulesDroppedByCap = pipeline.builder().capped();
+    }
+    if (!complete) return std::nullopt;
+    return pipeline.builder().count();
+}
+
+}  // namespace
+
+int64_t CompileReport::rulesRead() const {
+    int64_t total = 0;
+    for (int64_t count : rulesReadByAction) total += count;
+    return total;
+}
+
+void CompanionController::addUniqueRule(const ProfileRule& rule,
+                                        std::vector<ContentBlockerRule>& profileRules,
+                                        UniqueRules& uniqueRules) {
+    // The key is recorded even when the cap refuses the rule: a later
+    // duplicate of a refused rule is then a duplicate, not a second refusal.
+    if (!uniqueRules.insert(rule.computeHash()).second) return;
+    if (profileRules.size() < kMaximumRuleCount) {
+        profileRules.push_back(rule.convertToSafariData2());
+    }
+}
+
+std::vector<ContentBlockerRule> CompanionController::readProfileRules(
+    const NullableString& profileID, const std::shared_ptr<ProfileDatabase>& profileDatabase) {
+    // Only for its side effect on the shared database, as writeProfileRules.
+    (void)resolveProfileID(profileID);
+    std::vector<ContentBlockerRule> profileRules;
+    UniqueRules uniqueRules;
+    if (profileDatabase) {
+        for (int64_t action : kCompileOrder) {
+            profileDatabase->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
+                addUniqueRule(rule, profileRules, uniqueRules);
+            });
+        }
+    }
+    if (profileRules.empty()) profileRules.push_back(placeholderRule());
+    return profileRules;
+}
+
+void CompanionController::writeProfileRules(
+    const NullableString& profileID, const std::shared_ptr<ProfileDatabase>& profileDatabase) {
+    writeProfileRules(profileID, profileDatabase, nullptr);
+}
+
+void CompanionController::writeProfileRules(const NullableString& profileID,
+                                            const std::shared_ptr<ProfileDatabase>& profileDatabase,
+                                            CompileReport* report) {
+    const FileHandler fileHandler =
+        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
+    const NullableString resolvedID = resolveProfileID(profileID);
+
+    std::string json;
+    json.reserve(kInitialOutputBytes);
+    std::optional<size_t> compiled;
+    {
+        ContentBlockerRuleListWriter writer(json);
+        compiled = compileInto(profileDatabase.get(), writer, report);
+        if (compiled == size_t{0}) writer.add(placeholderRule());
+        writer.finish();
+    }
+    const size_t count = compiled.value_or(0);
+
+    const std::string fileName = ruleListFileName(resolvedID);
+    bool written = false;
+    if (!compiled) {
+        // A partial list would silently drop rules; the browser keeps the
+        // last complete one instead.
+        FileHandler::logError("out of memory while compiling the rule list");
+    } else if (resolvedID && isUnsafeFileNamePart(*resolvedID)) {
+        FileHandler::logError("refusing to write a rule list for profile identifier " +
+                              *resolvedID);
+    } else {
+        written = fileHandler.writeToURL(fileName, json);
+    }
+
+    if (report) {
+        report->profileID = resolvedID;
+        report->rulesWritten = compiled ? static_cast<int64_t>(count == 0 ? 1 : count) : 0;
+        report->placeholderUsed = compiled == size_t{0};
+        report->bytesWritten = static_cast<int64_t>(json.size());
+        report->fileWritten = written;
+        report->outputPath = fileHandler.getFilePath(fileName);
+    }
+}
+
+std::vector<std::string> CompanionController::readWebsitesRules(
+    const NullableString& /*profileID*/, int64_t action,
+    const std::shared_ptr<ProfileDatabase>& profileDatabase) {
+    if (!profileDatabase) return {};
+    const std::vector<ProfileRule> rules = profileDatabase->getProfileRulesByAction(action);
+    if (rules.empty() || !rules.front().domains) return {};
+    return engine_detail::componentsSeparatedByString(*rules.front().domains, ",");
+}
+
+platform::Nanoseconds CompanionController::settleDelay() {
+    const platform::Host& host = platform::host();
+    if (host.isOperatingSystemAtLeastVersion({11, 0, 0})) return kSettleDelayBigSur;
+    if (host.isOperatingSystemAtLeastVersion({10, 13, 4})) return kSettleDelayHighSierra;
+    return kSettleDelayOlder;
+}
+
+void CompanionController::reloadBlockerRules(const NullableString& profileID,
+                                             std::shared_ptr<ProfileDatabase> profileDatabase,
+                                             CompletionHandler completionHandler) {
+    reloadBlockerRules(profileID, std::move(profileDatabase), std::move(completionHandler),
+                       nullptr);
+}
+
+void CompanionController::reloadBlockerRules(const NullableString& profileID,
+                                             std::shared_ptr<ProfileDatabase> profileDatabase,
+                                             CompletionHandler completionHandler,
+                                             CompileReport* report) {
+    std::shared_ptr<platform::UserDefaults> defaults =
+        platform::defaults().suiteNamed(std::string(kApplicationGroup));
+
+    if (std::floor(platform::host().appKitVersionNumber()) < kMinimumAppKitVersion) {
+        // Such hosts cannot reload a content blocker. The caller is told at
+        // once; from another thread the answer still goes to the main queue.
+        if (completionHandler) {
+            platform::Queue& main = platform::dispatch().mainQueue();
+            if (main.isCurrent()) {
+                completionHandler(std::nullopt);
+            } else {
+                main.async([completionHandler] { completionHandler(std::nullopt); });
+            }
+        }
+        return;
+    }
+
+    if (profileID) {
+        if (!profileDatabase)
+            profileDatabase = ProfileDatabase::initWithBlockerProfileID(profileID);
+        writeProfileRules(profileID, profileDatabase, report);
+        defaults->setObject(*profileID, std::string(kActiveProfileIDKey));
+    }
+
+    // The content-blocker extension reads "blockerReloadType" when the
+    // browser loads it, to tell the first load of a request from the second;
+    // each value must be synchronised before the load it describes.
+    defaults->setInteger(1, std::string(kBlockerReloadTypeKey));
+    defaults->synchronize();
+
+    auto finish = [completionHandler](std::optional<Error> error) {
+        if (!completionHandler) return;
+        platform::dispatch().mainQueue().async(
+            [completionHandler, error = std::move(error)] { completionHandler(error); });
+    };
+
+    platform::contentBlocker().reloadContentBlockerWithIdentifier(
+        std::string(kContentBlockerIdentifier), [defaults, finish](std::optional<Error> error) {
+            if (error) {
+                finish(std::move(error));
+                return;
+            }
+            const platform::Nanoseconds delay = settleDelay();
+            defaults->setInteger(2, std::string(kBlockerReloadTypeKey));
+            defaults->synchronize();
+            platform::dispatch()
+                .globalQueue(platform::QueuePriority::High)
+                .asyncAfter(delay, [finish] {
+                    platform::contentBlocker().reloadContentBlockerWithIdentifier(
+                        std::string(kContentBlockerIdentifier), finish);
+                });
+        });
+}
+
+int64_t CompanionController::setCurrentSafariServices() const {
+    // The generations of the browser's content-blocker service: 4 for the
+    // second one, 3 for the first, 1 for none. A reload service is the first
+    // generation's only feature, so that is what a host with one offers.
+    return platform::installed().contentBlocker ? 3 : 1;
+}
+
+}  // namespace stonewall

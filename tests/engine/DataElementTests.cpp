@@ -1,0 +1,85 @@
+// Picked elements as the page script sends them.
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "engine/DataElement.h"
+
+namespace stonewall {
+namespace {
+
+std::vector<std::string> nine() {
+    return {"loc", "img", "#sel", "src", "cur", "a", "a.sel", "psrc", "pcur"};
+}
+
+TEST(DataElement, NineEntriesAreReadByPosition) {
+    const DataElement element = DataElement::initWithElement(nine());
+    EXPECT_EQ(element.location, "loc");
+    EXPECT_EQ(element.tag, "img");
+    EXPECT_EQ(element.selector, "#sel");
+    EXPECT_EQ(element.source, "src");
+    EXPECT_EQ(element.currentSource, "cur");
+    ASSERT_TRUE(element.parentElement);
+    EXPECT_EQ(element.parentElement->tag, "a");
+    EXPECT_EQ(element.parentElement->selector, "a.sel");
+    EXPECT_EQ(element.parentElement->source, "psrc");
+    EXPECT_EQ(element.parentElement->currentSource, "pcur");
+    EXPECT_FALSE(element.parentElement->location);
+    EXPECT_FALSE(element.parentElement->parentElement);
+    EXPECT_FALSE(element.childElement);
+    EXPECT_EQ(element.description(),
+              "location: loc, tag: img, selector: #sel, source: src, currentSource: cur");
+}
+
+TEST(DataElement, AnyOtherCountGivesAnEmptyRecord) {
+    for (size_t count : {0u, 1u, 8u, 10u, 18u}) {
+        std::vector<std::string> entries = nine();
+        entries.resize(count, "x");
+        const DataElement element = DataElement::initWithElement(entries);
+        EXPECT_FALSE(element.location || element.tag || element.selector || element.source ||
+                     element.currentSource || element.parentElement)
+            << count;
+    }
+    EXPECT_EQ(DataElement{}.description(),
+              "location: (null), tag: (null), selector: (null), source: (null), "
+              "currentSource: (null)");
+}
+
+TEST(DataElement, MessageDataOfTheWire) {
+    const auto elements = DataElement::elementsFromMessageData(std::string_view(
+        R"([["l","div","#a","","","body","","",""],
+            ["l","img",null,"s",7,"a","","",""],
+            ["too","short"],
+            "not an array",
+            {"tag":"img"}])"));
+    ASSERT_TRUE(elements);
+    ASSERT_EQ(elements->size(), 5u);
+    EXPECT_EQ((*elements)[0].selector, "#a");
+    EXPECT_EQ((*elements)[0].parentElement->tag, "body");
+    EXPECT_FALSE((*elements)[1].selector) << "a non-string member reads as absent";
+    EXPECT_FALSE((*elements)[1].currentSource);
+    EXPECT_EQ((*elements)[1].source, "s");
+    for (size_t i = 2; i < 5; ++i) {
+        EXPECT_FALSE((*elements)[i].tag) << i;
+        EXPECT_FALSE((*elements)[i].parentElement) << i;
+    }
+}
+
+TEST(DataElement, MessageDataThatIsNoArrayOfElements) {
+    for (std::string_view text :
+         {std::string_view(""), std::string_view("{\"data\":[]}"), std::string_view("[[\"a\""),
+          std::string_view("42"), std::string_view("[\"\xff\xfe\"]"), std::string_view("null")}) {
+        EXPECT_FALSE(DataElement::elementsFromMessageData(text)) << text;
+    }
+    const auto empty = DataElement::elementsFromMessageData(std::string_view("[]"));
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->empty());
+    // Deep nesting is refused or read, never a crash.
+    const std::string deep(100000, '[');
+    EXPECT_FALSE(DataElement::elementsFromMessageData(std::string_view(deep)));
+    EXPECT_TRUE(DataElement::elementsFromMessageData(nlohmann::json::array({nlohmann::json()})));
+}
+
+}  // namespace
+}  // namespace stonewall

@@ -1,0 +1,134 @@
+// Construction, blocking on/off and profile activation.
+
+#include "EngineTestSupport.h"
+
+namespace stonewall::testing {
+namespace {
+
+using platform::testing::DefaultsWrite;
+
+class LifecycleTest : public EngineTest {
+  protected:
+    SharedData stored() {
+        auto data = SharedDatabase::sharedInstance().getSharedData();
+        EXPECT_TRUE(data);
+        return data.value_or(SharedData{});
+    }
+};
+
+TEST_F(LifecycleTest, InitReadsTheSharedRecordAndOpensTheActiveProfile) {
+    storeSharedData(sharedDataWith("start"));
+    CompanionController controller;
+    ASSERT_TRUE(controller.sharedData());
+    EXPECT_EQ(controller.sharedData()->activeProfileID, "start");
+    ASSERT_TRUE(controller.activeDatabase());
+    EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_start_data");
+    EXPECT_EQ(*controller.fileHandler().path(), profilesFolder());
+    EXPECT_EQ(&controller.sharedDatabase(), &SharedDatabase::sharedInstance());
+}
+
+TEST_F(LifecycleTest, BlockerEnabledFollowsTheToolkitVersion) {
+    for (auto [appKit, enabled] :
+         {std::pair{1503.9, false}, std::pair{1504.0, true}, std::pair{2487.0, true}}) {
+        SCOPED_TRACE(appKit);
+        platform.host->setAppKitVersionNumber(appKit);
+        CompanionController controller;
+        EXPECT_EQ(controller.blockerEnabled(), enabled);
+        // It never returns to false, even if a later sync sees an old host.
+        platform.host->setAppKitVersionNumber(1000);
+        controller.syncShared();
+        EXPECT_EQ(controller.blockerEnabled(), enabled);
+    }
+}
+
+TEST_F(LifecycleTest, ChangeStatusTwiceReturnsToTheFirstValue) {
+    CompanionController controller;
+    ASSERT_EQ(controller.sharedData()->status, 1);
+    int completions = 0;
+    auto handler = [&](std::optional<Error> error) {
+        EXPECT_FALSE(error);
+        ++completions;
+    };
+
+    controller.changeStatus(handler);
+    EXPECT_EQ(completions, 1) << "the handler is called before returning";
+    EXPECT_EQ(stored().status, 0);
+    EXPECT_EQ(suite()->integerForKey("blockingStatus"), 2);
+
+    controller.changeStatus(handler);
+    EXPECT_EQ(stored().status, 1);
+    EXPECT_EQ(suite()->integerForKey("blockingStatus"), 1);
+    EXPECT_EQ(updateNotificationCount(), 2u);
+    EXPECT_EQ(suite()->writes(), (std::vector<DefaultsWrite>{{"blockingStatus", int64_t{2}},
+                                                             {"blockingStatus", int64_t{1}}}));
+    EXPECT_GE(suite()->synchronizeCount(), 2);
+}
+
+TEST_F(LifecycleTest, AnUnknownStatusTurnsBlockingOff) {
+    storeSharedData(sharedDataWith("odd", "-1,-1,-1", /*status=*/5));
+    CompanionController controller;
+    controller.changeStatus(nullptr);
+    EXPECT_EQ(stored().status, 0);
+    EXPECT_EQ(suite()->integerForKey("blockingStatus"), 2);
+}
+
+TEST_F(LifecycleTest, TheNotificationFollowsTheStoredChange) {
+    CompanionController controller;
+    std::optional<int64_t> statusSeenByReceiver;
+    auto token = platform.notifications->addObserver(
+        "extensionUpdate", [&](const std::string&, const std::string& object) {
+            EXPECT_EQ(object, "StonewallExtension");
+            statusSeenByReceiver = SharedDatabase::sharedInstance().getSharedData()->status;
+        });
+    controller.changeStatus(nullptr);
+    EXPECT_EQ(statusSeenByReceiver, 0);
+}
+
+TEST_F(LifecycleTest, WithoutASharedRecordNothingIsStoredButTheHandlerRuns) {
+    storeSharedData(sharedDataWith("kept"));
+    CompanionController controller;
+    controller.setSharedData(std::nullopt);
+    int completions = 0;
+    controller.changeStatus([&](std::optional<Error>) { ++completions; });
+    controller.activateProfile(std::string("other"), [&](std::optional<Error>) { ++completions; });
+    controller.updateWebsitesStatusShared(5);
+    EXPECT_EQ(completions, 2);
+    EXPECT_EQ(stored().activeProfileID, "kept");
+    EXPECT_EQ(stored().status, 1);
+    EXPECT_EQ(updateNotificationCount(), 0u);
+    EXPECT_FALSE(suite()->integerForKey("blockingStatus"));
+}
+
+TEST_F(LifecycleTest, ActivateProfileKeepsTheOldDatabaseUntilConnect) {
+    storeSharedData(sharedDataWith("old"));
+    CompanionController controller;
+    const auto oldDatabase = controller.activeDatabase();
+    int completions = 0;
+    controller.activateProfile(std::string("new"), [&](std::optional<Error> error) {
+        EXPECT_FALSE(error);
+        ++completions;
+    });
+    EXPECT_EQ(completions, 1);
+    EXPECT_EQ(updateNotificationCount(), 1u);
+    EXPECT_EQ(stored().activeProfileID, "new");
+    EXPECT_EQ(controller.activeDatabase(), oldDatabase);
+    EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_old_data");
+
+    controller.connectProfileDatabase();
+    EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_new_data");
+    EXPECT_TRUE(platform.contentBlocker->calls().empty()) << "activation does not reload";
+}
+
+TEST_F(LifecycleTest, SyncSharedSeesOtherWriters) {
+    CompanionController controller;
+    SharedData changed = sharedDataWith("elsewhere", "1,0,-1", 0);
+    storeSharedData(changed);
+    EXPECT_EQ(controller.sharedData()->activeProfileID, "defaultProfile");
+    controller.syncShared();
+    EXPECT_EQ(controller.sharedData()->activeProfileID, "elsewhere");
+    EXPECT_EQ(controller.sharedData()->domainStatus, "1,0,-1");
+    EXPECT_EQ(controller.sharedData()->status, 0);
+}
+
+}  // namespace
+}  // namespace stonewall::testing

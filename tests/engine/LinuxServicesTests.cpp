@@ -1,0 +1,165 @@
+// The engine on the real Linux services: real threads and main loop, the
+// file-backed defaults suite, and WebKitGTK's content-rule compiler standing
+// in for the browser. What the compiler writes must be a list WebKit accepts.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "ProfileGenerator.h"
+#include "engine/CompanionController.h"
+#include "platform/linux/LinuxServices.h"
+#include "platform/linux/WebKitContentBlockerManager.h"
+#include "platform/testing/TestPlatform.h"
+#include "storage/SharedDatabase.h"
+
+namespace stonewall {
+namespace {
+
+using Manager = platform::linux::WebKitContentBlockerManager;
+
+class LinuxServicesTest : public ::testing::Test {
+  protected:
+    LinuxServicesTest() : scope_(makeServices()) {
+        SharedDatabase::resetSharedInstanceForTesting();
+    }
+    ~LinuxServicesTest() override { SharedDatabase::resetSharedInstanceForTesting(); }
+
+    std::string container() const { return temporary_.containerPath(); }
+
+    // Runs the main loop until the reload completes (or a minute passes,
+    // which fails the test); returns the outcome and how often it came.
+    std::pair<std::optional<Error>, int> reload(const NullableString& profileID,
+                                                std::shared_ptr<ProfileDatabase> database) {
+        std::optional<Error> outcome;
+        int calls = 0;
+        bool onMain = false;
+        CompanionController::reloadBlockerRules(
+            profileID, std::move(database), [&](std::optional<Error> error) {
+                ++calls;
+                outcome = std::move(error);
+                onMain = platform::dispatch().mainQueue().isCurrent();
+                platform::dispatch().stopMain();
+            });
+        runMainWithWatchdog();
+        // A second completion would arrive on the loop; give it the chance.
+        platform::dispatch().mainQueue().asyncAfter(std::chrono::milliseconds(300),
+                                                    [] { platform::dispatch().stopMain(); });
+        runMainWithWatchdog();
+        EXPECT_TRUE(onMain);
+        return {outcome, calls};
+    }
+
+    std::optional<int64_t> reloadType() {
+        auto suite = platform::defaults().suiteNamed(platform::testing::kTestApplicationGroup);
+        suite->synchronize();
+        return suite->integerForKey("blockerReloadType");
+    }
+
+  private:
+    platform::Services makeServices() {
+        platform::linux::LinuxOptions options;
+        options.containerPath = temporary_.containerPath();
+        const char* resources = std::getenv("STONEWALL_RESOURCES");
+        if (resources) options.resourcePath = resources;
+        // No bus here: notifications are dropped, as the service promises.
+        options.busAddress = "unix:path=" + temporary_.rootPath() + "/no-bus";
+        options.verbose = false;
+        return platform::linux::makeLinuxServices(options);
+    }
+
+    void runMainWithWatchdog() {
+        std::mutex mutex;
+        std::condition_variable finished;
+        bool done = false;
+        bool timedOut = false;
+        std::thread watchdog([&] {
+            std::unique_lock lock(mutex);
+            if (!finished.wait_for(lock, std::chrono::seconds(60), [&] { return done; })) {
+                timedOut = true;
+                platform::dispatch().stopMain();
+            }
+        });
+        platform::dispatch().runMain();
+        {
+            std::lock_guard lock(mutex);
+            done = true;
+        }
+        finished.notify_all();
+        watchdog.join();
+        ASSERT_FALSE(timedOut) << "the reload never completed";
+    }
+
+    platform::testing::TestPlatform temporary_;  // only for its temporary folder
+    platform::ScopedServices scope_;
+};
+
+TEST_F(LinuxServicesTest, WebKitAcceptsARealisticProfileWithEveryKindOfCustomRule) {
+    CompanionController controller;
+    ASSERT_TRUE(controller.sharedData());
+    const NullableString profileID = controller.sharedData()->activeProfileID;
+    ProfileGenerator generator;
+    generator.fillDatabase(*controller.activeDatabase(), 1500);
+
+    controller.createBlockWebsiteCustomRule(std::string("https://news.example.org/a"), nullptr);
+    controller.createSecureWebsiteCustomRule(std::string("http://plain.example.net/"), nullptr);
+    controller.createWhitelistWebsiteCustomRule(std::string("https://shop.example.com/"), nullptr);
+    auto elements = DataElement::elementsFromMessageData(std::string_view(R"([
+        ["", "div", "div.sponsored > .ad", "", "", "section", "", "", ""],
+        ["", "img", "#b", "https://ads.tracker.net/b/1.gif", "", "a", "",
+         "https://click.tracker.net/go", ""],
+        ["", "img", "#c", "https://cdn.example.org/x.png?v=1+2", "", "a", "", "", ""]])"));
+    ASSERT_TRUE(elements);
+    for (auto& element : *elements) element.location = "news.example.org";
+    controller.createVisualCustomRules(*elements, nullptr);
+
+    CompileReport report;
+    CompanionController::writeProfileRules(profileID, controller.activeDatabase(), &report);
+    ASSERT_TRUE(report.fileWritten);
+    EXPECT_GT(report.rulesWritten, 1000);
+
+    const auto [error, calls] = reload(profileID, controller.activeDatabase());
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(error) << error->domain << " " << error->code << " " << error->message;
+    EXPECT_EQ(reloadType(), 2);
+    EXPECT_FALSE(Manager::lookUpRuleList(Manager::storePathForContainer(container()),
+                                         Manager::kContentBlockerIdentifier));
+}
+
+TEST_F(LinuxServicesTest, WebKitAcceptsThePlaceholderOfAnEmptyProfile) {
+    auto database = ProfileDatabase::initWithBlockerProfileID(std::string("empty"));
+    const auto [error, calls] = reload(std::string("empty"), database);
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(error) << error->message;
+}
+
+TEST_F(LinuxServicesTest, ARejectedListEndsTheRequestAfterTheFirstPhase) {
+    auto database = ProfileDatabase::initWithBlockerProfileID(std::string("bad"));
+    ProfileRule bogus;  // resource types pass through unchecked; WebKit refuses this one
+    bogus.action = ActionCode::kBlock;
+    bogus.filter = ".*";
+    bogus.resources = "script,bogus";
+    database->addProfileRules({bogus});
+    const auto [error, calls] = reload(std::string("bad"), database);
+    EXPECT_EQ(calls, 1);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain, "WebKitUserContentFilterError");
+    EXPECT_EQ(reloadType(), 1);
+}
+
+TEST_F(LinuxServicesTest, BlockingOffReloadsWithoutAProfile) {
+    CompanionController controller;
+    controller.changeStatus(nullptr);
+    const auto [error, calls] = reload(std::nullopt, nullptr);
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(error) << error->message;
+    auto suite = platform::defaults().suiteNamed(platform::testing::kTestApplicationGroup);
+    EXPECT_EQ(suite->integerForKey("blockingStatus"), 2);
+}
+
+}  // namespace
+}  // namespace stonewall

@@ -1,0 +1,263 @@
+// The website lists, the domain status and the same-site heuristics.
+
+#include "EngineTestSupport.h"
+#include "utilities/Generator.h"
+
+namespace stonewall::testing {
+namespace {
+
+class WebsiteListsTest : public EngineTest {
+  protected:
+    // A controller on profile "sites" whose first action-5 rule holds `list`
+    // (and a second rule that membership checks must not look at).
+    std::unique_ptr<CompanionController> controllerWithList(const std::string& list) {
+        storeSharedData(sharedDataWith("sites"));
+        ProfileRule first = makeRule(5, ".*", BlockerCode::kCustom, "first");
+        first.domains = list;
+        ProfileRule second = makeRule(5, "~later", BlockerCode::kCustom, "second");
+        second.domains = "second.com";
+        openProfile("sites")->addProfileRules({second, first});
+        return std::make_unique<CompanionController>();
+    }
+};
+
+TEST_F(WebsiteListsTest, ExactMembershipAgainstPatternMembership) {
+    auto controller = controllerWithList("*.example.com,exact.org,*example.org");
+    struct Case {
+        const char* host;
+        bool exists;  // checkWebsiteExists
+        bool inList;  // checkDomainInWebsiteList
+    };
+    const Case cases[] = {
+        {"www.example.com", false, true},
+        {"a.b.example.com", false, true},
+        {"example.com", false, false},
+        {"exact.org", true, true},
+        {"sub.exact.org", false, false},
+        {"Exact.org", false, false},
+        {"example.org", false, true},
+        {"www.example.org", false, true},
+        {"examplefoo.org", false, true},
+        {"second.com", false, false},
+        // Pattern entries never match exactly; as a host, the text is just
+        // a string with the pattern's prefix.
+        {"*.example.com", false, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.host);
+        EXPECT_EQ(controller->checkWebsiteExists(std::string(c.host), 5), c.exists);
+        EXPECT_EQ(controller->checkDomainInWebsiteList(std::nullopt, std::string(c.host), 5),
+                  c.inList);
+    }
+    EXPECT_FALSE(controller->checkWebsiteExists(std::nullopt, 5));
+    EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::nullopt, 5));
+    EXPECT_FALSE(controller->checkWebsiteExists(std::string("exact.org"), 7));
+    EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::string("exact.org"), 7));
+}
+
+TEST_F(WebsiteListsTest, StatusReadsItsPositionAsAnInteger) {
+    struct Case {
+        const char* status;
+        int64_t block, allow, secure;
+    };
+    const Case cases[] = {
+        {"-1,-1,-1", -1, -1, -1}, {"1,0,-1", 1, 0, -1}, {"abc,2x, 7", 0, 2, 7},
+        {"1", 1, -1, -1},         {"", 0, -1, -1},      {"99999999999,-0,+3", INT32_MAX, 0, 3},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.status);
+        CompanionController controller;
+        controller.setSharedData(sharedDataWith("s", c.status));
+        EXPECT_EQ(controller.getWebsitesStatusShared(5), c.block);
+        EXPECT_EQ(controller.getWebsitesStatusShared(3), c.allow);
+        EXPECT_EQ(controller.getWebsitesStatusShared(7), c.secure);
+        EXPECT_EQ(controller.getWebsitesStatusShared(1), -1);
+    }
+}
+
+TEST_F(WebsiteListsTest, UpdateStatusSetsOnePositionAndAlwaysStores) {
+    struct Case {
+        const char* before;
+        int64_t action;
+        const char* after;
+    };
+    const Case cases[] = {
+        {"-1,0,-1", 7, "-1,0,1"},  {"-1,0,-1", 5, "1,0,-1"}, {"-1,0,-1", 3, "-1,1,-1"},
+        {"-1,0,-1", 4, "-1,0,-1"}, {"0", 7, "0,-1,1"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.before) + " / " + std::to_string(c.action));
+        CompanionController controller;
+        SharedData data = sharedDataWith("s", c.before);
+        data.profiles = "changed " + std::to_string(c.action);  // shows that it was stored
+        controller.setSharedData(data);
+        controller.updateWebsitesStatusShared(c.action);
+        EXPECT_EQ(controller.sharedData()->domainStatus, c.after);
+        const auto stored = SharedDatabase::sharedInstance().getSharedData();
+        ASSERT_TRUE(stored);
+        EXPECT_EQ(stored->domainStatus, c.after);
+        EXPECT_EQ(stored->profiles, data.profiles);
+    }
+}
+
+TEST_F(WebsiteListsTest, WebsiteRulesCarryTheListIdentifierOfTheProfile) {
+    storeSharedData(sharedDataWith("prof"));
+    CompanionController controller;
+    const SharedCustomRule block = controller.blockWebsiteCustomRule(std::string("a.com"));
+    const SharedCustomRule secure = controller.secureWebsiteCustomRule(std::string("a.com"));
+    const SharedCustomRule allow = controller.whitelistWebsiteCustomRule(std::string("a.com"));
+    EXPECT_EQ(block.action, 5);
+    EXPECT_EQ(secure.action, 7);
+    EXPECT_EQ(allow.action, 3);
+    for (const auto* rule : {&block, &secure, &allow}) {
+        EXPECT_EQ(rule->blocker, 4);
+        EXPECT_EQ(rule->filter, ".*");
+        EXPECT_EQ(rule->domains, "a.com");
+        EXPECT_EQ(rule->domainType, 1);
+        EXPECT_EQ(rule->active, 1);
+        ASSERT_TRUE(rule->ruleID);
+        EXPECT_EQ(rule->ruleID->size(), 40u);
+        EXPECT_EQ(rule->ruleID, Generator::customRuleID(rule->action, std::string("prof")));
+    }
+    EXPECT_NE(block.ruleID, secure.ruleID);
+    EXPECT_EQ(controller.blockWebsiteCustomRule(std::string("b.com")).ruleID, block.ruleID);
+}
+
+TEST_F(WebsiteListsTest, AddingAWebsiteNotifiesUnlessItsStatusIsZero) {
+    struct Case {
+        const char* status;
+        size_t notifications;
+        int64_t profileRules;
+    };
+    int index = 0;
+    for (const Case& c : {Case{"-1,-1,-1", 1, 1}, Case{"0,-1,-1", 0, 0}, Case{"2,-1,-1", 1, 0}}) {
+        SCOPED_TRACE(c.status);
+        const size_t before = updateNotificationCount();
+        storeSharedData(sharedDataWith("n" + std::to_string(index++), c.status));
+        CompanionController controller;
+        int completions = 0;
+        controller.createBlockWebsiteCustomRule(std::string("https://news.example.org/a?b"),
+                                                [&](std::optional<Error> error) {
+                                                    EXPECT_FALSE(error);
+                                                    ++completions;
+                                                });
+        EXPECT_EQ(completions, 1);
+        EXPECT_EQ(updateNotificationCount() - before, c.notifications);
+        EXPECT_EQ(controller.activeDatabase()->getProfileRulesCount(), c.profileRules);
+    }
+}
+
+TEST_F(WebsiteListsTest, EachCreateOperationFeedsItsOwnList) {
+    storeSharedData(sharedDataWith("lists"));
+    CompanionController controller;
+    controller.createBlockWebsiteCustomRule(std::string("https://b.example/x"), nullptr);
+    controller.createSecureWebsiteCustomRule(std::string("http://s.example/"), nullptr);
+    controller.createWhitelistWebsiteCustomRule(std::string("https://w.example"), nullptr);
+    controller.createBlockWebsiteCustomRule(std::nullopt, nullptr);
+    EXPECT_TRUE(controller.checkWebsiteExists(std::string("b.example"), 5));
+    EXPECT_TRUE(controller.checkWebsiteExists(std::string("s.example"), 7));
+    EXPECT_TRUE(controller.checkWebsiteExists(std::string("w.example"), 3));
+    EXPECT_FALSE(controller.checkWebsiteExists(std::string("w.example"), 5));
+    // The page without URL still makes a rule, without a domain.
+    EXPECT_EQ(controller.activeDatabase()->getProfileRulesByAction(5).size(), 2u);
+}
+
+TEST(SameSite, SiteKeys) {
+    struct Case {
+        NullableString host;
+        NullableString key;
+    };
+    const Case cases[] = {
+        {"www.example.com", "com.example"},
+        {"example.com", "com.example"},
+        {"www.example.co.uk", "uk.co.example"},
+        {"www.example.de", "de.example.www"},
+        {"example.de", "de.example"},
+        {"localhost", std::nullopt},
+        {"example.info", std::nullopt},
+        {"a.b", std::nullopt},
+        {"", std::nullopt},
+        {std::nullopt, std::nullopt},
+        {"xn--bcher-kva.de", "de.xn--bcher-kva"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.host.value_or("<null>"));
+        EXPECT_EQ(CompanionController::extractDomainData(c.host), c.key);
+    }
+}
+
+TEST(SameSite, ReverseDomain) {
+    EXPECT_EQ(CompanionController::reverseDomain("www.example.com"), "com.example.www");
+    EXPECT_EQ(CompanionController::reverseDomain(""), "");
+    EXPECT_EQ(CompanionController::reverseDomain("a..b"), "b..a");
+    EXPECT_EQ(CompanionController::reverseDomain("single"), "single");
+}
+
+TEST(SameSite, DomainsShareOrigin) {
+    struct Case {
+        NullableString host;
+        NullableString child;
+        bool shared;
+    };
+    const Case cases[] = {
+        {"example.com", "https://cdn.example.com/a.png", true},
+        {"example.com", "https://example.net/a.png", false},
+        {"www.example.de", "https://cdn.example.de/a.png", false},
+        {"www.example.de", "https://www.example.de/a.png", true},
+        {"example.info", "https://example.info/a.png", false},
+        {"example.info", "example.info", true},
+        {"localhost", "http://localhost/x", false},
+        {"www.example.co.uk", "https://img.example.co.uk/x", true},
+        {"example.com", "https://examplefoo.com/x", true},
+        {"example.com", "", false},
+        {"example.com", "about:blank", false},
+        {"example.com", std::nullopt, false},
+        {std::nullopt, std::nullopt, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.host.value_or("<null>") + " / " + c.child.value_or("<null>"));
+        EXPECT_EQ(CompanionController::checkDomainsShareOrigin(c.host, c.child), c.shared);
+    }
+}
+
+TEST(SameSite, WholeWebsiteBlockTest) {
+    auto rule = [](NullableString filter, NullableString domains, NullableString filterDomain) {
+        SharedCustomRule r;
+        r.filter = std::move(filter);
+        r.domains = std::move(domains);
+        r.filterDomain = std::move(filterDomain);
+        return r;
+    };
+    const std::string filter = "^[^:]+://+([^:/]+\\.)?ads\\.net";
+    struct Case {
+        const char* name;
+        SharedCustomRule r;
+        int64_t total;
+        bool expected;
+    };
+    const Case cases[] = {
+        {"host only", rule(filter, std::nullopt, "https://ads.net"), 1, true},
+        {"empty domains", rule(filter, "", "https://ads.net"), 1, true},
+        {"two rules", rule(filter, std::nullopt, "https://ads.net"), 2, false},
+        {"with path", rule(filter, std::nullopt, "https://ads.net/x.gif"), 1, false},
+        {"root path", rule(filter, std::nullopt, "https://ads.net/"), 1, false},
+        {"with domains", rule(filter, "a.com", "https://ads.net"), 1, false},
+        {"other filter", rule(".*", std::nullopt, "https://ads.net"), 1, false},
+        {"no filter domain", rule(filter, std::nullopt, std::nullopt), 1, false},
+        {"unparsable", rule(filter, std::nullopt, "https://a b.net"), 1, false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(CompanionController::checkBlockWebsite(c.r, c.total), c.expected) << c.name;
+    }
+}
+
+TEST(SameSite, HostFromURL) {
+    EXPECT_EQ(CompanionController::hostFromURL(std::string("https://www.example.com:8080/x?y")),
+              "www.example.com");
+    EXPECT_EQ(CompanionController::hostFromURL(std::string("https://xn--bcher-kva.de/")),
+              "xn--bcher-kva.de");
+    EXPECT_FALSE(CompanionController::hostFromURL(std::nullopt));
+}
+
+}  // namespace
+}  // namespace stonewall::testing
