@@ -1,0 +1,105 @@
+#pragma once
+
+// Runs the real stonewall binary in a sandbox of its own: a temporary root
+// that holds the container and the user's folders (HOME and the XDG folders
+// point into it, so nothing outside is touched), with stdout, stderr and the
+// exit code captured. Every run has a watchdog: a hung command is killed and
+// reported as such rather than hanging the suite.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace stonewall::tool::testing {
+
+struct RunResult {
+    int exitCode = -1;  // -1 when killed by a signal or the watchdog
+    int signal = 0;     // the signal that ended it, if any
+    bool timedOut = false;
+    std::string out;
+    std::string err;
+};
+
+// A temporary folder removed with its contents on destruction.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+// A program started in the background (watch), with its output read line by line.
+class BackgroundProcess {
+  public:
+    BackgroundProcess(pid_t pid, int outFd, int errFd);
+    ~BackgroundProcess();
+    BackgroundProcess(BackgroundProcess&& other) noexcept;
+    BackgroundProcess(const BackgroundProcess&) = delete;
+    BackgroundProcess& operator=(const BackgroundProcess&) = delete;
+
+    // The next line of stdout (or stderr), without its newline; nothing when
+    // none came within the timeout or the stream ended.
+    std::optional<std::string> readLine(std::chrono::milliseconds timeout);
+    std::optional<std::string> readErrorLine(std::chrono::milliseconds timeout);
+    void sendSignal(int signal);
+    // Waits for the end (killing it after the timeout) and collects the rest of its output.
+    RunResult wait(std::chrono::milliseconds timeout);
+
+  private:
+    std::optional<std::string> readLineFrom(int fd, std::string& buffer,
+                                            std::chrono::milliseconds timeout);
+
+    pid_t pid_;
+    int outFd_;
+    int errFd_;
+    std::string outBuffer_;
+    std::string errBuffer_;
+    bool finished_ = false;
+};
+
+class StonewallRunner {
+  public:
+    // Sandbox folders under root; the container is root/container.
+    explicit StonewallRunner(std::filesystem::path root);
+
+    const std::filesystem::path& root() const { return root_; }
+    std::filesystem::path containerPath() const { return root_ / "container"; }
+
+    // Environment of the runs: the test's own, with the sandbox's folders.
+    // An empty value removes the variable.
+    void setEnvironment(const std::string& name, const std::string& value);
+
+    // Runs `stonewall args...`, feeding stdinText; with `--container <root>/container`
+    // appended unless withContainer is false.
+    RunResult run(std::vector<std::string> args, const std::string& stdinText = {},
+                  bool withContainer = true,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(90)) const;
+    BackgroundProcess start(std::vector<std::string> args, bool withContainer = true) const;
+
+    static std::string binaryPath();
+
+  private:
+    std::vector<std::string> argumentsFor(std::vector<std::string> args, bool withContainer) const;
+    std::vector<std::string> environment() const;
+
+    std::filesystem::path root_;
+    std::map<std::string, std::string> overrides_;
+};
+
+// Starts any program (a private D-Bus daemon) with the test's environment.
+BackgroundProcess startProgram(std::vector<std::string> args);
+
+// Renders a command line for failure messages.
+std::string describe(const std::vector<std::string>& args, const RunResult& result);
+
+}  // namespace stonewall::tool::testing

@@ -1,0 +1,81 @@
+#pragma once
+
+// The fixture of the command's tests: a fresh sandbox per test, the real
+// binary, and direct access to the container's files (the SQLite databases
+// and rule lists) to set up state and to check what a command stored.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "StonewallRunner.h"
+
+namespace stonewall::tool::testing {
+
+using Row = std::vector<std::optional<std::string>>;
+
+// A SQL literal: the quoted text, or NULL.
+std::string sqlText(const std::optional<std::string>& text);
+// One SQLite file, opened for the duration of a call.
+void sqlExec(const std::filesystem::path& database, const std::string& sql);
+std::vector<Row> sqlQuery(const std::filesystem::path& database, const std::string& sql);
+
+// Every file under a folder, by relative path, with its bytes.
+std::map<std::string, std::string> snapshotFiles(const std::filesystem::path& folder);
+
+std::string readFile(const std::filesystem::path& path);
+void writeFile(const std::filesystem::path& path, const std::string& contents);
+
+class ToolTest : public ::testing::Test {
+  protected:
+    ToolTest() : runner_(directory_.path()) {}
+
+    StonewallRunner& runner() { return runner_; }
+    std::filesystem::path container() const { return runner_.containerPath(); }
+    std::filesystem::path sharedDatabase() const { return container() / ".Shared" / "shared_data"; }
+    std::filesystem::path profileDatabase(const std::string& profile = "defaultProfile") const {
+        return container() / ".Profiles" / ("profile_" + profile + "_data");
+    }
+    std::filesystem::path ruleFile(const std::string& profile = "defaultProfile") const {
+        return container() / ".Profiles" / ("profile_" + profile + "_unarchive.json");
+    }
+    // A file in the sandbox, outside the container.
+    std::filesystem::path scratch(const std::string& name) const {
+        return directory_.path() / name;
+    }
+
+    RunResult run(const std::vector<std::string>& args, const std::string& input = {}) {
+        return runner_.run(args, input);
+    }
+    // Runs with --json, expects exit code 0 and returns the one JSON object.
+    nlohmann::json runJSON(std::vector<std::string> args, const std::string& input = {});
+    // Runs and expects exit code 0; returns stdout.
+    std::string runOK(const std::vector<std::string>& args, const std::string& input = {});
+
+    // A container made by the program (first run), ready for direct edits.
+    void createContainer();
+    // Adds a second profile "work" ("Work") to the shared record.
+    void addWorkProfile();
+    // Inserts a ProfileRules row into the profile's database.
+    void addProfileRule(const std::string& profile, int blocker, int action,
+                        const std::optional<std::string>& selector,
+                        const std::optional<std::string>& filter,
+                        const std::optional<std::string>& resources = std::nullopt,
+                        const std::optional<std::string>& domains = std::nullopt,
+                        int domainType = -1);
+    nlohmann::json ruleList(const std::string& profile = "defaultProfile") const;
+    // The shared record's column, as text.
+    std::optional<std::string> sharedValue(const std::string& column) const;
+    int customRuleCount() const;
+
+  private:
+    TemporaryDirectory directory_;
+    StonewallRunner runner_;
+};
+
+}  // namespace stonewall::tool::testing

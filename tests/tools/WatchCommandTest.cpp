@@ -1,0 +1,108 @@
+// stonewall watch: notifications from other runs of the command, over a
+// private D-Bus session bus started by the test.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "ToolTestSupport.h"
+
+namespace stonewall::tool::testing {
+namespace {
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+// A dbus-daemon of our own, so that the test neither needs nor disturbs a
+// desktop session.
+class PrivateBus {
+  public:
+    PrivateBus() {
+        if (::access("/usr/bin/dbus-daemon", X_OK) != 0) return;
+        daemon_.emplace(startProgram(
+            {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}));
+        if (auto line = daemon_->readLine(10s); line && !line->empty()) address_ = *line;
+    }
+    ~PrivateBus() {
+        if (daemon_) {
+            daemon_->sendSignal(SIGTERM);
+            daemon_->wait(5s);
+        }
+    }
+    const std::optional<std::string>& address() const { return address_; }
+
+  private:
+    std::optional<BackgroundProcess> daemon_;
+    std::optional<std::string> address_;
+};
+
+class WatchCommandTest : public ToolTest {
+  protected:
+    void SetUp() override {
+        if (!bus_.address()) GTEST_SKIP() << "no dbus-daemon to start a private bus with";
+        runner().setEnvironment("DBUS_SESSION_BUS_ADDRESS", *bus_.address());
+        createContainer();
+    }
+
+    // Started and subscribed: the command says so on stderr once the match
+    // is in place.
+    BackgroundProcess startWatching(std::vector<std::string> args) {
+        args.insert(args.begin(), "watch");
+        BackgroundProcess watch = runner().start(args);
+        const auto ready = watch.readErrorLine(20s);
+        EXPECT_TRUE(ready && ready->find("watching for \"extensionUpdate\"") != std::string::npos)
+            << (ready ? *ready : "no line on stderr");
+        return watch;
+    }
+
+    PrivateBus bus_;
+};
+
+class WatchSignalTest : public WatchCommandTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(WatchSignalTest, PrintsEachNotificationUntilInterrupted) {
+    BackgroundProcess watch = startWatching({"--json"});
+
+    for (const char* state : {"off", "on"}) {
+        runJSON({"status", state});
+        const auto line = watch.readLine(20s);
+        ASSERT_TRUE(line) << "no notification after status " << state;
+        const json event = json::parse(*line);
+        EXPECT_EQ(event["name"], "extensionUpdate");
+        EXPECT_EQ(event["object"], "StonewallExtension");
+        EXPECT_TRUE(event["time"].is_string());
+    }
+
+    watch.sendSignal(GetParam());
+    const RunResult result = watch.wait(20s);
+    EXPECT_EQ(result.exitCode, 0) << "signal " << result.signal << "\n" << result.err;
+    EXPECT_EQ(result.out, "") << "nothing after the notifications";
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, WatchSignalTest, ::testing::Values(SIGINT, SIGTERM),
+                         [](const auto& info) {
+                             return std::string(info.param == SIGINT ? "SIGINT" : "SIGTERM");
+                         });
+
+TEST_F(WatchCommandTest, CountEndsTheWatchOnItsOwn) {
+    BackgroundProcess watch = startWatching({"--count", "1"});
+    writeFile(scratch("element.json"), R"([["", "div", "div.x", "", "", "", "", "", ""]])");
+    // Picked elements notify too.
+    runJSON({"pick", "--page", "https://example.com/", scratch("element.json").string()});
+    const RunResult result = watch.wait(20s);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.out.find("  extensionUpdate  StonewallExtension\n"), std::string::npos)
+        << result.out;
+}
+
+TEST(WatchWithoutBusTest, SaysThatNotificationsCannotBeObserved) {
+    TemporaryDirectory directory;
+    StonewallRunner runner(directory.path());  // its bus address leads nowhere
+    const RunResult result = runner.run({"watch"});
+    EXPECT_EQ(result.exitCode, 5) << describe({"watch"}, result);
+    EXPECT_EQ(result.err.rfind("stonewall: watch: notifications cannot be observed here", 0), 0u)
+        << result.err;
+}
+
+}  // namespace
+}  // namespace stonewall::tool::testing

@@ -1,0 +1,82 @@
+#pragma once
+
+// Steps that several subcommands share: checking input before the engine
+// sees it, and running and describing a compile and reload as the front does.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Report.h"
+#include "Session.h"
+#include "engine/CompanionController.h"
+
+namespace stonewall::tool {
+
+// The pieces of a list held in one text field, split at a bare ",".
+std::vector<std::string> splitList(const NullableString& text);
+
+// A page URL as the browser hands it to the extension: absolute, its host
+// IDNA-encoded and in lower case, the rest percent-encoded.
+struct PageURL {
+    std::string url;
+    std::string host;
+};
+// Refuses text that is not a URL with a host, since the engine would store
+// a rule with an absent domain.
+PageURL requirePageURL(const std::string& text);
+
+// Refuses an identifier that is not among the shared record's profileIDs.
+void requireKnownProfile(const SharedData& sharedData, const std::string& profileID);
+
+// The active profile of the shared record; refuses a record that names none.
+std::string requireActiveProfile(const SharedData& sharedData);
+
+// Timing and outcome of one reload request.
+struct ReloadRun {
+    std::optional<Error> error;
+    bool compiled = false;         // a profile was given: its rule file was written
+    double writeMilliseconds = 0;  // the synchronous part: compile and write
+    double totalMilliseconds = 0;  // until the completion arrived
+    bool hostSkipsReload = false;  // toolkit older than 1504: nothing was done
+};
+
+// Starts `steps` from the main queue and waits for the completion they pass
+// on; `steps` gets a function that starts the reload (reloadBlockerRules with
+// the given profile and database) and the completion to hand it.
+class ReloadRequest {
+  public:
+    ReloadRequest(Session& session, CompileReport* report) : session_(session), report_(report) {}
+
+    // The whole chain: calls `first(then)` on the main queue, where `then` is
+    // the completion that starts the reload with the profile and database
+    // that `target()` gives at that moment (the front reads them in the
+    // completion, after the first step changed them).
+    using Target = std::function<std::pair<NullableString, std::shared_ptr<ProfileDatabase>>()>;
+    ReloadRun run(const std::function<void(CompletionHandler then)>& first, const Target& target);
+    // Only the reload.
+    ReloadRun run(const NullableString& profileID, std::shared_ptr<ProfileDatabase> database);
+
+  private:
+    Session& session_;
+    CompileReport* report_;
+};
+
+// Adds the compile figures (profile, rules read by action, dropped, written,
+// bytes, file) to the report.
+void describeCompile(const CompileReport& compile, Report& report);
+// Adds timing and the reload outcome.
+void describeReload(const ReloadRun& run, Report& report);
+// Throws CommandFailure when the rule file could not be written
+// (ExitCode::Storage) or the reload failed (ExitCode::Reload, with the
+// browser's message). On a host that skips reloads nothing was asked.
+void checkOutcome(const ReloadRun& run, const CompileReport* compile);
+
+// The short compile line of the commands that change rules: "12 written, 1234 bytes".
+std::string compileSummary(const CompileReport& compile);
+
+std::string_view actionName(int64_t action);
+
+}  // namespace stonewall::tool

@@ -1,0 +1,73 @@
+// pick: the road of a "VisualData" page message, from the picked elements to
+// custom rules and the reload.
+
+#include "CommandSupport.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "InputFile.h"
+#include "model/RuleCodes.h"
+
+namespace stonewall::tool {
+
+void runPick(const CommonOptions& common, const std::string& pageURL, const std::string& file,
+             Report& report) {
+    report.json["command"] = "pick";
+    // Everything the user gave is checked before the engine is made.
+    const std::string host = requirePageURL(pageURL).host;
+    std::vector<DataElement> elements =
+        elementsFromMessageData(readInputFile(file), inputName(file));
+    // The page's own value at position 0 is never used: the elements were
+    // picked on the page that sent them.
+    for (auto& element : elements) element.location = host;
+
+    int64_t hideRules = 0;
+    int64_t blockRules = 0;
+    for (const auto& element : elements) {
+        const auto rule = CompanionController::createVisualCustomRule(element.location, element);
+        if (!rule) continue;
+        if (rule->action == ActionCode::kHide) ++hideRules;
+        if (rule->action == ActionCode::kBlock) ++blockRules;
+    }
+    const int64_t skipped = static_cast<int64_t>(elements.size()) - hideRules - blockRules;
+
+    Session session(common);
+    // A fresh engine for the message, as the extension handler makes one.
+    auto engine = session.openEngine();
+    const std::string profileID = requireActiveProfile(*engine->sharedData());
+
+    CompileReport compile;
+    const ReloadRun run =
+        ReloadRequest(session, &compile)
+            .run([&](CompletionHandler then) { engine->createVisualCustomRules(elements, then); },
+                 [&] {
+                     return std::make_pair(engine->sharedData()
+                                               ? engine->sharedData()->activeProfileID
+                                               : NullableString(),
+                                           engine->activeDatabase());
+                 });
+
+    report.json["page"] = host;
+    report.json["profile"] = profileID;
+    report.json["elements"] = elements.size();
+    report.json["hideRules"] = hideRules;
+    report.json["blockRules"] = blockRules;
+    report.json["skipped"] = skipped;
+    report.table.add("page", host);
+    report.table.add("profile", profileID);
+    report.table.add("elements", std::to_string(elements.size()));
+    report.table.add(
+        "new rules",
+        std::to_string(hideRules) + " hide, " + std::to_string(blockRules) + " block" +
+            (skipped ? ", " + std::to_string(skipped) + " skipped (media without a usable source)"
+                     : std::string()));
+    if (!run.hostSkipsReload) {
+        report.json["rulesWritten"] = compile.rulesWritten;
+        report.json["bytesWritten"] = compile.bytesWritten;
+        report.json["ruleFile"] = compile.outputPath;
+        report.table.add("rules", compileSummary(compile));
+    }
+    describeReload(run, report);
+    checkOutcome(run, &compile);
+}
+
+}  // namespace stonewall::tool

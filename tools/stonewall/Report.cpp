@@ -1,0 +1,57 @@
+#include "Report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ostream>
+
+namespace stonewall::tool {
+
+void Table::print(std::ostream& out) const {
+    size_t width = 0;
+    for (const auto& [label, value] : rows_) width = std::max(width, label.size());
+    for (const auto& [label, value] : rows_) {
+        if (value.empty()) {
+            out << label << '\n';
+            continue;
+        }
+        out << label << std::string(width - label.size() + 2, ' ') << value << '\n';
+    }
+}
+
+void printReport(const Report& report, bool json, std::ostream& out) {
+    if (json) {
+        if (!report.json.empty()) out << compactJSON(report.json) << '\n';
+    } else {
+        report.table.print(out);
+        for (const auto& note : report.notes) out << note << '\n';
+    }
+    out.flush();
+}
+
+std::string compactJSON(const nlohmann::json& value) {
+    return value.dump(-1, ' ', /*ensure_ascii=*/false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string compactJSON(const Json& value) {
+    return value.dump(-1, ' ', /*ensure_ascii=*/false, Json::error_handler_t::replace);
+}
+
+Json errorJSON(const Error& error) {
+    Json object = Json::object();
+    object["domain"] = error.domain;
+    object["code"] = error.code;
+    object["message"] = error.message;
+    return object;
+}
+
+std::string formatDuration(double milliseconds) {
+    char buffer[32];
+    if (milliseconds >= 1000) {
+        std::snprintf(buffer, sizeof buffer, "%.2f s", milliseconds / 1000);
+    } else {
+        std::snprintf(buffer, sizeof buffer, "%.1f ms", milliseconds);
+    }
+    return buffer;
+}
+
+}  // namespace stonewall::tool

@@ -1,0 +1,240 @@
+#include "Session.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <system_error>
+
+#include "Failure.h"
+#include "platform/Platform.h"
+#include "platform/linux/LinuxServices.h"
+#include "storage/FileHandler.h"
+
+namespace stonewall::tool {
+namespace fs = std::filesystem;
+
+std::atomic<bool> Session::workAbandoned_{false};
+
+namespace {
+
+// The templates the storage layer copies into a new container.
+constexpr const char* kTemplateNames[] = {"shared_data", "profiles"};
+
+// SIGINT and SIGTERM under Signals::StopMainLoop: the handler only writes
+// the signal's number into a pipe (all it may safely do), and a thread of
+// ours turns that into a stop of the main loop. A handler, not a blocked
+// mask with sigwait(), because libraries start threads of their own before
+// main() and any of them may be the one the kernel picks.
+int signalPipe[2] = {-1, -1};
+
+extern "C" void forwardSignal(int signal) {
+    const int savedErrno = errno;
+    const char byte = static_cast<char>(signal);
+    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
+    errno = savedErrno;
+}
+
+std::string absolutePath(const std::string& path) {
+    std::error_code error;
+    auto absolute = fs::absolute(path, error);
+    if (error) return path;
+    return absolute.lexically_normal().string();
+}
+
+std::string trimmedSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+}  // namespace
+
+bool hostReloadsContentBlockers() {
+    return std::floor(platform::host().appKitVersionNumber()) >= kMinimumAppKitVersion;
+}
+
+Session::Session(const CommonOptions& options, Signals signals)
+    : options_(options), signals_(signals) {
+    platform::linux::LinuxOptions linuxOptions;
+    if (!options_.container.empty()) linuxOptions.containerPath = absolutePath(options_.container);
+    if (options_.verbose) linuxOptions.verbose = true;
+    platform::install(platform::linux::makeLinuxServices(linuxOptions));
+
+    const auto container =
+        platform::host().containerPathForApplicationGroup(std::string(kApplicationGroup));
+    if (!container || container->empty()) {
+        throw CommandFailure(ExitCode::Storage, "container",
+                             "no container is configured for the application group (set "
+                             "--container or STONEWALL_CONTAINER)");
+    }
+    containerPath_ = trimmedSlash(absolutePath(*container));
+
+    if (signals_ == Signals::StopMainLoop) startSignalThread();
+}
+
+Session::~Session() {
+    if (signalThread_.joinable()) {
+        struct sigaction defaultAction {};
+        defaultAction.sa_handler = SIG_DFL;
+        sigemptyset(&defaultAction.sa_mask);
+        sigaction(SIGINT, &defaultAction, nullptr);
+        sigaction(SIGTERM, &defaultAction, nullptr);
+        signalThreadStopping_ = true;
+        const char wake = 0;
+        [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &wake, 1);
+        signalThread_.join();
+        ::close(signalPipe[0]);
+        ::close(signalPipe[1]);
+        signalPipe[0] = signalPipe[1] = -1;
+    }
+    // The services stay installed: engine singletons (the shared database and
+    // its queue) live until the process ends and must find them there.
+}
+
+std::string Session::resourcePath() const { return platform::bundle().resourcePath(); }
+
+void Session::prepareContainer() const {
+    // The templates first: a container that cannot be filled is not made.
+    std::error_code error;
+    const std::string resources = resourcePath();
+    for (const char* name : kTemplateNames) {
+        const fs::path path = fs::path(resources) / name;
+        if (!fs::is_regular_file(path, error)) {
+            throw CommandFailure(ExitCode::Storage, "resources " + resources,
+                                 std::string("the template database \"") + name +
+                                     "\" is missing (set STONEWALL_RESOURCES to the folder "
+                                     "that holds the templates)");
+        }
+    }
+
+    const std::string subject = "container " + containerPath_;
+    const auto status = fs::status(containerPath_, error);
+    if (status.type() == fs::file_type::not_found) {
+        error.clear();
+        fs::create_directories(containerPath_, error);
+        if (error)
+            throw CommandFailure(ExitCode::Storage, subject,
+                                 "cannot be created: " + error.message());
+    } else if (error) {
+        throw CommandFailure(ExitCode::Storage, subject, error.message());
+    } else if (status.type() != fs::file_type::directory) {
+        throw CommandFailure(ExitCode::Storage, subject, "not a directory");
+    }
+    if (::access(containerPath_.c_str(), W_OK | X_OK) != 0) {
+        throw CommandFailure(ExitCode::Storage, subject,
+                             std::string("not writable: ") + std::strerror(errno));
+    }
+}
+
+std::unique_ptr<CompanionController> Session::openEngine() const {
+    prepareContainer();
+    auto engine = std::make_unique<CompanionController>();
+    if (!engine->sharedData()) {
+        engine->sharedDatabase().reconnectDatabase();
+        engine->syncShared();
+        engine->connectProfileDatabase();
+    }
+    if (!engine->sharedData()) {
+        throw CommandFailure(ExitCode::Storage,
+                             "shared database " + engine->sharedDatabase().dataPath(),
+                             "cannot be read");
+    }
+    const auto& database = engine->activeDatabase();
+    std::error_code error;
+    if (!database || !fs::is_regular_file(database->profilesDataPath(), error)) {
+        throw CommandFailure(
+            ExitCode::Storage, "profile " + textOrNull(engine->sharedData()->activeProfileID),
+            "its database cannot be opened" +
+                (database ? " (" + database->profilesDataPath() + ")" : std::string()));
+    }
+    return engine;
+}
+
+std::optional<Error> Session::await(const std::string& what,
+                                    const std::function<void(CompletionHandler)>& start) {
+    struct State {
+        std::atomic<bool> finished{false};
+        std::atomic<bool> timedOut{false};
+        std::optional<Error> error;
+        std::exception_ptr exception;
+    };
+    auto state = std::make_shared<State>();
+    auto& dispatch = platform::dispatch();
+
+    // Started from the main queue, as the front's actions are: a completion
+    // that arrives "at once" then still finds the loop running.
+    dispatch.mainQueue().async([state, start, &dispatch] {
+        try {
+            start([state, &dispatch](std::optional<Error> error) {
+                if (state->finished.exchange(true)) return;
+                state->error = std::move(error);
+                dispatch.stopMain();
+            });
+        } catch (...) {
+            state->exception = std::current_exception();
+            state->finished = true;
+            dispatch.stopMain();
+        }
+    });
+    const auto timeout = std::chrono::duration_cast<platform::Nanoseconds>(
+        std::chrono::duration<double>(options_.timeoutSeconds));
+    dispatch.mainQueue().asyncAfter(timeout, [state, &dispatch] {
+        if (state->finished) return;
+        state->timedOut = true;
+        dispatch.stopMain();
+    });
+
+    while (!state->finished && !state->timedOut) dispatch.runMain();
+
+    if (!state->finished) {
+        workAbandoned_ = true;
+        char seconds[32];
+        std::snprintf(seconds, sizeof seconds, "%g", options_.timeoutSeconds);
+        throw CommandFailure(ExitCode::Reload, what,
+                             std::string("no answer within ") + seconds +
+                                 " s (the content blocker did not complete; see --timeout)");
+    }
+    if (state->exception) std::rethrow_exception(state->exception);
+    return state->error;
+}
+
+void Session::runUntilStopped() {
+    auto& dispatch = platform::dispatch();
+    while (!stopRequested_) dispatch.runMain();
+}
+
+void Session::stop() {
+    stopRequested_ = true;
+    platform::dispatch().stopMain();
+}
+
+void Session::startSignalThread() {
+    if (::pipe2(signalPipe, O_CLOEXEC) != 0) {
+        throw CommandFailure(ExitCode::Unavailable, "signals",
+                             std::string("cannot be watched: ") + std::strerror(errno));
+    }
+    signalThread_ = std::thread([this] {
+        char byte = 0;
+        while (true) {
+            const ssize_t count = ::read(signalPipe[0], &byte, 1);
+            if (count < 0 && errno == EINTR) continue;
+            if (count <= 0 || signalThreadStopping_) return;
+            // Through the main queue, so that a signal that comes before the
+            // loop runs is not lost: the item waits for the loop and stops it.
+            platform::dispatch().mainQueue().async([this] { stop(); });
+        }
+    });
+    struct sigaction action {};
+    action.sa_handler = forwardSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+}  // namespace stonewall::tool

@@ -1,0 +1,92 @@
+#pragma once
+
+// The composition root: one Session per run of the command. It chooses the
+// container, installs the real Linux services for the rest of the process,
+// makes sure the container can hold the databases, opens the engine as the
+// browser front does, and waits for engine completions by running the main
+// queue, with a watchdog so that a reload that never answers ends in an error
+// instead of a hung command.
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "engine/CompanionController.h"
+#include "platform/Error.h"
+
+namespace stonewall::tool {
+
+// The options every subcommand takes.
+struct CommonOptions {
+    std::string container;  // empty: $STONEWALL_CONTAINER or the documented default
+    bool json = false;
+    bool verbose = false;
+    double timeoutSeconds = 120;  // watchdog of one engine operation
+};
+
+class Session {
+  public:
+    enum class Signals {
+        Default,       // SIGINT and SIGTERM end the process as usual
+        StopMainLoop,  // they stop the main loop instead (watch)
+    };
+
+    // Installs the services; throws CommandFailure when the container option
+    // cannot be used.
+    explicit Session(const CommonOptions& options, Signals signals = Signals::Default);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // The container root the services use (absolute).
+    const std::string& containerPath() const { return containerPath_; }
+    std::string resourcePath() const;
+
+    // Creates the container folder when missing and checks that it is a
+    // writable folder and that the template databases are there. Throws
+    // CommandFailure (ExitCode::Storage).
+    void prepareContainer() const;
+
+    // prepareContainer(), then a CompanionController as the front makes one:
+    // the shared record is read (and, when unreadable, the database is
+    // reconnected and read again, as toolbar validation does). Throws
+    // CommandFailure (ExitCode::Storage) when the shared record stays
+    // unreadable or the active profile's database cannot be opened.
+    std::unique_ptr<CompanionController> openEngine() const;
+
+    // Starts the operation from the main queue and runs the main queue until
+    // its completion is called, returning the completion's error. Throws
+    // CommandFailure (ExitCode::Reload) naming `what` when the watchdog fires first.
+    std::optional<Error> await(const std::string& what,
+                               const std::function<void(CompletionHandler)>& start);
+
+    // Runs the main queue until SIGINT or SIGTERM (Signals::StopMainLoop) or
+    // until stop() is called from the main queue.
+    void runUntilStopped();
+    void stop();
+
+    // True when a watchdog fired: engine work may still run on other threads,
+    // so the process must end without running destructors (see main()).
+    static bool workAbandoned() { return workAbandoned_.load(); }
+
+  private:
+    void startSignalThread();
+
+    CommonOptions options_;
+    std::string containerPath_;
+    Signals signals_;
+    std::thread signalThread_;
+    std::atomic<bool> signalThreadStopping_{false};
+    std::atomic<bool> stopRequested_{false};
+    static std::atomic<bool> workAbandoned_;
+};
+
+// Whether the host asks for reloads at all (toolkit 1504 and later); older
+// hosts complete every reload at once without doing anything.
+bool hostReloadsContentBlockers();
+
+}  // namespace stonewall::tool

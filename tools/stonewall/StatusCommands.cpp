@@ -1,0 +1,157 @@
+// status and profile: the popover's status switch and profile view.
+
+#include "CommandSupport.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "platform/Platform.h"
+#include "storage/ExtensionState.h"
+
+namespace stonewall::tool {
+namespace {
+
+constexpr int64_t kStatusOn = 1;
+constexpr int64_t kStatusOff = 0;
+
+std::string statusText(int64_t status) {
+    if (status == kStatusOn) return "on";
+    if (status == kStatusOff) return "off";
+    // Anything else is off as far as the browser side goes (the toolbar shows
+    // the off image), but worth showing as it is.
+    return "off (status " + std::to_string(status) + ")";
+}
+
+}  // namespace
+
+void runStatus(const CommonOptions& common, const std::optional<std::string>& state,
+               Report& report) {
+    report.json["command"] = "status";
+    Session session(common);
+    auto engine = session.openEngine();
+    const int64_t before = engine->sharedData()->status;
+
+    if (!state) {
+        report.json["blocking"] = before == kStatusOn ? "on" : "off";
+        report.json["status"] = before;
+        report.table.add("blocking", statusText(before));
+        return;
+    }
+
+    const bool wantOn = *state == "on";
+    if ((before == kStatusOn) == wantOn) {
+        report.json["blocking"] = *state;
+        report.json["status"] = before;
+        report.json["changed"] = false;
+        report.notes.push_back("Blocking is already " + *state + "; nothing changed.");
+        return;
+    }
+
+    // The popover reloads without a profile: the content blocker keeps the
+    // list of the profile named in the shared defaults and reads the new
+    // status. A container whose list was never compiled names none, and that
+    // reload could only fail; then the active profile is compiled as well.
+    const bool neverCompiled = !platform::defaults()
+                                    .suiteNamed(std::string(kApplicationGroup))
+                                    ->stringForKey(std::string(kActiveProfileIDKey));
+    const NullableString reloadProfile =
+        neverCompiled ? NullableString(requireActiveProfile(*engine->sharedData()))
+                      : NullableString();
+
+    CompileReport compile;
+    ReloadRequest request(session, &compile);
+    const ReloadRun run = request.run(
+        [&](CompletionHandler then) {
+            // changeStatus toggles; a status that is neither 0 nor 1 becomes 0
+            // first, so turning it on takes a second toggle.
+            if (wantOn && before != kStatusOff) engine->changeStatus({});
+            engine->changeStatus([&, then](std::optional<Error> error) {
+                if (engine->sharedData() && engine->sharedData()->status == kStatusOff) {
+                    // As the popover does: the next reload request from the
+                    // main application reloads the page once while blocking is off.
+                    if (ExtensionState* extensionState = ExtensionState::sharedInstance()) {
+                        extensionState->setStatusUpdated(false);
+                        extensionState->saveData();
+                    }
+                }
+                then(std::move(error));
+            });
+        },
+        [&] { return std::make_pair(reloadProfile, engine->activeDatabase()); });
+
+    const int64_t after = engine->sharedData() ? engine->sharedData()->status : before;
+    report.json["blocking"] = after == kStatusOn ? "on" : "off";
+    report.json["status"] = after;
+    report.json["changed"] = true;
+    report.table.add("blocking", statusText(after) + " (was " + statusText(before) + ")");
+    if (run.compiled && !run.hostSkipsReload) {
+        report.json["rulesWritten"] = compile.rulesWritten;
+        report.json["ruleFile"] = compile.outputPath;
+        report.table.add("rules", compileSummary(compile) + " (first compile of profile " +
+                                      textOrNull(reloadProfile) + ")");
+    }
+    describeReload(run, report);
+    checkOutcome(run, run.compiled ? &compile : nullptr);
+}
+
+void runProfileList(const CommonOptions& common, Report& report) {
+    report.json["command"] = "profile list";
+    Session session(common);
+    auto engine = session.openEngine();
+    const SharedData& shared = *engine->sharedData();
+
+    const auto ids = splitList(shared.profileIDs);
+    const auto names = splitList(shared.profiles);
+    Json profiles = Json::array();
+    for (size_t index = 0; index < ids.size(); ++index) {
+        const std::string name = index < names.size() ? names[index] : std::string();
+        const bool active = shared.activeProfileID && *shared.activeProfileID == ids[index];
+        profiles.push_back(Json{{"id", ids[index]}, {"name", name}, {"active", active}});
+        report.table.add((active ? "* " : "  ") + ids[index], name);
+    }
+    report.json["activeProfileID"] =
+        shared.activeProfileID ? Json(*shared.activeProfileID) : Json(nullptr);
+    report.json["profiles"] = std::move(profiles);
+    if (ids.empty()) report.notes.push_back("The shared record lists no profiles.");
+}
+
+void runProfileActivate(const CommonOptions& common, const std::string& profileID, Report& report) {
+    report.json["command"] = "profile activate";
+    Session session(common);
+    auto engine = session.openEngine();
+    requireKnownProfile(*engine->sharedData(), profileID);
+
+    report.json["profile"] = profileID;
+    if (engine->sharedData()->activeProfileID == profileID) {
+        report.json["changed"] = false;
+        report.notes.push_back("Profile " + profileID + " is already active; nothing changed.");
+        return;
+    }
+
+    const std::string previous = textOrNull(engine->sharedData()->activeProfileID);
+    CompileReport compile;
+    const ReloadRun run =
+        ReloadRequest(session, &compile)
+            .run(
+                [&](CompletionHandler then) {
+                    engine->activateProfile(profileID, [&, then](std::optional<Error> error) {
+                        engine->connectProfileDatabase();
+                        then(std::move(error));
+                    });
+                },
+                [&] {
+                    return std::make_pair(NullableString(profileID), engine->activeDatabase());
+                });
+
+    report.json["changed"] = true;
+    report.json["previousProfile"] = previous;
+    report.table.add("active profile", profileID + " (was " + previous + ")");
+    if (!run.hostSkipsReload) {
+        report.json["rulesWritten"] = compile.rulesWritten;
+        report.json["bytesWritten"] = compile.bytesWritten;
+        report.json["ruleFile"] = compile.outputPath;
+        report.table.add("rules", compileSummary(compile));
+    }
+    describeReload(run, report);
+    checkOutcome(run, &compile);
+}
+
+}  // namespace stonewall::tool

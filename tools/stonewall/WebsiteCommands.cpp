@@ -1,0 +1,111 @@
+// block, secure, allow and check: the popover's website view.
+
+#include "CommandSupport.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "model/RuleCodes.h"
+
+namespace stonewall::tool {
+namespace {
+
+struct ListInfo {
+    int64_t action;
+    const char* command;
+    const char* listName;  // as people call it
+    const char* done;      // past tense for the report
+};
+
+ListInfo listInfo(WebsiteList list) {
+    switch (list) {
+        case WebsiteList::Block:
+            return {ActionCode::kBlockWebsite, "block", "block", "blocked"};
+        case WebsiteList::Secure:
+            return {ActionCode::kSecureWebsite, "secure", "secure", "secured"};
+        case WebsiteList::Allow:
+            return {ActionCode::kAllowWebsite, "allow", "allow", "allowed"};
+    }
+    return {ActionCode::kBlockWebsite, "block", "block", "blocked"};
+}
+
+}  // namespace
+
+void runWebsite(const CommonOptions& common, WebsiteList list, const std::string& url,
+                Report& report) {
+    const ListInfo info = listInfo(list);
+    report.json["command"] = info.command;
+    // Before the engine: it would store a rule with an absent domain.
+    const PageURL page = requirePageURL(url);
+    const std::string& host = page.host;
+
+    Session session(common);
+    auto engine = session.openEngine();
+    const std::string profileID = requireActiveProfile(*engine->sharedData());
+    report.json["host"] = host;
+    report.json["profile"] = profileID;
+
+    // The popover offers the button only while the host is not on the list.
+    if (engine->checkWebsiteExists(host, info.action)) {
+        report.json["changed"] = false;
+        report.notes.push_back(host + " is already on the " + info.listName + " list of profile " +
+                               profileID + "; nothing changed.");
+        return;
+    }
+
+    CompileReport compile;
+    const ReloadRun run =
+        ReloadRequest(session, &compile)
+            .run(
+                [&](CompletionHandler then) {
+                    switch (list) {
+                        case WebsiteList::Block:
+                            engine->createBlockWebsiteCustomRule(page.url, then);
+                            break;
+                        case WebsiteList::Secure:
+                            engine->createSecureWebsiteCustomRule(page.url, then);
+                            break;
+                        case WebsiteList::Allow:
+                            engine->createWhitelistWebsiteCustomRule(page.url, then);
+                            break;
+                    }
+                },
+                [&] {
+                    return std::make_pair(engine->sharedData()
+                                              ? engine->sharedData()->activeProfileID
+                                              : NullableString(),
+                                          engine->activeDatabase());
+                });
+
+    report.json["changed"] = true;
+    report.table.add(info.done, host);
+    report.table.add("profile", profileID);
+    if (!run.hostSkipsReload) {
+        report.json["rulesWritten"] = compile.rulesWritten;
+        report.json["bytesWritten"] = compile.bytesWritten;
+        report.json["ruleFile"] = compile.outputPath;
+        report.table.add("rules", compileSummary(compile));
+    }
+    describeReload(run, report);
+    checkOutcome(run, &compile);
+}
+
+void runCheck(const CommonOptions& common, const std::string& url, Report& report) {
+    report.json["command"] = "check";
+    const std::string host = requirePageURL(url).host;
+
+    Session session(common);
+    auto engine = session.openEngine();
+    report.json["host"] = host;
+    report.json["profile"] = engine->sharedData()->activeProfileID
+                                 ? Json(*engine->sharedData()->activeProfileID)
+                                 : Json(nullptr);
+    report.table.add("host", host);
+    report.table.add("profile", textOrNull(engine->sharedData()->activeProfileID));
+    for (WebsiteList list : {WebsiteList::Block, WebsiteList::Secure, WebsiteList::Allow}) {
+        const ListInfo info = listInfo(list);
+        const bool listed = engine->checkWebsiteExists(host, info.action);
+        report.json[info.listName] = listed;
+        report.table.add(info.listName, yesNo(listed));
+    }
+}
+
+}  // namespace stonewall::tool
