@@ -351,29 +351,15 @@ void ProfileDatabase::reloadProfileRules(int64_t /*reloadType*/, int64_t /*reloa
                                          const std::vector<ProfileRule>& /*rules*/) {}
 
 bool ProfileDatabase::beginTransactionProfilesDatabase() {
-    if (!profilesDatabase_) {
-        logError("begin: no open database");
-        return false;
-    }
-    armDeadline();
-    if (sqlite3_exec(profilesDatabase_, kBeginSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        logError(errorText(profilesDatabase_, kBeginSql));
-        return false;
-    }
-    return true;
+    const auto failure = executeStatement(profilesDatabase_, kBeginSql);
+    if (failure) logError(*failure);
+    return !failure;
 }
 
 bool ProfileDatabase::commitTransactionProfilesDatabase() {
-    if (!profilesDatabase_) {
-        logError("commit: no open database");
-        return false;
-    }
-    armDeadline();
-    if (sqlite3_exec(profilesDatabase_, kCommitSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        logError(errorText(profilesDatabase_, kCommitSql));
-        return false;
-    }
-    return true;
+    const auto failure = executeStatement(profilesDatabase_, kCommitSql);
+    if (failure) logError(*failure);
+    return !failure;
 }
 
 void ProfileDatabase::logError(std::string_view message) {

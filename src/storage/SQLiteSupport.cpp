@@ -161,4 +161,13 @@ std::string errorText(sqlite3* database, std::string_view what) {
     return text;
 }
 
+std::optional<std::string> executeStatement(sqlite3* database, const char* sql) {
+    if (!database) return std::string(sql) + ": no open database";
+    armDeadline();
+    if (sqlite3_exec(database, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        return errorText(database, sql);
+    }
+    return std::nullopt;
+}
+
 }  // namespace stonewall::storage_detail

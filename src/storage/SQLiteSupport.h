@@ -8,6 +8,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -78,5 +79,9 @@ inline int bindInt(sqlite3_stmt* statement, int index, int64_t value) {
 
 // The connection's last error, for the log.
 std::string errorText(sqlite3* database, std::string_view what);
+
+// Runs one statement that returns no rows (transaction control) under the
+// statement deadline. Empty on success, else the text for the error hook.
+std::optional<std::string> executeStatement(sqlite3* database, const char* sql);
 
 }  // namespace stonewall::storage_detail

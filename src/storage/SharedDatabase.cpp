@@ -416,29 +416,15 @@ void SharedDatabase::removeSharedCustomRules() {
 }
 
 bool SharedDatabase::beginTransactionSharedDatabase() {
-    if (!dataDatabase_) {
-        logError("begin: no open database");
-        return false;
-    }
-    armDeadline();
-    if (sqlite3_exec(dataDatabase_, kBeginSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        logError(errorText(dataDatabase_, kBeginSql));
-        return false;
-    }
-    return true;
+    const auto failure = executeStatement(dataDatabase_, kBeginSql);
+    if (failure) logError(*failure);
+    return !failure;
 }
 
 bool SharedDatabase::commitTransactionSharedDatabase() {
-    if (!dataDatabase_) {
-        logError("commit: no open database");
-        return false;
-    }
-    armDeadline();
-    if (sqlite3_exec(dataDatabase_, kCommitSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        logError(errorText(dataDatabase_, kCommitSql));
-        return false;
-    }
-    return true;
+    const auto failure = executeStatement(dataDatabase_, kCommitSql);
+    if (failure) logError(*failure);
+    return !failure;
 }
 
 void SharedDatabase::logError(std::string_view message) {
