@@ -1,16 +1,18 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
 #include <thread>
 #include <vector>
 
 #include "utilities/Custom.h"
+#include "utilities/Generator.h"
 
 using namespace stonewall;
 
 namespace {
 
-TEST(RFC3339, ParsesTheAcceptedForms) {
+TEST(RFC3339, ParseTable) {
     const double base = 1588328430;  // 2020-05-01T10:20:30Z
     const std::pair<std::string, std::optional<double>> cases[] = {
         {"2020-05-01T10:20:30Z", base},
@@ -36,16 +38,17 @@ TEST(RFC3339, ParsesTheAcceptedForms) {
         {"2020-05-01T10:20:30Z ", std::nullopt},  // the whole text must be used
         {"2020-05-01T10:20:30Zjunk", std::nullopt},
         {"garbage", std::nullopt},
+        // ICU divides by zero on a 40-digit fraction: refused before it parses.
         {"2020-05-01T10:20:30.123456789012345678901234567890123456789Z", std::nullopt},
         {"", std::nullopt},
-        {"2020-05-01T10:20:30\xFFZ", std::nullopt},  // invalid UTF-8
+        {"2020-05-01T10:20:30\xFFZ", std::nullopt},
         {std::string(1 << 20, '9'), std::nullopt},
         {"2020-05-01T10:20:30Z" + std::string(1 << 20, 'z'), std::nullopt},
         // Every colon after position 20 goes, however many there are.
         {"2020-05-01T10:20:30Z" + std::string(1 << 20, ':'), base},
     };
     for (const auto& [input, expected] : cases) {
-        auto parsed = Custom::dateFromRFC3339String(input);
+        const auto parsed = Custom::dateFromRFC3339String(input);
         ASSERT_EQ(parsed.has_value(), expected.has_value()) << input.substr(0, 40);
         if (expected) {
             EXPECT_NEAR(*parsed, *expected, 1e-6) << input;
@@ -80,22 +83,54 @@ TEST(RFC3339, SharedFormatterIsSafeAcrossThreads) {
 
 TEST(Timestamps, PassedOnlyStrictlyAfter) {
     Custom::setClockForTesting([] { return 1000.0; });
-    struct Case {
-        double timestamp, offset;
-        bool passed;
-    };
-    const Case cases[] = {
+    const std::tuple<double, double, bool> cases[] = {
         {990, 10, false},  // timestamp + offset == now: not passed
         {989.5, 10, true},  {995, 10, false},  {1000, 0, false},  {999.999, 0, true},
         {1010, -10, false}, {1009, -10, true}, {-1e300, 0, true},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Custom::checkTimestampPassed(c.timestamp, c.offset), c.passed)
-            << c.timestamp << " + " << c.offset;
-    }
-    EXPECT_EQ(Custom::currentTimestamp(), 1000.0);
+    for (const auto& [timestamp, offset, passed] : cases)
+        EXPECT_EQ(Custom::checkTimestampPassed(timestamp, offset), passed) << timestamp;
     Custom::setClockForTesting({});
-    EXPECT_GT(Custom::currentTimestamp(), 1.6e9);
+}
+
+bool isLowerHex(const std::string& s) {
+    return s.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+TEST(Generator, WebsiteListIdentifiersAreTheSHA1OfListAndProfile) {
+    // SHA-1 of "CustomRule.<list name>.<profile>", in full: the identifiers
+    // that the application computes for the same lists.
+    const std::tuple<int64_t, NullableString, const char*> cases[] = {
+        {7, "defaultProfile", "ff657eb1f34d6dee70cdc68847fb294db020c4c0"},  // SecureWebsites
+        {5, "defaultProfile", "c7b9281159cf4048e72b802cacb089fd5c48e4d4"},  // BlockWebsites
+        {3, "defaultProfile", "007fe967329adfc8159d4a231cf7bb40ff0593bc"},  // WhitelistWebsites
+        {5, "bücher", "95149d66d154c9dfa9a528627df89a1ce6a81ddf"},          // UTF-8 in
+    };
+    for (const auto& [type, profile, digest] : cases)
+        EXPECT_EQ(Generator::customRuleID(type, profile), digest) << type;
+    // A null profile formats like the text "(null)".
+    EXPECT_EQ(Generator::customRuleID(5, std::nullopt),
+              Generator::customRuleID(5, std::string("(null)")));
+}
+
+TEST(Generator, OtherIdentifiersAreRandomEvenUnderAFixedClock) {
+    std::set<std::string> seen;
+    for (int64_t type : {0, 1, 2, 4, 6, 8, 100, -1}) {
+        const auto id = Generator::customRuleID(type, std::string("p"));
+        EXPECT_EQ(id.size(), 10u) << type;
+        EXPECT_TRUE(isLowerHex(id));
+        seen.insert(id);
+    }
+    EXPECT_EQ(seen.size(), 8u);
+    // With the time fixed, only the 24 random bits tell two seeds apart.
+    Custom::setClockForTesting([] { return 1588328430.0; });
+    seen.clear();
+    for (int i = 0; i < 200; ++i) {
+        seen.insert(Generator::profileID());
+        seen.insert(Generator::customRuleID());
+    }
+    Custom::setClockForTesting({});
+    EXPECT_GE(seen.size(), 398u);  // a 24-bit collision or two is possible, not more
 }
 
 }  // namespace
