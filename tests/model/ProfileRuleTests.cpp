@@ -1,53 +1,23 @@
-#include "model/ProfileRule.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
 
-#include "RuleJSONTestSupport.h"
-#include "model/SharedCustomRule.h"
+#include "RuleTestSupport.h"
+#include "model/ProfileRule.h"
 
 namespace stonewall {
 namespace {
 
-using test_support::parsed;
-using test_support::written;
+using namespace test_support;
+using Json = nlohmann::json;
 
-constexpr std::string_view kAnyHost = "^[^:]+://+";
-
-ProfileRule ruleWithAction(int64_t action)
-{
-    ProfileRule rule;
-    rule.action = action;
-    rule.filter = "b\xC3\xBC" "cher.test/ads";  // "bücher.test/ads"
-    rule.selector = "div.ad";
-    return rule;
-}
-
-TEST(ProfileRule, InitDefaults)
-{
-    const ProfileRule rule;
-    EXPECT_EQ(rule.ruleID, std::nullopt);
-    EXPECT_EQ(rule.blocker, 0);
-    EXPECT_EQ(rule.action, 0);
-    EXPECT_EQ(rule.selector, std::nullopt);
-    EXPECT_EQ(rule.filter, std::nullopt);
-    EXPECT_EQ(rule.resources, std::nullopt);
-    EXPECT_EQ(rule.loads, std::nullopt);
-    EXPECT_EQ(rule.domains, std::nullopt);
-    EXPECT_EQ(rule.domainType, -1);
-    EXPECT_EQ(rule.filterSensitive, 0);
-}
+constexpr int64_t kInt64Min = std::numeric_limits<int64_t>::min();
+constexpr int64_t kInt64Max = std::numeric_limits<int64_t>::max();
 
 // Every action code: the type, whether the selector goes along, and which
-// codes IDNA-encode the filter (1 and 5 only).
-TEST(ProfileRule, ConvertToSafariData2ActionCodes)
-{
-    struct Case {
-        int64_t action;
-        const char* json;
-    };
-    const Case cases[] = {
+// codes IDNA-encode the filter (1 and 5 only). Both conversions agree here.
+TEST(ProfileRule, ActionCodeTable) {
+    const std::pair<int64_t, const char*> cases[] = {
         {0, R"({"action":{},"trigger":{}})"},
         {1, R"({"action":{"type":"block"},"trigger":{"url-filter":"xn--bcher-kva.test/ads"}})"},
         {2, R"({"action":{"type":"css-display-none","selector":"div.ad"},
@@ -63,372 +33,231 @@ TEST(ProfileRule, ConvertToSafariData2ActionCodes)
         {9, R"({"action":{},"trigger":{}})"},
         {-1, R"({"action":{},"trigger":{}})"},
     };
-    for (const auto& c : cases) {
-        const ProfileRule rule = ruleWithAction(c.action);
-        EXPECT_EQ(written(rule.convertToSafariData2()), parsed(c.json)) << "action " << c.action;
-        // The earlier conversion treats actions the same way.
-        EXPECT_EQ(written(rule.convertToSafariData()), parsed(c.json)) << "action " << c.action;
+    for (const auto& [action, json] : cases) {
+        const ProfileRule rule =
+            aRule().action(action).filter("bücher.test/ads").selector("div.ad");
+        EXPECT_EQ(written(rule.convertToSafariData2()), parsed(json)) << action;
+        EXPECT_EQ(written(rule.convertToSafariData()), parsed(json)) << action;
     }
+    // A null filter writes no url-filter; an empty one writes "".
+    for (int64_t action = 0; action <= 9; ++action)
+        EXPECT_FALSE(aRule().action(action).build().convertToSafariData2().trigger.urlFilter);
+    EXPECT_EQ(aRule().action(1).filter("").build().convertToSafariData2().trigger.urlFilter, "");
 }
 
-TEST(ProfileRule, SelectorOfHideAgainstExceptionRules)
-{
-    struct Case {
-        int64_t action;
-        NullableString selector;
-        NullableString written;
-    };
-    const Case cases[] = {
+TEST(ProfileRule, SelectorOfHideAgainstExceptionRules) {
+    const std::tuple<int64_t, NullableString, NullableString> cases[] = {
         {2, std::nullopt, std::nullopt},
         {2, "", ""},
         {2, "div.ad", "div.ad"},
         {3, std::nullopt, std::nullopt},
-        {3, "", std::nullopt},
+        {3, "", {}},
         {3, "div.ad", "div.ad"},
-        {6, std::nullopt, std::nullopt},
         {6, "", std::nullopt},
         {6, "div.ad", "div.ad"},
         {1, "div.ad", std::nullopt},
-        {4, "div.ad", std::nullopt},
-        {5, "div.ad", std::nullopt},
+        {4, "div.ad", {}},
+        {5, "div.ad", {}},
         {7, "div.ad", std::nullopt},
-        {8, "div.ad", std::nullopt},
-        {0, "div.ad", std::nullopt},
-    };
-    for (const auto& c : cases) {
-        ProfileRule rule;
-        rule.action = c.action;
-        rule.selector = c.selector;
-        EXPECT_EQ(rule.convertToSafariData2().action.selector, c.written)
-            << "action " << c.action << " selector " << textOrNull(c.selector);
+        {8, "div.ad", {}},
+        {0, "div.ad", {}}};
+    for (const auto& [action, selector, expected] : cases) {
+        const ProfileRule rule = aRule().action(action).selector(selector);
+        EXPECT_EQ(rule.convertToSafariData2().action.selector, expected)
+            << action << " " << textOrNull(selector);
     }
 }
 
-TEST(ProfileRule, NullFilterWritesNoURLFilter)
-{
-    for (int64_t action = 0; action <= 9; ++action) {
-        ProfileRule rule;
-        rule.action = action;
-        EXPECT_EQ(rule.convertToSafariData2().trigger.urlFilter, std::nullopt) << action;
+// The triggers of both conversions (action 0: no url-filter), as JSON text
+// in which "H:" stands for the any-host prefix of the top-URL patterns and
+// "S:" for it with the optional subdomains.
+Json trigger(std::string text) {
+    for (auto [from, to] :
+         {std::pair<std::string, std::string>{"\"S:", "\"^[^:]+://+([^:/]+\\\\.)?"},
+          {"\"H:", "\"^[^:]+://+"}}) {
+        for (size_t at; (at = text.find(from)) != std::string::npos;) text.replace(at, 3, to);
     }
-    ProfileRule rule;
-    rule.action = ActionCode::kBlock;
-    rule.filter = "";
-    EXPECT_EQ(rule.convertToSafariData2().trigger.urlFilter, "");
+    return parsed(text);
 }
 
-TEST(ProfileRule, DomainTypesOfTheTopURLConversion)
-{
-    struct Case {
-        int64_t domainType;
-        NullableString domains;
-        nlohmann::json trigger;  // the expected trigger, besides "url-filter"
-    };
-    const std::string host(kAnyHost);
-    const std::string subdomains = host + "([^:/]+\\.)?";
-    const Case cases[] = {
-        {1, "*.shop.test", {{"if-top-url", {subdomains + "shop\\.test[:/]"}}}},
+TEST(ProfileRule, DomainTypeTable) {
+    const std::tuple<int64_t, NullableString, const char*, const char*> cases[] = {
+        {1, "*.shop.test", R"({"if-top-url":["S:shop\\.test[:/]"]})",
+         R"({"if-domain":["*.shop.test"]})"},
         {2, "shop.test,*.cdn.test",
-         {{"unless-top-url", {host + "shop\\.test[:/]", subdomains + "cdn\\.test[:/]"}}}},
-        {1, "*.b\xC3\xBC" "cher.test", {{"if-top-url", {subdomains + "xn--bcher-kva\\.test[:/]"}}}},
-        {4, "*.shop.test,b\xC3\xBC" "cher.test",
-         {{"if-top-url", {"*.shop.test", "xn--bcher-kva.test"}}}},
-        {5, "*.shop.test,b\xC3\xBC" "cher.test",
-         {{"unless-top-url", {"*.shop.test", "xn--bcher-kva.test"}}}},
+         R"({"unless-top-url":["H:shop\\.test[:/]","S:cdn\\.test[:/]"]})",
+         R"({"unless-domain":["shop.test","*.cdn.test"]})"},
+        {1, "*.bücher.test", R"({"if-top-url":["S:xn--bcher-kva\\.test[:/]"]})",
+         R"({"if-domain":["*.xn--bcher-kva.test"]})"},
+        {4, "*.shop.test,bücher.test", R"({"if-top-url":["*.shop.test","xn--bcher-kva.test"]})",
+         "{}"},
+        {5, "*.shop.test,bücher.test", R"({"unless-top-url":["*.shop.test","xn--bcher-kva.test"]})",
+         "{}"},
         // Only a leading "*" is special; the escape set is exactly . ? ^ + |
-        {1, "a*b.test", {{"if-top-url", {host + "a*b\\.test[:/]"}}}},
-        {1, "**.test", {{"if-top-url", {subdomains + "*\\.test[:/]"}}}},
-        {1, "a?b^c+d|e$f(g)", {{"if-top-url", {host + "a\\?b\\^c\\+d\\|e$f(g)[:/]"}}}},
-        {1, "*", {{"if-top-url", {subdomains + "[:/]"}}}},
-        {1, "*.", {{"if-top-url", {subdomains + "[:/]"}}}},
+        {1, "a*b.test", R"({"if-top-url":["H:a*b\\.test[:/]"]})", R"({"if-domain":["a*b.test"]})"},
+        {1, "**.test", R"({"if-top-url":["S:*\\.test[:/]"]})", R"({"if-domain":["**.test"]})"},
+        {1, "a?b^c+d|e$f(g)", R"({"if-top-url":["H:a\\?b\\^c\\+d\\|e$f(g)[:/]"]})",
+         R"j({"if-domain":["a?b^c+d|e$f(g)"]})j"},
+        {1, "*", R"({"if-top-url":["S:[:/]"]})", R"({"if-domain":["*"]})"},
+        {1, "*.", R"({"if-top-url":["S:[:/]"]})", R"({"if-domain":["*."]})"},
         // Without the dot the "*" still stands for the domain and its subdomains.
-        {1, "*shop.test", {{"if-top-url", {subdomains + "shop\\.test[:/]"}}}},
-        {1, "*..shop.test", {{"if-top-url", {subdomains + "\\.shop\\.test[:/]"}}}},
-        // The pattern of an empty domain is not empty, so it is written.
-        {1, "", {{"if-top-url", {host + "[:/]"}}}},
-        {1, ",shop.test", {{"if-top-url", {host + "[:/]", host + "shop\\.test[:/]"}}}},
-        // Verbatim lists: a first empty entry drops the key, later ones stay.
-        {4, "", nlohmann::json::object()},
-        {4, ",shop.test", nlohmann::json::object()},
-        {5, "a.test,,b.test", {{"unless-top-url", {"a.test", "", "b.test"}}}},
-        {-1, "shop.test", nlohmann::json::object()},
-        {3, "shop.test", nlohmann::json::object()},
-        {0, "shop.test", nlohmann::json::object()},
-        {6, "shop.test", nlohmann::json::object()},
-        {1, std::nullopt, nlohmann::json::object()},
-        {4, std::nullopt, nlohmann::json::object()},
-    };
-    for (const auto& c : cases) {
-        ProfileRule rule;
-        rule.action = 0;  // no url-filter: the trigger holds only the domain key
-        rule.domainType = c.domainType;
-        rule.domains = c.domains;
-        const nlohmann::json trigger = written(rule.convertToSafariData2())["trigger"];
-        EXPECT_EQ(trigger, c.trigger) << "type " << c.domainType << " domains "
-                                      << textOrNull(c.domains);
+        {1, "*shop.test", R"({"if-top-url":["S:shop\\.test[:/]"]})",
+         R"({"if-domain":["*shop.test"]})"},
+        {1, "*..shop.test", R"({"if-top-url":["S:\\.shop\\.test[:/]"]})",
+         R"({"if-domain":["*..shop.test"]})"},
+        // The pattern of an empty domain is not empty, so it is written; the
+        // verbatim lists drop the key when the first entry is empty.
+        {1, "", R"({"if-top-url":["H:[:/]"]})", "{}"},
+        {1, ",shop.test", R"({"if-top-url":["H:[:/]","H:shop\\.test[:/]"]})", "{}"},
+        {1, "a.test,,b.test", R"({"if-top-url":["H:a\\.test[:/]","H:[:/]","H:b\\.test[:/]"]})",
+         R"({"if-domain":["a.test","","b.test"]})"},
+        {4, "", "{}", "{}"},
+        {4, ",shop.test", "{}", "{}"},
+        {5, "a.test,,b.test", R"({"unless-top-url":["a.test","","b.test"]})", "{}"},
+        {-1, "shop.test", "{}", "{}"},
+        {3, "shop.test", "{}", "{}"},
+        {0, "shop.test", "{}", "{}"},
+        {6, "shop.test", "{}", "{}"},
+        {1, std::nullopt, "{}", "{}"},
+        {2, std::nullopt, "{}", "{}"},
+        {4, std::nullopt, "{}", "{}"}};
+    for (const auto& [domainType, domains, topURL, domain] : cases) {
+        SCOPED_TRACE(std::to_string(domainType) + " " + textOrNull(domains));
+        const ProfileRule rule = aRule().domainType(domainType).domains(domains);
+        EXPECT_EQ(written(rule.convertToSafariData2())["trigger"], trigger(topURL));
+        EXPECT_EQ(written(rule.convertToSafariData())["trigger"], trigger(domain));
     }
 }
 
-TEST(ProfileRule, DomainTypesOfTheEarlierConversion)
-{
-    struct Case {
-        int64_t domainType;
-        NullableString domains;
-        nlohmann::json trigger;
-    };
-    const Case cases[] = {
-        {1, "*.shop.test", {{"if-domain", {"*.shop.test"}}}},
-        {2, "b\xC3\xBC" "cher.test,a.test", {{"unless-domain", {"xn--bcher-kva.test", "a.test"}}}},
-        {1, "a.test,,b.test", {{"if-domain", {"a.test", "", "b.test"}}}},
-        {1, "", nlohmann::json::object()},
-        {1, ",a.test", nlohmann::json::object()},
-        {4, "*.shop.test", nlohmann::json::object()},
-        {5, "*.shop.test", nlohmann::json::object()},
-        {-1, "shop.test", nlohmann::json::object()},
-        {2, std::nullopt, nlohmann::json::object()},
-    };
-    for (const auto& c : cases) {
-        ProfileRule rule;
-        rule.domainType = c.domainType;
-        rule.domains = c.domains;
-        EXPECT_EQ(written(rule.convertToSafariData())["trigger"], c.trigger)
-            << "type " << c.domainType << " domains " << textOrNull(c.domains);
-    }
-}
-
-TEST(ProfileRule, ResourceAndLoadTypesSplitKeepingEmptyPieces)
-{
-    struct Case {
-        NullableString list;
-        std::optional<std::vector<std::string>> split;
-    };
-    const Case cases[] = {
+TEST(ProfileRule, TriggerListsAndCaseFlag) {
+    // Resource and load types split on commas, keeping empty pieces.
+    using Strings = std::vector<std::string>;
+    const std::pair<NullableString, std::optional<Strings>> lists[] = {
         {std::nullopt, std::nullopt},
-        {"", std::vector<std::string>{""}},
-        {"image,", std::vector<std::string>{"image", ""}},
-        {"image,script,style-sheet", std::vector<std::string>{"image", "script", "style-sheet"}},
-        {" image", std::vector<std::string>{" image"}},
+        {"", Strings{""}},
+        {"image,", Strings{"image", ""}},
+        {"image,script,style-sheet", Strings{"image", "script", "style-sheet"}},
+        {" image", Strings{" image"}},
     };
-    for (const auto& c : cases) {
-        ProfileRule rule;
-        rule.action = ActionCode::kBlock;
-        rule.resources = c.list;
-        rule.loads = c.list;
-        const ContentBlockerRule converted = rule.convertToSafariData2();
-        EXPECT_EQ(converted.trigger.resourceType, c.split) << textOrNull(c.list);
-        EXPECT_EQ(converted.trigger.loadType, c.split) << textOrNull(c.list);
+    for (const auto& [list, split] : lists) {
+        const auto converted =
+            aRule().action(1).resources(list).loads(list).build().convertToSafariData2();
+        EXPECT_EQ(converted.trigger.resourceType, split) << textOrNull(list);
+        EXPECT_EQ(converted.trigger.loadType, split) << textOrNull(list);
+    }
+    // The case flag is written, as true, whenever it is not 0.
+    for (const auto& [sensitive, flag] :
+         {std::pair<int64_t, bool>{0, false}, {1, true}, {-3, true}, {kInt64Min, true}}) {
+        const Json trigger = written(aRule()
+                                         .action(1)
+                                         .filter(".*")
+                                         .filterSensitive(sensitive)
+                                         .build()
+                                         .convertToSafariData2())["trigger"];
+        EXPECT_EQ(trigger.value("url-filter-is-case-sensitive", Json()), flag ? Json(true) : Json())
+            << sensitive;
     }
 }
 
-TEST(ProfileRule, CaseSensitivityIsWrittenOnlyWhenSet)
-{
-    struct Case {
-        int64_t filterSensitive;
-        bool written;
+TEST(ProfileRule, ExactTextOfTheWrittenObject) {
+    const std::pair<ProfileRule, const char*> cases[] = {
+        {aRule().action(3).filter(".*").domains("shop.test,*.cdn.test").domainType(1),
+         R"({"action":{"type":"ignore-previous-rules"},"trigger":{"url-filter":".*",)"
+         R"("if-top-url":["^[^:]+://+shop\\.test[:/]","^[^:]+://+([^:/]+\\.)?cdn\\.test[:/]"]}})"},
+        {aRule().action(2).selector("div.ad").filter(".*"),
+         R"({"action":{"type":"css-display-none","selector":"div.ad"},"trigger":{"url-filter":".*"}})"},
     };
-    const Case cases[] = {{0, false}, {1, true}, {-3, true}, {std::numeric_limits<int64_t>::min(), true}};
-    for (const auto& c : cases) {
-        ProfileRule rule;
-        rule.action = ActionCode::kBlock;
-        rule.filter = ".*";
-        rule.filterSensitive = c.filterSensitive;
-        const std::string json = rule.convertToSafariData2().toJSON();
-        EXPECT_EQ(json.find("url-filter-is-case-sensitive") != std::string::npos, c.written);
-        if (c.written) {
-            EXPECT_EQ(parsed(json)["trigger"]["url-filter-is-case-sensitive"], true);
-        }
+    for (const auto& [rule, json] : cases) EXPECT_EQ(rule.convertToSafariData2().toJSON(), json);
+}
+
+// Every field away from its default, in declaration order.
+ProfileRule fullRule() {
+    return {"id", 3, 2, "div", ".*", "image", "third-party", "a.test,b.test", 4, 1};
+}
+
+TEST(ProfileRule, InitWithRuleTagsByReloadType) {
+    const std::pair<int64_t, NullableString> cases[] = {{kInt64Min, {}},
+                                                        {-2, {}},
+                                                        {0, {}},
+                                                        {1, {}},
+                                                        {2, "ad"},
+                                                        {3, "ad"},
+                                                        {4, "tr"},
+                                                        {5, "sm"},
+                                                        {6, "sm"},
+                                                        {7, "wr_images"},
+                                                        {8, "wr_media"},
+                                                        {9, "wr_scripts"},
+                                                        {10, "wr_stylesheets"},
+                                                        {11, "wr_svgs"},
+                                                        {12, {}},
+                                                        {13, "bn"},
+                                                        {14, "bn"},
+                                                        {15, {}},
+                                                        {kInt64Max, {}}};
+    for (const auto& [reloadType, tag] : cases) {
+        ProfileRule expected = fullRule();
+        expected.ruleID = tag;  // the source's own ruleID is never carried
+        EXPECT_EQ(ProfileRule::initWithRule(fullRule(), reloadType), expected) << reloadType;
+        EXPECT_EQ(ruleIDForReloadType(reloadType), tag) << reloadType;
     }
 }
 
-TEST(ProfileRule, ExamplesOfTheRuleObject)
-{
-    ProfileRule allow;
-    allow.action = ActionCode::kAllowWebsite;
-    allow.filter = ".*";
-    allow.domains = "shop.test,*.cdn.test";
-    allow.domainType = DomainTypeCode::kIfTopURL;
-    EXPECT_EQ(allow.convertToSafariData2().toJSON(),
-              R"({"action":{"type":"ignore-previous-rules"},"trigger":{"url-filter":".*",)"
-              R"("if-top-url":["^[^:]+://+shop\\.test[:/]","^[^:]+://+([^:/]+\\.)?cdn\\.test[:/]"]}})");
-
-    ProfileRule blockWebsite;
-    blockWebsite.action = ActionCode::kBlockWebsite;
-    blockWebsite.filter = ".*";
-    blockWebsite.domains = "*.shop.test";
-    blockWebsite.domainType = DomainTypeCode::kIfTopURL;
-    const ContentBlockerRule converted = blockWebsite.convertToSafariData2();
-    EXPECT_EQ(converted.action.type, "block");
-    EXPECT_EQ(converted.trigger.urlFilter, ".*");
-    ASSERT_TRUE(converted.trigger.ifTopURL);
-    EXPECT_EQ(*converted.trigger.ifTopURL,
-              std::vector<std::string>{"^[^:]+://+([^:/]+\\.)?shop\\.test[:/]"});
-
-    ProfileRule hide;
-    hide.action = ActionCode::kHide;
-    hide.selector = "div.ad";
-    hide.filter = ".*";
-    EXPECT_EQ(hide.convertToSafariData2().toJSON(),
-              R"({"action":{"type":"css-display-none","selector":"div.ad"},"trigger":{"url-filter":".*"}})");
-}
-
-TEST(ProfileRule, InitWithRuleTagsByReloadType)
-{
-    ProfileRule source;
-    source.ruleID = "own-id";
-    source.blocker = 2;
-    source.action = 6;
-    source.selector = "s";
-    source.filter = "f";
-    source.resources = "image";
-    source.loads = "third-party";
-    source.domains = "a.test";
-    source.domainType = 4;
-    source.filterSensitive = 1;
-
-    struct Case {
-        int64_t reloadType;
-        NullableString ruleID;
-    };
-    const Case cases[] = {{0, std::nullopt}, {1, std::nullopt}, {2, "ad"},  {3, "ad"},
-                          {4, "tr"},         {5, "sm"},         {6, "sm"},  {7, "wr_images"},
-                          {8, "wr_media"},   {9, "wr_scripts"}, {10, "wr_stylesheets"},
-                          {11, "wr_svgs"},   {12, std::nullopt}, {13, "bn"}, {14, "bn"},
-                          {15, std::nullopt}, {-1, std::nullopt}};
-    for (const auto& c : cases) {
-        ProfileRule expected = source;
-        expected.ruleID = c.ruleID;  // the source's own ruleID is never carried
-        EXPECT_EQ(ProfileRule::initWithRule(source, c.reloadType), expected) << c.reloadType;
-    }
-}
-
-TEST(ProfileRule, InitWithCustomRuleCarriesTheRuleFieldsOnly)
-{
+TEST(ProfileRule, InitWithCustomRuleCarriesTheRuleFieldsOnly) {
+    const ProfileRule rule = fullRule();
     SharedCustomRule custom;
-    custom.ruleID = "abcdef0123";
+    custom.ruleID = rule.ruleID;
     custom.blocker = 1;  // overridden: a rule made from a custom rule is always list 4
-    custom.action = ActionCode::kHide;
-    custom.selector = "div.ad";
-    custom.filter = ".*";
-    custom.resources = "image";
-    custom.loads = "first-party";
-    custom.domainType = 2;
-    custom.filterSensitive = 1;
-    custom.domains = "a.test";
+    custom.action = rule.action;
+    custom.selector = rule.selector;
+    custom.filter = rule.filter;
+    custom.resources = rule.resources;
+    custom.loads = rule.loads;
+    custom.domains = rule.domains;
+    custom.domainType = rule.domainType;
+    custom.filterSensitive = rule.filterSensitive;
     custom.ruleName = "name";
     custom.filterDomain = "https://a.test";
     custom.active = 0;
-
-    ProfileRule expected;
-    expected.ruleID = "abcdef0123";
+    ProfileRule expected = rule;
     expected.blocker = BlockerCode::kCustom;
-    expected.action = ActionCode::kHide;
-    expected.selector = "div.ad";
-    expected.filter = ".*";
-    expected.resources = "image";
-    expected.loads = "first-party";
-    expected.domainType = 2;
-    expected.filterSensitive = 1;
-    expected.domains = "a.test";
-
     EXPECT_EQ(ProfileRule::initWithCustomRule(custom), expected);
     EXPECT_EQ(ProfileRule::initWithSharedCustomRule(custom), expected);
 }
 
-TEST(ProfileRule, ComputeHash)
-{
-    ProfileRule bare;
-    bare.action = ActionCode::kBlock;
-    EXPECT_EQ(bare.computeHash(), "1------1-");
-
-    ProfileRule full;
-    full.ruleID = "id";
-    full.blocker = 3;
-    full.action = 2;
-    full.selector = "div";
-    full.filter = ".*";
-    full.resources = "image";
-    full.loads = "third-party";
-    full.domainType = 4;
-    full.domains = "a.test,b.test";
-    full.filterSensitive = 1;
-    EXPECT_EQ(full.computeHash(), "2-div-.*-image-third-party-4-a.test,b.test");
-
+TEST(ProfileRule, HashKeyTable) {
     // ruleID, blocker and filterSensitive take no part; null equals empty.
-    ProfileRule twin = full;
-    twin.ruleID = std::nullopt;
-    twin.blocker = 1;
-    twin.filterSensitive = 0;
-    EXPECT_EQ(twin.computeHash(), full.computeHash());
-    ProfileRule emptied = bare;
-    emptied.selector = emptied.filter = emptied.resources = emptied.loads = emptied.domains = "";
-    EXPECT_EQ(emptied.computeHash(), bare.computeHash());
-
-    ProfileRule extreme;
-    extreme.action = std::numeric_limits<int64_t>::min();
-    extreme.domainType = std::numeric_limits<int64_t>::max();
-    EXPECT_EQ(extreme.computeHash(), "-9223372036854775808-----9223372036854775807-");
-
-    // appendHash appends the same text to what the buffer holds.
+    const std::pair<ProfileRule, const char*> cases[] = {
+        {aRule().action(1), "1------1-"},
+        {aRule().action(1).selector("").filter("").resources("").loads("").domains(""),
+         "1------1-"},
+        {fullRule(), "2-div-.*-image-third-party-4-a.test,b.test"},
+        {aRuleFrom(fullRule()).ruleID({}).blocker(1).filterSensitive(0),
+         "2-div-.*-image-third-party-4-a.test,b.test"},
+        {aRule().action(kInt64Min).domainType(kInt64Max),
+         "-9223372036854775808-----9223372036854775807-"}};
+    for (const auto& [rule, hash] : cases) EXPECT_EQ(rule.computeHash(), hash);
     std::string buffer = "prefix|";
-    full.appendHash(buffer);
-    EXPECT_EQ(buffer, "prefix|" + full.computeHash());
-}
-
-TEST(ProfileRule, ValidateData)
-{
+    fullRule().appendHash(buffer);  // appends the same text to what the buffer holds
+    EXPECT_EQ(buffer, "prefix|" + fullRule().computeHash());
     EXPECT_EQ(ProfileRule::validateData(std::nullopt), "");
-    EXPECT_EQ(ProfileRule::validateData(""), "");
     EXPECT_EQ(ProfileRule::validateData(" "), " ");
 }
 
-TEST(ProfileRule, MergeProfileRuleDomains)
-{
-    struct Case {
-        NullableString own;
-        NullableString other;
-        NullableString merged;
-    };
-    const Case cases[] = {
-        {"b.test,c.test", "a.test,b.test,b.test", "a.test,b.test,c.test"},
-        {"c.test", "d.test,d.test", "d.test,d.test,c.test"},
-        {std::nullopt, std::nullopt, ""},
-        {std::nullopt, "*.a.test", "*.a.test"},
-    };
-    for (const auto& c : cases) {
-        ProfileRule a;
-        a.ruleID = "keep";
-        a.action = ActionCode::kBlockWebsite;
-        a.domains = c.own;
-        ProfileRule b;
-        b.action = ActionCode::kAllowWebsite;
-        b.domains = c.other;
-        ProfileRule expected = a;
-        expected.domains = c.merged;
-        a.mergeProfileRuleDomains(b);
-        EXPECT_EQ(a, expected);  // only domains changes
-    }
-}
+TEST(ProfileRule, MergeAndDescription) {
+    // mergeDomains itself is tested with RuleText: here only that the merge
+    // changes nothing but the receiver's domains.
+    ProfileRule merged = aRule().ruleID("keep").action(5).domains("b.test");
+    merged.mergeProfileRuleDomains(aRule().action(3).domains("a.test,b.test"));
+    EXPECT_EQ(merged, aRule().ruleID("keep").action(5).domains("a.test,b.test").build());
 
-TEST(ProfileRule, Description)
-{
-    ProfileRule rule;
-    EXPECT_EQ(rule.description(),
+    EXPECT_EQ(ProfileRule{}.description(),
               "ruleID: (null) - blocker: 0 - action: 0 - selector: (null) - filter: (null) - "
               "resources: (null) - loads: (null) - domains: (null) - domainType: -1 - "
               "filterSensitive: 0");
-    rule.ruleID = "r";
-    rule.blocker = 4;
-    rule.action = 5;
-    rule.selector = "";
-    rule.filter = ".*";
-    rule.resources = "image";
-    rule.loads = "third-party";
-    rule.domains = "a.test";
-    rule.domainType = 1;
-    rule.filterSensitive = 1;
-    EXPECT_EQ(rule.description(),
-              "ruleID: r - blocker: 4 - action: 5 - selector:  - filter: .* - resources: image - "
-              "loads: third-party - domains: a.test - domainType: 1 - filterSensitive: 1");
+    EXPECT_EQ(aRuleFrom(fullRule()).selector("").build().description(),
+              "ruleID: id - blocker: 3 - action: 2 - selector:  - filter: .* - resources: image - "
+              "loads: third-party - domains: a.test,b.test - domainType: 4 - filterSensitive: 1");
 }
 
 }  // namespace

@@ -1,25 +1,21 @@
-#include "model/SharedCustomRule.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
 
-#include "RuleJSONTestSupport.h"
-#include "model/ProfileRule.h"
+#include "RuleTestSupport.h"
+#include "model/SharedCustomRule.h"
 #include "utilities/Custom.h"
 #include "utilities/Generator.h"
 
 namespace stonewall {
 namespace {
 
-using test_support::parsed;
-using test_support::written;
+using namespace test_support;
 using Strings = std::vector<std::string>;
 
 class SharedCustomRuleTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
+  protected:
+    void SetUp() override {
         Custom::setClockForTesting([] { return kNow; });
     }
     void TearDown() override { Custom::setClockForTesting({}); }
@@ -27,311 +23,208 @@ protected:
     static constexpr Custom::Timestamp kNow = 1700000000.25;
 };
 
-bool isLowerHex(const std::string& text)
-{
-    return text.find_first_not_of("0123456789abcdef") == std::string::npos;
-}
-
-TEST_F(SharedCustomRuleTest, InitDefaults)
-{
-    const SharedCustomRule rule;
-    EXPECT_EQ(rule.ruleID, std::nullopt);
-    EXPECT_EQ(rule.blocker, 4);
-    EXPECT_EQ(rule.action, 0);
-    EXPECT_EQ(rule.domainType, 1);
-    EXPECT_EQ(rule.addDate, kNow);
-    EXPECT_EQ(rule.modDate, 0);
-    EXPECT_EQ(rule.filterSensitive, 0);
-    EXPECT_EQ(rule.regularExpression, 0);
-    EXPECT_EQ(rule.ruleType, 1);
-    EXPECT_EQ(rule.active, 1);
-    EXPECT_EQ(rule.filterInfo, 1);
-    for (const NullableString* field :
-         {&rule.selector, &rule.filter, &rule.resources, &rule.loads, &rule.blockerProfileID,
-          &rule.ruleName, &rule.filterDomain, &rule.domains})
-        EXPECT_EQ(*field, std::nullopt);
-}
-
-TEST_F(SharedCustomRuleTest, InitWithRuleDataOfTheWrongSizeGivesDefaults)
-{
-    for (size_t size : {0u, 1u, 8u, 10u, 20u}) {
-        const Strings data(size, "5");
-        const SharedCustomRule rule = SharedCustomRule::initWithRuleData(data, "profile1234");
-        EXPECT_EQ(rule, SharedCustomRule{}) << size;
-        EXPECT_EQ(rule.blockerProfileID, std::nullopt);
-        EXPECT_EQ(rule.ruleID, std::nullopt);
-    }
-}
-
-TEST_F(SharedCustomRuleTest, InitWithRuleData)
-{
-    const Strings data = {"2", "^https?://a\\.test/", "div.ad", "image,media", "third-party",
-                          "a.test,*.b.test", "2", "1", "https://a.test"};
-    const SharedCustomRule rule = SharedCustomRule::initWithRuleData(data, "profile1234");
-
-    SharedCustomRule expected;
-    expected.blockerProfileID = "profile1234";
-    expected.action = 2;
-    expected.filter = "^https?://a\\.test/";
-    expected.selector = "div.ad";
-    expected.resources = "image,media";
-    expected.loads = "third-party";
-    expected.domains = "a.test,*.b.test";
-    expected.domainType = 2;
-    expected.filterSensitive = 1;
-    expected.filterDomain = "https://a.test";
-    expected.ruleID = rule.ruleID;  // random for a hide rule: checked below
-    EXPECT_EQ(rule, expected);
-    ASSERT_TRUE(rule.ruleID);
-    EXPECT_EQ(rule.ruleID->size(), 10u);
-    EXPECT_TRUE(isLowerHex(*rule.ruleID));
-}
-
-TEST_F(SharedCustomRuleTest, InitWithRuleDataEmptyEntries)
-{
-    const SharedCustomRule rule =
-        SharedCustomRule::initWithRuleData(Strings(9, ""), std::nullopt);
-    EXPECT_EQ(rule.action, 0);
-    EXPECT_EQ(rule.domainType, 0);
-    EXPECT_EQ(rule.filterSensitive, 0);
-    for (const NullableString* field : {&rule.filter, &rule.selector, &rule.resources, &rule.loads,
-                                        &rule.domains, &rule.filterDomain})
-        EXPECT_EQ(*field, std::nullopt);
-    EXPECT_TRUE(rule.ruleID);  // a rule made from data always gets an identifier
-}
-
-TEST_F(SharedCustomRuleTest, InitWithRuleDataIntegerEntries)
-{
+TEST_F(SharedCustomRuleTest, InitWithRuleDataTable) {
+    // [action, filter, selector, resources, loads, domains, domainType,
+    // filterSensitive, filterDomain]; a hide rule gets a random identifier.
+    const Strings full = {
+        "2", "^https?://a\\.test/", "div.ad", "image,media", "third-party", "a.test,*.b.test", "2",
+        "1", "https://a.test"};
     struct Case {
-        std::string text;
-        int64_t value;
+        Strings data;
+        SharedCustomRule expected;  // ruleID aside
+        size_t ruleIDSize;          // 0: none
     };
     const Case cases[] = {
-        {"5", 5},  {" 7", 7},  {"-1", -1}, {"+3", 3}, {"3rd", 3}, {"x3", 0}, {"", 0},
-        {"99999999999999999999", std::numeric_limits<int64_t>::max()},
-        {"-99999999999999999999", std::numeric_limits<int64_t>::min()},
+        {full,
+         aCustomRule()
+             .blockerProfileID("p")
+             .action(2)
+             .filter("^https?://a\\.test/")
+             .selector("div.ad")
+             .resources("image,media")
+             .loads("third-party")
+             .domains("a.test,*.b.test")
+             .domainType(2)
+             .filterSensitive(1)
+             .filterDomain("https://a.test"),
+         10},
+        // Empty entries read as null text and 0; any other size gives the defaults.
+        {Strings(9, ""), aCustomRule().blockerProfileID("p").domainType(0), 10},
+        {Strings(0), SharedCustomRule{}, 0},
+        {Strings(8, "5"), SharedCustomRule{}, 0},
+        {Strings(10, "5"), SharedCustomRule{}, 0},
+        // The website lists get the profile's fixed 40-character identifier.
+        {{"5", "", "", "", "", "", "", "", ""},
+         aCustomRule().blockerProfileID("p").action(5).domainType(0),
+         40},
     };
     for (const auto& c : cases) {
-        const Strings data = {c.text, "", "", "", "", "", c.text, c.text, ""};
-        const SharedCustomRule rule = SharedCustomRule::initWithRuleData(data, "p");
-        EXPECT_EQ(rule.action, c.value) << c.text;
-        EXPECT_EQ(rule.domainType, c.value) << c.text;
-        EXPECT_EQ(rule.filterSensitive, c.value) << c.text;
+        SCOPED_TRACE(c.data.size() ? c.data[0] + "/" + std::to_string(c.data.size()) : "empty");
+        SharedCustomRule rule = SharedCustomRule::initWithRuleData(c.data, "p");
+        EXPECT_EQ(rule.ruleID.value_or("").size(), c.ruleIDSize);
+        if (c.ruleIDSize == 40) {
+            EXPECT_EQ(rule.ruleID, Generator::customRuleID(5, "p"));
+        }
+        rule.ruleID.reset();
+        EXPECT_EQ(rule, c.expected);
     }
-}
-
-TEST_F(SharedCustomRuleTest, WebsiteRuleDataGetsTheProfilesFixedIdentifier)
-{
-    for (int64_t action : {ActionCode::kAllowWebsite, ActionCode::kBlockWebsite,
-                           ActionCode::kSecureWebsite}) {
+    for (int64_t action : {3, 7}) {
         Strings data(9, "");
         data[0] = std::to_string(action);
-        const SharedCustomRule rule = SharedCustomRule::initWithRuleData(data, "profile1234");
-        EXPECT_EQ(rule.ruleID, Generator::customRuleID(action, "profile1234")) << action;
-        ASSERT_TRUE(rule.ruleID);
-        EXPECT_EQ(rule.ruleID->size(), 40u);
+        EXPECT_EQ(SharedCustomRule::initWithRuleData(data, "p").ruleID,
+                  Generator::customRuleID(action, "p"));
     }
-}
-
-TEST_F(SharedCustomRuleTest, DataOrNil)
-{
-    const Strings data = {"a", ""};
-    EXPECT_EQ(SharedCustomRule::dataOrNil(data, 0), "a");
-    EXPECT_EQ(SharedCustomRule::dataOrNil(data, 1), std::nullopt);
-    EXPECT_EQ(SharedCustomRule::dataOrNil(data, 2), std::nullopt);  // out of range: null, no crash
-}
-
-TEST_F(SharedCustomRuleTest, InitWithSafariDataOfTheMakeHTTPSExample)
-{
-    const SharedCustomRule rule = SharedCustomRule::initWithSafariData(ContentBlockerRule::fromJSON(
-        R"({"action":{"type":"make-https"},"trigger":{"url-filter":".*"}})"));
-    SharedCustomRule expected;
-    expected.action = 0;
-    expected.filter = ".*";
-    expected.domainType = 1;
-    expected.regularExpression = 1;
-    EXPECT_EQ(rule, expected);
-}
-
-TEST_F(SharedCustomRuleTest, InitWithSafariData)
-{
-    struct Case {
-        const char* json;
-        int64_t action;
-        NullableString selector;
-        NullableString filter;
-        int64_t filterSensitive;
-        NullableString resources;
-        NullableString loads;
-        int64_t domainType;
-        NullableString domains;
+    // Integer entries read as the other programs read them.
+    const std::pair<std::string, int64_t> integers[] = {
+        {" 7", 7},
+        {"+3", 3},
+        {"3rd", 3},
+        {"x3", 0},
+        {"-99999999999999999999", std::numeric_limits<int64_t>::min()},
     };
-    const Case cases[] = {
+    for (const auto& [text, value] : integers) {
+        const auto rule =
+            SharedCustomRule::initWithRuleData({text, "", "", "", "", "", text, text, ""}, "p");
+        EXPECT_EQ(std::tuple(rule.action, rule.domainType, rule.filterSensitive),
+                  std::tuple(value, value, value))
+            << text;
+    }
+    EXPECT_EQ(SharedCustomRule::dataOrNil({"a", ""}, 1), std::nullopt);
+    EXPECT_EQ(SharedCustomRule::dataOrNil({"a", ""}, 2), std::nullopt);  // out of range
+}
+
+TEST_F(SharedCustomRuleTest, InitWithSafariDataTable) {
+    const std::pair<const char*, SharedCustomRule> cases[] = {
+        {R"({"action":{"type":"make-https"},"trigger":{"url-filter":".*"}})",
+         aCustomRule().filter(".*")},
         {R"({"action":{"type":"block"},"trigger":{"url-filter":"ads","url-filter-is-case-sensitive":true,
              "resource-type":["image","script"],"load-type":["third-party"],"if-domain":["a.test","*.b.test"]}})",
-         1, std::nullopt, "ads", 1, "image,script", "third-party", 1, "a.test,*.b.test"},
+         aCustomRule()
+             .action(1)
+             .filter("ads")
+             .filterSensitive(1)
+             .resources("image,script")
+             .loads("third-party")
+             .domains("a.test,*.b.test")},
         {R"({"action":{"type":"css-display-none","selector":"div.ad"},"trigger":{"url-filter":".*",
              "unless-domain":["a.test"]}})",
-         2, "div.ad", ".*", 0, std::nullopt, std::nullopt, 2, "a.test"},
+         aCustomRule().action(2).selector("div.ad").filter(".*").domainType(2).domains("a.test")},
         {R"({"action":{"type":"ignore-previous-rules","selector":"x"},"trigger":{"url-filter":".*",
              "if-domain":[],"unless-domain":["b.test"]}})",
-         3, "x", ".*", 0, std::nullopt, std::nullopt, 1, ""},
+         aCustomRule().action(3).selector("x").filter(".*").domains("")},
         {R"({"action":{"type":"block-cookies"},"trigger":{"url-filter":".*","resource-type":[""],
              "if-top-url":["^[^:]+://+a\\.test[:/]"],"unless-top-url":["x"]}})",
-         0, std::nullopt, ".*", 0, "", std::nullopt, 1, std::nullopt},
-        {R"({"action":{},"trigger":{}})", 0, std::nullopt, std::nullopt, 0, std::nullopt,
-         std::nullopt, 1, std::nullopt},
+         aCustomRule().filter(".*").resources("")},
+        {R"({"action":{},"trigger":{}})", aCustomRule()},
         // Wrong types read as absent fields; non-string members are skipped.
         {R"({"action":{"type":["block"],"selector":7},"trigger":{"url-filter":false,
              "url-filter-is-case-sensitive":"yes","resource-type":"image",
              "load-type":[1,"first-party",null],"if-domain":"a.test","unless-domain":[{}]}})",
-         0, std::nullopt, std::nullopt, 0, std::nullopt, "first-party", 2, ""},
-        {R"({"action":"block","trigger":"ads"})", 0, std::nullopt, std::nullopt, 0, std::nullopt,
-         std::nullopt, 1, std::nullopt},
-        {"not json", 0, std::nullopt, std::nullopt, 0, std::nullopt, std::nullopt, 1, std::nullopt},
+         aCustomRule().loads("first-party").domainType(2).domains("")},
+        {R"({"action":"block","trigger":"ads"})", aCustomRule()},
+        {"not json", aCustomRule()},
     };
-    for (const auto& c : cases) {
-        const SharedCustomRule rule =
-            SharedCustomRule::initWithSafariData(ContentBlockerRule::fromJSON(c.json));
-        SharedCustomRule expected;
-        expected.regularExpression = 1;
-        expected.action = c.action;
-        expected.selector = c.selector;
-        expected.filter = c.filter;
-        expected.filterSensitive = c.filterSensitive;
-        expected.resources = c.resources;
-        expected.loads = c.loads;
-        expected.domainType = c.domainType;
-        expected.domains = c.domains;
-        EXPECT_EQ(rule, expected) << c.json;
+    for (const auto& [json, expected] : cases) {
+        SharedCustomRule withFlag = expected;
+        withFlag.regularExpression = 1;
+        EXPECT_EQ(SharedCustomRule::initWithSafariData(ContentBlockerRule::fromJSON(json)),
+                  withFlag)
+            << json;
     }
 }
 
-TEST_F(SharedCustomRuleTest, ConvertToSafariData)
-{
-    struct Case {
-        int64_t action;
-        int64_t domainType;
-        NullableString domains;
-        const char* json;
-    };
-    const Case cases[] = {
-        {1, 1, "b\xC3\xBC" "cher.test,*.a.test",
-         R"({"action":{"type":"block"},"trigger":{"url-filter":"b\u00fccher.test/x",
+TEST_F(SharedCustomRuleTest, ConvertToSafariDataTable) {
+    const std::tuple<int64_t, int64_t, NullableString, const char*> cases[] = {
+        {1, 1, "bücher.test,*.a.test",
+         R"({"action":{"type":"block"},"trigger":{"url-filter":"bücher.test/x",
              "if-domain":["bücher.test","*.a.test"]}})"},
         {2, 2, "a.test", R"({"action":{"type":"css-display-none","selector":""},
-                             "trigger":{"url-filter":"b\u00fccher.test/x","unless-domain":["a.test"]}})"},
+                             "trigger":{"url-filter":"bücher.test/x","unless-domain":["a.test"]}})"},
         {3, 4, "a.test", R"({"action":{"type":"ignore-previous-rules"},
-                             "trigger":{"url-filter":"b\u00fccher.test/x"}})"},
-        {4, 1, "", R"({"action":{"type":"block-cookies"},"trigger":{"url-filter":"b\u00fccher.test/x"}})"},
+                             "trigger":{"url-filter":"bücher.test/x"}})"},
+        {4, 1, "",
+         R"({"action":{"type":"block-cookies"},"trigger":{"url-filter":"bücher.test/x"}})"},
         {4, 1, ",a.test", R"({"action":{"type":"block-cookies"},
-                             "trigger":{"url-filter":"b\u00fccher.test/x","if-domain":["","a.test"]}})"},
+                             "trigger":{"url-filter":"bücher.test/x","if-domain":["","a.test"]}})"},
         {5, 1, "a.test", R"({"action":{},"trigger":{"if-domain":["a.test"]}})"},
         {7, -1, "a.test", R"({"action":{},"trigger":{}})"},
         {0, 2, std::nullopt, R"({"action":{},"trigger":{}})"},
         {6, 2, std::nullopt, R"({"action":{},"trigger":{}})"},
         {8, 2, std::nullopt, R"({"action":{},"trigger":{}})"},
     };
-    for (const auto& c : cases) {
-        SharedCustomRule rule;
-        rule.action = c.action;
-        rule.selector = "";
-        rule.filter = "b\xC3\xBC" "cher.test/x";  // never IDNA-encoded here
-        rule.domainType = c.domainType;
-        rule.domains = c.domains;
-        EXPECT_EQ(written(rule.convertToSafariData()), parsed(c.json)) << "action " << c.action;
+    for (const auto& [action, domainType, domains, json] : cases) {
+        // The filter is never IDNA-encoded here.
+        const SharedCustomRule rule = aCustomRule()
+                                          .action(action)
+                                          .selector("")
+                                          .filter("bücher.test/x")
+                                          .domainType(domainType)
+                                          .domains(domains);
+        EXPECT_EQ(written(rule.convertToSafariData()), parsed(json)) << action;
     }
-
-    SharedCustomRule typed;
-    typed.action = ActionCode::kBlock;
-    typed.filterSensitive = 1;
-    typed.resources = "image,";
-    typed.loads = "";
-    const ContentBlockerRule converted = typed.convertToSafariData();
-    EXPECT_TRUE(converted.trigger.urlFilterIsCaseSensitive);
-    EXPECT_EQ(converted.trigger.urlFilter, std::nullopt);
-    EXPECT_EQ(converted.trigger.resourceType, (Strings{"image", ""}));
-    EXPECT_EQ(converted.trigger.loadType, Strings{""});
+    const auto typed = aCustomRule()
+                           .action(1)
+                           .filterSensitive(1)
+                           .resources("image,")
+                           .loads("")
+                           .build()
+                           .convertToSafariData();
+    EXPECT_TRUE(typed.trigger.urlFilterIsCaseSensitive);
+    EXPECT_EQ(typed.trigger.urlFilter, std::nullopt);
+    EXPECT_EQ(typed.trigger.resourceType, (Strings{"image", ""}));
+    EXPECT_EQ(typed.trigger.loadType, Strings{""});
 }
 
-TEST_F(SharedCustomRuleTest, SafariDataRoundTrip)
-{
-    const char* inputs[] = {
-        R"({"action":{"type":"block"},"trigger":{"url-filter":"^https?://ads\\.test/"}})",
-        R"({"action":{"type":"block"},"trigger":{"url-filter":"x","url-filter-is-case-sensitive":true,
-            "resource-type":["image","script"],"load-type":["third-party"],"if-domain":["*.a.test","b.test"]}})",
-        R"({"action":{"type":"css-display-none","selector":"div.ad, #banner"},
-            "trigger":{"url-filter":".*","unless-domain":["a.test"]}})",
-        R"({"action":{"type":"css-display-none","selector":""},"trigger":{"url-filter":".*"}})",
-        R"({"action":{"type":"ignore-previous-rules"},"trigger":{"url-filter":".*","if-domain":["a.test"]}})",
-        R"({"action":{"type":"block"},"trigger":{"resource-type":["font"],"load-type":["first-party"]}})",
-    };
-    for (const char* input : inputs) {
+TEST_F(SharedCustomRuleTest, SafariDataRoundTrip) {
+    for (
+        const char* input : {
+            R"({"action":{"type":"block"},"trigger":{"url-filter":"^https?://ads\\.test/"}})",
+            R"({"action":{"type":"block"},"trigger":{"url-filter":"x","url-filter-is-case-sensitive":true,
+                 "resource-type":["image","script"],"load-type":["third-party"],"if-domain":["*.a.test","b.test"]}})",
+            R"({"action":{"type":"css-display-none","selector":"div.ad, #banner"},
+                 "trigger":{"url-filter":".*","unless-domain":["a.test"]}})",
+            R"({"action":{"type":"css-display-none","selector":""},"trigger":{"url-filter":".*"}})",
+            R"({"action":{"type":"ignore-previous-rules"},"trigger":{"url-filter":".*","if-domain":["a.test"]}})",
+            R"({"action":{"type":"block"},"trigger":{"resource-type":["font"],"load-type":["first-party"]}})",
+        }) {
         const ContentBlockerRule original = ContentBlockerRule::fromJSON(input);
         ASSERT_NE(original, ContentBlockerRule{}) << input;
-        const SharedCustomRule rule = SharedCustomRule::initWithSafariData(original);
-        EXPECT_EQ(rule.convertToSafariData(), original) << input;
+        EXPECT_EQ(SharedCustomRule::initWithSafariData(original).convertToSafariData(), original)
+            << input;
     }
 }
 
-TEST_F(SharedCustomRuleTest, HashEqualsTheHashOfItsProfileRule)
-{
-    SharedCustomRule bare;
-    SharedCustomRule full;
-    full.ruleID = "0123456789";
-    full.action = ActionCode::kHide;
-    full.selector = "div.ad";
-    full.filter = ".*";
-    full.resources = "image";
-    full.loads = "third-party";
-    full.domainType = 2;
-    full.domains = "a.test";
-    full.filterSensitive = 1;
+TEST_F(SharedCustomRuleTest, HashEqualsTheHashOfItsProfileRule) {
+    SharedCustomRule full = aCustomRule()
+                                .ruleID("0123456789")
+                                .action(2)
+                                .selector("div.ad")
+                                .filter(".*")
+                                .resources("image")
+                                .loads("third-party")
+                                .domainType(2)
+                                .domains("a.test")
+                                .filterSensitive(1);
     full.ruleName = "not part of the key";
-    SharedCustomRule emptyFields = bare;
-    emptyFields.selector = emptyFields.filter = emptyFields.domains = "";
-
-    for (const SharedCustomRule& rule : {bare, full, emptyFields}) {
+    const std::pair<SharedCustomRule, const char*> cases[] = {
+        {aCustomRule(), "0-----1-"},  // domainType 1 here, not -1
+        {aCustomRule().selector("").filter("").domains(""), "0-----1-"},
+        {full, "2-div.ad-.*-image-third-party-2-a.test"},
+    };
+    for (const auto& [rule, hash] : cases) {
+        EXPECT_EQ(rule.computeHash(), hash);
         EXPECT_EQ(rule.computeHash(), ProfileRule::initWithSharedCustomRule(rule).computeHash());
     }
-    EXPECT_EQ(bare.computeHash(), "0-----1-");  // domainType 1 here, not -1
-    EXPECT_EQ(full.computeHash(), "2-div.ad-.*-image-third-party-2-a.test");
-    EXPECT_EQ(emptyFields.computeHash(), bare.computeHash());
-    EXPECT_EQ(SharedCustomRule::validateData(std::nullopt), "");
-    EXPECT_EQ(SharedCustomRule::validateData("x"), "x");
 }
 
-TEST_F(SharedCustomRuleTest, MergeWhitelistCustomRule)
-{
-    struct Case {
-        NullableString own;
-        NullableString other;
-        std::string merged;
-    };
-    const Case cases[] = {
-        {"b.test,c.test", "a.test,b.test,b.test", "a.test,b.test,c.test"},
-        {"c.test", "d.test,d.test", "d.test,d.test,c.test"},
-        {std::nullopt, std::nullopt, ""},
-    };
-    for (const auto& c : cases) {
-        SharedCustomRule a;
-        a.action = ActionCode::kAllowWebsite;
-        a.domains = c.own;
-        SharedCustomRule b;
-        b.domains = c.other;
-        SharedCustomRule expected = a;
-        expected.domains = c.merged;
-        a.mergeWhitelistCustomRule(b);
-        EXPECT_EQ(a, expected);
-    }
-}
+TEST_F(SharedCustomRuleTest, DefaultsMergeAndDescription) {
+    EXPECT_EQ(SharedCustomRule{}.addDate, kNow);  // stamped when made
 
-TEST_F(SharedCustomRuleTest, Description)
-{
-    SharedCustomRule rule;
-    rule.ruleID = "r1";
-    rule.action = 5;
-    rule.domains = "a.test";
+    SharedCustomRule merged = aCustomRule().action(3).domains("b.test");
+    merged.mergeWhitelistCustomRule(aCustomRule().domains("a.test,b.test"));
+    EXPECT_EQ(merged, aCustomRule().action(3).domains("a.test,b.test").build());
+
+    SharedCustomRule rule = aCustomRule().ruleID("r1").action(5).domains("a.test");
     rule.modDate = 1.5;
     EXPECT_EQ(rule.description(),
               "ruleID: r1 - blocker: 4 - action: 5 - selector: (null) - filter: (null) - "
@@ -339,7 +232,6 @@ TEST_F(SharedCustomRuleTest, Description)
               "blockerProfileID: (null) - ruleName: (null) - filterSensitive: 0 - "
               "modDate: 1.500000 - regularExpression: 0 - ruleType: 1 - active: 1 - "
               "filterDomain: (null) - domains: a.test - filterInfo: 1 - domains: a.test");
-
     // "%f" of any magnitude is written whole, never cut.
     rule.addDate = -1e300;
     const std::string text = rule.description();

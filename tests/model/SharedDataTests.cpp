@@ -1,39 +1,16 @@
-#include "model/SharedData.h"
-
 #include <gtest/gtest.h>
 
 #include <functional>
 
+#include "model/SharedData.h"
 #include "utilities/Version.h"
 
 namespace stonewall {
 namespace {
 
-TEST(SharedData, InitDefaults)
-{
-    const SharedData data;
-    EXPECT_EQ(data.activeProfileID, "defaultProfile");
-    EXPECT_EQ(data.timestamps, "0,0");
-    EXPECT_EQ(data.profiles, "Default Profile");
-    EXPECT_EQ(data.profileIDs, "defaultProfile");
-    EXPECT_EQ(data.profileUpdates, "0");
-    EXPECT_EQ(data.status, 1);
-    EXPECT_EQ(data.addDate, 0);
-    EXPECT_EQ(data.appVersion, std::string(kShortVersionString));
-    EXPECT_EQ(data.extVersion, std::string(kShortVersionString));
-    EXPECT_EQ(data.domainStatus, "-1,-1,-1");
-    EXPECT_EQ(data.reload, 0);
-    EXPECT_FALSE(SharedData::bundleShortVersionString().empty());
-}
-
-TEST(SharedData, NarrowEquality)
-{
-    struct Case {
-        const char* change;
-        std::function<void(SharedData&)> apply;
-        bool equal;
-    };
-    const Case cases[] = {
+TEST(SharedData, NarrowEquality) {
+    using Change = std::function<void(SharedData&)>;
+    const std::tuple<const char*, Change, bool> cases[] = {
         {"nothing", [](SharedData&) {}, true},
         {"domainStatus", [](SharedData& d) { d.domainStatus = "1,-1,-1"; }, true},
         {"reload", [](SharedData& d) { d.reload = 1; }, true},
@@ -49,34 +26,26 @@ TEST(SharedData, NarrowEquality)
         {"profileIDs", [](SharedData& d) { d.profileIDs = std::nullopt; }, false},
         {"status", [](SharedData& d) { d.status = 0; }, false},
     };
-    for (const auto& c : cases) {
+    for (const auto& [name, change, equal] : cases) {
         SharedData changed;
-        c.apply(changed);
-        EXPECT_EQ(SharedData{}.isEqual(changed), c.equal) << c.change;
-        EXPECT_EQ(changed.isEqual(SharedData{}), c.equal) << c.change;
+        change(changed);
+        EXPECT_EQ(SharedData{}.isEqual(changed), equal) << name;
+        EXPECT_EQ(changed.isEqual(SharedData{}), equal) << name;
     }
-}
-
-TEST(SharedData, EmptyAndNullListsCountAsEqual)
-{
-    using Field = NullableString SharedData::*;
-    for (Field field : {&SharedData::timestamps, &SharedData::profiles, &SharedData::profileIDs}) {
+    // Empty and null lists count as equal.
+    for (auto field : {&SharedData::timestamps, &SharedData::profiles, &SharedData::profileIDs}) {
         SharedData a, b;
         a.*field = std::nullopt;
         b.*field = "";
-        EXPECT_TRUE(a.isEqual(b));
-        EXPECT_TRUE(b.isEqual(a));
-        a.*field = "x";
-        EXPECT_FALSE(a.isEqual(b));
+        EXPECT_TRUE(a.isEqual(b) && b.isEqual(a));
     }
     // Two null profile identifiers are not equal: the receiver's must be set.
-    SharedData a, b;
-    a.activeProfileID = b.activeProfileID = std::nullopt;
-    EXPECT_FALSE(a.isEqual(b));
+    SharedData noProfile;
+    noProfile.activeProfileID = std::nullopt;
+    EXPECT_FALSE(noProfile.isEqual(noProfile));
 }
 
-TEST(SharedData, CopyLeavesDomainStatusAndReloadAtDefaults)
-{
+TEST(SharedData, CopyLeavesDomainStatusAndReloadAtDefaults) {
     SharedData data;
     data.activeProfileID = "abcdef0123";
     data.timestamps = "1,2";
@@ -90,39 +59,30 @@ TEST(SharedData, CopyLeavesDomainStatusAndReloadAtDefaults)
     data.domainStatus = "1,-1,-1";
     data.reload = 1;
 
+    SharedData expected = data;
+    expected.domainStatus = "-1,-1,-1";
+    expected.reload = 0;
     const SharedData copy = data.copy();
-    EXPECT_EQ(copy.activeProfileID, data.activeProfileID);
-    EXPECT_EQ(copy.timestamps, data.timestamps);
-    EXPECT_EQ(copy.profiles, data.profiles);
-    EXPECT_EQ(copy.profileIDs, data.profileIDs);
-    EXPECT_EQ(copy.profileUpdates, data.profileUpdates);
-    EXPECT_EQ(copy.status, data.status);
-    EXPECT_EQ(copy.addDate, data.addDate);
-    EXPECT_EQ(copy.appVersion, data.appVersion);
-    EXPECT_EQ(copy.extVersion, data.extVersion);
-    EXPECT_EQ(copy.domainStatus, "-1,-1,-1");
-    EXPECT_EQ(copy.reload, 0);
+    EXPECT_EQ(copy.description(), expected.description());
+    EXPECT_EQ(copy.addDate, data.addDate);  // the one field the description leaves out
     EXPECT_TRUE(copy.isEqual(data));
 }
 
-TEST(SharedData, Description)
-{
+TEST(SharedData, DescriptionShowsTheDefaults) {
     const std::string version(kShortVersionString);
     EXPECT_EQ(SharedData{}.description(),
               "activeProfileID: defaultProfile - timestamps: 0,0 - profiles: Default Profile - "
               "profileIDs: defaultProfile - profileUpdates: 0 - status: 1 - domainStatus: "
-              "-1,-1,-1, reload: 0, appVersion: " + version + ", extVersion: " + version);
-
+              "-1,-1,-1, reload: 0, appVersion: " +
+                  version + ", extVersion: " + version);
     SharedData data;
     data.activeProfileID = std::nullopt;
     data.status = -1;
-    data.reload = 1;
-    data.appVersion = "1.2";
-    data.extVersion = "1.2";
+    data.extVersion = std::nullopt;
     const std::string text = data.description();
-    EXPECT_TRUE(text.starts_with("activeProfileID: (null) - "));
-    EXPECT_NE(text.find(" - status: -1 - "), std::string::npos);
-    EXPECT_TRUE(text.ends_with(", reload: 1, appVersion: 1.2, extVersion: 1.2"));
+    EXPECT_TRUE(text.starts_with("activeProfileID: (null) - ")) << text;
+    EXPECT_NE(text.find(" - status: -1 - "), std::string::npos) << text;
+    EXPECT_TRUE(text.ends_with(", extVersion: (null)")) << text;
 }
 
 }  // namespace
