@@ -16,53 +16,30 @@ DataElement element(NullableString tag, NullableString source, NullableString cu
         std::move(parentTag), "a.link", std::move(parentSource), std::move(parentCurrentSource)});
 }
 
-TEST(PickedElementRules, AnyTagButMediaGivesAHideRule) {
-    for (const char* tag : {"div", "IMG", "iframe", "a", ""}) {
-        SCOPED_TRACE(tag);
-        auto rule = CompanionController::createVisualCustomRule(
-            kHost, element(tag, "https://ads.example.net/x.png", std::nullopt));
-        ASSERT_TRUE(rule);
-        EXPECT_EQ(rule->action, ActionCode::kHide);
-        EXPECT_EQ(rule->blocker, BlockerCode::kCustom);
-        EXPECT_EQ(rule->filter, ".*");
-        EXPECT_EQ(rule->selector, "#picked");
-        EXPECT_EQ(rule->domains, kHost);
-        EXPECT_EQ(rule->domainType, DomainTypeCode::kIfTopURL);
-        EXPECT_EQ(rule->filterSensitive, 0);
-        EXPECT_EQ(rule->filterInfo, 4);
-        EXPECT_EQ(rule->active, 1);
-        EXPECT_FALSE(rule->filterDomain);
-        ASSERT_TRUE(rule->ruleID);
-        EXPECT_EQ(rule->ruleID->size(), 10u);
-    }
-}
-
-TEST(PickedElementRules, AnElementOfTheWrongSizeHidesWithoutSelector) {
-    auto rule = CompanionController::createVisualCustomRule(
-        kHost, DataElement::initWithElement(std::vector<std::string>(8, "img")));
-    ASSERT_TRUE(rule);
-    EXPECT_EQ(rule->action, ActionCode::kHide);
-    EXPECT_FALSE(rule->selector);
-}
-
-TEST(PickedElementRules, MediaSourcesGiveBlockRules) {
+TEST(PickedElementRules, MediaSourcesBlockEverythingElseHides) {
     const std::string prefix = "^[^:]+://+([^:/]+\\.)?";
     struct Case {
         const char* name;
         DataElement picked;
-        std::optional<std::string> filter;  // none: no rule
+        std::optional<std::string> filter;  // none: no rule; ".*": a hide rule
         std::optional<std::string> filterDomain;
     };
     const Case cases[] = {
+        {"div hides", element("div", "https://ads.example.net/x.png", {}), ".*", {}},
+        {"tags are compared as written",
+         element("IMG", "https://ads.example.net/x.png", {}),
+         ".*",
+         {}},
+        {"iframe hides", element("iframe", "https://ads.example.net/x.png", {}), ".*", {}},
+        {"empty tag hides", element("", "https://ads.example.net/x.png", {}), ".*", {}},
         {"empty current source uses source", element("img", "https://www.example.com/a.png", ""),
          prefix + "www\\.example\\.com/a\\.png", "https://www.example.com/a.png"},
         {"current source preferred",
          element("video", "https://x.org/old.mp4", "https://cdn.x.org/new.mp4"),
          prefix + "cdn\\.x\\.org/new\\.mp4", "https://cdn.x.org/new.mp4"},
-        {"both empty", element("img", "", ""), std::nullopt, std::nullopt},
-        {"both absent", element("audio", std::nullopt, std::nullopt), std::nullopt, std::nullopt},
-        {"no scheme separator", element("embed", "data:image/gif;base64,R0lG", ""), std::nullopt,
-         std::nullopt},
+        {"both empty", element("img", "", ""), {}, {}},
+        {"both absent", element("audio", {}, {}), {}, {}},
+        {"no scheme separator", element("embed", "data:image/gif;base64,R0lG", ""), {}, {}},
         {"only the part up to a second separator",
          element("object", "https://a.org/r?u=https://b.org/x", ""), prefix + "a\\.org/r\\?u=https",
          "https://a.org/r?u=https://b.org/x"},
@@ -92,42 +69,42 @@ TEST(PickedElementRules, MediaSourcesGiveBlockRules) {
         auto rule = CompanionController::createVisualCustomRule(kHost, c.picked);
         ASSERT_EQ(rule.has_value(), c.filter.has_value());
         if (!rule) continue;
-        EXPECT_EQ(rule->action, ActionCode::kBlock);
+        const bool hides = c.filter == ".*";
+        EXPECT_EQ(rule->action, hides ? ActionCode::kHide : ActionCode::kBlock);
+        EXPECT_EQ(rule->selector, hides ? NullableString("#picked") : std::nullopt);
         EXPECT_EQ(rule->filter, c.filter);
         EXPECT_EQ(rule->filterDomain, c.filterDomain);
-        EXPECT_EQ(rule->filterSensitive, 1);
-        EXPECT_EQ(rule->filterInfo, 1);
+        EXPECT_EQ(rule->filterSensitive, hides ? 0 : 1);
+        EXPECT_EQ(rule->filterInfo, hides ? 4 : 1);
+        EXPECT_EQ(rule->blocker, BlockerCode::kCustom);
         EXPECT_EQ(rule->domains, kHost);
-        EXPECT_EQ(rule->domainType, 1);
-        EXPECT_FALSE(rule->selector);
+        EXPECT_EQ(rule->domainType, DomainTypeCode::kIfTopURL);
+        EXPECT_EQ(rule->active, 1);
+        EXPECT_EQ(rule->ruleID.value_or("").size(), 10u);
     }
+    // An element of the wrong size hides, without a selector.
+    auto rule = CompanionController::createVisualCustomRule(
+        kHost, DataElement::initWithElement(std::vector<std::string>(8, "img")));
+    ASSERT_TRUE(rule);
+    EXPECT_EQ(rule->action, ActionCode::kHide);
+    EXPECT_FALSE(rule->selector);
 }
 
-TEST(PickedElementRules, EscapeAndUnescapeAreInverse) {
-    struct Case {
-        const char* plain;
-        const char* escaped;
-    };
-    for (const Case& c :
-         {Case{"cdn.example.com", "cdn\\.example\\.com"}, Case{"a?b^c+d|e", "a\\?b\\^c\\+d\\|e"},
-          Case{"*()[$/", "*()[$/"}, Case{"", ""}}) {
-        SCOPED_TRACE(c.plain);
-        EXPECT_EQ(CompanionController::escapeData(std::string(c.plain)), c.escaped);
-        EXPECT_EQ(CompanionController::unescapeData(std::string(c.escaped)), c.plain);
+TEST(PickedElementRules, Helpers) {
+    for (const auto& [plain, escaped] : {std::pair{"cdn.example.com", "cdn\\.example\\.com"},
+                                         {"a?b^c+d|e", "a\\?b\\^c\\+d\\|e"},
+                                         {"*()[$/", "*()[$/"},
+                                         {"", ""}}) {
+        EXPECT_EQ(CompanionController::escapeData(std::string(plain)), escaped);
+        EXPECT_EQ(CompanionController::unescapeData(std::string(escaped)), plain);
     }
     EXPECT_FALSE(CompanionController::escapeData(std::nullopt));
     EXPECT_FALSE(CompanionController::unescapeData(std::nullopt));
-}
-
-TEST(PickedElementRules, MediaTagsAndSourceChoice) {
-    for (const char* tag : {"img", "video", "audio", "embed", "object"}) {
+    for (const char* tag : {"img", "video", "audio", "embed", "object"})
         EXPECT_TRUE(CompanionController::checkTagSource(std::string(tag))) << tag;
-    }
-    for (const char* tag : {"Img", "iframe", "source", "picture", ""}) {
+    for (const char* tag : {"Img", "iframe", "source", "picture", ""})
         EXPECT_FALSE(CompanionController::checkTagSource(std::string(tag))) << tag;
-    }
     EXPECT_FALSE(CompanionController::checkTagSource(std::nullopt));
-    EXPECT_EQ(CompanionController::getElementSource(std::string("s"), std::string("c")), "c");
     EXPECT_EQ(CompanionController::getElementSource(std::string("s"), std::string("")), "s");
     EXPECT_EQ(CompanionController::getElementSource(std::nullopt, std::nullopt), std::nullopt);
 }
@@ -141,16 +118,6 @@ class ProcessCustomRulesTest : public EngineTest {
     }
 };
 
-SharedCustomRule customRule(int64_t action, const std::string& domain, int64_t active = 1) {
-    SharedCustomRule rule;
-    rule.action = action;
-    rule.filter = ".*";
-    rule.domains = domain;
-    rule.ruleID = "custom-" + std::to_string(action);
-    rule.active = active;
-    return rule;
-}
-
 TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
     struct Case {
         const char* name;
@@ -158,8 +125,8 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
         int64_t action;
         int64_t active;
         bool sharedStored;
-        // The domains of the profile rules of that action afterwards, in
-        // database order; the existing list rule holds "a.com".
+        // The domains of the profile rules of that action afterwards; the
+        // existing list rule holds "a.com".
         std::vector<std::string> profileDomains;
     };
     const Case cases[] = {
@@ -189,17 +156,20 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
         openProfile(profileID)->addProfileRules({listRule});
         SharedDatabase::sharedInstance().removeSharedCustomRulesDetails();
 
+        SharedCustomRule custom;
+        custom.action = c.action;
+        custom.filter = ".*";
+        custom.domains = "b.com";
+        custom.ruleID = "custom-" + std::to_string(c.action);
+        custom.active = c.active;
         CompanionController controller;
-        controller.processCustomRules({customRule(c.action, "b.com", c.active)});
+        controller.processCustomRules({custom});
 
         std::vector<std::string> domains;
-        for (const auto& rule : controller.activeDatabase()->getProfileRulesByAction(c.action)) {
+        for (const auto& rule : controller.activeDatabase()->getProfileRulesByAction(c.action))
             domains.push_back(rule.domains.value_or("<null>"));
-        }
         std::sort(domains.begin(), domains.end());
-        auto expected = c.profileDomains;
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(domains, expected);
+        EXPECT_EQ(domains, c.profileDomains);
         const auto stored = sharedRules();
         ASSERT_EQ(stored.size(), c.sharedStored ? 1u : 0u);
         if (c.sharedStored) {
@@ -212,7 +182,7 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
 TEST_F(ProcessCustomRulesTest, AStatusOfOneWithoutAListRuleStartsTheList) {
     storeSharedData(sharedDataWith("nolist", "1,-1,-1"));
     CompanionController controller;
-    controller.processCustomRules({customRule(5, "b.com")});
+    controller.processCustomRules({controller.blockWebsiteCustomRule(std::string("b.com"))});
     const auto rules = controller.activeDatabase()->getProfileRulesByAction(5);
     ASSERT_EQ(rules.size(), 1u);
     EXPECT_EQ(rules[0].domains, "b.com");
@@ -225,9 +195,9 @@ TEST_F(ProcessCustomRulesTest, SeveralRulesKeepTheirOrderAndAnEmptyListStoresNot
     controller.processCustomRules({});
     EXPECT_TRUE(sharedRules().empty());
 
-    SharedCustomRule hide =
+    const SharedCustomRule hide =
         CompanionController::hideCustomRule(std::string("h.com"), std::string(".x"));
-    SharedCustomRule block = CompanionController::blockCustomRule(
+    const SharedCustomRule block = CompanionController::blockCustomRule(
         std::string("h.com"), std::string("a\\.org"), std::string("https://a.org"));
     controller.processCustomRules({hide, block});
     EXPECT_EQ(controller.activeDatabase()->getProfileRulesCount(), 2);
@@ -250,9 +220,7 @@ TEST_F(ProcessCustomRulesTest, VisualRulesAreStoredAndAlwaysNotify) {
     EXPECT_EQ(completions, 1);
     EXPECT_EQ(updateNotificationCount(), 1u);
 
-    DataElement picked = element("div", std::nullopt, std::nullopt);
-    DataElement unusable = element("img", "", "");
-    controller.createVisualCustomRules({picked, unusable}, nullptr);
+    controller.createVisualCustomRules({element("div", {}, {}), element("img", "", "")}, nullptr);
     EXPECT_EQ(updateNotificationCount(), 2u);
     EXPECT_EQ(sharedRules().size(), 1u);
     EXPECT_EQ(controller.activeDatabase()->getProfileRulesByAction(2).size(), 1u);

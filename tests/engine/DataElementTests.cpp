@@ -13,37 +13,25 @@ std::vector<std::string> nine() {
     return {"loc", "img", "#sel", "src", "cur", "a", "a.sel", "psrc", "pcur"};
 }
 
-TEST(DataElement, NineEntriesAreReadByPosition) {
+TEST(DataElement, NineEntriesAreReadByPositionAnyOtherCountGivesNothing) {
     const DataElement element = DataElement::initWithElement(nine());
-    EXPECT_EQ(element.location, "loc");
-    EXPECT_EQ(element.tag, "img");
-    EXPECT_EQ(element.selector, "#sel");
-    EXPECT_EQ(element.source, "src");
-    EXPECT_EQ(element.currentSource, "cur");
-    ASSERT_TRUE(element.parentElement);
-    EXPECT_EQ(element.parentElement->tag, "a");
-    EXPECT_EQ(element.parentElement->selector, "a.sel");
-    EXPECT_EQ(element.parentElement->source, "psrc");
-    EXPECT_EQ(element.parentElement->currentSource, "pcur");
-    EXPECT_FALSE(element.parentElement->location);
-    EXPECT_FALSE(element.parentElement->parentElement);
-    EXPECT_FALSE(element.childElement);
     EXPECT_EQ(element.description(),
               "location: loc, tag: img, selector: #sel, source: src, currentSource: cur");
-}
+    ASSERT_TRUE(element.parentElement);
+    EXPECT_EQ(element.parentElement->description(),
+              "location: (null), tag: a, selector: a.sel, source: psrc, currentSource: pcur");
+    EXPECT_FALSE(element.parentElement->parentElement);
+    EXPECT_FALSE(element.childElement);
 
-TEST(DataElement, AnyOtherCountGivesAnEmptyRecord) {
+    // Any other count gives an empty record.
     for (size_t count : {0u, 1u, 8u, 10u, 18u}) {
         std::vector<std::string> entries = nine();
         entries.resize(count, "x");
-        const DataElement element = DataElement::initWithElement(entries);
-        EXPECT_FALSE(element.location || element.tag || element.selector || element.source ||
-                     element.currentSource || element.parentElement)
+        const DataElement other = DataElement::initWithElement(entries);
+        EXPECT_FALSE(other.location || other.tag || other.selector || other.source ||
+                     other.currentSource || other.parentElement)
             << count;
     }
-    EXPECT_EQ(DataElement{}.description(),
-              "location: (null), tag: (null), selector: (null), source: (null), "
-              "currentSource: (null)");
 }
 
 TEST(DataElement, MessageDataOfTheWire) {
@@ -64,9 +52,8 @@ TEST(DataElement, MessageDataOfTheWire) {
         EXPECT_FALSE((*elements)[i].tag) << i;
         EXPECT_FALSE((*elements)[i].parentElement) << i;
     }
-}
 
-TEST(DataElement, MessageDataThatIsNoArrayOfElements) {
+    // Message data that is no array of elements.
     for (std::string_view text :
          {std::string_view(""), std::string_view("{\"data\":[]}"), std::string_view("[[\"a\""),
           std::string_view("42"), std::string_view("[\"\xff\xfe\"]"), std::string_view("null")}) {

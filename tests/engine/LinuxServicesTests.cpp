@@ -5,10 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
-#include <thread>
 
 #include "ProfileGenerator.h"
 #include "engine/CompanionController.h"
@@ -16,11 +13,13 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "platform/testing/TestPlatform.h"
 #include "storage/SharedDatabase.h"
+#include "support/MainLoopWatchdog.h"
 
 namespace stonewall {
 namespace {
 
 using Manager = platform::linux::WebKitContentBlockerManager;
+constexpr std::chrono::seconds kLimit{60};
 
 class LinuxServicesTest : public ::testing::Test {
   protected:
@@ -45,11 +44,12 @@ class LinuxServicesTest : public ::testing::Test {
                 onMain = platform::dispatch().mainQueue().isCurrent();
                 platform::dispatch().stopMain();
             });
-        runMainWithWatchdog();
+        EXPECT_TRUE(test_support::runMainWithWatchdog(platform::dispatch(), kLimit))
+            << "the reload never completed";
         // A second completion would arrive on the loop; give it the chance.
         platform::dispatch().mainQueue().asyncAfter(std::chrono::milliseconds(300),
                                                     [] { platform::dispatch().stopMain(); });
-        runMainWithWatchdog();
+        EXPECT_TRUE(test_support::runMainWithWatchdog(platform::dispatch(), kLimit));
         EXPECT_TRUE(onMain);
         return {outcome, calls};
     }
@@ -70,28 +70,6 @@ class LinuxServicesTest : public ::testing::Test {
         options.busAddress = "unix:path=" + temporary_.rootPath() + "/no-bus";
         options.verbose = false;
         return platform::linux::makeLinuxServices(options);
-    }
-
-    void runMainWithWatchdog() {
-        std::mutex mutex;
-        std::condition_variable finished;
-        bool done = false;
-        bool timedOut = false;
-        std::thread watchdog([&] {
-            std::unique_lock lock(mutex);
-            if (!finished.wait_for(lock, std::chrono::seconds(60), [&] { return done; })) {
-                timedOut = true;
-                platform::dispatch().stopMain();
-            }
-        });
-        platform::dispatch().runMain();
-        {
-            std::lock_guard lock(mutex);
-            done = true;
-        }
-        finished.notify_all();
-        watchdog.join();
-        ASSERT_FALSE(timedOut) << "the reload never completed";
     }
 
     platform::testing::TestPlatform temporary_;  // only for its temporary folder
@@ -130,13 +108,6 @@ TEST_F(LinuxServicesTest, WebKitAcceptsARealisticProfileWithEveryKindOfCustomRul
                                          Manager::kContentBlockerIdentifier));
 }
 
-TEST_F(LinuxServicesTest, WebKitAcceptsThePlaceholderOfAnEmptyProfile) {
-    auto database = ProfileDatabase::initWithBlockerProfileID(std::string("empty"));
-    const auto [error, calls] = reload(std::string("empty"), database);
-    EXPECT_EQ(calls, 1);
-    EXPECT_FALSE(error) << error->message;
-}
-
 TEST_F(LinuxServicesTest, ARejectedListEndsTheRequestAfterTheFirstPhase) {
     auto database = ProfileDatabase::initWithBlockerProfileID(std::string("bad"));
     ProfileRule bogus;  // resource types pass through unchecked; WebKit refuses this one
@@ -149,16 +120,6 @@ TEST_F(LinuxServicesTest, ARejectedListEndsTheRequestAfterTheFirstPhase) {
     ASSERT_TRUE(error);
     EXPECT_EQ(error->domain, "WebKitUserContentFilterError");
     EXPECT_EQ(reloadType(), 1);
-}
-
-TEST_F(LinuxServicesTest, BlockingOffReloadsWithoutAProfile) {
-    CompanionController controller;
-    controller.changeStatus(nullptr);
-    const auto [error, calls] = reload(std::nullopt, nullptr);
-    EXPECT_EQ(calls, 1);
-    EXPECT_FALSE(error) << error->message;
-    auto suite = platform::defaults().suiteNamed(platform::testing::kTestApplicationGroup);
-    EXPECT_EQ(suite->integerForKey("blockingStatus"), 2);
 }
 
 }  // namespace

