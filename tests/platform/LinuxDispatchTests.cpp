@@ -2,13 +2,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "platform/linux/LinuxDispatch.h"
+#include "support/MainLoopWatchdog.h"
 
 namespace stonewall::platform::linux {
 namespace {
@@ -18,28 +17,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kWatchdog = 10s;
 
-// Runs the main loop until stopped, failing the test (and stopping the loop)
-// if that takes longer than the watchdog allows.
-void runMainWithWatchdog(LinuxDispatch& dispatch) {
-    std::mutex mutex;
-    std::condition_variable finished;
-    bool done = false;
-    bool fired = false;
-    std::thread watchdog([&] {
-        std::unique_lock lock(mutex);
-        if (!finished.wait_for(lock, kWatchdog, [&] { return done; })) {
-            fired = true;
-            dispatch.stopMain();
-        }
-    });
-    dispatch.runMain();
-    {
-        std::lock_guard lock(mutex);
-        done = true;
-    }
-    finished.notify_all();
-    watchdog.join();
-    EXPECT_FALSE(fired) << "the main loop was not stopped in time";
+void runMain(LinuxDispatch& dispatch) {
+    EXPECT_TRUE(test_support::runMainWithWatchdog(dispatch, kWatchdog))
+        << "the main loop was not stopped in time";
 }
 
 template <typename T>
@@ -64,24 +44,22 @@ TEST(LinuxDispatch, MainQueueRunsItemsInOrderOnTheLoopThreadUntilStopped) {
     // Submitted from another thread while the loop runs.
     std::thread([&] { dispatch.mainQueue().async([&] { dispatch.stopMain(); }); }).join();
     dispatch.mainQueue().async([&] { order.push_back(-1); });  // after the stop
-    runMainWithWatchdog(dispatch);
+    runMain(dispatch);
     ASSERT_EQ(order.size(), 100u);
     for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<size_t>(i)], i);
     EXPECT_TRUE(allOnMain);
 
     // The item left behind runs in the next run.
     dispatch.mainQueue().async([&] { dispatch.stopMain(); });
-    runMainWithWatchdog(dispatch);
+    runMain(dispatch);
     EXPECT_EQ(order.back(), -1);
-}
 
-TEST(LinuxDispatch, StopMainFromAnotherThreadWakesAnIdleLoop) {
-    LinuxDispatch dispatch;
+    // A stop from another thread wakes an idle loop.
     std::thread stopper([&] {
         std::this_thread::sleep_for(20ms);
         dispatch.stopMain();
     });
-    runMainWithWatchdog(dispatch);
+    runMain(dispatch);
     stopper.join();
 }
 
@@ -102,7 +80,7 @@ TEST(LinuxDispatch, DelayedItemsRunNoEarlierThanAskedAndInDueOrder) {
     serial->asyncAfter(0ns, [&] {
         dispatch.mainQueue().async([&] { ran.emplace_back(0, Clock::now() - start); });
     });
-    runMainWithWatchdog(dispatch);
+    runMain(dispatch);
     ASSERT_EQ(ran.size(), 4u);
     const Clock::duration minimum[] = {0ms, 20ms, 40ms, 60ms};
     for (int i = 0; i < 4; ++i) {
@@ -226,7 +204,7 @@ TEST(LinuxDispatch, SyncOntoMainFromAnotherThreadWaitsForTheLoop) {
         dispatch.mainQueue().sync([&] { ranOnMainQueue = dispatch.mainQueue().isCurrent(); });
         dispatch.stopMain();
     });
-    runMainWithWatchdog(dispatch);
+    runMain(dispatch);
     worker.join();
     EXPECT_TRUE(ranOnMainQueue);
 }

@@ -12,18 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(ManualClockDispatch, NothingRunsUntilAsked) {
-    ManualClockDispatch dispatch;
-    int ran = 0;
-    dispatch.mainQueue().async([&] { ++ran; });
-    dispatch.globalQueue(QueuePriority::High).asyncAfter(1s, [&] { ++ran; });
-    EXPECT_EQ(ran, 0);
-    EXPECT_EQ(dispatch.pendingCount(), 2u);
-    EXPECT_EQ(dispatch.runUntilIdle(), 1u);
-    EXPECT_EQ(ran, 1);
-    EXPECT_EQ(dispatch.pendingCount(), 1u);  // the delayed one is not due yet
-}
-
 TEST(ManualClockDispatch, RunsDueItemsOfAllQueuesInSubmissionOrderIncludingNewOnes) {
     ManualClockDispatch dispatch;
     auto serial = dispatch.createSerialQueue("com.example.serial");
@@ -36,49 +24,37 @@ TEST(ManualClockDispatch, RunsDueItemsOfAllQueuesInSubmissionOrderIncludingNewOn
     });
     serial->async([&] { order.push_back("serial"); });
     dispatch.globalQueue(QueuePriority::High).async([&] { order.push_back("high"); });
+    dispatch.mainQueue().asyncAfter(1s, [&] { order.push_back("later"); });
+    EXPECT_TRUE(order.empty()) << "nothing runs until asked";
+    EXPECT_EQ(dispatch.pendingCount(), 5u);
 
     EXPECT_EQ(dispatch.runUntilIdle(), 5u);
     EXPECT_EQ(order, (std::vector<std::string>{"default", "main", "serial", "high", "nested"}));
-    EXPECT_EQ(dispatch.pendingCount(), 0u);
+    EXPECT_EQ(dispatch.pendingCount(), 1u);  // the delayed one is not due yet
 }
 
 TEST(ManualClockDispatch, AdvanceRunsDelayedItemsInDueOrderAtTheirDueTime) {
-    struct Case {
-        const char* name;
-        std::vector<std::pair<Nanoseconds, std::string>> submissions;
-        Nanoseconds advance;
-        std::vector<std::string> expectedOrder;
-    };
-    const std::vector<Case> cases = {
-        {"due order beats submission order",
-         {{3s, "c"}, {1s, "a"}, {2s, "b"}},
-         5s,
-         {"a", "b", "c"}},
-        {"same due time keeps submission order",
-         {{2s, "x"}, {2s, "y"}, {2s, "z"}},
-         2s,
-         {"x", "y", "z"}},
-        {"boundary is inclusive, later stays", {{2s, "due"}, {2s + 1ns, "late"}}, 2s, {"due"}},
-        {"zero and negative delays are due now",
-         {{0s, "zero"}, {-5s, "negative"}},
-         0s,
-         {"zero", "negative"}},
-    };
-    for (const auto& testCase : cases) {
-        SCOPED_TRACE(testCase.name);
+    using Submissions = std::vector<std::pair<Nanoseconds, std::string>>;
+    using Order = std::vector<std::string>;
+    // Due order beats submission order; the same due time keeps submission
+    // order; the boundary is inclusive; zero and negative delays are due now.
+    const std::tuple<Submissions, Nanoseconds, Order> cases[] = {
+        {{{3s, "c"}, {1s, "a"}, {2s, "b"}}, 5s, {"a", "b", "c"}},
+        {{{2s, "x"}, {2s, "y"}, {2s, "z"}}, 2s, {"x", "y", "z"}},
+        {{{2s, "due"}, {2s + 1ns, "late"}}, 2s, {"due"}},
+        {{{0s, "zero"}, {-5s, "negative"}}, 0s, {"zero", "negative"}}};
+    for (const auto& [submissions, advance, expected] : cases) {
         ManualClockDispatch dispatch;
-        std::vector<std::string> order;
-        std::vector<Nanoseconds> times;
-        for (const auto& [delay, label] : testCase.submissions) {
+        Order order;
+        for (const auto& [delay, label] : submissions) {
             dispatch.mainQueue().asyncAfter(delay, [&, label = label, delay = delay] {
                 order.push_back(label);
-                times.push_back(dispatch.now());
                 EXPECT_GE(dispatch.now(), delay);
             });
         }
-        dispatch.advanceBy(testCase.advance);
-        EXPECT_EQ(order, testCase.expectedOrder);
-        EXPECT_EQ(dispatch.now(), testCase.advance);
+        dispatch.advanceBy(advance);
+        EXPECT_EQ(order, expected);
+        EXPECT_EQ(dispatch.now(), advance);
     }
 }
 
@@ -103,29 +79,29 @@ TEST(ManualClockDispatch, DelayedItemsSubmittedByDelayedItemsRunWithinTheSameAdv
 TEST(ManualClockDispatch, MainQueueIsCurrentOnTheCreatingThreadOutsideOtherQueues) {
     ManualClockDispatch dispatch;
     auto serial = dispatch.createSerialQueue("com.example.serial");
-    EXPECT_TRUE(dispatch.mainQueue().isCurrent());
-    EXPECT_FALSE(serial->isCurrent());
-
-    bool mainInsideSerial = true;
-    bool serialInsideSerial = false;
-    bool globalInsideGlobal = false;
-    bool mainInsideMain = false;
+    auto other = dispatch.createSerialQueue("com.example.other");
+    Queue& main = dispatch.mainQueue();
+    Queue& global = dispatch.globalQueue(QueuePriority::Default);
+    std::vector<bool> seen;  // main, serial, other, global as each item sees them
+    auto look = [&] {
+        for (Queue* queue : {&main, serial.get(), other.get(), &global})
+            seen.push_back(queue->isCurrent());
+    };
+    look();
     serial->async([&] {
-        mainInsideSerial = dispatch.mainQueue().isCurrent();
-        serialInsideSerial = serial->isCurrent();
+        look();
+        other->sync(look);  // sync onto another queue from an item is allowed
     });
-    dispatch.globalQueue(QueuePriority::Default).async([&] {
-        globalInsideGlobal = dispatch.globalQueue(QueuePriority::Default).isCurrent();
-    });
-    dispatch.mainQueue().async([&] { mainInsideMain = dispatch.mainQueue().isCurrent(); });
+    global.async(look);
+    main.async(look);
     dispatch.runUntilIdle();
-    EXPECT_FALSE(mainInsideSerial);
-    EXPECT_TRUE(serialInsideSerial);
-    EXPECT_TRUE(globalInsideGlobal);
-    EXPECT_TRUE(mainInsideMain);
-
+    EXPECT_EQ(seen, (std::vector<bool>{true,  false, false, false,  //
+                                       false, true,  false, false,  //
+                                       false, true,  true,  false,  //
+                                       false, false, false, true,   //
+                                       true,  false, false, false}));
     bool mainOnOtherThread = true;
-    std::thread([&] { mainOnOtherThread = dispatch.mainQueue().isCurrent(); }).join();
+    std::thread([&] { mainOnOtherThread = main.isCurrent(); }).join();
     EXPECT_FALSE(mainOnOtherThread);
 }
 
@@ -154,17 +130,6 @@ TEST(ManualClockDispatch, SyncFromRealThreadsRunsInlineAndOneAtATimeOnASerialQue
     EXPECT_FALSE(notCurrent);
     EXPECT_EQ(counter, 800);
     EXPECT_EQ(dispatch.pendingCount(), 0u);
-}
-
-TEST(ManualClockDispatch, SyncOntoAnotherQueueFromAnItemIsAllowed) {
-    ManualClockDispatch dispatch;
-    auto first = dispatch.createSerialQueue("first");
-    auto second = dispatch.createSerialQueue("second");
-    bool bothCurrent = false;
-    first->async(
-        [&] { second->sync([&] { bothCurrent = first->isCurrent() && second->isCurrent(); }); });
-    dispatch.runUntilIdle();
-    EXPECT_TRUE(bothCurrent);
 }
 
 TEST(ManualClockDispatchDeathTest, SyncOntoASerialQueueFromInsideItAbortsNamingTheQueue) {
@@ -201,22 +166,19 @@ TEST(ManualClockDispatch, RunMainReturnsWhenStoppedOrIdle) {
     EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
 }
 
-TEST(ManualClockDispatch, ADroppedSerialQueueStillRunsItsWork) {
-    ManualClockDispatch dispatch;
-    bool ran = false;
-    dispatch.createSerialQueue("short-lived")->async([&] { ran = true; });
-    dispatch.runUntilIdle();
-    EXPECT_TRUE(ran);
-}
-
-TEST(ManualClockDispatch, AQueueOutlivingItsDispatchDropsWorkButStillSyncs) {
+TEST(ManualClockDispatch, QueuesAndTheirDispatchMayGoInEitherOrder) {
     std::shared_ptr<Queue> serial;
     {
         ManualClockDispatch dispatch;
+        bool ran = false;
+        dispatch.createSerialQueue("short-lived")->async([&] { ran = true; });
+        dispatch.runUntilIdle();
+        EXPECT_TRUE(ran) << "a dropped serial queue still runs its work";
         serial = dispatch.createSerialQueue("survivor");
         // Captures the queue itself: must not keep the dispatch's state alive.
         serial->async([serial] {});
     }
+    // A queue outliving its dispatch drops work but still syncs.
     serial->async([] { FAIL() << "nobody runs this"; });
     bool ran = false;
     serial->sync([&] { ran = true; });

@@ -76,7 +76,7 @@ TEST(RecordingNotificationCenter, AnObserverMayPostFromItsCallback) {
     EXPECT_EQ(calls, 2);
 }
 
-TEST(ScriptedContentBlockerManager, CompletesWithScriptedResultsThenSuccess) {
+TEST(ScriptedContentBlockerManager, CompletesWithScriptedResultsThenSuccessOrWhenReleased) {
     ScriptedContentBlockerManager manager;
     const Error failure{"WKErrorDomain", 6, "Rule list compilation failed"};
     manager.scriptResults({std::nullopt, failure});
@@ -92,10 +92,8 @@ TEST(ScriptedContentBlockerManager, CompletesWithScriptedResultsThenSuccess) {
     EXPECT_EQ(manager.calls(), (std::vector<std::string>{"blocker", "blocker", "blocker"}));
     EXPECT_EQ(seen.size(), 3u);
     manager.reloadContentBlockerWithIdentifier("blocker", nullptr);  // absent handler is fine
-}
 
-TEST(ScriptedContentBlockerManager, HeldCompletionsWaitAndFollowUpRequestsCompleteToo) {
-    ScriptedContentBlockerManager manager;
+    // Held completions wait, and follow-up requests complete too.
     manager.setHoldCompletions(true);
     std::vector<int> completed;
     manager.reloadContentBlockerWithIdentifier("blocker", [&](std::optional<Error>) {
@@ -135,29 +133,6 @@ TEST(TestPlatform, InstallsItsDoublesAndRestoresThePreviousSetWithItsRootRemoved
     }
     EXPECT_EQ(platform::installed().dispatch, nullptr);
     platform::log(LogLevel::Error, "dropped without a log");
-}
-
-TEST(FakeHostAndBundle, DefaultsAndSetters) {
-    FakeHost host("/r");
-    EXPECT_EQ(host.operatingSystemVersion(), (OperatingSystemVersion{14, 4, 0}));
-    EXPECT_TRUE(host.isOperatingSystemAtLeastVersion({10, 13, 4}));
-    EXPECT_EQ(host.appKitVersionNumber(), 2487.0);
-    EXPECT_EQ(host.safariServicesVersion(), 6);
-    EXPECT_TRUE(host.safariServicesAvailable());
-    EXPECT_EQ(host.userDirectory(SearchPathDirectory::Caches), "/r/cache");
-    host.setSafariServicesVersion(std::nullopt);
-    host.setUserDirectory(SearchPathDirectory::Caches, std::nullopt);
-    host.setOperatingSystemVersion({10, 13, 3});
-    EXPECT_EQ(host.safariServicesVersion(), std::nullopt);
-    EXPECT_EQ(host.userDirectory(SearchPathDirectory::Caches), std::nullopt);
-    EXPECT_FALSE(host.isOperatingSystemAtLeastVersion({10, 13, 4}));
-
-    FakeBundle bundle("/res");
-    EXPECT_EQ(bundle.resourcePath(), "/res");
-    EXPECT_FALSE(bundle.shortVersionString().empty());
-    EXPECT_EQ(bundle.localizedString("Block Website"), "Block Website");
-    bundle.setTranslation("Block Website", "Website blockieren");
-    EXPECT_EQ(bundle.localizedString("Block Website"), "Website blockieren");
 }
 
 TEST(PlatformRegistryDeathTest, UsingAServiceThatIsNotInstalledAbortsNamingIt) {
