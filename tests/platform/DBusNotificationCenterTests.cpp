@@ -201,15 +201,22 @@ TEST_F(DBusNotificationCenterTest, ObserversGetTheirNameOnTheMainQueueUntilTheTo
     auto posting = makeCenter();  // another connection, as another process would have
     std::vector<std::string> updates, others;
     bool onMainQueue = true;
+    // Posts from different connections arrive in no set order: the loop
+    // stops once everything awaited has come, or the watchdog stops it.
+    size_t awaitedOthers = 1;
+    auto stopWhenAllArrived = [&] {
+        if (updates.size() >= 2 && others.size() >= awaitedOthers) dispatch->stopMain();
+    };
     auto updateToken = observing->addObserver(
         "extensionUpdate", [&](const std::string& name, const std::string& object) {
             onMainQueue = onMainQueue && dispatch->mainQueue().isCurrent();
             updates.push_back(name + "/" + object);
+            stopWhenAllArrived();
         });
     auto stopToken =
         observing->addObserver("stop", [&](const std::string&, const std::string& object) {
             others.push_back(object);
-            dispatch->stopMain();
+            stopWhenAllArrived();
         });
     ASSERT_NE(updateToken, nullptr);
     ASSERT_NE(stopToken, nullptr);
@@ -223,13 +230,12 @@ TEST_F(DBusNotificationCenterTest, ObserversGetTheirNameOnTheMainQueueUntilTheTo
     stranger.emit(g_variant_new("(ss)", "stop", "first"));
     runMainUntilStopped();
     EXPECT_TRUE(onMainQueue);
-    // The two posts came over different connections, so only each one's
-    // arrival is certain, not their order.
     std::sort(updates.begin(), updates.end());
     EXPECT_EQ(updates, (std::vector<std::string>{"extensionUpdate/StonewallExtension",
                                                  "extensionUpdate/own process"}));
 
     updateToken.reset();
+    awaitedOthers = 2;
     posting->postNotificationName("extensionUpdate", "after the token");
     stranger.emit(g_variant_new("(ss)", "stop", "second"));
     runMainUntilStopped();
