@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "extension/platform/SFSafariPage.h"
+#include "platform/SFSafariPage.h"
 
 namespace stonewall {
 

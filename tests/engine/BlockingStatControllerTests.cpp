@@ -35,6 +35,8 @@ class FakePage : public SFSafariPage {
         ++tabQueries;
         pendingTabs_.push_back(std::move(handler));
     }
+    void dispatchMessageToScriptWithName(const std::string&, const nlohmann::json&) override {}
+    void reload() override {}
 
     // Answers every question asked so far (and the ones those answers ask).
     void answer() {

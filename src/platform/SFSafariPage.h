@@ -1,14 +1,17 @@
 #pragma once
 
 // A web page as the browser hands it to the extension. The engine's blocking
-// statistics key on it and, to drop the counts of closed pages, ask it two
-// questions; the front's page operations (messages, reload) live elsewhere.
+// statistics key on it and, to drop the counts of closed pages, ask it for its
+// properties and its tab; the extension front also talks to the page's
+// injected script and reloads it.
 //
-// Both queries answer asynchronously, once, on a thread of the browser's
-// choosing; an answer may arrive after the asker has gone away.
+// Threads: every operation may be called from any thread. Both queries answer
+// asynchronously, once, on a thread of the browser's choosing; an answer may
+// arrive after the asker has gone away.
 
 #include <functional>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -37,6 +40,16 @@ class SFSafariPage {
     // A null tab: the page belongs to no tab any more (it was closed).
     using TabHandler = std::function<void(std::shared_ptr<SFSafariTab>)>;
     virtual void getContainingTabWithCompletionHandler(TabHandler completionHandler) = 0;
+
+    // Sends a message to the script the extension injected into the page.
+    // A JSON null userInfo is "no user info", which the script tells apart
+    // from an empty object. Fire and forget: nothing says whether a script
+    // was there to hear it.
+    virtual void dispatchMessageToScriptWithName(const std::string& messageName,
+                                                 const nlohmann::json& userInfo) = 0;
+
+    // Loads the page's current document again.
+    virtual void reload() = 0;
 };
 
 }  // namespace stonewall
