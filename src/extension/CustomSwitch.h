@@ -29,11 +29,11 @@ struct SwitchLayer {
     Rect frame;
     Point anchorPoint{0.5, 0.5};
     double cornerRadius = 0;
-    Color backgroundColor = Color::clear();
-    Color borderColor = Color::clear();
+    NSColor backgroundColor = NSColor::clear();
+    NSColor borderColor = NSColor::clear();
     double borderWidth = 0;
     double opacity = 1.0;
-    Color shadowColor = Color::black();
+    NSColor shadowColor = NSColor::black();
     Size shadowOffset{0, -3};
     double shadowRadius = 3;
     double shadowOpacity = 0;
@@ -88,10 +88,10 @@ class CustomSwitch {
 
     // Stored and redrawn, though the drawing takes its colours from the
     // palette: the product's other programs set them and expect that.
-    const Color& tintColor() const { return tintColor_; }
-    void setTintColor(const Color& color);
-    const Color& disabledBorderColor() const { return disabledBorderColor_; }
-    void setDisabledBorderColor(const Color& color);
+    const NSColor& tintColor() const { return tintColor_; }
+    void setTintColor(const NSColor& color);
+    const NSColor& disabledBorderColor() const { return disabledBorderColor_; }
+    void setDisabledBorderColor(const NSColor& color);
 
     const SwitchLayer& rootLayer() const { return rootLayer_; }
     const SwitchLayer& backgroundLayer() const { return backgroundLayer_; }
@@ -145,8 +145,8 @@ class CustomSwitch {
     bool checked_ = false;
     bool active_ = false;
     bool enabled_ = true;
-    Color tintColor_ = Color::rgb(0.27, 0.86, 0.36);
-    Color disabledBorderColor_ = Color::white(0.0, 0.2);
+    NSColor tintColor_ = NSColor::rgb(0.27, 0.86, 0.36);
+    NSColor disabledBorderColor_ = NSColor::white(0.0, 0.2);
     SwitchLayer rootLayer_;
     SwitchLayer backgroundLayer_;
     SwitchLayer knobLayer_;

@@ -112,7 +112,7 @@ class ExtensionButton : public std::enable_shared_from_this<ExtensionButton> {
     ExtensionButton(std::shared_ptr<NSView> view, std::shared_ptr<NSTextField> nameTextField,
                     std::shared_ptr<NSImageView> imageView);
     void highlight();
-    void setTitleColor(const Color& color);
+    void setTitleColor(const NSColor& color);
 
     std::shared_ptr<NSView> view_;
     std::shared_ptr<NSTextField> nameTextField_;

@@ -33,35 +33,35 @@ struct AppearanceContext {
 namespace Custom {
 
 // Colours this system draws with.
-Color extensionHeaderColor(const AppearanceContext& context = AppearanceContext::current());
-Color tableHeaderColor(const AppearanceContext& context = AppearanceContext::current());
-Color extensionTitleColor(const AppearanceContext& context = AppearanceContext::current());
-Color extensionTextColor(const AppearanceContext& context = AppearanceContext::current());
-Color currentLabelColor(const AppearanceContext& context = AppearanceContext::current());
-Color extensionSeperatorLine(const AppearanceContext& context = AppearanceContext::current());
-Color currentSeperatorColor(const AppearanceContext& context = AppearanceContext::current());
-Color disabledColor(const AppearanceContext& context = AppearanceContext::current());
-Color onSwitchBackgroundColor(const AppearanceContext& context = AppearanceContext::current());
-Color offSwitchBorderColor(const AppearanceContext& context = AppearanceContext::current());
-Color currentWhiteColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor extensionHeaderColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor tableHeaderColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor extensionTitleColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor extensionTextColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor currentLabelColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor extensionSeperatorLine(const AppearanceContext& context = AppearanceContext::current());
+NSColor currentSeperatorColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor disabledColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor onSwitchBackgroundColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor offSwitchBorderColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor currentWhiteColor(const AppearanceContext& context = AppearanceContext::current());
 // The hover highlight of the popover's rows and its title colour.
-Color selectedContentBackgroundColor(
+NSColor selectedContentBackgroundColor(
     const AppearanceContext& context = AppearanceContext::current());
-Color selectedMenuItemColor();
-Color selectedMenuItemTextColor();
+NSColor selectedMenuItemColor();
+NSColor selectedMenuItemTextColor();
 
 // Kept for the product's other programs, which share the palette.
 std::string currentEffectiveAppearance(
     const AppearanceContext& context = AppearanceContext::current());
-Color backgroundColor(const AppearanceContext& context = AppearanceContext::current());
-Color currentMainSeperatorColor();
-Color currentResponderLineColor(const AppearanceContext& context = AppearanceContext::current());
-Color boxColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor backgroundColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor currentMainSeperatorColor();
+NSColor currentResponderLineColor(const AppearanceContext& context = AppearanceContext::current());
+NSColor boxColor(const AppearanceContext& context = AppearanceContext::current());
 
 // The system font at the requested size and weight, adjusted for Arabic:
 // medium becomes regular half a point larger, semibold one point smaller,
 // any other weight one and a half points larger.
-Font defaultExtensionFontWithSize(double size, FontWeight weight,
+NSFont defaultExtensionFontWithSize(double size, FontWeight weight,
                                   const AppearanceContext& context = AppearanceContext::current());
 
 }  // namespace Custom

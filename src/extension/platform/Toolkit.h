@@ -67,36 +67,36 @@ enum class SystemColor {
 };
 
 // Either a fixed sRGB colour (components 0 to 1) or a system colour.
-struct Color {
+struct NSColor {
     std::optional<SystemColor> system;
     double red = 0;
     double green = 0;
     double blue = 0;
     double alpha = 1;
 
-    bool operator==(const Color&) const = default;
+    bool operator==(const NSColor&) const = default;
 
-    static Color rgb(double red, double green, double blue, double alpha = 1.0) {
-        return Color{std::nullopt, red, green, blue, alpha};
+    static NSColor rgb(double red, double green, double blue, double alpha = 1.0) {
+        return NSColor{std::nullopt, red, green, blue, alpha};
     }
     // Components as 0-255 values.
-    static Color rgb255(double red, double green, double blue) {
+    static NSColor rgb255(double red, double green, double blue) {
         return rgb(red / 255.0, green / 255.0, blue / 255.0);
     }
-    static Color white(double white, double alpha = 1.0) { return rgb(white, white, white, alpha); }
-    static Color of(SystemColor system) { return Color{system, 0, 0, 0, 1}; }
-    static Color clear() { return rgb(0, 0, 0, 0); }
-    static Color black() { return rgb(0, 0, 0); }
-    static Color systemRed() { return rgb(1, 0, 0); }
+    static NSColor white(double white, double alpha = 1.0) { return rgb(white, white, white, alpha); }
+    static NSColor of(SystemColor system) { return NSColor{system, 0, 0, 0, 1}; }
+    static NSColor clear() { return rgb(0, 0, 0, 0); }
+    static NSColor black() { return rgb(0, 0, 0); }
+    static NSColor systemRed() { return rgb(1, 0, 0); }
 };
 
 enum class FontWeight { UltraLight, Thin, Light, Regular, Medium, Semibold, Bold, Heavy, Black };
 
 // Always the system font; only size and weight vary.
-struct Font {
+struct NSFont {
     double size = 13;
     FontWeight weight = FontWeight::Regular;
-    bool operator==(const Font&) const = default;
+    bool operator==(const NSFont&) const = default;
 };
 
 enum class LayoutDirection { LeftToRight, RightToLeft };
@@ -134,7 +134,7 @@ class NSView {
     virtual void setHidden(bool hidden) = 0;
     virtual bool isHidden() const = 0;
     // The backing layer's background; clear shows the parent through.
-    virtual void setLayerBackgroundColor(const Color& color) = 0;
+    virtual void setLayerBackgroundColor(const NSColor& color) = 0;
     virtual void setLayerCornerRadius(double radius) = 0;
     virtual Rect bounds() const = 0;
     // True while the view has the keyboard focus of its window.
@@ -145,8 +145,8 @@ class NSTextField : public NSView {
   public:
     virtual void setStringValue(const std::string& text) = 0;
     virtual std::string stringValue() const = 0;
-    virtual void setTextColor(const Color& color) = 0;
-    virtual void setFont(const Font& font) = 0;
+    virtual void setTextColor(const NSColor& color) = 0;
+    virtual void setFont(const NSFont& font) = 0;
 };
 
 class NSImageView : public NSView {

@@ -1,0 +1,281 @@
+#include "extension/SafariExtensionHandler.h"
+
+#include <cmath>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "extension/platform/FrontServices.h"
+#include "platform/Platform.h"
+#include "utilities/PunycodeAdditions.h"
+
+namespace stonewall {
+
+namespace {
+
+using Json = nlohmann::json;
+
+std::optional<std::string> badgeText(int64_t count) {
+    if (count == 0) return std::nullopt;
+    return std::to_string(count);
+}
+
+// The leading integer of a text, as the original's integerValue reads it:
+// white space, an optional sign, digits; saturating; 0 when there are none.
+int64_t leadingInteger(const std::string& text) {
+    size_t i = 0;
+    while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == '\n' ||
+                               text[i] == '\r' || text[i] == '\f' || text[i] == '\v')) {
+        ++i;
+    }
+    bool negative = false;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+    constexpr uint64_t kLimit = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+    uint64_t value = 0;
+    bool overflow = false;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+        if (value > (kLimit + 1 - static_cast<uint64_t>(text[i] - '0')) / 10) overflow = true;
+        if (!overflow) value = value * 10 + static_cast<uint64_t>(text[i] - '0');
+    }
+    if (negative) {
+        if (overflow || value > kLimit) return std::numeric_limits<int64_t>::min();
+        return -static_cast<int64_t>(value);
+    }
+    if (overflow || value > kLimit) return std::numeric_limits<int64_t>::max();
+    return static_cast<int64_t>(value);
+}
+
+int64_t integerValue(const Json& value) {
+    switch (value.type()) {
+        case Json::value_t::number_integer:
+            return value.get<int64_t>();
+        case Json::value_t::number_unsigned:
+            // Wraps as the original's conversion of a large unsigned number does.
+            return static_cast<int64_t>(value.get<uint64_t>());
+        case Json::value_t::number_float: {
+            const double number = value.get<double>();
+            if (std::isnan(number)) return 0;
+            // Out-of-range doubles would be undefined to convert; saturate.
+            if (number >= 9.2233720368547758e18) return std::numeric_limits<int64_t>::max();
+            if (number <= -9.2233720368547758e18) return std::numeric_limits<int64_t>::min();
+            return static_cast<int64_t>(number);
+        }
+        case Json::value_t::boolean:
+            return value.get<bool>() ? 1 : 0;
+        case Json::value_t::string:
+            return leadingInteger(value.get_ref<const std::string&>());
+        default:
+            return 0;
+    }
+}
+
+}  // namespace
+
+SafariExtensionViewController& SafariExtensionHandler::useSharedController() {
+    safariExtensionViewController_ = &SafariExtensionViewController::sharedInstance();
+    return *safariExtensionViewController_;
+}
+
+int8_t SafariExtensionHandler::visualStatusFromUserInfo(const Json& userInfo) {
+    if (!userInfo.is_object()) return 0;
+    const auto status = userInfo.find("status");
+    if (status == userInfo.end()) return 0;
+    // The page's flag is a boolean carried in a number; only its low byte
+    // counts, so 257 reads as 1.
+    return static_cast<int8_t>(static_cast<uint8_t>(static_cast<uint64_t>(integerValue(*status)) & 0xFF));
+}
+
+std::vector<DataElement> SafariExtensionHandler::visualElementsFromUserInfo(
+    const Json& userInfo, const NullableString& host) {
+    if (!userInfo.is_object()) return {};
+    const auto data = userInfo.find("data");
+    if (data == userInfo.end()) return {};
+    auto elements = DataElement::elementsFromMessageData(*data);
+    if (!elements) return {};
+    // The page's own location is never trusted: a script could claim any
+    // site and make rules for it.
+    for (DataElement& element : *elements) element.location = host;
+    return std::move(*elements);
+}
+
+void SafariExtensionHandler::messageReceivedWithName(const std::string& messageName,
+                                                     const std::shared_ptr<SFSafariPage>& page,
+                                                     const Json& userInfo) {
+    if (!page) return;
+    page->getPagePropertiesWithCompletionHandler(
+        [messageName, userInfo](std::optional<SFSafariPageProperties> properties) {
+            const NullableString url = properties ? properties->url : std::nullopt;
+            const std::string info =
+                userInfo.is_null() ? std::string(kNullText)
+                                   : userInfo.dump(-1, ' ', false, Json::error_handler_t::replace);
+            platform::log(platform::LogLevel::Info,
+                          "The extension received a message (" + messageName +
+                              ") from a script injected into (" + textOrNull(url) +
+                              ") with userInfo (" + info + ")");
+            if (!properties) return;
+            // This handler may be gone by now; the browser makes them at will.
+            SafariExtensionHandler handler;
+            SafariExtensionViewController& controller = handler.useSharedController();
+
+            if (messageName == "VisualStatus") {
+                const int8_t status = visualStatusFromUserInfo(userInfo);
+                platform::dispatch().mainQueue().async(
+                    [&controller, status] { controller.popoverWillShowInWindow(status); });
+                return;
+            }
+            if (messageName != "VisualData") return;
+
+            const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
+            std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
+            if (elements.empty()) return;
+            // A fresh engine for this message: the popover's own may be busy
+            // on the main thread.
+            auto engine = std::make_shared<CompanionController>();
+            controller.changeToolbarImage(2);
+            engine->createVisualCustomRules(elements, [engine, &controller](std::optional<Error>) {
+                const auto& data = engine->sharedData();
+                CompanionController::reloadBlockerRules(
+                    data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
+                    [&controller](std::optional<Error> error) {
+                        controller.completeReload(error, InternalURL::kVisual);
+                    });
+            });
+        });
+}
+
+void SafariExtensionHandler::validateToolbarItemInWindow(const std::shared_ptr<SFSafariWindow>&,
+                                                         ValidationHandler validationHandler) {
+    SafariExtensionViewController& controller = useSharedController();
+    CompanionController& engine = controller.companionController();
+    ExtensionState* state = controller.extensionState();
+
+    engine.setSharedData(engine.sharedDatabase().getSharedData());
+    if (!engine.sharedData()) {
+        engine.sharedDatabase().reconnectDatabase();
+        engine.syncShared();
+    }
+
+    if (engine.sharedData() && engine.sharedData()->reload == 1) {
+        SharedData record = *engine.sharedData();
+        record.reload = 0;
+        engine.setSharedData(record);
+        engine.sharedDatabase().updateSharedDataDetails(record);
+        if (record.status != 1) {
+            // While blocking is off, one reload per off period is enough.
+            if (!state || !state->statusUpdated()) {
+                if (state) {
+                    state->setStatusUpdated(true);
+                    state->saveData();
+                }
+                reloadPage();
+            }
+        } else {
+            reloadPage();
+        }
+    }
+
+    const bool on = engine.sharedData() && engine.sharedData()->status == 1;
+    controller.changeToolbarImage(on ? 1 : 3);
+
+    if (ExtensionState::isSafariVersionAvailable(kServicesLevel13)) {
+        const bool counter = state && state->blockingCounter();
+        controller.blockingStatController().cleanupPages(counter);
+        if (counter) {
+            platform::safariApplication().getActiveWindowWithCompletionHandler(
+                [&controller, validationHandler](const std::shared_ptr<SFSafariWindow>& active) {
+                    if (!active) return;
+                    active->getActiveTabWithCompletionHandler(
+                        [&controller, validationHandler](const std::shared_ptr<SFSafariTab>& tab) {
+                            if (!tab) return;
+                            tab->getActivePageWithCompletionHandler(
+                                [&controller,
+                                 validationHandler](const std::shared_ptr<SFSafariPage>& page) {
+                                    if (!page) return;
+                                    const int64_t count =
+                                        controller.blockingStatController().URLsCountForPage(page);
+                                    if (validationHandler) validationHandler(true, badgeText(count));
+                                });
+                        });
+                });
+            return;
+        }
+    }
+    if (validationHandler) validationHandler(true, std::nullopt);
+}
+
+void SafariExtensionHandler::popoverWillShowInWindow(const std::shared_ptr<SFSafariWindow>&) {
+    SafariExtensionViewController& controller = useSharedController();
+    controller.popoverWillShowInWindow(0);
+    // The page script answers whether picking is still on there.
+    controller.getActivePage([](const std::shared_ptr<SFSafariPage>& page) {
+        page->dispatchMessageToScriptWithName("VisualStatus", nullptr);
+    });
+}
+
+void SafariExtensionHandler::popoverDidCloseInWindow(const std::shared_ptr<SFSafariWindow>&) {
+    useSharedController().popoverWillCloseInWindow();
+}
+
+SafariExtensionViewController& SafariExtensionHandler::popoverViewController() {
+    return useSharedController();
+}
+
+void SafariExtensionHandler::contentBlockerWithIdentifier(const std::string&,
+                                                          const std::vector<std::string>& urls,
+                                                          const std::shared_ptr<SFSafariPage>& page) {
+    useSharedController().blockingStatController().addURLsForPage(urls, page);
+    updateBlockingCounter();
+}
+
+void SafariExtensionHandler::page(const std::shared_ptr<SFSafariPage>& page,
+                                  const NullableString& willNavigateToURL) {
+    if (!page) return;
+    const bool hasNewURL = willNavigateToURL.has_value();
+    // Weak: the page holds this completion until it answers.
+    std::weak_ptr<SFSafariPage> weakPage = page;
+    page->getPagePropertiesWithCompletionHandler(
+        [weakPage, hasNewURL](std::optional<SFSafariPageProperties> properties) {
+            if (!properties || !properties->url || !hasNewURL) return;
+            auto navigated = weakPage.lock();
+            if (!navigated) return;
+            SafariExtensionHandler handler;
+            handler.useSharedController().blockingStatController().removeURLsForPage(navigated);
+        });
+}
+
+void SafariExtensionHandler::reloadPage() { useSharedController().reloadPage(); }
+
+void SafariExtensionHandler::updateBlockingCounter() {
+    SafariExtensionViewController& controller = useSharedController();
+    ExtensionState* state = controller.extensionState();
+    if (!state || !state->blockingCounter()) return;
+    platform::safariApplication().getActiveWindowWithCompletionHandler(
+        [&controller](const std::shared_ptr<SFSafariWindow>& window) {
+            if (!window) return;
+            window->getActiveTabWithCompletionHandler([&controller,
+                                                       window](const std::shared_ptr<SFSafariTab>& tab) {
+                if (!tab) return;
+                tab->getActivePageWithCompletionHandler(
+                    [&controller, window](const std::shared_ptr<SFSafariPage>& page) {
+                        if (!page) return;
+                        window->getToolbarItemWithCompletionHandler(
+                            [&controller, page](const std::shared_ptr<SFSafariToolbarItem>& item) {
+                                if (!item) return;
+                                page->getPagePropertiesWithCompletionHandler(
+                                    [&controller, page,
+                                     item](std::optional<SFSafariPageProperties> properties) {
+                                        if (!properties || !properties->url || !properties->isActive)
+                                            return;
+                                        platform::dispatch().mainQueue().async(
+                                            [&controller, page, item] {
+                                                item->setBadgeText(badgeText(
+                                                    controller.blockingStatController()
+                                                        .URLsCountForPage(page)));
+                                            });
+                                    });
+                            });
+                    });
+            });
+        });
+}
+
+}  // namespace stonewall
