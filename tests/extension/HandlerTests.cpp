@@ -1,0 +1,318 @@
+// The principal handler on the simulated browser: the typical requests end
+// to end, page messages, the reload outcome rule, toolbar validation, the
+// badge and navigation.
+
+#include <gmock/gmock.h>
+
+#include <functional>
+
+#include "FrontTestSupport.h"
+#include "extension/SafariExtensionHandler.h"
+#include "model/RuleCodes.h"
+
+namespace stonewall::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Json = nlohmann::json;
+
+constexpr const char* kPageURL = "https://www.example.com/news";
+
+Json element(const std::string& tag, const std::string& selector, const std::string& source = "") {
+    return Json::array({"evil.example", tag, selector, source, source, "body", "body", "", ""});
+}
+
+class HandlerTest : public FrontTest {};
+
+TEST_F(HandlerTest, BlockTheCurrentWebsiteFromThePopover) {
+    auto page = openPopoverOn(kPageURL);
+    ASSERT_EQ(popover()->visibleStack(), 1);
+    ASSERT_TRUE(popover()->row("blockButton")->isEnabled());
+    EXPECT_EQ(page->messagesToScript().front().name, "VisualStatus");
+
+    controller().blockWebsiteAction();
+    EXPECT_EQ(popover()->visibleStack(), 4);
+    EXPECT_EQ(popover()->label("websiteMessageLabel")->stringValue(),
+              "Are you sure you want to block www.example.com?");
+    EXPECT_EQ(popover()->pushButton("websiteDoneButton")->title(), "Block");
+
+    popover()->pushButton("websiteDoneButton")->press();
+    run();
+    EXPECT_EQ(lastToolbarImage(), "ToolbarItemIconReloading");
+    EXPECT_EQ(popover()->visibleStack(), 5);
+    EXPECT_EQ(page->reloadCount(), 0);
+
+    finish();
+    EXPECT_EQ(lastToolbarImage(), "ToolbarItemIcon");
+    EXPECT_EQ(popover()->dismissCount(), 1);
+    EXPECT_FALSE(controller().popoverVisible());
+    EXPECT_EQ(page->reloadCount(), 1);
+    EXPECT_EQ(platform.contentBlocker->calls().size(), 2u);
+    EXPECT_THAT(readRuleFile("defaultProfile"), ::testing::HasSubstr("www\\\\.example\\\\.com"));
+
+    browser->openPopover();
+    run();
+    EXPECT_FALSE(popover()->row("blockButton")->isEnabled());
+    EXPECT_TRUE(popover()->row("secureButton")->isEnabled());
+}
+
+TEST_F(HandlerTest, PickedElementsBecomeRulesAndReload) {
+    auto page = openPopoverOn(kPageURL);
+    controller().visualBlockAction();
+    run();
+    ASSERT_EQ(page->messagesToScript().back().name, "BlockVisually");
+    EXPECT_EQ(page->messagesToScript().back().userInfo, Json::object());
+    page->setPickedElements(Json::array({element("div", "#banner"), element("p", ".promo"),
+                                         element("img", "img.ad", "https://ads.example/x.png")}));
+    controller().visualDoneAction();
+    run();
+    EXPECT_EQ(lastToolbarImage(), "ToolbarItemIconReloading");
+    finish();
+
+    const auto rules = SharedDatabase::sharedInstance().getSharedCustomRules();
+    ASSERT_EQ(rules.size(), 3u);
+    for (const auto& rule : rules) EXPECT_EQ(rule.domains, "www.example.com") << rule.selector.value_or("");
+    EXPECT_EQ(platform.contentBlocker->calls().size(), 2u);
+    EXPECT_EQ(page->reloadCount(), 1);
+    EXPECT_TRUE(platform.log->contains("The extension received a message (VisualData) from a script "
+                                       "injected into (https://www.example.com/news) with userInfo ("));
+}
+
+TEST_F(HandlerTest, VisualDataWithoutElementsChangesNothing) {
+    const Json userInfos[] = {Json::object(), {{"data", Json::array()}}, {{"data", "text"}}, Json()};
+    auto page = openPopoverOn(kPageURL);
+    const size_t imagesBefore = browser->toolbarItem()->images.size();
+    for (const Json& userInfo : userInfos) {
+        SCOPED_TRACE(userInfo.dump());
+        browser->deliverMessage("VisualData", page, userInfo);
+        finish();
+        EXPECT_EQ(browser->toolbarItem()->images.size(), imagesBefore);
+        EXPECT_TRUE(platform.contentBlocker->calls().empty());
+    }
+    browser->deliverMessage("visualdata", page, {{"data", Json::array({element("div", "#x")})}});
+    finish();
+    EXPECT_TRUE(platform.contentBlocker->calls().empty());
+    EXPECT_TRUE(platform.log->contains("message (visualdata)"));
+}
+
+TEST_F(HandlerTest, VisualStatusPicksTheView) {
+    struct Case {
+        Json userInfo;
+        bool reloading;
+        int64_t view;
+    };
+    const Case cases[] = {
+        {{{"status", 1}}, false, 2},      {{{"status", 0}}, false, 1},
+        {Json::object(), false, 1},       {{{"status", 257}}, false, 2},
+        {{{"status", 256}}, false, 1},    {{{"status", -255}}, false, 2},
+        {{{"status", "1"}}, false, 2},    {{{"status", 1.9}}, false, 2},
+        {{{"status", true}}, false, 2},   {{{"status", 1e300}}, false, 1},
+        {{{"status", Json::array({1})}}, false, 1},
+        {{{"status", 0}}, true, 5},       {{{"status", 1}}, true, 2},
+    };
+    auto page = openPopoverOn(kPageURL);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.userInfo.dump() + (c.reloading ? " reloading" : ""));
+        controller().changeToolbarImage(c.reloading ? 2 : 1);
+        run();
+        browser->deliverMessage("VisualStatus", page, c.userInfo);
+        run();
+        EXPECT_EQ(popover()->visibleStack(), c.view);
+    }
+}
+
+TEST_F(HandlerTest, ReloadOutcomeByServicesLevelAndAction) {
+    using Act = std::function<void(HandlerTest&, SimulatedPage&)>;
+    const Act block = [](HandlerTest& t, SimulatedPage&) {
+        t.controller().blockWebsiteAction();
+        t.controller().websiteDoneAction();
+    };
+    const Act secure = [](HandlerTest& t, SimulatedPage&) {
+        t.controller().secureWebsiteAction();
+        t.controller().websiteDoneAction();
+    };
+    const Act allow = [](HandlerTest& t, SimulatedPage&) {
+        t.controller().whitelistWebsiteAction();
+        t.controller().websiteDoneAction();
+    };
+    const Act status = [](HandlerTest& t, SimulatedPage&) { t.controller().changeStatusAction(); };
+    const Act visual = [](HandlerTest& t, SimulatedPage& page) {
+        t.browser->deliverMessage("VisualData", page.shared_from_this(),
+                                  {{"data", Json::array({element("div", "#x")})}});
+    };
+    const Act activate = [](HandlerTest& t, SimulatedPage&) {
+        SharedData data;
+        data.profiles = "Default Profile,Work";
+        data.profileIDs = "defaultProfile,work";
+        t.storeSharedData(data);
+        t.controller().showExtensionView(1, false);
+        t.controller().changeActiveProfile();
+        t.popover()->popup()->selectItemAtIndex(1);
+        t.controller().profileDoneAction();
+    };
+    struct Case {
+        const char* name;
+        int64_t servicesVersion;
+        bool error;
+        Act act;
+        std::vector<std::string> opened;
+        int reloads;
+    };
+    const Case cases[] = {
+        {"block, level 2, error", 2, true, block, {}, 1},
+        {"block, below level 2, error", 1, true, block, {"stonewall://blockwebsite"}, 0},
+        {"block, below level 2, no error", 1, false, block, {}, 1},
+        {"secure, below level 2, error", 1, true, secure, {"stonewall://securewebsite"}, 0},
+        {"allow, level 6, error", 6, true, allow, {"stonewall://whitelistwebsite"}, 0},
+        {"allow, below level 2, no error", 1, false, allow, {}, 1},
+        {"status, below level 2, error", 1, true, status, {"stonewall://status"}, 0},
+        {"status, level 6, error", 6, true, status, {}, 1},
+        {"picking, below level 2, error", 1, true, visual, {"stonewall://visual"}, 0},
+        {"picking, level 6, error", 6, true, visual, {}, 1},
+        {"profile, below level 2, error", 1, true, activate, {"stonewall://activate"}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        reset();
+        platform.host->setSafariServicesVersion(c.servicesVersion);
+        const Error failure{"WKErrorDomain", 6, "rule list failed to compile"};
+        platform.contentBlocker->scriptResults(
+            {c.error ? std::optional<Error>(failure) : std::nullopt,
+             c.error ? std::optional<Error>(failure) : std::nullopt});
+        const size_t openedBefore = browser->workspace()->openedURLs().size();
+        auto page = openPopoverOn(kPageURL);
+        c.act(*this, *page);
+        finish();
+        const auto opened = browser->workspace()->openedURLs();
+        EXPECT_EQ(std::vector<std::string>(opened.begin() + static_cast<long>(openedBefore), opened.end()),
+                  c.opened);
+        EXPECT_EQ(page->reloadCount(), c.reloads);
+        EXPECT_FALSE(controller().reloading());
+    }
+}
+
+TEST_F(HandlerTest, OpenStonewallOpensTheAppAndKeepsThePopover) {
+    openPopoverOn(kPageURL);
+    popover()->row("appButton")->mouseUp({5, 5});
+    platform.dispatch->advanceBy(std::chrono::milliseconds(240));
+    EXPECT_THAT(browser->workspace()->openedURLs(), ElementsAre("stonewall://open"));
+    EXPECT_TRUE(controller().popoverVisible());
+}
+
+TEST_F(HandlerTest, ToolbarValidationConsumesTheReloadRequest) {
+    struct Case {
+        int64_t reload, status;
+        bool statusUpdated;
+        int pageReloads;
+        bool statusUpdatedAfter;
+        const char* image;
+    };
+    const Case cases[] = {
+        {0, 1, false, 0, false, "ToolbarItemIcon"},
+        {1, 1, false, 1, false, "ToolbarItemIcon"},
+        {1, 1, true, 1, true, "ToolbarItemIcon"},
+        {1, 0, false, 1, true, "ToolbarItemIconOff"},
+        {1, 0, true, 0, true, "ToolbarItemIconOff"},
+        {0, 0, false, 0, false, "ToolbarItemIconOff"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "reload " << c.reload << " status " << c.status
+                                        << " statusUpdated " << c.statusUpdated);
+        reset();
+        auto page = browser->openWindow(kPageURL);
+        SharedData data;
+        data.reload = c.reload;
+        data.status = c.status;
+        storeSharedData(data);
+        controller().extensionState()->setStatusUpdated(c.statusUpdated);
+        browser->validateToolbar();
+        run();
+        EXPECT_EQ(page->reloadCount(), c.pageReloads);
+        EXPECT_EQ(storedSharedData().reload, 0);
+        EXPECT_EQ(controller().extensionState()->statusUpdated(), c.statusUpdatedAfter);
+        EXPECT_EQ(lastToolbarImage(), c.image);
+        EXPECT_EQ(browser->validations().back(), (Validation{true, std::nullopt}));
+    }
+}
+
+TEST_F(HandlerTest, BadgeCountsAndTheCounterGate) {
+    struct Case {
+        int64_t servicesVersion;
+        bool counter;
+        int blocked;
+        std::optional<std::string> badge;
+        std::optional<size_t> pagesKept;  // of 25 closed pages recorded beside the active one
+    };
+    const Case cases[] = {
+        {6, true, 12, "12", 1},
+        {6, true, 0, std::nullopt, std::nullopt},
+        {6, false, 12, std::nullopt, 1},
+        {4, true, 12, std::nullopt, 26},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "level " << c.servicesVersion << " counter " << c.counter
+                                        << " blocked " << c.blocked);
+        reset();
+        platform.host->setSafariServicesVersion(c.servicesVersion);
+        auto page = browser->openWindow(kPageURL);
+        controller().extensionState()->setBlockingCounter(c.counter);
+        for (int i = 0; i < 25; ++i) {
+            auto closed = std::make_shared<SimulatedPage>(browser, 1000 + i, std::nullopt);
+            controller().blockingStatController().addURLsForPage({"https://t.example/p"}, closed);
+        }
+        std::vector<std::string> urls;
+        for (int i = 0; i < c.blocked; ++i) urls.push_back("https://ads.example/" + std::to_string(i));
+        browser->reportBlocked(page, urls);
+        run();
+        browser->validateToolbar();
+        run();
+        ASSERT_FALSE(browser->validations().empty());
+        EXPECT_EQ(browser->validations().back(), (Validation{true, c.badge}));
+        if (c.pagesKept) {
+            EXPECT_EQ(controller().blockingStatController().pageCount(), *c.pagesKept);
+        }
+        // The report itself refreshed the badge only while the counter is on.
+        const auto& badges = browser->toolbarItem()->badges;
+        if (c.counter && c.servicesVersion >= 5) {
+            ASSERT_FALSE(badges.empty());
+            EXPECT_EQ(badges.back(), c.badge);
+        }
+    }
+}
+
+TEST_F(HandlerTest, NavigationDropsCountsOnlyFromALoadedPage) {
+    struct Case {
+        std::optional<std::string> from, to;
+        int64_t countAfter;
+    };
+    const Case cases[] = {
+        {std::nullopt, "https://www.example.com/", 2},
+        {"https://www.example.com/", "https://www.example.com/next", 0},
+        {"https://www.example.com/", std::nullopt, 2},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.from.value_or("(none)") + " -> " + c.to.value_or("(none)"));
+        reset();
+        auto page = browser->openWindow(c.from);
+        browser->reportBlocked(page, {"https://ads.example/a", "https://ads.example/b"});
+        browser->navigate(page, c.to);
+        run();
+        EXPECT_EQ(controller().blockingStatController().URLsCountForPage(page), c.countAfter);
+    }
+}
+
+TEST_F(HandlerTest, MissingSharedRecordIsRepairedOnValidation) {
+    browser->openWindow(kPageURL);
+    controller();
+    SharedDatabase::sharedInstance().close();
+    std::filesystem::remove(SharedDatabase::sharedInstance().dataPath());
+    browser->validateToolbar();
+    run();
+    ASSERT_TRUE(controller().companionController().sharedData().has_value());
+    EXPECT_EQ(lastToolbarImage(), "ToolbarItemIcon");
+    EXPECT_EQ(browser->validations().back(), (Validation{true, std::nullopt}));
+}
+
+}  // namespace
+}  // namespace stonewall::testing
