@@ -221,6 +221,9 @@ class PopoverView {
     virtual std::shared_ptr<NSTextField> textField(std::string_view outlet) = 0;
     virtual std::shared_ptr<NSImageView> imageView(std::string_view outlet) = 0;
     virtual std::shared_ptr<NSButton> button(std::string_view outlet) = 0;
+    // The main view's rows: the toolkit makes each with
+    // ExtensionButton::initWithView over its own widgets and forwards the
+    // widget's pointer, key and tracking events to it.
     virtual std::shared_ptr<ExtensionButton> extensionButton(std::string_view outlet) = 0;
     virtual std::shared_ptr<NSPopUpButton> popUpButton(std::string_view outlet) = 0;
     virtual std::shared_ptr<NSProgressIndicator> progressIndicator(std::string_view outlet) = 0;
