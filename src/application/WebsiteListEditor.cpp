@@ -148,7 +148,7 @@ ApplicationOutcome WebsiteListEditor::tidyList(int64_t action, TidyReport& repor
     }
     if (status != 1) {
         if (auto error = setStatus(action, "1")) return error;
-        report.changed = true;
+        report.changed = report.statusSet = true;
     }
     if (report.changed) CompanionController::sendUpdateNotification();
     return std::nullopt;

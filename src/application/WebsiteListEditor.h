@@ -25,6 +25,7 @@ class WebsiteListEditor {
         int64_t rulesBefore = 0;  // list rules of the action before
         int64_t hosts = 0;        // distinct entries of the one rule after
         bool changed = false;     // a rule or the status was rewritten
+        bool statusSet = false;   // the action's status moved to 1
         // The action's status, when it is neither -1 nor 1: the list is then
         // kept elsewhere (0: the shared database only) and left alone.
         std::optional<int64_t> leftAloneStatus;

@@ -104,7 +104,7 @@ TEST_F(ApplicationCommandsTest, TidyMergesListRulesAndTheEngineThenMergesIntoThe
 
     const json tidy = runJSON({"lists", "tidy"});
     EXPECT_EQ(tidy["changed"], true);
-    EXPECT_EQ(tidy["lists"]["block"], (json{{"rulesBefore", 3}, {"hosts", 3}, {"changed", true}}));
+    EXPECT_EQ(tidy["lists"]["block"], (json{{"rulesBefore", 3}, {"hosts", 3}, {"changed", true}, {"statusSet", true}}));
     EXPECT_EQ(tidy["domainStatus"], "1,-1,-1");
     auto rows = listRows(5);
     ASSERT_EQ(rows.size(), 1u);

@@ -86,7 +86,8 @@ void describeTidy(const ListNames& names, const WebsiteListEditor::TidyReport& t
                   Report& report) {
     report.json["lists"][names.list] = Json{{"rulesBefore", tidy.rulesBefore},
                                             {"hosts", tidy.hosts},
-                                            {"changed", tidy.changed}};
+                                            {"changed", tidy.changed},
+                                            {"statusSet", tidy.statusSet}};
     const std::string label = std::string(names.list) + " list";
     if (tidy.leftAloneStatus) {
         report.json["lists"][names.list]["status"] = *tidy.leftAloneStatus;
@@ -98,14 +99,20 @@ void describeTidy(const ListNames& names, const WebsiteListEditor::TidyReport& t
         return;
     }
     if (!always && !tidy.changed) return;
+    std::string text;
     if (tidy.rulesBefore == 0) {
-        report.table.add(label, "empty");
-    } else if (tidy.changed) {
-        report.table.add(label, plural(tidy.rulesBefore, "rule") + " merged into 1, " +
-                                    plural(tidy.hosts, "host"));
+        text = "empty";
+    } else if (tidy.rulesBefore > 1) {
+        text = plural(tidy.rulesBefore, "rule") + " merged into 1, " + plural(tidy.hosts, "host");
     } else {
-        report.table.add(label, "1 rule, " + plural(tidy.hosts, "host") + " (already tidy)");
+        text = "1 rule, " + plural(tidy.hosts, "host");
     }
+    if (tidy.statusSet) {
+        text += "; new hosts now join this rule";
+    } else if (!tidy.changed && tidy.rulesBefore > 0) {
+        text += " (already tidy)";
+    }
+    report.table.add(always ? label : "tidied " + label, text);
 }
 
 }  // namespace
