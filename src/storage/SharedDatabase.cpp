@@ -32,6 +32,11 @@ constexpr char kUpdateSharedDataSql[] =
 constexpr char kInsertCustomRuleSql[] =
     "INSERT INTO SharedCustomRules VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)";
 constexpr char kDeleteCustomRulesSql[] = "DELETE FROM SharedCustomRules";
+// One rule of one profile: the website lists share one ruleID per list and
+// profile, so the domain tells their rows apart.
+constexpr char kDeleteCustomRuleSql[] =
+    "DELETE FROM SharedCustomRules WHERE ruleID IS ? AND action=? AND blockerProfileID IS ? "
+    "AND domains IS ?";
 constexpr char kSelectSharedDataSql[] = "SELECT * FROM SharedData ORDER BY addDate DESC";
 constexpr char kSelectCustomRulesSql[] = "SELECT * FROM SharedCustomRules ORDER BY addDate DESC";
 constexpr char kBeginSql[] = "BEGIN TRANSACTION";
@@ -283,6 +288,14 @@ void SharedDatabase::removeSharedCustomRulesDetails() {
     });
 }
 
+void SharedDatabase::removeSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules) {
+    runSerialised(sharedQueue_, [&] {
+        (void)beginTransactionSharedDatabase();
+        removeSharedCustomRules(rules);
+        (void)commitTransactionSharedDatabase();
+    });
+}
+
 std::optional<SharedData> SharedDatabase::getSharedData() {
     std::optional<SharedData> data;
     runSerialised(sharedQueue_, [&] {
@@ -411,6 +424,24 @@ void SharedDatabase::removeSharedCustomRules() {
     if (!prepare(dataDatabase_, kDeleteCustomRulesSql, &statement)) return;
     if (sqlite3_step(statement) != SQLITE_DONE) {
         logError(errorText(dataDatabase_, kDeleteCustomRulesSql));
+    }
+    sqlite3_finalize(statement);
+}
+
+void SharedDatabase::removeSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
+    checkOnQueue("removeSharedCustomRules");
+    sqlite3_stmt* statement;
+    if (!prepare(dataDatabase_, kDeleteCustomRuleSql, &statement)) return;
+    for (const SharedCustomRule& rule : rules) {
+        bindString(statement, 1, rule.ruleID);
+        bindInt(statement, 2, rule.action);
+        bindString(statement, 3, rule.blockerProfileID);
+        bindString(statement, 4, rule.domains);
+        armDeadline();
+        if (sqlite3_step(statement) != SQLITE_DONE) {
+            logError(errorText(dataDatabase_, kDeleteCustomRuleSql));
+        }
+        sqlite3_reset(statement);
     }
     sqlite3_finalize(statement);
 }

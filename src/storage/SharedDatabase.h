@@ -44,6 +44,9 @@ public:
     void updateSharedDataDetails(const SharedData& data);
     void addSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules);
     void removeSharedCustomRulesDetails();
+    // Deletes the rows equal to these rules in ruleID, action,
+    // blockerProfileID and domains (null matching null).
+    void removeSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules);
     std::optional<SharedData> getSharedData();
     std::vector<SharedCustomRule> getSharedCustomRules();
     bool verifySharedData();
@@ -53,6 +56,7 @@ public:
     void updateSharedData(const SharedData& data);
     void addSharedCustomRules(const std::vector<SharedCustomRule>& rules);
     void removeSharedCustomRules();
+    void removeSharedCustomRules(const std::vector<SharedCustomRule>& rules);
 
     bool beginTransactionSharedDatabase();
     bool commitTransactionSharedDatabase();

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <string>
 
+#include "ApplicationCommands.h"
 #include "Commands.h"
 #include "Failure.h"
 #include "Report.h"
@@ -46,6 +47,7 @@ struct Arguments {
     std::string url;
     std::string pageURL;
     std::string file;
+    std::string name;
     int64_t count = 0;
 };
 
@@ -140,7 +142,8 @@ int run(int argc, char** argv) {
     status->add_option("state", arguments.state, "on or off")->check(CLI::IsMember({"on", "off"}));
     addCommonOptions(status, arguments, Waits::Yes);
 
-    auto* profile = app.add_subcommand("profile", "List the blocker profiles or activate one");
+    auto* profile = app.add_subcommand(
+        "profile", "List, activate, create, rename or remove blocker profiles; import lists");
     profile->require_subcommand(1);
     addCommonOptions(profile, arguments, Waits::No);
     auto* profileList = profile->add_subcommand(
@@ -177,6 +180,76 @@ int run(int argc, char** argv) {
         addCommonOptions(command, arguments, Waits::Yes);
         websites.emplace_back(command, website.list);
     }
+
+    const WebsiteCommand removeCommands[] = {
+        {"unblock", WebsiteList::Block, "Take the URL's host off the block list and reload"},
+        {"unsecure", WebsiteList::Secure, "Take the URL's host off the secure list and reload"},
+        {"unallow", WebsiteList::Allow, "Take the URL's host off the allow list and reload"},
+    };
+    std::vector<std::pair<CLI::App*, WebsiteList>> removals;
+    for (const auto& website : removeCommands) {
+        auto* command = app.add_subcommand(website.name, website.help);
+        explain(command,
+                "Removes the host from the list rule of the active profile and from the\n"
+                "shared custom rules, then tidies the lists and reloads. A host that is not\n"
+                "on the list changes nothing and says so.");
+        command->add_option("URL", arguments.url, "The page URL, e.g. https://example.com/")
+            ->required();
+        addCommonOptions(command, arguments, Waits::Yes);
+        removals.emplace_back(command, website.list);
+    }
+
+    auto* lists = app.add_subcommand("lists", "Upkeep of the website lists");
+    lists->require_subcommand(1);
+    addCommonOptions(lists, arguments, Waits::No);
+    auto* listsTidy = lists->add_subcommand(
+        "tidy", "Merge each website list into one rule and mark it so new hosts join it");
+    explain(listsTidy,
+            "Merges all list rules of the block, allow and secure lists into one rule\n"
+            "each, keeping every host once, and sets the list's position of the shared\n"
+            "\"domainStatus\" to 1, so that check sees every host and new hosts are merged\n"
+            "into that rule. Runs after every block, secure, allow and unblock as well.\n"
+            "A list whose status is 0 (kept in the shared database only) is left alone.");
+    addCommonOptions(listsTidy, arguments, Waits::Yes);
+
+    auto* profileCreate = profile->add_subcommand("create", "Create an empty blocker profile");
+    explain(profileCreate,
+            "The name must not be empty, hold a \",\" or be longer than 40 characters.\n"
+            "Prints the new profile's identifier.");
+    profileCreate->add_option("NAME", arguments.name, "The profile's name")->required();
+    addCommonOptions(profileCreate, arguments, Waits::No);
+    auto* profileRename = profile->add_subcommand("rename", "Rename a blocker profile");
+    profileRename->add_option("ID", arguments.profileID, "Profile identifier (see profile list)")
+        ->required();
+    profileRename->add_option("NAME", arguments.name, "The new name")->required();
+    addCommonOptions(profileRename, arguments, Waits::No);
+    auto* profileRemove = profile->add_subcommand(
+        "remove", "Remove a blocker profile with its rules (not the active or the last one)");
+    profileRemove->add_option("ID", arguments.profileID, "Profile identifier (see profile list)")
+        ->required();
+    addCommonOptions(profileRemove, arguments, Waits::No);
+    auto* profileImport = profile->add_subcommand(
+        "import", "Add the rules of an adblock filter list (EasyList syntax) to a profile");
+    explain(profileImport,
+            "Reads \"!\" comments, \"||host^\" and \"|\" anchors, \"*\" and \"^\", \"$\" options\n"
+            "(resource types, third-party, domain= with ~, match-case, cookie,\n"
+            "csp=upgrade-insecure-requests), \"@@\" exceptions and \"##\"/\"#@#\" element\n"
+            "hiding. Lines WebKit cannot express are skipped and counted by reason; rules\n"
+            "the profile holds already are not added again. The active profile is\n"
+            "compiled and reloaded.");
+    profileImport->add_option("ID", arguments.profileID, "Profile identifier (see profile list)")
+        ->required();
+    profileImport->add_option("FILE", arguments.file, "The filter list, or - for standard input")
+        ->required();
+    addCommonOptions(profileImport, arguments, Waits::Yes);
+
+    auto* openURL = app.add_subcommand(
+        "open-url", "Show what the application shows for a stonewall:// URL");
+    explain(openURL,
+            "The URLs: stonewall://status, activate, blockwebsite, securewebsite,\n"
+            "whitelistwebsite, visual and open.");
+    openURL->add_option("URL", arguments.url, "A stonewall:// URL")->required();
+    addCommonOptions(openURL, arguments, Waits::No);
 
     auto* check = app.add_subcommand(
         "check", "Tell whether the URL's host is on the block, secure and allow lists");
@@ -273,7 +346,22 @@ int run(int argc, char** argv) {
                      report);
         } else if (info->parsed()) {
             runInfo(common, report);
+        } else if (listsTidy->parsed()) {
+            runListsTidy(common, report);
+        } else if (profileCreate->parsed()) {
+            runProfileCreate(common, arguments.name, report);
+        } else if (profileRename->parsed()) {
+            runProfileRename(common, arguments.profileID, arguments.name, report);
+        } else if (profileRemove->parsed()) {
+            runProfileRemove(common, arguments.profileID, report);
+        } else if (profileImport->parsed()) {
+            runProfileImport(common, arguments.profileID, arguments.file, report);
+        } else if (openURL->parsed()) {
+            runOpenURL(common, arguments.url, report);
         } else {
+            for (const auto& [command, list] : removals) {
+                if (command->parsed()) runRemoveWebsite(common, list, arguments.url, report);
+            }
             for (const auto& [command, list] : websites) {
                 if (command->parsed()) runWebsite(common, list, arguments.url, report);
             }

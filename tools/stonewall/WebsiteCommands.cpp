@@ -1,5 +1,6 @@
 // block, secure, allow and check: the popover's website view.
 
+#include "ApplicationCommands.h"
 #include "CommandSupport.h"
 #include "Commands.h"
 #include "Failure.h"
@@ -55,7 +56,12 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
     const ReloadRun run =
         ReloadRequest(session, &compile)
             .run(
-                [&](CompletionHandler then) {
+                [&](CompletionHandler reload) {
+                    // The application tidies the lists after every change.
+                    CompletionHandler then = [&, reload](std::optional<Error> error) {
+                        tidyWebsiteLists(*engine, report);
+                        reload(std::move(error));
+                    };
                     switch (list) {
                         case WebsiteList::Block:
                             engine->createBlockWebsiteCustomRule(page.url, then);

@@ -1,0 +1,257 @@
+#include "application/ProfileManager.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <unordered_set>
+
+#include "model/RuleCodes.h"
+#include "utilities/Generator.h"
+#include "utilities/PunycodeAdditions.h"
+
+namespace stonewall {
+namespace {
+
+constexpr char kProfilesFolder[] = ".Profiles";
+// The profile rule lists an import fills and looks for duplicates in.
+constexpr int64_t kImportedActions[] = {ActionCode::kBlock, ActionCode::kHide,
+                                        ActionCode::kBlockCookies, ActionCode::kException,
+                                        ActionCode::kUpgradeHTTPS};
+
+std::vector<std::string> splitAtCommas(const NullableString& text) {
+    std::vector<std::string> pieces;
+    if (!text || text->empty()) return pieces;
+    size_t start = 0;
+    while (true) {
+        const size_t comma = text->find(',', start);
+        pieces.push_back(text->substr(start, comma == std::string::npos ? comma : comma - start));
+        if (comma == std::string::npos) return pieces;
+        start = comma + 1;
+    }
+}
+
+std::string joinWithCommas(const std::vector<std::string>& pieces) {
+    std::string joined;
+    for (const std::string& piece : pieces) {
+        if (!joined.empty()) joined.push_back(',');
+        joined.append(piece);
+    }
+    return joined;
+}
+
+std::string inQuotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
+
+// The profile's database file, whether it opened and has its table.
+bool databaseUsable(const std::shared_ptr<ProfileDatabase>& database) {
+    std::error_code error;
+    return database && std::filesystem::is_regular_file(database->profilesDataPath(), error) &&
+           database->checkTablesExist();
+}
+
+}  // namespace
+
+std::optional<std::string> ProfileManager::checkProfileName(std::string_view name) {
+    const std::u32string characters = PunycodeAdditions::longCharactersWithCount(name);
+    if (!name.empty() && characters.empty()) return "is not valid UTF-8";
+    if (PunycodeAdditions::trim(name).empty()) return "is empty";
+    size_t length = 0;
+    for (char32_t c : characters) {
+        if (c < 0x20 || (c >= 0x7f && c < 0xa0) || c == 0x2028 || c == 0x2029) {
+            return "holds a control character";
+        }
+        length += c > 0xFFFF ? 2 : 1;
+    }
+    if (length > kMaximumNameLength) {
+        return "is too long (" + std::to_string(length) + " characters; at most " +
+               std::to_string(kMaximumNameLength) + ")";
+    }
+    // The shared record joins the names with ",".
+    if (name.find(',') != std::string_view::npos) return "holds a \",\"";
+    if (PunycodeAdditions::trim(name) != name) return "begins or ends with white space";
+    return std::nullopt;
+}
+
+std::optional<size_t> ProfileManager::profileIndex(const std::string& profileID) const {
+    if (!engine_.sharedData()) return std::nullopt;
+    const auto identifiers = splitAtCommas(engine_.sharedData()->profileIDs);
+    const auto found = std::find(identifiers.begin(), identifiers.end(), profileID);
+    if (found == identifiers.end()) return std::nullopt;
+    return static_cast<size_t>(found - identifiers.begin());
+}
+
+ApplicationOutcome ProfileManager::requireProfile(const std::string& profileID,
+                                                  size_t& index) const {
+    const auto found = profileIndex(profileID);
+    if (!found) {
+        return badInput("profile " + inQuotes(profileID),
+                        "unknown profile identifier (known: " +
+                            textOrNull(engine_.sharedData() ? engine_.sharedData()->profileIDs
+                                                            : NullableString()) +
+                            ")");
+    }
+    index = *found;
+    return std::nullopt;
+}
+
+ApplicationOutcome ProfileManager::writeProfileLists(std::vector<std::string> names,
+                                                     std::vector<std::string> identifiers) {
+    SharedData data = *engine_.sharedData();
+    data.profiles = joinWithCommas(names);
+    data.profileIDs = joinWithCommas(identifiers);
+    engine_.sharedDatabase().updateSharedDataDetails(data);
+    engine_.syncShared();
+    const auto& stored = engine_.sharedData();
+    if (!stored || stored->profiles != data.profiles || stored->profileIDs != data.profileIDs) {
+        return storageFailure("shared database " + engine_.sharedDatabase().dataPath(),
+                              "did not take the new profile list");
+    }
+    return std::nullopt;
+}
+
+ApplicationOutcome ProfileManager::createProfile(const std::string& name, std::string& profileID) {
+    if (auto reason = checkProfileName(name)) return badInput("name " + inQuotes(name), *reason);
+    if (!engine_.sharedData()) return storageFailure("shared database", "cannot be read");
+    auto names = splitAtCommas(engine_.sharedData()->profiles);
+    auto identifiers = splitAtCommas(engine_.sharedData()->profileIDs);
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+        return badInput("name " + inQuotes(name), "another profile has this name");
+    }
+    // Names and identifiers are paired by position; a record whose lists
+    // differ in length would pair the new name with another profile.
+    names.resize(identifiers.size());
+
+    do {
+        profileID = Generator::profileID();
+    } while (profileIndex(profileID));
+
+    // The database first: a profile in the record must always have one.
+    const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
+    if (!databaseUsable(database)) {
+        return storageFailure("profile " + profileID,
+                              "its database could not be made from the template" +
+                                  (database ? " (" + database->profilesDataPath() + ")"
+                                            : std::string()));
+    }
+    names.push_back(name);
+    identifiers.push_back(profileID);
+    if (auto error = writeProfileLists(std::move(names), std::move(identifiers))) {
+        database->close();
+        database->profilesFileHandler().removeFile(database->profilesFileName());
+        return error;
+    }
+    CompanionController::sendUpdateNotification();
+    return std::nullopt;
+}
+
+ApplicationOutcome ProfileManager::renameProfile(const std::string& profileID,
+                                                 const std::string& name) {
+    size_t index = 0;
+    if (auto error = requireProfile(profileID, index)) return error;
+    if (auto reason = checkProfileName(name)) return badInput("name " + inQuotes(name), *reason);
+    auto names = splitAtCommas(engine_.sharedData()->profiles);
+    auto identifiers = splitAtCommas(engine_.sharedData()->profileIDs);
+    names.resize(identifiers.size());
+    for (size_t other = 0; other < names.size(); ++other) {
+        if (other != index && names[other] == name) {
+            return badInput("name " + inQuotes(name), "another profile has this name");
+        }
+    }
+    if (names[index] == name) return std::nullopt;
+    names[index] = name;
+    if (auto error = writeProfileLists(std::move(names), std::move(identifiers))) return error;
+    CompanionController::sendUpdateNotification();
+    return std::nullopt;
+}
+
+ApplicationOutcome ProfileManager::removeProfile(const std::string& profileID) {
+    size_t index = 0;
+    if (auto error = requireProfile(profileID, index)) return error;
+    const SharedData& shared = *engine_.sharedData();
+    if (shared.activeProfileID == profileID) {
+        return badInput("profile " + inQuotes(profileID),
+                        "is the active profile (activate another one first)");
+    }
+    auto names = splitAtCommas(shared.profiles);
+    auto identifiers = splitAtCommas(shared.profileIDs);
+    if (identifiers.size() == 1) {
+        return badInput("profile " + inQuotes(profileID), "is the only profile");
+    }
+    names.resize(identifiers.size());
+    names.erase(names.begin() + static_cast<std::ptrdiff_t>(index));
+    identifiers.erase(identifiers.begin() + static_cast<std::ptrdiff_t>(index));
+    // The record first: once no program can pick the profile, its files
+    // can go without a window in which it names a missing database.
+    if (auto error = writeProfileLists(std::move(names), std::move(identifiers))) return error;
+
+    std::vector<SharedCustomRule> customRules = engine_.sharedDatabase().getSharedCustomRules();
+    std::erase_if(customRules,
+                  [&](const SharedCustomRule& rule) { return rule.blockerProfileID != profileID; });
+    if (!customRules.empty()) engine_.sharedDatabase().removeSharedCustomRulesDetails(customRules);
+
+    const FileHandler profiles =
+        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
+    for (const std::string& file :
+         {"profile_" + profileID + "_data", "profile_" + profileID + "_unarchive.json"}) {
+        if (profiles.fileExists(file)) profiles.removeFile(file);
+        if (profiles.fileExists(file)) {
+            CompanionController::sendUpdateNotification();
+            return storageFailure(profiles.getFilePath(file), "could not be removed");
+        }
+    }
+    CompanionController::sendUpdateNotification();
+    return std::nullopt;
+}
+
+ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID,
+                                                    std::string_view text, ImportReport& report) {
+    report = {};
+    size_t index = 0;
+    if (auto error = requireProfile(profileID, index)) return error;
+    if (auto reason = FilterListParser::checkFormat(text)) return badInput("filter list", *reason);
+    report.list = FilterListParser::parse(text, BlockerCode::kList1);
+    if (report.list.rules.empty()) {
+        return badInput("filter list", "no line could be imported (" +
+                                           std::to_string(report.list.skippedCount()) +
+                                           " skipped); is it an adblock filter list?");
+    }
+
+    const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
+    if (!databaseUsable(database)) {
+        return storageFailure("profile " + profileID,
+                              "its database cannot be opened" +
+                                  (database ? " (" + database->profilesDataPath() + ")"
+                                            : std::string()));
+    }
+
+    // Importing a list again (or an overlapping one) adds only what is new.
+    std::unordered_set<std::string> present;
+    for (int64_t action : kImportedActions) {
+        database->forEachProfileRuleByAction(
+            action, [&](const ProfileRule& rule) { present.insert(rule.computeHash()); });
+    }
+    std::vector<ProfileRule> rows;
+    rows.reserve(report.list.rules.size());
+    for (const ProfileRule& rule : report.list.rules) {
+        if (present.contains(rule.computeHash())) {
+            ++report.alreadyPresent;
+            continue;
+        }
+        rows.push_back(rule);
+        rows.back().ruleID = Generator::customRuleID();
+    }
+    if (rows.empty()) return std::nullopt;
+
+    const int64_t before = database->getProfileRulesCount();
+    database->addProfileRules(rows);
+    const int64_t after = database->getProfileRulesCount();
+    if (after - before != static_cast<int64_t>(rows.size())) {
+        return storageFailure("profile " + profileID,
+                              "its database took " + std::to_string(after - before) + " of " +
+                                  std::to_string(rows.size()) + " rules (" +
+                                  database->profilesDataPath() + ")");
+    }
+    report.added = static_cast<int64_t>(rows.size());
+    CompanionController::sendUpdateNotification();
+    return std::nullopt;
+}
+
+}  // namespace stonewall

@@ -1,0 +1,243 @@
+#include "application/FilterListParser.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform/linux/WebKitContentBlockerManager.h"
+
+namespace stonewall {
+namespace {
+
+constexpr int64_t kList = BlockerCode::kList1;
+const std::string kHost = "^[^:]+://+([^:/]+\\.)?";
+const std::string kSep = "[^a-zA-Z0-9_.%-]";
+const std::string kEnd = "([^a-zA-Z0-9_.%-].*)?$";
+
+struct Expected {
+    int64_t action;
+    std::string filter;
+    NullableString resources = std::nullopt;
+    NullableString loads = std::nullopt;
+    NullableString domains = std::nullopt;
+    int64_t domainType = DomainTypeCode::kNone;
+    int64_t filterSensitive = 0;
+};
+
+struct LineCase {
+    const char* line;
+    std::optional<Expected> rule;  // none: skipped for `reason`
+    std::string_view reason = {};
+};
+
+TEST(FilterListParserTest, NetworkRulesBecomeWebKitFilters) {
+    const std::vector<LineCase> cases = {
+        {"||ads.example.com^", Expected{1, kHost + "ads\\.example\\.com" + kEnd}},
+        {"||ads.example.com^|", Expected{1, kHost + "ads\\.example\\.com" + kSep + "$"}},
+        {"|https://track.test/px?a=1|", Expected{1, "^https://track\\.test/px\\?a=1$"}},
+        {"/banner/*/img^", Expected{1, "/banner/.*/img" + kEnd}},
+        {"**ad**space*", Expected{1, "ad.*space"}},
+        {"&ad_box=(x)+[1]{2}$", Expected{1, "&ad_box=\\(x\\)\\+\\[1\\]\\{2\\}"}},
+        {"||cdn.test^$script,image,third-party",
+         Expected{1, kHost + "cdn\\.test" + kEnd, "script,image", "third-party"}},
+        {"||cdn.test/a.js$~third-party,xmlhttprequest,websocket",
+         Expected{1, kHost + "cdn\\.test/a\\.js", "raw", "first-party"}},
+        {"/ads.$~image,~script,~stylesheet,~font,~media,~subdocument,~popup,~ping",
+         Expected{1, "/ads\\.", "raw,svg-document"}},
+        {"/pop.$domain=a.test|B.Test", Expected{1, "/pop\\.", {}, {}, "*a.test,*b.test", 1}},
+        {"/pop.$domain=~a.test|~b.test", Expected{1, "/pop\\.", {}, {}, "*a.test,*b.test", 2}},
+        // An exclusion outside every included domain changes nothing.
+        {"/pop.$domain=a.test|~b.test", Expected{1, "/pop\\.", {}, {}, "*a.test", 1}},
+        {"/pop.$domain=a.test|~x.a.test", std::nullopt, SkipReason::kMixedDomains},
+        {"/pop.$domain=bücher.test", Expected{1, "/pop\\.", {}, {}, "*xn--bcher-kva.test", 1}},
+        {"/pop.$domain=example.*", std::nullopt, SkipReason::kInvalidDomain},
+        {"/AdFrame.$match-case", Expected{1, "/AdFrame\\.", {}, {}, {}, -1, 1}},
+        {"||tracker.test^$cookie", Expected{4, kHost + "tracker\\.test" + kEnd}},
+        {"||shop.test^$csp=upgrade-insecure-requests", Expected{8, kHost + "shop\\.test" + kEnd}},
+        {"||shop.test^$csp=script-src 'none'", std::nullopt, SkipReason::kUnsupportedOption},
+        {"@@||good.test/ads.js$script", Expected{6, kHost + "good\\.test/ads\\.js", "script"}},
+        {"@@||good.test^$document",
+         Expected{6, ".*", {}, {}, kHost + "good\\.test" + kEnd, DomainTypeCode::kIfTopURLVerbatim}},
+        {"@@||good.test^$elemhide", std::nullopt, SkipReason::kUnsupportedOption},
+        {"||x.test^$important,all", Expected{1, kHost + "x\\.test" + kEnd}},
+        {"||x.test^$object", std::nullopt, SkipReason::kUnsupportedResourceType},
+        {"||x.test^$object,image", Expected{1, kHost + "x\\.test" + kEnd, "image"}},
+        {"||x.test^$redirect=noop.js", std::nullopt, SkipReason::kUnsupportedOption},
+        {"/^https?:\\/\\/[a-z]+\\.ads\\.test\\//", Expected{1, "^https?:\\/\\/[a-z]+\\.ads\\.test\\/"}},
+        {"/ads$/", Expected{1, "ads$"}},
+        {"/\\d+\\.gif/", std::nullopt, SkipReason::kRegularExpression},
+        {"/(ad|banner)s/", std::nullopt, SkipReason::kRegularExpression},
+        {"/ad.{3}/$image", std::nullopt, SkipReason::kRegularExpression},
+        {"||bücher.test^", std::nullopt, SkipReason::kNonASCII},
+        {"0.0.0.0 ads.test", std::nullopt, SkipReason::kUnsupportedSyntax},
+        {"||", std::nullopt, SkipReason::kUnsupportedSyntax},
+        {"$$script[data-src]", std::nullopt, SkipReason::kExtendedSyntax},
+        {"$image,domain=a.test", Expected{1, ".*", "image", {}, "*a.test", 1}},
+    };
+    for (const LineCase& c : cases) {
+        SCOPED_TRACE(c.line);
+        const FilterListImport list = FilterListParser::parse(c.line, kList);
+        if (!c.rule) {
+            EXPECT_TRUE(list.rules.empty());
+            EXPECT_EQ(list.skipped.count(c.reason), 1u) << "skipped for another reason";
+            continue;
+        }
+        ASSERT_EQ(list.rules.size(), 1u) << (list.skipped.empty() ? "" : list.skipped.begin()->first);
+        const ProfileRule& rule = list.rules.front();
+        EXPECT_EQ(rule.blocker, kList);
+        EXPECT_EQ(rule.action, c.rule->action);
+        EXPECT_EQ(rule.filter, c.rule->filter);
+        EXPECT_EQ(rule.selector, std::nullopt);
+        EXPECT_EQ(rule.resources, c.rule->resources);
+        EXPECT_EQ(rule.loads, c.rule->loads);
+        EXPECT_EQ(rule.domains, c.rule->domains);
+        EXPECT_EQ(rule.domainType, c.rule->domainType);
+        EXPECT_EQ(rule.filterSensitive, c.rule->filterSensitive);
+        EXPECT_TRUE(FilterListParser::isWebKitURLFilter(*rule.filter));
+    }
+}
+
+// Hiding rules are read together: "#@#" exceptions change the rules with
+// the same selector wherever they stand in the list.
+TEST(FilterListParserTest, ElementHidingWithExceptions) {
+    struct HideCase {
+        const char* name;
+        const char* list;
+        // selector, domains, domain type of each resulting hide rule
+        std::vector<std::tuple<std::string, NullableString, int64_t>> rules;
+        std::string_view reason = {};
+    };
+    const std::vector<HideCase> cases = {
+        {"generic", "##.ad-box", {{".ad-box", std::nullopt, -1}}},
+        {"on sites", "a.test,B.test##div[id^=\"ad\"] > img",
+         {{"div[id^=\"ad\"] > img", "*a.test,*b.test", 1}}},
+        {"but sites", "~a.test##.ad", {{".ad", "*a.test", 2}}},
+        {"excepted on a site", "##.ad\na.test#@#.ad", {{".ad", "*a.test", 2}}},
+        {"excepted before the rule", "b.test#@#.ad\n~a.test##.ad", {{".ad", "*a.test,*b.test", 2}}},
+        {"site removed", "a.test,b.test##.ad\nb.test#@#.ad", {{".ad", "*a.test", 1}}},
+        {"last site removed", "x.b.test##.ad\nb.test#@#.ad", {}},
+        {"excepted everywhere", "##.ad\na.test##.ad\n#@#.ad", {}},
+        {"nothing to except", "##.ad\n#@#.other", {{".ad", std::nullopt, -1}},
+         SkipReason::kUnmatchedHideException},
+        {"duplicate", "##.ad\n##.ad", {{".ad", std::nullopt, -1}}, SkipReason::kDuplicate},
+        {"procedural", "a.test#?#div:-abp-has(.ad)\na.test##div:has-text(Ad)", {},
+         SkipReason::kExtendedSyntax},
+        {"scriptlet", "a.test##+js(set-constant, x, 1)", {}, SkipReason::kExtendedSyntax},
+        {"style injection", "a.test##.ad { color: red }", {}, SkipReason::kExtendedSyntax},
+        {"unbalanced", "##div[class=\"ad\"", {}, SkipReason::kMalformedSelector},
+        {"dangling combinator", "##div >", {}, SkipReason::kMalformedSelector},
+    };
+    for (const HideCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const FilterListImport list = FilterListParser::parse(c.list, kList);
+        ASSERT_EQ(list.rules.size(), c.rules.size());
+        for (size_t i = 0; i < c.rules.size(); ++i) {
+            const ProfileRule& rule = list.rules[i];
+            EXPECT_EQ(rule.action, ActionCode::kHide);
+            EXPECT_EQ(rule.filter, ".*");
+            EXPECT_EQ(rule.selector, std::get<0>(c.rules[i]));
+            EXPECT_EQ(rule.domains, std::get<1>(c.rules[i]));
+            EXPECT_EQ(rule.domainType, std::get<2>(c.rules[i]));
+        }
+        if (!c.reason.empty()) {
+            EXPECT_GE(list.skipped.count(c.reason), 1u);
+        }
+    }
+}
+
+TEST(FilterListParserTest, CountsCommentsRulesAndSkipsOfAWholeList) {
+    const FilterListImport list = FilterListParser::parse(
+        "\xEF\xBB\xBF[Adblock Plus 2.0]\r\n! Title: test\r\n\r\n||a.test^\r\n##.ad\r\n"
+        "@@||a.test/ok^\r\n||a.test^\r\n||b.test^$rewrite=x\r\n",
+        kList);
+    EXPECT_EQ(list.lines, 7);
+    EXPECT_EQ(list.comments, 2);
+    EXPECT_EQ(list.rulesByAction[1], 1);
+    EXPECT_EQ(list.rulesByAction[2], 1);
+    EXPECT_EQ(list.rulesByAction[6], 1);
+    EXPECT_EQ(list.skippedCount(), 2);
+    EXPECT_EQ(list.skipped.at(std::string(SkipReason::kDuplicate)), 1);
+    EXPECT_EQ(list.skipped.at(std::string(SkipReason::kUnsupportedOption)), 1);
+}
+
+TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
+    const std::vector<std::pair<std::string, bool>> cases = {
+        {"! EasyList\n||a.test^\n", true},
+        {"[Adblock Plus 2.0]\n##.ad\n", true},
+        {"# hosts-style comment\n##.ad\n", true},
+        {std::string("||a.test^\n\0\x01", 12), false},
+        {"||a.test^\n\xff\xfe", false},
+        {R"([{"trigger":{"url-filter":".*"},"action":{"type":"block"}}])", false},
+        {"  {\"rules\": []}", false},
+        {"# hosts\n0.0.0.0 ads.test\n127.0.0.1 b.test\n||c.test^\n", false},
+        {"! only a comment\n\n", false},
+        {"", false},
+    };
+    for (const auto& [text, accepted] : cases) {
+        EXPECT_EQ(!FilterListParser::checkFormat(text).has_value(), accepted) << text;
+    }
+}
+
+TEST(FilterListParserTest, KnowsWebKitsRegularExpressionSubset) {
+    const std::vector<std::pair<const char*, bool>> cases = {
+        {".*", true},          {"^https?://a\\.test/", true}, {"([^:/]+\\.)?x[0-9a-f]+$", true},
+        {"a(b(c)?)*", true},   {"[]a]", false},               {"", false},
+        {"*a", false},         {"a**", false},                {"a+?", false},
+        {"a|b", false},        {"a{2}", false},               {"\\d", false},
+        {"\\1", false},        {"(?:a)", false},              {"a^", false},
+        {"a$b", false},        {"(a$)", false},               {"(a", false},
+        {"a)", false},         {"()", false},                 {"[a", false},
+        {"[[:alpha:]]", false}, {"caf\xc3\xa9", false},       {"a\\", false},
+    };
+    for (const auto& [expression, accepted] : cases) {
+        EXPECT_EQ(FilterListParser::isWebKitURLFilter(expression), accepted) << expression;
+    }
+}
+
+// A list in the shape of the common ones: every rule the parser emits must
+// compile with the real WebKit content-blocker compiler.
+TEST(FilterListParserTest, WebKitAcceptsEveryRuleOfARepresentativeList) {
+    const char* kRepresentative =
+        "[Adblock Plus 2.0]\n! Title: representative\n"
+        "||ads.example.com^\n||track.example.net^$third-party\n|https://pix.test/1.gif|\n"
+        "/banner/*/ad_\n-ad-300x250.\n&adtype=$xmlhttprequest,~third-party\n"
+        "||cdn.test/ads.js$script,domain=news.test|~shop.test\n"
+        "||media.test^$media,font,stylesheet,popup,ping,other,subdocument\n"
+        "/pop.$~image,~script\n/AdServer/$match-case\n||cookie.test^$cookie\n"
+        "||insecure.test^$csp=upgrade-insecure-requests\n"
+        "/^https?:\\/\\/[a-z0-9]+\\.adnet\\.test\\//\n"
+        "@@||good.test/ads.js$script\n@@||trusted.test^$document\n"
+        "##.ad-banner\n##div[id^=\"google_ads\"]\n##a[href*=\"/click?\"] > img\n"
+        "news.test,blog.test##.sponsored\n~shop.test##.promo\nnews.test#@#.ad-banner\n"
+        "bücher.test##.werbung\n##:is(.ad, .advert)\n##div:not(.content) > .ad\n"
+        "##p:has(> a.ad-link)\n";
+    const FilterListImport list = FilterListParser::parse(kRepresentative, kList);
+    ASSERT_GE(list.rules.size(), 20u);
+    EXPECT_EQ(list.skippedCount(), 0) << list.skipped.begin()->first;
+
+    const std::string store =
+        (std::filesystem::temp_directory_path() / ("stonewall-import-" + std::to_string(::getpid())))
+            .string();
+    auto compile = [&](const std::vector<ProfileRule>& rules) {
+        std::string json;
+        ContentBlockerRuleListWriter writer(json);
+        for (const ProfileRule& rule : rules) writer.add(rule.convertToSafariData2());
+        writer.finish();
+        return platform::linux::WebKitContentBlockerManager::compileRuleList(store, "import", json);
+    };
+    if (const auto error = compile(list.rules)) {
+        // Name the rules WebKit refuses, one by one.
+        for (const ProfileRule& rule : list.rules) {
+            if (const auto single = compile({rule})) {
+                ADD_FAILURE() << rule.convertToSafariData2().toJSON() << ": " << single->message;
+            }
+        }
+        ADD_FAILURE() << error->message;
+    }
+    std::filesystem::remove_all(store);
+}
+
+}  // namespace
+}  // namespace stonewall

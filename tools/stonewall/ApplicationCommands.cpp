@@ -1,0 +1,376 @@
+// unblock, unsecure, unallow, lists tidy, profile create/rename/remove/import
+// and open-url: what the main application does on its platform.
+
+#include "ApplicationCommands.h"
+
+#include <algorithm>
+
+#include "CommandSupport.h"
+#include "Failure.h"
+#include "InputFile.h"
+#include "application/ApplicationURL.h"
+#include "application/ProfileManager.h"
+#include "application/WebsiteListEditor.h"
+#include "model/RuleCodes.h"
+
+namespace stonewall::tool {
+namespace {
+
+struct ListNames {
+    int64_t action;
+    const char* list;     // as people call it
+    const char* command;  // the command that takes a website off it
+};
+
+constexpr ListNames kLists[] = {
+    {ActionCode::kBlockWebsite, "block", "unblock"},
+    {ActionCode::kSecureWebsite, "secure", "unsecure"},
+    {ActionCode::kAllowWebsite, "allow", "unallow"},
+};
+
+const ListNames& listNames(WebsiteList list) {
+    switch (list) {
+        case WebsiteList::Secure:
+            return kLists[1];
+        case WebsiteList::Allow:
+            return kLists[2];
+        case WebsiteList::Block:
+            break;
+    }
+    return kLists[0];
+}
+
+void throwIfFailed(const ApplicationOutcome& outcome) {
+    if (!outcome) return;
+    throw CommandFailure(outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput
+                                                                           : ExitCode::Storage,
+                         outcome->subject, outcome->reason);
+}
+
+// Compiles the active profile and reloads, as the front does after a change.
+void reloadActiveProfile(Session& session, CompanionController& engine, Report& report) {
+    CompileReport compile;
+    const ReloadRun run = ReloadRequest(session, &compile)
+                              .run(engine.sharedData()->activeProfileID, engine.activeDatabase());
+    if (!run.hostSkipsReload) {
+        report.json["rulesWritten"] = compile.rulesWritten;
+        report.json["bytesWritten"] = compile.bytesWritten;
+        report.json["ruleFile"] = compile.outputPath;
+        report.table.add("rules", compileSummary(compile));
+    }
+    describeReload(run, report);
+    checkOutcome(run, &compile);
+}
+
+std::string plural(int64_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// The entries of every list rule of the action, in order, each once.
+std::vector<std::string> listedHosts(CompanionController& engine, int64_t action) {
+    std::vector<std::string> hosts;
+    for (const ProfileRule& rule : engine.activeDatabase()->getProfileRulesByAction(action)) {
+        if (!WebsiteListEditor::isWebsiteListRule(rule)) continue;
+        for (std::string& host : splitList(rule.domains)) {
+            if (std::find(hosts.begin(), hosts.end(), host) == hosts.end()) {
+                hosts.push_back(std::move(host));
+            }
+        }
+    }
+    return hosts;
+}
+
+// What the tidy did to one list, for the report; `always` also for a list
+// it left as it was.
+void describeTidy(const ListNames& names, const WebsiteListEditor::TidyReport& tidy, bool always,
+                  Report& report) {
+    report.json["lists"][names.list] = Json{{"rulesBefore", tidy.rulesBefore},
+                                            {"hosts", tidy.hosts},
+                                            {"changed", tidy.changed},
+                                            {"statusSet", tidy.statusSet}};
+    const std::string label = std::string(names.list) + " list";
+    if (tidy.leftAloneStatus) {
+        report.json["lists"][names.list]["status"] = *tidy.leftAloneStatus;
+        if (always) {
+            report.table.add(label, "left alone (status " +
+                                        std::to_string(*tidy.leftAloneStatus) +
+                                        ": kept in the shared database only)");
+        }
+        return;
+    }
+    if (!always && !tidy.changed) return;
+    std::string text;
+    if (tidy.rulesBefore == 0) {
+        text = "empty";
+    } else if (tidy.rulesBefore > 1) {
+        text = plural(tidy.rulesBefore, "rule") + " merged into 1, " + plural(tidy.hosts, "host");
+    } else {
+        text = "1 rule, " + plural(tidy.hosts, "host");
+    }
+    if (tidy.statusSet) {
+        text += "; new hosts now join this rule";
+    } else if (!tidy.changed && tidy.rulesBefore > 0) {
+        text += " (already tidy)";
+    }
+    report.table.add(always ? label : "tidied " + label, text);
+}
+
+}  // namespace
+
+void tidyWebsiteLists(CompanionController& engine, Report& report) {
+    WebsiteListEditor editor(engine);
+    for (const ListNames& names : kLists) {
+        WebsiteListEditor::TidyReport tidy;
+        throwIfFailed(editor.tidyList(names.action, tidy));
+        describeTidy(names, tidy, /*always=*/false, report);
+    }
+}
+
+void runRemoveWebsite(const CommonOptions& common, WebsiteList list, const std::string& url,
+                      Report& report) {
+    const ListNames& names = listNames(list);
+    report.json["command"] = names.command;
+    const std::string host = requirePageURL(url).host;
+
+    Session session(common);
+    auto engine = session.openEngine();
+    const std::string profileID = requireActiveProfile(*engine->sharedData());
+    report.json["host"] = host;
+    report.json["profile"] = profileID;
+
+    bool removed = false;
+    throwIfFailed(WebsiteListEditor(*engine).removeWebsite(names.action, host, removed));
+    report.json["changed"] = removed;
+    if (!removed) {
+        report.notes.push_back(host + " is not on the " + names.list + " list of profile " +
+                               profileID + "; nothing changed.");
+        return;
+    }
+    report.table.add(std::string("removed from the ") + names.list + " list", host);
+    report.table.add("profile", profileID);
+    tidyWebsiteLists(*engine, report);
+    reloadActiveProfile(session, *engine, report);
+}
+
+void runListsTidy(const CommonOptions& common, Report& report) {
+    report.json["command"] = "lists tidy";
+    Session session(common);
+    auto engine = session.openEngine();
+    const std::string profileID = requireActiveProfile(*engine->sharedData());
+    report.json["profile"] = profileID;
+    report.table.add("profile", profileID);
+
+    WebsiteListEditor editor(*engine);
+    bool changed = false;
+    for (const ListNames& names : kLists) {
+        WebsiteListEditor::TidyReport tidy;
+        throwIfFailed(editor.tidyList(names.action, tidy));
+        describeTidy(names, tidy, /*always=*/true, report);
+        changed |= tidy.changed;
+    }
+    report.json["domainStatus"] = textOrNull(engine->sharedData()->domainStatus);
+    report.table.add("domain status", textOrNull(engine->sharedData()->domainStatus));
+    report.json["changed"] = changed;
+    if (!changed) {
+        report.notes.push_back("The website lists are tidy; nothing changed.");
+        return;
+    }
+    reloadActiveProfile(session, *engine, report);
+}
+
+void runProfileCreate(const CommonOptions& common, const std::string& name, Report& report) {
+    report.json["command"] = "profile create";
+    // Refused before the container is even opened.
+    if (auto reason = ProfileManager::checkProfileName(name)) {
+        throw CommandFailure(ExitCode::BadInput, "name \"" + name + "\"", *reason);
+    }
+    Session session(common);
+    auto engine = session.openEngine();
+    std::string profileID;
+    throwIfFailed(ProfileManager(*engine).createProfile(name, profileID));
+    report.json["profile"] = profileID;
+    report.json["name"] = name;
+    report.table.add("created", profileID);
+    report.table.add("name", name);
+    report.notes.push_back("Fill it with: stonewall profile import " + profileID +
+                           " FILE; use it with: stonewall profile activate " + profileID);
+}
+
+void runProfileRename(const CommonOptions& common, const std::string& profileID,
+                      const std::string& name, Report& report) {
+    report.json["command"] = "profile rename";
+    Session session(common);
+    auto engine = session.openEngine();
+    ProfileManager profiles(*engine);
+    const auto index = profiles.profileIndex(profileID);
+    const auto names = splitList(engine->sharedData()->profiles);
+    const std::string previous = index && *index < names.size() ? names[*index] : std::string();
+    throwIfFailed(profiles.renameProfile(profileID, name));
+    report.json["profile"] = profileID;
+    report.json["name"] = name;
+    report.json["changed"] = previous != name;
+    if (previous == name) {
+        report.notes.push_back("Profile " + profileID + " is already named \"" + name +
+                               "\"; nothing changed.");
+        return;
+    }
+    report.table.add("profile", profileID);
+    report.table.add("name", name + " (was " + previous + ")");
+}
+
+void runProfileRemove(const CommonOptions& common, const std::string& profileID, Report& report) {
+    report.json["command"] = "profile remove";
+    Session session(common);
+    auto engine = session.openEngine();
+    throwIfFailed(ProfileManager(*engine).removeProfile(profileID));
+    report.json["profile"] = profileID;
+    report.table.add("removed", profileID);
+    report.table.add("profiles left", std::to_string(splitList(engine->sharedData()->profileIDs).size()));
+}
+
+void runProfileImport(const CommonOptions& common, const std::string& profileID,
+                      const std::string& file, Report& report) {
+    report.json["command"] = "profile import";
+    Session session(common);
+    auto engine = session.openEngine();
+    ProfileManager profiles(*engine);
+    if (!profiles.profileIndex(profileID)) requireKnownProfile(*engine->sharedData(), profileID);
+    const std::string text = readInputFile(file);
+    if (auto reason = FilterListParser::checkFormat(text)) {
+        throw CommandFailure(ExitCode::BadInput, inputName(file), *reason);
+    }
+
+    ProfileManager::ImportReport import;
+    if (auto error = profiles.importFilterList(profileID, text, import)) {
+        // The file is what people know the list by.
+        if (error->subject == "filter list") error->subject = inputName(file);
+        throwIfFailed(error);
+    }
+    const FilterListImport& list = import.list;
+
+    report.json["profile"] = profileID;
+    report.json["lines"] = list.lines;
+    report.json["comments"] = list.comments;
+    report.json["added"] = import.added;
+    report.json["alreadyPresent"] = import.alreadyPresent;
+    report.table.add("profile", profileID);
+    report.table.add("lines", std::to_string(list.lines) + " (" + plural(list.comments, "comment") +
+                                  ")");
+    report.table.add("imported", plural(import.added, "rule"));
+    Json byKind = Json::object();
+    for (int64_t action : {ActionCode::kBlock, ActionCode::kHide, ActionCode::kBlockCookies,
+                           ActionCode::kException, ActionCode::kUpgradeHTTPS}) {
+        const int64_t count = list.rulesByAction[static_cast<size_t>(action)];
+        byKind[std::string(actionName(action))] = count;
+        report.table.add("  " + std::string(actionName(action)), std::to_string(count));
+    }
+    report.json["rulesByKind"] = std::move(byKind);
+    if (import.alreadyPresent > 0) {
+        report.table.add("already in the profile", std::to_string(import.alreadyPresent));
+    }
+    report.json["hideExceptionsApplied"] = list.hideExceptionsApplied;
+    if (list.hideExceptionsApplied > 0) {
+        report.table.add("hiding exceptions applied", std::to_string(list.hideExceptionsApplied));
+    }
+    Json skipped = Json::object();
+    report.table.add("skipped", plural(list.skippedCount(), "line"));
+    for (const auto& [reason, count] : list.skipped) {
+        skipped[reason] = count;
+        report.table.add("  " + reason, std::to_string(count));
+    }
+    report.json["skipped"] = std::move(skipped);
+
+    if (import.added > 0 && engine->sharedData()->activeProfileID == profileID) {
+        engine->connectProfileDatabase();
+        reloadActiveProfile(session, *engine, report);
+    } else if (import.added > 0) {
+        report.notes.push_back("Profile " + profileID +
+                               " is not the active one; its rules take effect once it is "
+                               "activated (stonewall profile activate " +
+                               profileID + ").");
+    }
+}
+
+void runOpenURL(const CommonOptions& common, const std::string& url, Report& report) {
+    report.json["command"] = "open-url";
+    const auto target = ApplicationURL::target(url);
+    if (!target) {
+        std::string known;
+        for (const auto& each : ApplicationURL::targets()) {
+            known += (known.empty() ? "" : ", ") + std::string(each.url);
+        }
+        throw CommandFailure(ExitCode::BadInput, "URL \"" + url + "\"",
+                             "is not one of Stonewall's URLs (" + known + ")");
+    }
+    report.json["url"] = std::string(target->url);
+    report.json["screen"] = std::string(target->title);
+    report.table.add("screen", std::string(target->title));
+    report.notes.push_back(std::string(target->explanation));
+
+    Session session(common);
+    auto engine = session.openEngine();
+    const SharedData& shared = *engine->sharedData();
+    auto showList = [&](int64_t action) {
+        const auto hosts = listedHosts(*engine, action);
+        Json array = Json::array();
+        for (const auto& host : hosts) array.push_back(host);
+        report.json["hosts"] = std::move(array);
+        report.table.add("profile", textOrNull(shared.activeProfileID));
+        report.table.add("websites", hosts.empty() ? std::string("none") : plural(static_cast<int64_t>(hosts.size()), "website"));
+        for (const auto& host : hosts) report.table.add("", host);
+    };
+    auto showProfiles = [&] {
+        const auto ids = splitList(shared.profileIDs);
+        const auto names = splitList(shared.profiles);
+        Json profiles = Json::array();
+        for (size_t i = 0; i < ids.size(); ++i) {
+            const bool active = shared.activeProfileID == ids[i];
+            const std::string name = i < names.size() ? names[i] : std::string();
+            profiles.push_back(Json{{"id", ids[i]}, {"name", name}, {"active", active}});
+            report.table.add(i == 0 ? "profiles" : "",
+                             (active ? "* " : "  ") + ids[i] + "  " + name);
+        }
+        report.json["profiles"] = std::move(profiles);
+    };
+    switch (target->screen) {
+        case ApplicationScreen::Status:
+            report.json["blocking"] = shared.status == 1 ? "on" : "off";
+            report.table.add("blocking", shared.status == 1 ? "on" : "off");
+            break;
+        case ApplicationScreen::Activate:
+            showProfiles();
+            break;
+        case ApplicationScreen::BlockWebsite:
+            showList(ActionCode::kBlockWebsite);
+            break;
+        case ApplicationScreen::SecureWebsite:
+            showList(ActionCode::kSecureWebsite);
+            break;
+        case ApplicationScreen::WhitelistWebsite:
+            showList(ActionCode::kAllowWebsite);
+            break;
+        case ApplicationScreen::Visual: {
+            int64_t picked = 0;
+            for (const SharedCustomRule& rule : engine->sharedDatabase().getSharedCustomRules()) {
+                if (rule.blockerProfileID != shared.activeProfileID) continue;
+                if (rule.action != ActionCode::kBlock && rule.action != ActionCode::kHide) continue;
+                ++picked;
+                report.table.add(picked == 1 ? "rules" : "",
+                                 std::string(actionName(rule.action)) + " " +
+                                     textOrNull(rule.action == ActionCode::kHide ? rule.selector
+                                                                                 : rule.filterDomain) +
+                                     " on " + textOrNull(rule.domains));
+            }
+            report.json["pickedRules"] = picked;
+            if (picked == 0) report.table.add("rules", "none");
+            break;
+        }
+        case ApplicationScreen::Open:
+            report.json["blocking"] = shared.status == 1 ? "on" : "off";
+            report.table.add("blocking", shared.status == 1 ? "on" : "off");
+            showProfiles();
+            break;
+    }
+}
+
+}  // namespace stonewall::tool
