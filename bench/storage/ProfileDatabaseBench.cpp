@@ -65,7 +65,7 @@ void BM_CompilerReadStreaming(benchmark::State& state) {
     size_t rows = 0;
     for (auto _ : state) {
         for (int64_t action : kCompilerOrder) {
-            fixture.database().forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
+            (void)fixture.database().forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
                 rows += rule.filter ? 1 : 0;
             });
         }

@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         for (int64_t action = 0; action <= 8; ++action) {
             sink = sink + database->getProfileRulesByAction(action).size();
-            database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
+            (void)database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
                 sink = sink + touch(rule.domains) + touch(rule.ruleID);
             });
         }

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <ctime>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -20,6 +22,7 @@
 #include <utility>
 
 #include "platform/Platform.h"
+#include "storage/StorageEvents.h"
 
 namespace stonewall {
 
@@ -65,6 +68,43 @@ void removeItem(const std::string& path) {
     if (error) FileHandler::logError("cannot remove " + path + ": " + error.message());
 }
 
+bool isDirectory(const std::string& path) {
+    std::error_code error;
+    return !path.empty() && fs::is_directory(fs::symlink_status(path, error));
+}
+
+// "20261123T104652Z": sortable, and free of characters that need quoting.
+std::string utcStamp() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    gmtime_r(&now, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
+    return text;
+}
+
+// Moves an item that is in the way to "<path>.damaged-<UTC time>" (with a
+// counter when that is taken), never replacing anything. Returns the new path.
+NullableString moveItemAside(const std::string& path) {
+    const std::string base = path + ".damaged-" + utcStamp();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string aside = attempt == 0 ? base : base + "-" + std::to_string(attempt);
+        // renameat2 with RENAME_NOREPLACE would say the same in one call, but
+        // not every file system has it; link+unlink cannot move a folder.
+        if (exists(aside)) continue;
+        if (::rename(path.c_str(), aside.c_str()) == 0) {
+            StorageEvents::report(StorageEvents::Kind::MovedAside,
+                                  "moved " + path + " aside to " + aside);
+            return aside;
+        }
+        if (errno == ENOENT) return std::nullopt;  // gone meanwhile: nothing in the way
+        FileHandler::logError(errnoText("cannot move aside", path));
+        return std::nullopt;
+    }
+    FileHandler::logError("cannot move aside " + path + ": no free name");
+    return std::nullopt;
+}
+
 std::optional<Data> readWholeFile(const std::string& path) {
     if (!isRegularFile(path)) return std::nullopt;
     std::ifstream in(path, std::ios::binary);
@@ -101,47 +141,150 @@ void syncDirectory(const std::string& directory) {
     ::close(fd);
 }
 
-// Writes a complete new file at `path`: the bytes go to a temporary file in
-// the same folder (same file system, so the rename is atomic), are flushed
-// to disk, and only then replace the target. A reader sees the old file or
-// the whole new one, never a part. On any failure the temporary file is
-// removed and false returned.
+// The permissions a new file of the user's gets: what the umask allows of
+// rw-rw-rw-, as open(2) would give. Read from /proc so that the process-wide
+// umask is never changed, not even for a moment, under other threads.
+mode_t newFileMode() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("Umask:", 0) == 0) {
+            try {
+                return static_cast<mode_t>(0666 & ~std::stoul(line.substr(6), nullptr, 8));
+            } catch (const std::exception&) {
+                break;
+            }
+        }
+    }
+    return 0644;
+}
+
+// A complete file not yet visible under any name the product reads. With
+// O_TMPFILE it has no name at all until publish(), so a kill at any moment
+// leaves nothing behind; where the file system lacks O_TMPFILE a hidden
+// temporary name stands in (removed on every failure this process survives).
+class PendingFile {
+  public:
+    explicit PendingFile(const std::string& target) : target_(target) {
+        const fs::path path(target);
+        directory_ = path.has_parent_path() ? path.parent_path().string() : std::string(".");
+        fd_ = ::open(directory_.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+        if (fd_ >= 0) return;
+        temporary_ = joinPath(directory_, "." + path.filename().string() + ".XXXXXX");
+        fd_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
+        // mkstemp makes the file 0600; the umask decides, as for any new file.
+        if (fd_ >= 0) (void)::fchmod(fd_, newFileMode());
+        if (fd_ < 0) temporary_.clear();
+    }
+    ~PendingFile() {
+        if (fd_ >= 0) ::close(fd_);
+        if (!temporary_.empty()) ::unlink(temporary_.c_str());
+    }
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+
+    bool opened() const { return fd_ >= 0; }
+    // After a failed publish(Mode::Create): the name was taken already.
+    bool targetExisted() const { return targetExisted_; }
+    const std::string& directory() const { return directory_; }
+
+    // Writes and flushes the bytes; false (after logging) on any failure,
+    // a full disk or a file-size limit included.
+    bool fill(std::string_view data) {
+        if (!writeAll(fd_, data)) {
+            FileHandler::logError(errnoText("cannot write", target_));
+            return false;
+        }
+        if (::fsync(fd_) != 0) {
+            FileHandler::logError(errnoText("cannot flush", target_));
+            return false;
+        }
+        return true;
+    }
+
+    // Gives the file its name. Replace renames over the target in one step,
+    // so readers see the old file or the new one and never a gap; Create
+    // fails with EEXIST when something is already there.
+    enum class Mode { Replace, Create };
+    bool publish(Mode mode) {
+        if (temporary_.empty()) {
+            // An unnamed file gets a name by linkat, which never replaces; a
+            // replacement links it under a private name first.
+            if (mode == Mode::Create) return linkInto(target_);
+            std::string name = joinPath(
+                directory_, "." + fs::path(target_).filename().string() + "." +
+                                std::to_string(::getpid()) + "-" + std::to_string(++counter_));
+            if (!linkInto(name)) return false;
+            temporary_ = name;
+        }
+        bool ok;
+        if (mode == Mode::Create) {
+            ok = ::link(temporary_.c_str(), target_.c_str()) == 0;
+        } else {
+            ok = ::rename(temporary_.c_str(), target_.c_str()) == 0;
+            if (ok) temporary_.clear();
+        }
+        if (!ok) return failed(mode == Mode::Create ? "cannot create" : "cannot rename onto");
+        return true;
+    }
+
+  private:
+    bool linkInto(const std::string& name) {
+        const std::string source = "/proc/self/fd/" + std::to_string(fd_);
+        if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            return failed("cannot link");
+        }
+        return true;
+    }
+    bool failed(const char* what) {
+        targetExisted_ = errno == EEXIST;
+        if (!targetExisted_) FileHandler::logError(errnoText(what, target_));
+        return false;
+    }
+
+    std::string target_;
+    std::string directory_;
+    std::string temporary_;
+    int fd_ = -1;
+    bool targetExisted_ = false;
+    static inline std::atomic<unsigned> counter_{0};
+};
+
+// Writes a complete new file at `path`: the bytes are flushed to disk before
+// the file gets its name, and the name replaces the old file in one rename.
+// On any failure the old file stays whole and false is returned.
 bool writeAtomically(const std::string& path, std::string_view data) {
     if (path.empty()) {
         FileHandler::logError("write: no path");
         return false;
     }
-    const fs::path target(path);
-    const std::string directory =
-        target.has_parent_path() ? target.parent_path().string() : std::string(".");
-    std::string temporary = joinPath(directory, "." + target.filename().string() + ".XXXXXX");
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
+    PendingFile file(path);
+    if (!file.opened()) {
         FileHandler::logError(errnoText("cannot create a temporary file for", path));
         return false;
     }
-    bool ok = writeAll(fd, data);
-    if (!ok) FileHandler::logError(errnoText("cannot write", temporary));
-    // mkstemp makes the file 0600; a replaced file gets ordinary permissions.
-    if (ok && ::fchmod(fd, 0644) != 0) FileHandler::logError(errnoText("cannot chmod", temporary));
-    if (ok && ::fsync(fd) != 0) {
-        FileHandler::logError(errnoText("cannot flush", temporary));
-        ok = false;
-    }
-    if (::close(fd) != 0 && ok) {
-        FileHandler::logError(errnoText("cannot close", temporary));
-        ok = false;
-    }
-    if (ok && ::rename(temporary.c_str(), path.c_str()) != 0) {
-        FileHandler::logError(errnoText("cannot rename onto", path));
-        ok = false;
-    }
-    if (!ok) {
-        ::unlink(temporary.c_str());
+    if (!file.fill(data) || !file.publish(PendingFile::Mode::Replace)) return false;
+    syncDirectory(file.directory());
+    return true;
+}
+
+// Creates `path` with the bytes unless something is there already. Several
+// processes may race to create the same database from its template: exactly
+// one wins, and nobody's file is ever replaced by a fresh copy. True when the
+// file is there afterwards, made by us or by another process.
+bool createAtomically(const std::string& path, std::string_view data) {
+    if (path.empty()) return false;
+    PendingFile file(path);
+    if (!file.opened()) {
+        FileHandler::logError(errnoText("cannot create a temporary file for", path));
         return false;
     }
-    syncDirectory(directory);
-    return true;
+    if (!file.fill(data)) return false;
+    if (file.publish(PendingFile::Mode::Create)) {
+        syncDirectory(file.directory());
+        return true;
+    }
+    return file.targetExisted();
 }
 
 std::string lowercase(std::string_view text) {
@@ -313,6 +456,10 @@ std::string FileHandler::getFilePath(const std::string& name) const {
 
 bool FileHandler::fileExists(const std::string& name) const { return exists(getFilePath(name)); }
 
+bool FileHandler::fileIsFolder(const std::string& name) const {
+    return isDirectory(getFilePath(name));
+}
+
 int64_t FileHandler::fileSize(const NullableString& name) const {
     const std::string target = name ? getFilePath(*name) : path_.value_or(std::string());
     if (target.empty()) return 0;
@@ -370,8 +517,12 @@ bool FileHandler::writeToFile(const std::string& name,
         logError("writeToFile: no directory");
         return false;
     }
-    if (exists(target)) removeFile(name);
-    if (!data) return false;
+    if (!data) {
+        removeFile(name);
+        return false;
+    }
+    // Never removed first: a failed write keeps the old file whole.
+    if (isDirectory(target) && !moveItemAside(target)) return false;
     return writeAtomically(target, *data);
 }
 
@@ -393,8 +544,33 @@ void FileHandler::copyFile(const std::string& name, const std::string& fromPath)
         logError("copyFile: no directory");
         return;
     }
-    removeItem(target);
+    if (isDirectory(target)) {
+        if (!moveItemAside(target)) return;
+    } else if (isDirectory(fromPath)) {
+        removeItem(target);
+    }
     copyItem(fromPath, target);
+}
+
+bool FileHandler::createFileFromPath(const std::string& name, const std::string& fromPath) const {
+    const std::string target = getFilePath(name);
+    if (target.empty()) {
+        logError("createFileFromPath: no directory");
+        return false;
+    }
+    if (isDirectory(target) && !moveItemAside(target)) return false;
+    const auto bytes = readWholeFile(fromPath);
+    if (!bytes) {
+        logError("cannot copy " + fromPath + ": unreadable");
+        return false;
+    }
+    return createAtomically(target, *bytes);
+}
+
+NullableString FileHandler::moveAside(const std::string& name) const {
+    const std::string target = getFilePath(name);
+    if (target.empty() || !exists(target)) return std::nullopt;
+    return moveItemAside(target);
 }
 
 void FileHandler::removeFile(const std::string& name) const {
@@ -508,6 +684,7 @@ std::FILE* FileHandler::fileHandleForReadingURL(const std::string& url) {
 
 void FileHandler::logError(std::string_view message) {
     platform::log(platform::LogLevel::Debug, std::string("FileHandler: ").append(message));
+    StorageEvents::report(StorageEvents::Kind::Failure, message);
 }
 
 }  // namespace stonewall

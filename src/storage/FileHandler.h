@@ -46,20 +46,34 @@ public:
 
     std::string getFilePath(const std::string& name) const;
     bool fileExists(const std::string& name) const;
+    // True when a folder (not a link to one) is at the name.
+    bool fileIsFolder(const std::string& name) const;
     int64_t fileSize(const NullableString& name) const;
     NullableString fileMIMEType(const std::string& name) const;
     void createFile(const std::string& name) const;
     void createDirectory(const std::string& name) const;
 
-    // Removes an existing file, then writes the bytes atomically (temporary
-    // file in the same folder, flushed, renamed). Null data leaves no file.
-    // True when the new file is in place.
+    // Writes the bytes atomically: a new file, flushed, renamed over the old
+    // one, so that a failed write (full disk, size limit, kill) keeps the old
+    // file whole. A folder in the way is moved aside (see moveAside), never
+    // deleted. Null data removes the file. True when the new file is in place.
     bool writeToFile(const std::string& name, std::optional<std::string_view> data) const;
     bool writeToURL(const std::string& name, std::optional<std::string_view> data) const;
 
     std::optional<Data> readFromFile(const std::string& name) const;
     static std::optional<Data> readFromFilePath(const std::string& path);
+    // Replaces the target with a copy of the source, atomically as writeToFile.
     void copyFile(const std::string& name, const std::string& fromPath) const;
+    // Copies the source to the name only when nothing is there: when several
+    // processes make the same file from a template at once, one copy wins and
+    // no process replaces a file another has begun to use. True when the
+    // file is there afterwards, whoever made it.
+    [[nodiscard]] bool createFileFromPath(const std::string& name,
+                                          const std::string& fromPath) const;
+    // Renames the item to "<name>.damaged-<UTC time>" so that a repair can
+    // put a fresh file in its place without destroying what was there.
+    // Returns the new path; null when nothing was moved.
+    NullableString moveAside(const std::string& name) const;
     void removeFile(const std::string& name) const;
     void remove() const;
 

@@ -7,6 +7,7 @@
 
 #include "platform/Platform.h"
 #include "storage/SQLiteSupport.h"
+#include "storage/StorageEvents.h"
 
 namespace stonewall {
 
@@ -66,6 +67,13 @@ void readProfileRule(sqlite3_stmt* statement, ProfileRule& rule) {
     rule.filterSensitive = columnInt(statement, 9);
 }
 
+ProfileDatabase::ReadFailure readFailure(sqlite3* database) {
+    if (failedOnLock(database)) return ProfileDatabase::ReadFailure::Locked;
+    const int code = database ? sqlite3_errcode(database) & 0xff : SQLITE_CANTOPEN;
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB) return ProfileDatabase::ReadFailure::Damaged;
+    return ProfileDatabase::ReadFailure::Other;
+}
+
 ProfileRule getProfileRuleFromStatement(sqlite3_stmt* statement) {
     ProfileRule rule;
     readProfileRule(statement, rule);
@@ -112,7 +120,10 @@ void ProfileDatabase::connect() {
 
 int ProfileDatabase::connectProfilesDatabase() {
     if (!usable_ || profilesDataPath_.empty()) return SQLITE_CANTOPEN;
-    if (!profilesFileHandler_.fileExists(profilesFileName_)) addProfilesDatabase();
+    if (!profilesFileHandler_.fileExists(profilesFileName_) ||
+        profilesFileHandler_.fileIsFolder(profilesFileName_)) {
+        addProfilesDatabase();
+    }
     // A handle from an earlier open that was not closed would leak.
     close();
     const int result = sqlite3_open(profilesDataPath_.c_str(), &profilesDatabase_);
@@ -133,7 +144,9 @@ void ProfileDatabase::addProfilesDatabase() {
     std::string templatePath = platform::bundle().resourcePath();
     if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
     templatePath.append(kTemplateName);
-    profilesFileHandler_.copyFile(profilesFileName_, templatePath);
+    // Only when nothing is there: another process may have made the file
+    // a moment ago and be writing its first rules into it.
+    (void)profilesFileHandler_.createFileFromPath(profilesFileName_, templatePath);
 }
 
 bool ProfileDatabase::checkTablesExist() { return checkTableExists(kProfileRulesTable); }
@@ -149,11 +162,26 @@ bool ProfileDatabase::checkTableExists(const std::string& tableName) {
     return exists;
 }
 
+// The damaged file is kept beside the fresh one, and whatever rows SQLite can
+// still read from it are carried over: a repair must not cost the user rules
+// that were still there.
 void ProfileDatabase::restoreDatabase() {
     if (!usable_) return;
     close();
-    profilesFileHandler_.removeFile(profilesFileName_);
+    const NullableString aside = moveDatabaseAside(profilesFileHandler_, profilesFileName_);
+    if (!aside && profilesFileHandler_.fileExists(profilesFileName_)) {
+        logError("cannot move the damaged database aside; left as it is");
+        connect();
+        return;
+    }
     connect();
+    if (aside && checkTablesExist()) {
+        const int64_t rows = salvageRows(profilesDatabase_, *aside, kProfileRulesTable);
+        StorageEvents::report(StorageEvents::Kind::MovedAside,
+                              "recovered " + std::to_string(rows) + " rule" +
+                                  (rows == 1 ? "" : "s") + " from the damaged " +
+                                  profilesFileName_);
+    }
 }
 
 // The handle is cleared after closing (the original leaves it dangling) so
@@ -241,17 +269,29 @@ int64_t ProfileDatabase::getProfileRulesCount() {
 bool ProfileDatabase::forEachProfileRuleByAction(
     int64_t action, const std::function<void(const ProfileRule&)>& visit) {
     sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kSelectByActionSql, &statement)) return false;
+    lastReadFailure_ = ReadFailure::None;
+    if (!prepare(profilesDatabase_, kSelectByActionSql, &statement)) {
+        lastReadFailure_ = readFailure(profilesDatabase_);
+        return false;
+    }
     bindInt(statement, 1, action);
     ProfileRule rule;
     // The visitor's own time does not count against the statement's deadline.
-    while (sqlite3_step(statement) == SQLITE_ROW) {
+    int result;
+    while ((result = sqlite3_step(statement)) == SQLITE_ROW) {
         readProfileRule(statement, rule);
         visit(rule);
         armDeadline();
     }
+    // A read cut short (another program's lock, a damaged page) is a
+    // failure, not a short list: the caller must not take it for all rules.
+    const bool complete = result == SQLITE_DONE;
+    if (!complete) {
+        logError(errorText(profilesDatabase_, std::string("step ") + kSelectByActionSql));
+    }
+    if (!complete) lastReadFailure_ = readFailure(profilesDatabase_);
     sqlite3_finalize(statement);
-    return true;
+    return complete;
 }
 
 // --- Changes -----------------------------------------------------------------
@@ -364,6 +404,7 @@ bool ProfileDatabase::commitTransactionProfilesDatabase() {
 
 void ProfileDatabase::logError(std::string_view message) {
     platform::log(platform::LogLevel::Debug, std::string("ProfileDatabase: ").append(message));
+    StorageEvents::report(StorageEvents::Kind::Failure, message);
 }
 
 }  // namespace stonewall

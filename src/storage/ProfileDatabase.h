@@ -40,6 +40,8 @@ public:
     void addProfilesDatabase();
     bool checkTablesExist();
     bool checkTableExists(const std::string& tableName);
+    // Moves a damaged file aside (never deletes it), puts a fresh copy of
+    // the template in its place and carries over the rows still readable.
     void restoreDatabase();
     void close();
 
@@ -50,9 +52,16 @@ public:
 
     // The rows of getProfileRulesByAction, one at a time, in the same order,
     // without building the array (the compiler's hot path). The rule passed
-    // is reused between calls. False when the statement could not be prepared.
-    bool forEachProfileRuleByAction(int64_t action,
-                                    const std::function<void(const ProfileRule&)>& visit);
+    // is reused between calls. False when the rows could not all be read
+    // (the statement failed, or the read stopped part-way on a lock or a
+    // damaged page); the rules visited are then only some of them.
+    [[nodiscard]] bool forEachProfileRuleByAction(
+        int64_t action, const std::function<void(const ProfileRule&)>& visit);
+    // Why the last forEachProfileRuleByAction failed: another connection's
+    // lock held past the busy timeout, or a damaged file (which restoreDatabase
+    // repairs), or anything else.
+    enum class ReadFailure { None, Locked, Damaged, Other };
+    ReadFailure lastReadFailure() const { return lastReadFailure_; }
 
     void addProfileRules(const std::vector<ProfileRule>& rules);
     void updateProfileRules(const std::vector<ProfileRule>& rules);
@@ -85,7 +94,8 @@ private:
     FileHandler profilesFileHandler_;
     std::string profilesFileName_;
     std::string profilesDataPath_;
-    bool usable_ = true;  // false for an identifier that names no file of ours
+    bool usable_ = true;
+    ReadFailure lastReadFailure_ = ReadFailure::None;  // false for an identifier that names no file of ours
 };
 
 }  // namespace stonewall

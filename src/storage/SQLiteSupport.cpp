@@ -3,6 +3,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace stonewall::storage_detail {
@@ -168,6 +170,58 @@ std::optional<std::string> executeStatement(sqlite3* database, const char* sql) 
         return errorText(database, sql);
     }
     return std::nullopt;
+}
+
+NullableString moveDatabaseAside(const FileHandler& handler, const std::string& name) {
+    NullableString aside = handler.moveAside(name);
+    if (!aside) return aside;
+    for (const char* suffix : {"-journal", "-wal", "-shm"}) {
+        const std::string sidecar = handler.getFilePath(name + suffix);
+        if (::rename(sidecar.c_str(), (*aside + suffix).c_str()) != 0 && errno != ENOENT) {
+            // A stale journal left next to the fresh file would be applied to
+            // it on the next open: better no file than a wrong one.
+            std::remove(sidecar.c_str());
+        }
+    }
+    return aside;
+}
+
+int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath, const char* table) {
+    if (!fresh) return 0;
+    sqlite3* damaged = nullptr;
+    if (sqlite3_open_v2(damagedPath.c_str(), &damaged, SQLITE_OPEN_READWRITE, nullptr) !=
+        SQLITE_OK) {
+        sqlite3_close_v2(damaged);
+        return 0;
+    }
+    configureConnection(damaged);
+    const std::string select = std::string("SELECT * FROM ") + table;
+    sqlite3_stmt* reading = nullptr;
+    sqlite3_stmt* writing = nullptr;
+    int64_t copied = 0;
+    armDeadline();
+    if (sqlite3_prepare_v2(damaged, select.c_str(), -1, &reading, nullptr) == SQLITE_OK) {
+        const int columns = sqlite3_column_count(reading);
+        std::string insert = std::string("INSERT INTO ") + table + " VALUES (";
+        for (int i = 0; i < columns; ++i) insert += i == 0 ? "?" : ",?";
+        insert += ")";
+        if (columns > 0 && !executeStatement(fresh, "BEGIN TRANSACTION") &&
+            sqlite3_prepare_v2(fresh, insert.c_str(), -1, &writing, nullptr) == SQLITE_OK) {
+            while (sqlite3_step(reading) == SQLITE_ROW) {
+                for (int i = 0; i < columns; ++i) {
+                    sqlite3_bind_value(writing, i + 1, sqlite3_column_value(reading, i));
+                }
+                armDeadline();
+                if (sqlite3_step(writing) == SQLITE_DONE) ++copied;
+                sqlite3_reset(writing);
+            }
+        }
+        sqlite3_finalize(writing);
+        if (executeStatement(fresh, "COMMIT TRANSACTION")) copied = 0;
+    }
+    sqlite3_finalize(reading);
+    sqlite3_close_v2(damaged);
+    return copied;
 }
 
 }  // namespace stonewall::storage_detail

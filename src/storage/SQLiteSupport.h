@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "storage/FileHandler.h"
 #include "utilities/Nullable.h"
 
 namespace stonewall::storage_detail {
@@ -83,5 +84,15 @@ std::string errorText(sqlite3* database, std::string_view what);
 // Runs one statement that returns no rows (transaction control) under the
 // statement deadline. Empty on success, else the text for the error hook.
 std::optional<std::string> executeStatement(sqlite3* database, const char* sql);
+
+// Moves a damaged database file aside (with its journal, so that a stale
+// journal is never applied to the fresh file that takes its place) and
+// returns where it went; null when nothing was moved.
+NullableString moveDatabaseAside(const FileHandler& handler, const std::string& name);
+
+// Copies the rows of `table` that SQLite can still read from the damaged
+// file at `damagedPath` into the same table of `fresh`, in one transaction,
+// stopping at the first unreadable page. Returns the number of rows copied.
+int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath, const char* table);
 
 }  // namespace stonewall::storage_detail

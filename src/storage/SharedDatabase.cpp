@@ -8,6 +8,7 @@
 
 #include "platform/Platform.h"
 #include "storage/SQLiteSupport.h"
+#include "storage/StorageEvents.h"
 #include "utilities/Custom.h"
 
 namespace stonewall {
@@ -198,7 +199,10 @@ int SharedDatabase::openDataPath() {
 int SharedDatabase::connectDataDatabase() {
     int result = SQLITE_CANTOPEN;
     runForConnection([&] {
-        if (!dataFileHandler_.fileExists(dataFileName_)) addSharedDatabase();
+        if (!dataFileHandler_.fileExists(dataFileName_) ||
+            dataFileHandler_.fileIsFolder(dataFileName_)) {
+            createSharedDatabase();
+        }
         // Opening over a live handle would lose it; reconnectDatabase closes
         // first, so this only matters for a direct second call.
         if (dataDatabase_) {
@@ -213,12 +217,18 @@ int SharedDatabase::connectDataDatabase() {
         if (!prepared && failedOnLock(dataDatabase_)) {
             logError("shared database locked by another program; not restored");
         } else if (!prepared) {
-            addSharedDatabase();
             // The first handle is replaced without being closed; it is
             // released by close() (see replacedConnections_).
             if (dataDatabase_) replacedConnections_.push_back(dataDatabase_);
             dataDatabase_ = nullptr;
+            const NullableString aside = moveDatabaseAside(dataFileHandler_, dataFileName_);
+            if (aside) {
+                createSharedDatabase();
+            } else {
+                addSharedDatabase();
+            }
             result = openDataPath();
+            if (aside) salvage(*aside);
         }
     });
     return result;
@@ -230,6 +240,39 @@ void SharedDatabase::addSharedDatabase() {
     templatePath.append(kTemplateName);
     dataFileHandler_.copyFile(dataFileName_, templatePath);
     restored_ = true;
+}
+
+void SharedDatabase::createSharedDatabase() {
+    std::string templatePath = platform::bundle().resourcePath();
+    if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
+    templatePath.append(kTemplateName);
+    // Never over a file another process has just made and begun to use.
+    if (dataFileHandler_.createFileFromPath(dataFileName_, templatePath)) restored_ = true;
+}
+
+// Carries what can still be read of the damaged file into the fresh one: the
+// custom rules, and the shared record in place of the template's.
+void SharedDatabase::salvage(const std::string& damagedPath) {
+    if (!dataDatabase_) return;
+    sqlite3_stmt* statement = nullptr;
+    int64_t templateRows = 0;
+    if (sqlite3_prepare_v2(dataDatabase_, "SELECT max(rowid) FROM SharedData", -1, &statement,
+                           nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+        templateRows = sqlite3_column_int64(statement, 0);
+    }
+    sqlite3_finalize(statement);
+    const int64_t records = salvageRows(dataDatabase_, damagedPath, "SharedData");
+    if (records > 0) {
+        const std::string sql =
+            "DELETE FROM SharedData WHERE rowid <= " + std::to_string(templateRows);
+        if (auto failure = executeStatement(dataDatabase_, sql.c_str())) logError(*failure);
+    }
+    const int64_t rules = salvageRows(dataDatabase_, damagedPath, "SharedCustomRules");
+    StorageEvents::report(StorageEvents::Kind::MovedAside,
+                          "recovered " + std::string(records > 0 ? "the shared record" : "no shared record") +
+                              " and " + std::to_string(rules) + " custom rule" +
+                              (rules == 1 ? "" : "s") + " from the damaged " + dataFileName_);
 }
 
 void SharedDatabase::reconnectDatabase() {
@@ -460,6 +503,7 @@ bool SharedDatabase::commitTransactionSharedDatabase() {
 
 void SharedDatabase::logError(std::string_view message) {
     platform::log(platform::LogLevel::Debug, std::string("SharedDatabase: ").append(message));
+    StorageEvents::report(StorageEvents::Kind::Failure, message);
 }
 
 }  // namespace stonewall

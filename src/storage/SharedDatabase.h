@@ -74,6 +74,9 @@ private:
     // inside the queue it runs at once.
     void runForConnection(const platform::Work& work);
     int openDataPath();
+    // Makes the file from the template unless another process just did.
+    void createSharedDatabase();
+    void salvage(const std::string& damagedPath);
     void closeConnections();
     // Debug builds abort when a raw operation runs off the queue.
     void checkOnQueue(const char* operation) const;

@@ -132,9 +132,8 @@ TEST_F(FileHandlerTest, WriteIntoAMissingFolderFailsCleanly) {
 }
 
 // A full disk, simulated with a file-size limit in a child process: the
-// write fails, the temporary file is gone and, as the old file was removed
-// first, nothing is left.
-TEST_F(FileHandlerTest, FailedWriteRemovesTheTemporaryFile) {
+// write fails, no temporary file is left and the old file is still whole.
+TEST_F(FileHandlerTest, FailedWriteKeepsTheOldFileAndLeavesNoTemporaryFile) {
     const FileHandler handler = scratch();
     ASSERT_TRUE(handler.writeToFile("big", std::string_view("old")));
     const int result = testing::runInChild([&] {
@@ -146,8 +145,8 @@ TEST_F(FileHandlerTest, FailedWriteRemovesTheTemporaryFile) {
         return written ? 1 : 0;
     });
     EXPECT_EQ(result, 0);
-    EXPECT_FALSE(handler.fileExists("big"));
-    EXPECT_EQ(entriesIn(*handler.path()), 0u);
+    EXPECT_EQ(handler.readFromFile("big"), "old");
+    EXPECT_EQ(entriesIn(*handler.path()), 1u);
 }
 
 TEST_F(FileHandlerTest, FileSizes) {

@@ -302,11 +302,16 @@ TEST_F(ProfileDatabaseTest, ALockedFileIsNotReplaced) {
     EXPECT_EQ(open()->getProfileRulesCount(), 1);
 }
 
-TEST_F(ProfileDatabaseTest, RestoreReplacesTheFileWithoutCheckingAgain) {
+TEST_F(ProfileDatabaseTest, RestoreKeepsTheOldFileAsideAndCarriesItsRowsOver) {
     auto database = open();
     database->addProfileRules({makeRule("a", 1, 1, "f")});
     database->restoreDatabase();
-    EXPECT_EQ(database->getProfileRulesCount(), 0);
+    EXPECT_EQ(database->getProfileRulesCount(), 1);
+    size_t aside = 0;
+    for (const auto& entry : fs::directory_iterator(profilesFolder())) {
+        aside += entry.path().filename().string().find(".damaged-") != std::string::npos;
+    }
+    EXPECT_EQ(aside, 1u);
 }
 
 TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {
