@@ -53,6 +53,9 @@ inline constexpr std::string_view kBlockingStatusKey = "blockingStatus";
 // The notification that tells the main application to re-read shared state.
 inline constexpr std::string_view kExtensionUpdateNotification = "extensionUpdate";
 inline constexpr std::string_view kExtensionUpdateObject = "StonewallExtension";
+// Errors of our own that a reload completion may carry (the code is the
+// CompileReport::Failure): the list could not be made, nothing was reloaded.
+inline constexpr std::string_view kCompilerErrorDomain = "StonewallCompilerErrorDomain";
 // Hosts whose toolkit is older than this (before macOS 10.12) get no reloads.
 inline constexpr double kMinimumAppKitVersion = 1504;
 
@@ -70,6 +73,11 @@ struct CompileReport {
     bool fileWritten = false;       // the file is in place (write reported success)
     std::string outputPath;         // full path of the rule file
     NullableString profileID;       // the profile compiled (after any shared-state lookup)
+    // Why no list was made although one was asked for. A list built from a
+    // read that stopped part-way would silently unblock the rules not read,
+    // so then nothing is written, the old file stays and no reload follows.
+    enum class Failure { None, DatabaseBusy, DatabaseUnreadable, OutOfMemory };
+    Failure failure = Failure::None;
 
     int64_t rulesRead() const;
 };

@@ -243,18 +243,31 @@ std::optional<size_t> compileInto(ProfileDatabase* database, ContentBlockerRuleL
     PipelinedRuleListBuilder pipeline(writer);
     for (int64_t action : kCompileOrder) {
         int64_t read = 0;
-        database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
-            ++read;
-            pipeline.add(rule);
-        });
+        const bool complete =
+            database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
+                ++read;
+                pipeline.add(rule);
+            });
         if (report) report->rulesReadByAction[static_cast<size_t>(action)] = read;
+        if (!complete) {
+            if (report) {
+                report->failure =
+                    database->lastReadFailure() == ProfileDatabase::ReadFailure::Locked
+                        ? CompileReport::Failure::DatabaseBusy
+                        : CompileReport::Failure::DatabaseUnreadable;
+            }
+            return std::nullopt;
+        }
     }
     const bool complete = pipeline.finish();
     if (report) {
         report->duplicatesDropped = pipeline.builder().duplicates();
         report->rulesDroppedByCap = pipeline.builder().capped();
     }
-    if (!complete) return std::nullopt;
+    if (!complete) {
+        if (report) report->failure = CompileReport::Failure::OutOfMemory;
+        return std::nullopt;
+    }
     return pipeline.builder().count();
 }
 
@@ -285,7 +298,7 @@ std::vector<ContentBlockerRule> CompanionController::readProfileRules(
     UniqueRules uniqueRules;
     if (profileDatabase) {
         for (int64_t action : kCompileOrder) {
-            profileDatabase->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
+            (void)profileDatabase->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
                 addUniqueRule(rule, profileRules, uniqueRules);
             });
         }
@@ -307,13 +320,26 @@ void CompanionController::writeProfileRules(const NullableString& profileID,
     const NullableString resolvedID = resolveProfileID(profileID);
 
     std::string json;
-    json.reserve(kInitialOutputBytes);
     std::optional<size_t> compiled;
-    {
-        ContentBlockerRuleListWriter writer(json);
-        compiled = compileInto(profileDatabase.get(), writer, report);
-        if (compiled == size_t{0}) writer.add(placeholderRule());
-        writer.finish();
+    CompileReport ownReport;
+    if (!report) report = &ownReport;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        json.clear();
+        json.reserve(kInitialOutputBytes);
+        *report = CompileReport();
+        {
+            ContentBlockerRuleListWriter writer(json);
+            compiled = compileInto(profileDatabase.get(), writer, report);
+            if (compiled == size_t{0}) writer.add(placeholderRule());
+            writer.finish();
+        }
+        // A damaged page found while reading: the file is repaired (moved
+        // aside, the readable rows carried over) and read once more.
+        if (compiled || !profileDatabase ||
+            profileDatabase->lastReadFailure() != ProfileDatabase::ReadFailure::Damaged) {
+            break;
+        }
+        profileDatabase->restoreDatabase();
     }
     const size_t count = compiled.value_or(0);
 
@@ -322,7 +348,7 @@ void CompanionController::writeProfileRules(const NullableString& profileID,
     if (!compiled) {
         // A partial list would silently drop rules; the browser keeps the
         // last complete one instead.
-        FileHandler::logError("out of memory while compiling the rule list");
+        FileHandler::logError("the rule list could not be compiled completely; not written");
     } else if (resolvedID && isUnsafeFileNamePart(*resolvedID)) {
         FileHandler::logError("refusing to write a rule list for profile identifier " +
                               *resolvedID);
@@ -387,7 +413,20 @@ void CompanionController::reloadBlockerRules(const NullableString& profileID,
     if (profileID) {
         if (!profileDatabase)
             profileDatabase = ProfileDatabase::initWithBlockerProfileID(profileID);
-        writeProfileRules(profileID, profileDatabase, report);
+        CompileReport ownReport;
+        CompileReport* used = report ? report : &ownReport;
+        writeProfileRules(profileID, profileDatabase, used);
+        if (used->failure != CompileReport::Failure::None) {
+            // Reloading now would load the old list under a request that
+            // claims the new one; the caller learns that nothing changed.
+            Error error{std::string(kCompilerErrorDomain), static_cast<int64_t>(used->failure),
+                        "The rule list could not be compiled: not all rules could be read."};
+            if (completionHandler) {
+                platform::dispatch().mainQueue().async(
+                    [completionHandler, error] { completionHandler(error); });
+            }
+            return;
+        }
         defaults->setObject(*profileID, std::string(kActiveProfileIDKey));
     }
 

@@ -1,6 +1,9 @@
-#include "RuleListBisect.h"
+#include "platform/RuleListBisect.h"
 
-namespace stonewall::tool {
+#include <string>
+#include <utility>
+
+namespace stonewall::platform {
 
 RejectedRule findFirstRejectedRule(size_t ruleCount, const Error& fullListError,
                                    const std::optional<Error>& emptyListError,
@@ -28,4 +31,39 @@ RejectedRule findFirstRejectedRule(size_t ruleCount, const Error& fullListError,
     return result;
 }
 
-}  // namespace stonewall::tool
+RuleListRepair dropRejectedRules(size_t ruleCount, const Error& fullListError,
+                                 const std::optional<Error>& emptyListError,
+                                 const RuleSubsetCompiler& compile, size_t maximumDrops) {
+    RuleListRepair repair;
+    repair.kept.reserve(ruleCount);
+    for (size_t index = 0; index < ruleCount; ++index) repair.kept.push_back(index);
+    Error verdict = fullListError;
+    while (true) {
+        const RejectedRule rejected = findFirstRejectedRule(
+            repair.kept.size(), verdict, emptyListError, [&](size_t count) {
+                return compile(std::vector<size_t>(repair.kept.begin(),
+                                                   repair.kept.begin() + static_cast<long>(count)));
+            });
+        if (!rejected.index) {
+            repair.error = verdict;
+            return repair;
+        }
+        if (repair.dropped.size() == maximumDrops) {
+            repair.error = Error{verdict.domain, verdict.code,
+                                 "more than " + std::to_string(maximumDrops) +
+                                     " rules rejected; the last: " + rejected.error.message};
+            return repair;
+        }
+        repair.dropped.push_back(DroppedRule{repair.kept[*rejected.index], rejected.error});
+        repair.kept.erase(repair.kept.begin() + static_cast<long>(*rejected.index));
+        std::optional<Error> next = compile(repair.kept);
+        if (!next) return repair;
+        verdict = std::move(*next);
+        if (repair.kept.empty() || verdict == emptyListError) {
+            repair.error = verdict;
+            return repair;
+        }
+    }
+}
+
+}  // namespace stonewall::platform

@@ -14,10 +14,11 @@
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <vector>
 
 #include "platform/Error.h"
 
-namespace stonewall::tool {
+namespace stonewall::platform {
 
 // Compiles the first `count` rules of the list; no error when WebKit accepts.
 using PrefixCompiler = std::function<std::optional<Error>(size_t count)>;
@@ -40,4 +41,30 @@ RejectedRule findFirstRejectedRule(size_t ruleCount, const Error& fullListError,
                                    const std::optional<Error>& emptyListError,
                                    const PrefixCompiler& compilePrefix);
 
-}  // namespace stonewall::tool
+// A list that one bad rule would make WebKit refuse as a whole is loaded
+// without that rule instead: the user loses one rule, not all of them.
+
+// Compiles the rules at the given indexes (ascending) as one list.
+using RuleSubsetCompiler = std::function<std::optional<Error>(const std::vector<size_t>& indexes)>;
+
+struct DroppedRule {
+    size_t index;  // in the whole list, from 0
+    Error error;   // WebKit's verdict that blames it
+};
+
+struct RuleListRepair {
+    std::vector<size_t> kept;          // the rules of the list WebKit accepted
+    std::vector<DroppedRule> dropped;  // in list order
+    // Set when no accepted list was found: no single rule to blame, or more
+    // than the allowed number of bad rules.
+    std::optional<Error> error;
+};
+
+// Precondition as findFirstRejectedRule: the whole list was rejected with
+// `fullListError`. Drops the first rejected rule and tries again, at most
+// `maximumDrops` times; each round costs O(log n) compiles.
+RuleListRepair dropRejectedRules(size_t ruleCount, const Error& fullListError,
+                                 const std::optional<Error>& emptyListError,
+                                 const RuleSubsetCompiler& compile, size_t maximumDrops);
+
+}  // namespace stonewall::platform

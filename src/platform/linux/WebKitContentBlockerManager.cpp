@@ -1,14 +1,20 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 
+#include <stdlib.h>
 #include <webkit/webkit.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <mutex>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
 
+#include "platform/Platform.h"
+#include "platform/RuleListBisect.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/GLibThread.h"
 
@@ -162,6 +168,69 @@ bool isSafeFileNamePart(const std::string& text) {
            text.find('\0') == std::string::npos && text != "." && text != "..";
 }
 
+constexpr const char* kWebKitFilterErrorDomain = "WebKitUserContentFilterError";
+// Past this many bad rules the list is not one bad value but a bad list.
+constexpr size_t kMaximumDroppedRules = 64;
+
+std::mutex& droppedMutex() {
+    static auto* mutex = new std::mutex();
+    return *mutex;
+}
+std::vector<WebKitContentBlockerManager::DroppedRule>& droppedRules() {
+    static auto* rules = new std::vector<WebKitContentBlockerManager::DroppedRule>();
+    return *rules;
+}
+
+// WebKit refuses a whole list for one rule it cannot compile, and every
+// later reload would fail the same way. Instead the rules it rejects are
+// found (in a scratch store, so the loaded list stays until the end), left
+// out, and the rest is loaded. Returns the outcome of that load, or the
+// original error when no such list exists.
+std::optional<Error> loadWithoutRejectedRules(const std::string& storePath,
+                                              const std::string& identifier,
+                                              const std::string& ruleList, const Error& error) {
+    const nlohmann::json list = nlohmann::json::parse(ruleList, nullptr, false);
+    if (!list.is_array() || list.empty()) return error;
+    std::error_code ignored;
+    std::string scratch = (fs::path(storePath).parent_path() / ".repair-XXXXXX").string();
+    if (!::mkdtemp(scratch.data())) return error;
+    auto compileRules = [&](const std::vector<size_t>& indexes, const std::string& store) {
+        std::string json = "[";
+        for (size_t i = 0; i < indexes.size(); ++i) {
+            if (i) json.push_back(',');
+            json += list[indexes[i]].dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        }
+        json.push_back(']');
+        return WebKitContentBlockerManager::compileRuleList(store, identifier, json);
+    };
+    const auto emptyVerdict = WebKitContentBlockerManager::compileRuleList(scratch, identifier, "[]");
+    const RuleListRepair repair = dropRejectedRules(
+        list.size(), error, emptyVerdict,
+        [&](const std::vector<size_t>& indexes) { return compileRules(indexes, scratch); },
+        kMaximumDroppedRules);
+    fs::remove_all(scratch, ignored);
+    if (repair.error) return error;
+    std::optional<Error> outcome = compileRules(repair.kept, storePath);
+    if (outcome) return error;
+    std::lock_guard lock(droppedMutex());
+    for (const DroppedRule& dropped : repair.dropped) {
+        std::string rule =
+            list[dropped.index].dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        // Both phases of a reload load the same list: one report per rule.
+        const bool known = std::any_of(droppedRules().begin(), droppedRules().end(),
+                                       [&](const auto& seen) {
+                                           return seen.index == dropped.index && seen.rule == rule;
+                                       });
+        if (known) continue;
+        platform::log(LogLevel::Error, "content blocker " + identifier + ": left out rule " +
+                                           std::to_string(dropped.index) + " " +
+                                           rule.substr(0, 200) + ": " + dropped.error.message);
+        droppedRules().push_back(WebKitContentBlockerManager::DroppedRule{
+            dropped.index, std::move(rule), dropped.error});
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 WebKitContentBlockerManager::WebKitContentBlockerManager(std::string containerPath,
@@ -228,8 +297,22 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
             }
             ruleList = std::move(*text);
         }
-        startCompile(storePath, identifier, ruleList, std::move(complete));
+        startCompile(storePath, identifier, ruleList,
+                     [storePath, identifier, ruleList,
+                      complete = std::move(complete)](std::optional<Error> error) mutable {
+                         if (error && error->domain == kWebKitFilterErrorDomain) {
+                             error = loadWithoutRejectedRules(storePath, identifier, ruleList,
+                                                              *error);
+                         }
+                         complete(std::move(error));
+                     });
     });
+}
+
+std::vector<WebKitContentBlockerManager::DroppedRule>
+WebKitContentBlockerManager::takeDroppedRules() {
+    std::lock_guard lock(droppedMutex());
+    return std::exchange(droppedRules(), {});
 }
 
 std::optional<Error> WebKitContentBlockerManager::compileRuleList(const std::string& storePath,

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/ContentBlockerManager.h"
 #include "platform/Log.h"
@@ -57,6 +58,16 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
 
     void reloadContentBlockerWithIdentifier(const std::string& identifier,
                                             CompletionHandler completionHandler) override;
+
+    // A rule left out of a reload because WebKit rejected it, so that the
+    // rest of the list could load (also logged as an error).
+    struct DroppedRule {
+        size_t index;      // in the rule list file, from 0
+        std::string rule;  // its JSON
+        Error error;       // WebKit's verdict on it
+    };
+    // The rules left out by the reloads of this process so far; clears them.
+    static std::vector<DroppedRule> takeDroppedRules();
 
     const std::string& storePath() const { return storePath_; }
     static std::string storePathForContainer(const std::string& containerPath);
