@@ -545,8 +545,9 @@ void FileHandler::copyFile(const std::string& name, const std::string& fromPath)
         return;
     }
     if (isDirectory(target)) {
+        // A folder holds the user's files: kept, under another name.
         if (!moveItemAside(target)) return;
-    } else if (isDirectory(fromPath)) {
+    } else {
         removeItem(target);
     }
     copyItem(fromPath, target);

@@ -62,7 +62,8 @@ public:
 
     std::optional<Data> readFromFile(const std::string& name) const;
     static std::optional<Data> readFromFilePath(const std::string& path);
-    // Replaces the target with a copy of the source, atomically as writeToFile.
+    // Removes the target (a folder is moved aside instead), then copies the
+    // source there through a temporary file.
     void copyFile(const std::string& name, const std::string& fromPath) const;
     // Copies the source to the name only when nothing is there: when several
     // processes make the same file from a template at once, one copy wins and
