@@ -246,6 +246,7 @@ std::vector<std::string> StonewallRunner::argumentsFor(std::vector<std::string> 
         args.push_back("--container");
         args.push_back(containerPath().string());
     }
+    args.insert(args.begin(), wrapper_.begin(), wrapper_.end());
     return args;
 }
 

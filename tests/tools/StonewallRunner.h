@@ -88,12 +88,17 @@ class StonewallRunner {
 
     static std::string binaryPath();
 
+    // Runs the binary through this command prefix from now on (a shell that
+    // sets a resource limit and then execs "$@").
+    void setWrapper(std::vector<std::string> prefix) { wrapper_ = std::move(prefix); }
+
   private:
     std::vector<std::string> argumentsFor(std::vector<std::string> args, bool withContainer) const;
     std::vector<std::string> environment() const;
 
     std::filesystem::path root_;
     std::map<std::string, std::string> overrides_;
+    std::vector<std::string> wrapper_;
 };
 
 // Starts any program (a private D-Bus daemon) with the test's environment.

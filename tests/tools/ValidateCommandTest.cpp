@@ -4,11 +4,12 @@
 
 #include <cmath>
 
-#include "RuleListBisect.h"
+#include "platform/RuleListBisect.h"
 #include "ToolTestSupport.h"
 
 namespace stonewall::tool::testing {
 namespace {
+using platform::findFirstRejectedRule;
 using nlohmann::json;
 
 // --- The search, with a scripted compiler -----------------------------------

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <new>
 #include <string>
 
 #include "ApplicationCommands.h"
@@ -372,6 +373,11 @@ int run(int argc, char** argv) {
         report.json["error"] = Json{{"exitCode", toInt(code)},
                                     {"subject", failure.subject()},
                                     {"message", failure.reason()}};
+    } catch (const std::bad_alloc&) {
+        code = ExitCode::Storage;
+        failureLine = "stonewall: out of memory (the input is too large for the memory allowed)";
+        report.json["error"] = Json{{"exitCode", toInt(code)}, {"subject", "memory"},
+                                    {"message", "out of memory"}};
     } catch (const std::exception& exception) {
         // Nothing should get here; if something does, say so plainly rather
         // than die with an uncaught exception.

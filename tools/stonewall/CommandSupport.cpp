@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
+#include <cstdio>
 
 #include "Failure.h"
 #include "model/RuleCodes.h"
+#include "platform/linux/WebKitContentBlockerManager.h"
 #include "utilities/PunycodeAdditions.h"
 
 namespace stonewall::tool {
@@ -73,8 +76,71 @@ std::string withLowerCaseHost(const std::string& text) {
 
 }  // namespace
 
+namespace {
+
+// What may stand in a host of a website list after IDNA encoding: the
+// lists are joined with "," and compiled into regular expressions, so
+// anything else would split an entry or break every later compile.
+bool isHostName(std::string_view host) {
+    if (host.empty() || host.size() > 253 || host.front() == '.' || host.front() == '-') {
+        return false;
+    }
+    char previous = 0;
+    for (const char c : host) {
+        const bool letterOrDigit = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+        if (!letterOrDigit && c != '-' && c != '.') return false;
+        if (c == '.' && previous == '.') return false;
+        previous = c;
+    }
+    return true;
+}
+
+// Long enough for any page a browser shows; the host is all we keep.
+constexpr size_t kMaximumURLLength = 65536;
+
+bool isValidUTF8(std::string_view text) {
+    if (text.size() > static_cast<size_t>(INT32_MAX)) return false;
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t length = 0;
+    u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &status);
+    return status != U_INVALID_CHAR_FOUND && (U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR);
+}
+
+// Text in a message, with bytes that are not printable ASCII escaped.
+std::string printable(std::string_view text) {
+    const bool keepUnicode = isValidUTF8(text);
+    std::string out;
+    for (const unsigned char c : text) {
+        if ((c >= 0x20 && c < 0x7f && c != '\\') || (c >= 0x80 && keepUnicode)) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            out.append(escaped);
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
 PageURL requirePageURL(const std::string& text) {
-    const std::string subject = "URL \"" + text + "\"";
+    const std::string subject = "URL \"" + printable(text) + "\"";
+    if (!isValidUTF8(text)) {
+        throw CommandFailure(ExitCode::BadInput, subject, "is not valid UTF-8");
+    }
+    // "https://" alone would otherwise be read as the host "https".
+    if (const size_t separator = text.find("://"); separator != std::string::npos) {
+        const size_t start = separator + 3;
+        if (start == text.size() || text.find_first_of("/?#", start) == start) {
+            throw CommandFailure(ExitCode::BadInput, subject,
+                                 "has no host (give a full URL such as https://example.com/)");
+        }
+    }
+    if (text.size() > kMaximumURLLength) {
+        throw CommandFailure(ExitCode::BadInput, subject.substr(0, 80) + "...\"",
+                             "is longer than " + std::to_string(kMaximumURLLength) + " bytes");
+    }
     // People type URLs with Unicode hosts and blanks; the browser gives the
     // extension their encoded form, and the engine's host helper expects it
     // (it would mangle a Unicode host inside a whole URL).
@@ -83,6 +149,11 @@ PageURL requirePageURL(const std::string& text) {
     if (!host || host->empty()) {
         throw CommandFailure(ExitCode::BadInput, subject,
                              "has no host (give a full URL such as https://example.com/)");
+    }
+    if (!isHostName(*host)) {
+        throw CommandFailure(ExitCode::BadInput, subject,
+                             "has no valid host name (letters, digits, \"-\" and \".\"; "
+                             "international names are encoded): \"" + printable(*host) + "\"");
     }
     return PageURL{*absolute, *host};
 }
@@ -195,6 +266,23 @@ void describeReload(const ReloadRun& run, Report& report) {
     report.table.add("time", (run.compiled ? formatDuration(run.writeMilliseconds) + " to write, "
                                            : std::string()) +
                                  formatDuration(run.totalMilliseconds) + " until reloaded");
+    // A rule WebKit could not compile was left out so that the rest loaded;
+    // the user must hear of it, or the rule would seem to work.
+    const auto dropped = platform::linux::WebKitContentBlockerManager::takeDroppedRules();
+    if (!dropped.empty()) {
+        Json list = Json::array();
+        for (const auto& rule : dropped) {
+            list.push_back(Json{{"index", rule.index},
+                                {"rule", Json::parse(rule.rule, nullptr, false)},
+                                {"webkitError", errorJSON(rule.error)}});
+            report.table.add("left out", "rule " + std::to_string(rule.index) + " " +
+                                             rule.rule.substr(0, 200) + ": " + rule.error.message);
+        }
+        report.json["rulesLeftOut"] = std::move(list);
+        report.notes.push_back(std::to_string(dropped.size()) +
+                               " rule(s) rejected by WebKit were left out of the reload; "
+                               "remove or fix them.");
+    }
     if (!run.error) {
         report.json["reload"] = "done";
         report.table.add("reload", "done");
@@ -207,6 +295,24 @@ void describeReload(const ReloadRun& run, Report& report) {
 
 void checkOutcome(const ReloadRun& run, const CompileReport* compile) {
     if (run.hostSkipsReload) return;
+    if (compile && compile->failure != CompileReport::Failure::None) {
+        const std::string subject = "profile " + textOrNull(compile->profileID);
+        switch (compile->failure) {
+            case CompileReport::Failure::DatabaseBusy:
+                throw CommandFailure(ExitCode::Storage, subject,
+                                     "the profile database is busy (another program holds its "
+                                     "lock); the rule list was left as it was, nothing reloaded");
+            case CompileReport::Failure::OutOfMemory:
+                throw CommandFailure(ExitCode::Storage, subject,
+                                     "out of memory while compiling the rule list; the rule list "
+                                     "was left as it was, nothing reloaded");
+            default:
+                throw CommandFailure(ExitCode::Storage, subject,
+                                     "the profile database could not be read completely (it may "
+                                     "be damaged); the rule list was left as it was, nothing "
+                                     "reloaded");
+        }
+    }
     if (compile && !compile->fileWritten) {
         throw CommandFailure(ExitCode::Storage, "rule file " + compile->outputPath,
                              "could not be written");
@@ -216,6 +322,15 @@ void checkOutcome(const ReloadRun& run, const CompileReport* compile) {
                              run.error->message + " (" + run.error->domain + " " +
                                  std::to_string(run.error->code) + ")");
     }
+}
+
+void requireStored(const Session& session, int64_t failuresBefore,
+                   const std::function<bool()>& isStored, const std::string& what) {
+    const bool failed = session.storageFailures() > failuresBefore;
+    if (!failed && isStored()) return;
+    const std::string why = failed ? "storage failed: " + session.lastStorageFailure()
+                                   : std::string("the change is not in the database");
+    throw CommandFailure(ExitCode::Storage, what, why);
 }
 
 std::string compileSummary(const CompileReport& compile) {

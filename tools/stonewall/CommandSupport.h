@@ -3,6 +3,7 @@
 // Steps that several subcommands share: checking input before the engine
 // sees it, and running and describing a compile and reload as the front does.
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -73,6 +74,12 @@ void describeReload(const ReloadRun& run, Report& report);
 // (ExitCode::Storage) or the reload failed (ExitCode::Reload, with the
 // browser's message). On a host that skips reloads nothing was asked.
 void checkOutcome(const ReloadRun& run, const CompileReport* compile);
+
+// Throws CommandFailure (ExitCode::Storage) with `what` when the session met
+// more storage failures than `failuresBefore` (its count before the change)
+// or `isStored` answers false.
+void requireStored(const Session& session, int64_t failuresBefore,
+                   const std::function<bool()>& isStored, const std::string& what);
 
 // The short compile line of the commands that change rules: "12 written, 1234 bytes".
 std::string compileSummary(const CompileReport& compile);

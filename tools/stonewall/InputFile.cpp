@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <new>
 #include <sstream>
 
 #include "Failure.h"
@@ -32,6 +33,29 @@ std::string parserMessage(const nlohmann::json::exception& error) {
         if (end != std::string::npos) message.erase(0, end + 2);
     }
     return message;
+}
+
+// Rule lists and element messages nest four or five levels deep. Deeper
+// input is refused while it is parsed: writing or freeing a value nested a
+// hundred thousand levels recurses once per level and overflows the stack.
+constexpr int kMaximumNesting = 100;
+
+nlohmann::json parseBounded(std::string_view text, const std::string& name) {
+    try {
+        return nlohmann::json::parse(
+            text, [&](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
+                if (depth > kMaximumNesting) {
+                    throw CommandFailure(ExitCode::BadInput, name,
+                                         "nested deeper than " + std::to_string(kMaximumNesting) +
+                                             " levels");
+                }
+                return true;
+            });
+    } catch (const nlohmann::json::exception& error) {
+        throw CommandFailure(ExitCode::BadInput, name, "not JSON: " + parserMessage(error));
+    } catch (const std::bad_alloc&) {
+        throw CommandFailure(ExitCode::BadInput, name, "too large to read (out of memory)");
+    }
 }
 
 }  // namespace
@@ -65,12 +89,7 @@ std::string readInputFile(const std::string& path) {
 }
 
 nlohmann::json parseJSONArray(std::string_view text, const std::string& name) {
-    nlohmann::json value;
-    try {
-        value = nlohmann::json::parse(text);
-    } catch (const nlohmann::json::exception& error) {
-        throw CommandFailure(ExitCode::BadInput, name, "not JSON: " + parserMessage(error));
-    }
+    nlohmann::json value = parseBounded(text, name);
     if (!value.is_array()) {
         throw CommandFailure(ExitCode::BadInput, name,
                              "not a JSON array (it is " + typeName(value) + ")");
@@ -79,12 +98,7 @@ nlohmann::json parseJSONArray(std::string_view text, const std::string& name) {
 }
 
 std::vector<DataElement> elementsFromMessageData(std::string_view text, const std::string& name) {
-    nlohmann::json value;
-    try {
-        value = nlohmann::json::parse(text);
-    } catch (const nlohmann::json::exception& error) {
-        throw CommandFailure(ExitCode::BadInput, name, "not JSON: " + parserMessage(error));
-    }
+    nlohmann::json value = parseBounded(text, name);
     if (value.is_object()) {
         const auto data = value.find("data");
         if (data == value.end()) {

@@ -8,6 +8,17 @@
 #include "model/RuleCodes.h"
 
 namespace stonewall::tool {
+namespace {
+
+// Pattern characters that the rule's escaping leaves as they are, and
+// control characters.
+constexpr const char* kUnescapedPatternCharacters =
+    "\\$(){}[]\x01\x02\x03\x04\x05\x06\x07\x08\t\n\x0b\x0c\r\x0e\x0f\x10\x11\x12"
+    "\x13\x14\x15\x16\x17\x18\x19\x1a\x1b\x1c\x1d\x1e\x1f\x7f";
+// Far above any real media address; a longer one is a data URL or garbage.
+constexpr size_t kMaximumSourceLength = 8192;
+
+}  // namespace
 
 void runPick(const CommonOptions& common, const std::string& pageURL, const std::string& file,
              Report& report) {
@@ -19,6 +30,28 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
     // The page's own value at position 0 is never used: the elements were
     // picked on the page that sent them.
     for (auto& element : elements) element.location = host;
+
+    // A source becomes a regular expression with only some characters
+    // escaped; one WebKit cannot compile would make it refuse every later
+    // list, so such an element is refused here, before anything is stored.
+    for (size_t index = 0; index < elements.size(); ++index) {
+        const DataElement& element = elements[index];
+        if (!CompanionController::checkTagSource(element.tag)) continue;
+        const NullableString source =
+            CompanionController::getElementSource(element.source, element.currentSource);
+        if (!source) continue;
+        const std::string subject = inputName(file) + ": element " + std::to_string(index);
+        if (source->size() > kMaximumSourceLength) {
+            throw CommandFailure(ExitCode::BadInput, subject,
+                                 "its source is longer than " +
+                                     std::to_string(kMaximumSourceLength) + " bytes");
+        }
+        if (source->find_first_of(kUnescapedPatternCharacters) != std::string::npos) {
+            throw CommandFailure(ExitCode::BadInput, subject,
+                                 "its source holds a character a rule cannot match exactly "
+                                 "(\\ $ ( ) { } [ ] or a control character)");
+        }
+    }
 
     int64_t hideRules = 0;
     int64_t blockRules = 0;
@@ -35,6 +68,7 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
     auto engine = session.openEngine();
     const std::string profileID = requireActiveProfile(*engine->sharedData());
 
+    const int64_t failuresBefore = session.storageFailures();
     CompileReport compile;
     const ReloadRun run =
         ReloadRequest(session, &compile)
@@ -66,6 +100,7 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
         report.json["ruleFile"] = compile.outputPath;
         report.table.add("rules", compileSummary(compile));
     }
+    requireStored(session, failuresBefore, [] { return true; }, "the picked elements' rules");
     describeReload(run, report);
     checkOutcome(run, &compile);
 }

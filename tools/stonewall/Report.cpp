@@ -6,15 +6,41 @@
 
 namespace stonewall::tool {
 
+// Values come from files, databases and other programs' notifications; a
+// control character in one must not move the terminal's cursor, clear the
+// screen or start a line that looks like ours. Escaped as \n, \t, \xNN.
+std::string withoutControls(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            out.push_back(c);
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            out += escaped;
+        }
+    }
+    return out;
+}
+
 void Table::print(std::ostream& out) const {
     size_t width = 0;
     for (const auto& [label, value] : rows_) width = std::max(width, label.size());
     for (const auto& [label, value] : rows_) {
         if (value.empty()) {
-            out << label << '\n';
+            out << withoutControls(label) << '\n';
             continue;
         }
-        out << label << std::string(width - label.size() + 2, ' ') << value << '\n';
+        out << withoutControls(label) << std::string(width - label.size() + 2, ' ')
+            << withoutControls(value) << '\n';
     }
 }
 
@@ -23,7 +49,7 @@ void printReport(const Report& report, bool json, std::ostream& out) {
         if (!report.json.empty()) out << compactJSON(report.json) << '\n';
     } else {
         report.table.print(out);
-        for (const auto& note : report.notes) out << note << '\n';
+        for (const auto& note : report.notes) out << withoutControls(note) << '\n';
     }
     out.flush();
 }

@@ -51,6 +51,11 @@ std::string compactJSON(const Json& value);
 
 Json errorJSON(const Error& error);
 
+// The text with control characters escaped (\n, \t, \r, \xNN), for
+// table output: a value from a file or another program must not drive the
+// terminal or fake a line of ours.
+std::string withoutControls(std::string_view text);
+
 // "12.3 ms", "1.24 s".
 std::string formatDuration(double milliseconds);
 // "yes" / "no".

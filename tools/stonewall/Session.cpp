@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,12 +10,15 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <iostream>
 #include <system_error>
 
 #include "Failure.h"
+#include "Report.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxServices.h"
 #include "storage/FileHandler.h"
+#include "storage/StorageEvents.h"
 
 namespace stonewall::tool {
 namespace fs = std::filesystem;
@@ -25,6 +29,8 @@ namespace {
 
 // The templates the storage layer copies into a new container.
 constexpr const char* kTemplateNames[] = {"shared_data", "profiles"};
+// Held by every command that opens the engine, for the whole command.
+constexpr const char* kLockFileName = ".stonewall.lock";
 
 // SIGINT and SIGTERM under Signals::StopMainLoop: the handler only writes
 // the signal's number into a pipe (all it may safely do), and a thread of
@@ -74,10 +80,37 @@ Session::Session(const CommonOptions& options, Signals signals)
     }
     containerPath_ = trimmedSlash(absolutePath(*container));
 
+    // Storage stays silent to the engine; the command tells people of files
+    // moved aside at once, and counts failures so that it never reports
+    // success over a write that did not happen.
+    StorageEvents::setObserver([this](StorageEvents::Kind kind, std::string_view message) {
+        std::lock_guard lock(storageMutex_);
+        if (kind == StorageEvents::Kind::MovedAside) {
+            std::string line = "stonewall: ";
+            line.append(message).append("\n");
+            [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+            return;
+        }
+        ++storageFailures_;
+        lastStorageFailure_ = std::string(message);
+    });
+
     if (signals_ == Signals::StopMainLoop) startSignalThread();
 }
 
+int64_t Session::storageFailures() const {
+    std::lock_guard lock(storageMutex_);
+    return storageFailures_;
+}
+
+std::string Session::lastStorageFailure() const {
+    std::lock_guard lock(storageMutex_);
+    return lastStorageFailure_;
+}
+
 Session::~Session() {
+    StorageEvents::setObserver({});
+    if (lockDescriptor_ >= 0) ::close(lockDescriptor_);
     if (signalThread_.joinable()) {
         struct sigaction defaultAction {};
         defaultAction.sa_handler = SIG_DFL;
@@ -131,8 +164,40 @@ void Session::prepareContainer() const {
     }
 }
 
-std::unique_ptr<CompanionController> Session::openEngine() const {
+void Session::lockContainer() const {
+    if (lockDescriptor_ >= 0) return;
+    const std::string path = containerPath_ + "/" + kLockFileName;
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        throw CommandFailure(ExitCode::Storage, "container " + containerPath_,
+                             std::string("cannot be locked: ") + std::strerror(errno));
+    }
+    // Blocks while another stonewall command works on this container; the
+    // lock goes with the process, so a killed command never leaves it held.
+    while (::flock(fd, LOCK_EX) != 0) {
+        if (errno == EINTR) continue;
+        const int saved = errno;
+        ::close(fd);
+        throw CommandFailure(ExitCode::Storage, "container " + containerPath_,
+                             std::string("cannot be locked: ") + std::strerror(saved));
+    }
+    lockDescriptor_ = fd;
+}
+
+bool isUsableProfileID(std::string_view identifier) {
+    if (identifier.empty() || identifier == "." || identifier == "..") return false;
+    for (const char c : identifier) {
+        if (c == '/' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
+    }
+    return true;
+}
+
+std::unique_ptr<CompanionController> Session::openEngine(ActiveProfile use) const {
     prepareContainer();
+    // The engine reads a website list, merges a host into it and writes it
+    // back; two commands doing that at once would each drop the other's
+    // host. Making the databases from their templates is covered as well.
+    lockContainer();
     auto engine = std::make_unique<CompanionController>();
     if (!engine->sharedData()) {
         engine->sharedDatabase().reconnectDatabase();
@@ -146,6 +211,19 @@ std::unique_ptr<CompanionController> Session::openEngine() const {
     }
     const auto& database = engine->activeDatabase();
     std::error_code error;
+    const NullableString& active = engine->sharedData()->activeProfileID;
+    if (active && !isUsableProfileID(*active)) {
+        const std::string subject = "shared database";
+        const std::string why = "the active profile identifier \"" + withoutControls(*active) +
+                                "\" cannot name a file; choose another with "
+                                "\"stonewall profile activate <id>\"";
+        if (use == ActiveProfile::Required) throw CommandFailure(ExitCode::Storage, subject, why);
+        std::cerr << "stonewall: warning: " << subject << ": " << why << std::endl;
+        return engine;
+    }
+    if (use == ActiveProfile::Optional && (!database || !fs::is_regular_file(database->profilesDataPath(), error))) {
+        return engine;
+    }
     if (!database || !fs::is_regular_file(database->profilesDataPath(), error)) {
         throw CommandFailure(
             ExitCode::Storage, "profile " + textOrNull(engine->sharedData()->activeProfileID),

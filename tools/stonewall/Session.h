@@ -11,8 +11,10 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "engine/CompanionController.h"
@@ -56,7 +58,12 @@ class Session {
     // reconnected and read again, as toolbar validation does). Throws
     // CommandFailure (ExitCode::Storage) when the shared record stays
     // unreadable or the active profile's database cannot be opened.
-    std::unique_ptr<CompanionController> openEngine() const;
+    // With ActiveProfile::Optional an active profile that cannot be opened
+    // (an unusable identifier planted in the shared record) is only warned
+    // about, so that the commands that repair it still work.
+    enum class ActiveProfile { Required, Optional };
+    std::unique_ptr<CompanionController> openEngine(
+        ActiveProfile use = ActiveProfile::Required) const;
 
     // Starts the operation from the main queue and runs the main queue until
     // its completion is called, returning the completion's error. Throws
@@ -69,12 +76,20 @@ class Session {
     void runUntilStopped();
     void stop();
 
+    // Storage failures met so far (their logError lines), and the latest
+    // one's text: the engine never hears of them, the command must.
+    int64_t storageFailures() const;
+    std::string lastStorageFailure() const;
+
     // True when a watchdog fired: engine work may still run on other threads,
     // so the process must end without running destructors (see main()).
     static bool workAbandoned() { return workAbandoned_.load(); }
 
   private:
     void startSignalThread();
+    // Takes the container's lock file (exclusive, waits); released when the
+    // session ends.
+    void lockContainer() const;
 
     CommonOptions options_;
     std::string containerPath_;
@@ -83,7 +98,15 @@ class Session {
     std::atomic<bool> signalThreadStopping_{false};
     std::atomic<bool> stopRequested_{false};
     static std::atomic<bool> workAbandoned_;
+    mutable int lockDescriptor_ = -1;
+    mutable std::mutex storageMutex_;
+    int64_t storageFailures_ = 0;
+    std::string lastStorageFailure_;
 };
+
+// Whether a profile identifier can name the profile's files: not empty, not
+// "." or "..", no path separator of either kind, no control character.
+bool isUsableProfileID(std::string_view identifier);
 
 // Whether the host asks for reloads at all (toolkit 1504 and later); older
 // hosts complete every reload at once without doing anything.

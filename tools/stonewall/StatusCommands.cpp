@@ -95,13 +95,18 @@ void runStatus(const CommonOptions& common, const std::optional<std::string>& st
 void runProfileList(const CommonOptions& common, Report& report) {
     report.json["command"] = "profile list";
     Session session(common);
-    auto engine = session.openEngine();
+    auto engine = session.openEngine(Session::ActiveProfile::Optional);
     const SharedData& shared = *engine->sharedData();
 
     const auto ids = splitList(shared.profileIDs);
     const auto names = splitList(shared.profiles);
     Json profiles = Json::array();
     for (size_t index = 0; index < ids.size(); ++index) {
+        if (!isUsableProfileID(ids[index])) {
+            report.notes.push_back("Ignored the unusable profile identifier \"" + ids[index] +
+                                   "\" of the shared record.");
+            continue;
+        }
         const std::string name = index < names.size() ? names[index] : std::string();
         const bool active = shared.activeProfileID && *shared.activeProfileID == ids[index];
         profiles.push_back(Json{{"id", ids[index]}, {"name", name}, {"active", active}});
@@ -115,8 +120,12 @@ void runProfileList(const CommonOptions& common, Report& report) {
 
 void runProfileActivate(const CommonOptions& common, const std::string& profileID, Report& report) {
     report.json["command"] = "profile activate";
+    if (!isUsableProfileID(profileID)) {
+        throw CommandFailure(ExitCode::BadInput, "profile \"" + withoutControls(profileID) + "\"",
+                             "not a usable profile identifier");
+    }
     Session session(common);
-    auto engine = session.openEngine();
+    auto engine = session.openEngine(Session::ActiveProfile::Optional);
     requireKnownProfile(*engine->sharedData(), profileID);
 
     report.json["profile"] = profileID;

@@ -10,7 +10,7 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "InputFile.h"
-#include "RuleListBisect.h"
+#include "platform/RuleListBisect.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall::tool {
@@ -80,8 +80,8 @@ void runValidate(const CommonOptions& /*common*/, const std::string& file, Repor
     // WebKit refuses an empty list too; its verdict on one tells "no usable
     // rule yet" from a rule at fault.
     const std::optional<Error> emptyListVerdict = compile("[]");
-    const RejectedRule rejected =
-        findFirstRejectedRule(list.size(), *verdict, emptyListVerdict, [&](size_t count) {
+    const platform::RejectedRule rejected =
+        platform::findFirstRejectedRule(list.size(), *verdict, emptyListVerdict, [&](size_t count) {
             nlohmann::json prefix = nlohmann::json::array();
             for (size_t index = 0; index < count; ++index) prefix.push_back(list[index]);
             return compile(prefix.dump());

@@ -54,8 +54,8 @@ void runWatch(const CommonOptions& common, std::optional<int64_t> count, Report&
                 line["object"] = object;
                 std::cout << compactJSON(line) << std::endl;
             } else {
-                std::cout << timestamp(/*utc=*/false) << "  " << notification << "  " << object
-                          << std::endl;
+                std::cout << timestamp(/*utc=*/false) << "  " << withoutControls(notification)
+                          << "  " << withoutControls(object) << std::endl;
             }
             if (count && seen >= *count) session.stop();
         });

@@ -1,5 +1,7 @@
 // block, secure, allow and check: the popover's website view.
 
+#include <algorithm>
+
 #include "ApplicationCommands.h"
 #include "CommandSupport.h"
 #include "Commands.h"
@@ -52,6 +54,7 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
         return;
     }
 
+    const int64_t failuresBefore = session.storageFailures();
     CompileReport compile;
     const ReloadRun run =
         ReloadRequest(session, &compile)
@@ -80,6 +83,20 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
                                               : NullableString(),
                                           engine->activeDatabase());
                 });
+
+    // The engine cannot tell a dropped write from a stored one; a fresh
+    // connection reads what another program would now see.
+    requireStored(session, failuresBefore, [&] {
+        if (engine->getWebsitesStatusShared(info.action) == 0) return true;  // shared only
+        // Every rule of the list: without a list status each website gets a
+        // rule of its own.
+        const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
+        for (const ProfileRule& rule : database->getProfileRulesByAction(info.action)) {
+            const auto stored = splitList(rule.domains);
+            if (std::find(stored.begin(), stored.end(), host) != stored.end()) return true;
+        }
+        return false;
+    }, host + " could not be stored in the " + info.listName + " list of profile " + profileID);
 
     report.json["changed"] = true;
     report.table.add(info.done, host);
