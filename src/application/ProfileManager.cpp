@@ -225,8 +225,12 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
     // Importing a list again (or an overlapping one) adds only what is new.
     std::unordered_set<std::string> present;
     for (int64_t action : kImportedActions) {
-        database->forEachProfileRuleByAction(
-            action, [&](const ProfileRule& rule) { present.insert(rule.computeHash()); });
+        // A read cut short would make rules already there look new.
+        if (!database->forEachProfileRuleByAction(
+                action, [&](const ProfileRule& rule) { present.insert(rule.computeHash()); })) {
+            return storageFailure("profile " + profileID,
+                                  "its database could not be read completely");
+        }
     }
     std::vector<ProfileRule> rows;
     rows.reserve(report.list.rules.size());
