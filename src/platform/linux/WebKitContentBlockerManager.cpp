@@ -1,13 +1,12 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 
+#include <dlfcn.h>
 #include <stdlib.h>
-#include <webkit/webkit.h>
 
 #include <algorithm>
-#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -15,8 +14,10 @@
 
 #include "platform/Platform.h"
 #include "platform/RuleListBisect.h"
+#include "platform/linux/CompiledRuleListCache.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/GLibThread.h"
+#include "platform/linux/WebKitModule.h"
 
 namespace stonewall::platform::linux {
 
@@ -24,26 +25,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Finish = std::function<void(std::optional<Error>)>;
-
-// A 50000-rule list compiles in seconds; this only guards against a WebKit
-// that never answers.
-constexpr auto kSynchronousTimeout = std::chrono::minutes(5);
-
-// WebKit binds its run loop to the thread (and the thread-default context)
-// of its first use, for the rest of the process: so one thread, made once
-// and never ended.
-GLibThread& webKitThread() {
-    static GLibThread* thread = new GLibThread("stonewall-wk");
-    return *thread;
-}
-
 Error ourError(int64_t code, std::string message) {
     return Error{WebKitContentBlockerManager::kErrorDomain, code, std::move(message)};
-}
-
-Error fromGError(const GError* error) {
-    return Error{g_quark_to_string(error->domain), error->code, error->message};
 }
 
 std::optional<Error> checkIdentifier(const std::string& identifier) {
@@ -54,96 +37,62 @@ std::optional<Error> checkIdentifier(const std::string& identifier) {
     return std::nullopt;
 }
 
-struct SaveRequest {
-    WebKitUserContentFilterStore* store;
-    Finish finish;
-};
-
-// WebKit thread only.
-void startCompile(const std::string& storePath, const std::string& identifier,
-                  const std::string& json, Finish finish) {
+// Where the module is: $STONEWALL_WEBKIT_MODULE, else the installed one when
+// it exists, else the one of the build tree (the same order as the bundle's
+// resources).
+std::string webKitModulePath() {
+    if (const char* path = std::getenv("STONEWALL_WEBKIT_MODULE"); path && *path) return path;
     std::error_code error;
-    fs::create_directories(storePath, error);
-    if (error) {
-        finish(
-            ourError(WebKitContentBlockerManager::kStoreUnusable,
-                     "The rule-list store " + storePath + " cannot be made: " + error.message()));
-        return;
+    if (fs::is_regular_file(STONEWALL_WEBKIT_MODULE_INSTALLED, error)) {
+        return STONEWALL_WEBKIT_MODULE_INSTALLED;
     }
-    auto* request =
-        new SaveRequest{webkit_user_content_filter_store_new(storePath.c_str()), std::move(finish)};
-    GBytes* source = g_bytes_new(json.data(), json.size());
-    webkit_user_content_filter_store_save(
-        request->store, identifier.c_str(), source, nullptr,
-        [](GObject* store, GAsyncResult* result, gpointer data) {
-            std::unique_ptr<SaveRequest> request(static_cast<SaveRequest*>(data));
-            GError* error = nullptr;
-            WebKitUserContentFilter* filter = webkit_user_content_filter_store_save_finish(
-                WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-            std::optional<Error> outcome;
-            if (filter) {
-                webkit_user_content_filter_unref(filter);
-            } else {
-                outcome = fromGError(error);
-                g_error_free(error);
-            }
-            g_object_unref(request->store);
-            request->finish(std::move(outcome));
-        },
-        request);
-    g_bytes_unref(source);
+    return STONEWALL_WEBKIT_MODULE_BUILT;
 }
 
-struct LoadRequest {
-    WebKitUserContentFilterStore* store;
-    std::function<void(std::optional<Error>, std::string)> finish;
+struct ModuleLoad {
+    const StonewallWebKitModule* module = nullptr;
+    std::string failure;
 };
 
-void startLookUp(const std::string& storePath, const std::string& identifier,
-                 std::function<void(std::optional<Error>, std::string)> finish) {
-    auto* request =
-        new LoadRequest{webkit_user_content_filter_store_new(storePath.c_str()), std::move(finish)};
-    webkit_user_content_filter_store_load(
-        request->store, identifier.c_str(), nullptr,
-        [](GObject* store, GAsyncResult* result, gpointer data) {
-            std::unique_ptr<LoadRequest> request(static_cast<LoadRequest*>(data));
-            GError* error = nullptr;
-            WebKitUserContentFilter* filter = webkit_user_content_filter_store_load_finish(
-                WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-            std::optional<Error> outcome;
-            std::string loaded;
-            if (filter) {
-                loaded = webkit_user_content_filter_get_identifier(filter);
-                webkit_user_content_filter_unref(filter);
-            } else {
-                outcome = fromGError(error);
-                g_error_free(error);
-            }
-            g_object_unref(request->store);
-            request->finish(std::move(outcome), std::move(loaded));
-        },
-        request);
+// Loaded once and never unloaded: WebKit's threads outlive any caller.
+const ModuleLoad& webKitModule() {
+    static const ModuleLoad load = [] {
+        ModuleLoad result;
+        const std::string path = webKitModulePath();
+        void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (!handle) {
+            const char* reason = ::dlerror();
+            result.failure = "WebKit cannot be loaded (" + path + "): " +
+                             (reason ? std::string(reason) : std::string("unknown error"));
+            return result;
+        }
+        using Entry = const StonewallWebKitModule* (*)();
+        auto entry = reinterpret_cast<Entry>(::dlsym(handle, kWebKitModuleEntryPoint));
+        const StonewallWebKitModule* module = entry ? entry() : nullptr;
+        if (!module || module->interfaceVersion != kWebKitModuleInterfaceVersion) {
+            result.failure = "WebKit cannot be loaded: " + path + " is a module of another build";
+            return result;
+        }
+        result.module = module;
+        return result;
+    }();
+    return load;
 }
 
-// Runs `start` on the WebKit thread and waits for the result it reports.
-// On the WebKit thread itself (a completion calling back in) it iterates
-// that thread's context until done instead of waiting for itself.
-template <typename Result>
-Result runAndWait(std::function<void(std::function<void(Result)>)> start, Result timedOut) {
-    GLibThread& thread = webKitThread();
-    if (thread.isCurrent()) {
-        auto result = std::make_shared<std::optional<Result>>();
-        start([result](Result value) { *result = std::move(value); });
-        while (!*result) g_main_context_iteration(thread.context(), TRUE);
-        return std::move(**result);
+void collectError(void* context, const char* domain, int64_t code, const char* message) {
+    *static_cast<std::optional<Error>*>(context) = Error{domain, code, message};
+}
+
+std::optional<Error> compileWithModule(const std::string& storePath, const std::string& identifier,
+                                       const std::string& json) {
+    const ModuleLoad& load = webKitModule();
+    if (!load.module) {
+        return ourError(WebKitContentBlockerManager::kWebKitUnavailable, load.failure);
     }
-    auto promise = std::make_shared<std::promise<Result>>();
-    auto future = promise->get_future();
-    thread.invoke([start = std::move(start), promise] {
-        start([promise](Result value) { promise->set_value(std::move(value)); });
-    });
-    if (future.wait_for(kSynchronousTimeout) != std::future_status::ready) return timedOut;
-    return future.get();
+    std::optional<Error> error;
+    load.module->compile(storePath.c_str(), identifier.c_str(), json.data(), json.size(),
+                         &collectError, &error);
+    return error;
 }
 
 std::optional<std::string> readWholeFile(const fs::path& path, std::string& failure) {
@@ -233,6 +182,16 @@ std::optional<Error> loadWithoutRejectedRules(const std::string& storePath,
 
 }  // namespace
 
+// The reload service's own thread: reloads are handled one at a time, in
+// the order asked, as the browser does; the cache lives on it.
+struct WebKitContentBlockerManager::Worker {
+    GLibThread thread{"stonewall-cb"};
+    CompiledRuleListCache cache;
+
+    explicit Worker(const std::string& storePath)
+        : cache(storePath, &compileWithModule, [] { return webKitLibraryPath(); }) {}
+};
+
 WebKitContentBlockerManager::WebKitContentBlockerManager(std::string containerPath,
                                                          std::string defaultsPath,
                                                          std::shared_ptr<Log> log)
@@ -248,22 +207,28 @@ std::string WebKitContentBlockerManager::storePathForContainer(const std::string
 void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
     const std::string& identifier, CompletionHandler completionHandler) {
     auto complete = [handler = std::move(completionHandler), log = log_,
-                     identifier](std::optional<Error> error) {
+                     identifier](std::optional<Error> error, bool compiled) {
         if (log) {
             log->write(LogLevel::Debug,
                        "content blocker " + identifier + " reloaded" +
+                           (compiled ? "" : " (compiled before)") +
                            (error ? ": " + error->domain + " " + std::to_string(error->code) + " " +
                                         error->message
                                   : std::string()));
         }
         if (handler) handler(std::move(error));
     };
-    webKitThread().invoke([container = containerPath_, defaultsPath = defaultsPath_,
-                           storePath = storePath_, identifier,
-                           complete = std::move(complete)]() mutable {
+    // The thread starts with the first reload; a service that never
+    // reloads costs nothing.
+    if (!worker_) worker_ = std::make_shared<Worker>(storePath_);
+    worker_->thread.invoke([worker = std::weak_ptr<Worker>(worker_), container = containerPath_,
+                            storePath = storePath_,
+                            defaultsPath = defaultsPath_, identifier,
+                            complete = std::move(complete)]() mutable {
         if (identifier != kContentBlockerIdentifier) {
             complete(ourError(kUnknownIdentifier,
-                              "No content blocker has the identifier \"" + identifier + "\"."));
+                              "No content blocker has the identifier \"" + identifier + "\"."),
+                     false);
             return;
         }
         // The browser sees what was synchronised, not this process's memory.
@@ -277,7 +242,8 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
                 complete(ourError(kNoActiveProfile,
                                   profile ? "The active profile identifier \"" + *profile +
                                                 "\" cannot name a rule list."
-                                          : "No active profile is set in the shared defaults."));
+                                          : "No active profile is set in the shared defaults."),
+                         false);
                 return;
             }
             const fs::path file =
@@ -285,27 +251,28 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
             std::error_code error;
             if (!fs::exists(file, error)) {
                 complete(ourError(kRuleListMissing,
-                                  "The rule list " + file.string() + " does not exist."));
+                                  "The rule list " + file.string() + " does not exist."),
+                         false);
                 return;
             }
             std::string failure;
             auto text = readWholeFile(file, failure);
             if (!text) {
                 complete(ourError(kRuleListUnreadable,
-                                  "The rule list " + file.string() + " " + failure + "."));
+                                  "The rule list " + file.string() + " " + failure + "."),
+                         false);
                 return;
             }
             ruleList = std::move(*text);
         }
-        startCompile(storePath, identifier, ruleList,
-                     [storePath, identifier, ruleList,
-                      complete = std::move(complete)](std::optional<Error> error) mutable {
-                         if (error && error->domain == kWebKitFilterErrorDomain) {
-                             error = loadWithoutRejectedRules(storePath, identifier, ruleList,
-                                                              *error);
-                         }
-                         complete(std::move(error));
-                     });
+        const auto owner = worker.lock();
+        if (!owner) return;  // the service is gone
+        auto outcome = owner->cache.install(identifier, ruleList);
+        if (outcome.error && outcome.error->domain == kWebKitFilterErrorDomain) {
+            outcome.error = loadWithoutRejectedRules(storePath, identifier, ruleList,
+                                                     *outcome.error);
+        }
+        complete(std::move(outcome.error), outcome.compiled);
     });
 }
 
@@ -319,29 +286,33 @@ std::optional<Error> WebKitContentBlockerManager::compileRuleList(const std::str
                                                                   const std::string& identifier,
                                                                   const std::string& json) {
     if (auto invalid = checkIdentifier(identifier)) return invalid;
-    return runAndWait<std::optional<Error>>(
-        [storePath, identifier, json](std::function<void(std::optional<Error>)> finish) {
-            startCompile(storePath, identifier, json, std::move(finish));
-        },
-        ourError(kTimedOut, "WebKit did not finish compiling the rule list."));
+    return compileWithModule(storePath, identifier, json);
 }
 
 std::optional<Error> WebKitContentBlockerManager::lookUpRuleList(const std::string& storePath,
                                                                  const std::string& identifier,
                                                                  std::string* loadedIdentifier) {
     if (auto invalid = checkIdentifier(identifier)) return invalid;
-    using Outcome = std::pair<std::optional<Error>, std::string>;
-    Outcome outcome = runAndWait<Outcome>(
-        [storePath, identifier](std::function<void(Outcome)> finish) {
-            startLookUp(
-                storePath, identifier,
-                [finish = std::move(finish)](std::optional<Error> error, std::string loaded) {
-                    finish({std::move(error), std::move(loaded)});
-                });
+    const ModuleLoad& load = webKitModule();
+    if (!load.module) return ourError(kWebKitUnavailable, load.failure);
+    struct Answer {
+        std::optional<Error> error;
+        std::string loaded;
+    } answer;
+    load.module->lookUp(
+        storePath.c_str(), identifier.c_str(),
+        [](void* context, const char* text) { static_cast<Answer*>(context)->loaded = text; },
+        [](void* context, const char* domain, int64_t code, const char* message) {
+            static_cast<Answer*>(context)->error = Error{domain, code, message};
         },
-        {ourError(kTimedOut, "WebKit did not finish loading the rule list."), std::string()});
-    if (!outcome.first && loadedIdentifier) *loadedIdentifier = std::move(outcome.second);
-    return outcome.first;
+        &answer);
+    if (!answer.error && loadedIdentifier) *loadedIdentifier = std::move(answer.loaded);
+    return answer.error;
+}
+
+std::string WebKitContentBlockerManager::webKitLibraryPath() {
+    const ModuleLoad& load = webKitModule();
+    return load.module ? load.module->libraryPath() : std::string();
 }
 
 }  // namespace stonewall::platform::linux

@@ -22,18 +22,25 @@ namespace stonewall::platform::linux {
 // another process sees it (values synchronised to disk): "activeProfileID"
 // names the rule list "<container>/.Profiles/profile_<id>_unarchive.json";
 // when "blockingStatus" is 2 (blocking off) kAllowEverythingRuleList is
-// compiled instead. The list is compiled into the store folder
-// "<container>/Library/ContentBlockers" under the content blocker's
-// identifier (WebKit keeps it as "ContentRuleList-<identifier>" there).
+// used instead. The compiled list goes into the store folder
+// "<container>/Library/ContentBlockers" (storePathForContainer).
+//
+// The contract for browsers: the CURRENT list of a content blocker is always
+// the one stored under its identifier in that folder (WebKit keeps it as
+// "ContentRuleList-<identifier>"); load it by the identifier, e.g. with
+// lookUpRuleList or webkit_user_content_filter_store_load. Lists compiled
+// before are kept for reuse by content in a subfolder (see
+// CompiledRuleListCache), so a reload of a list compiled before is a look-up
+// that never loads WebKit.
+//
 // The completion gets no error, WebKit's own error (domain
 // "WebKitUserContentFilterError", its code and message), or one of ours in
-// kErrorDomain.
+// kErrorDomain. Completions come on the service's own thread.
 //
-// WebKit is used from one thread only, a process-wide thread of ours
-// running a GLib loop, because WebKit binds itself to the thread (and the
-// main context) it is first used on and delivers its callbacks there.
-// Completions of reloadContentBlockerWithIdentifier come on that thread.
-// No display is needed.
+// WebKit lives in a loadable module (WebKitModule.h), loaded on the first
+// compile; it runs on one thread of the module's, because WebKit binds
+// itself to the thread (and the main context) it is first used on. No
+// display is needed.
 class WebKitContentBlockerManager : public ContentBlockerManager {
   public:
     static constexpr const char* kContentBlockerIdentifier =
@@ -46,6 +53,7 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
         kRuleListUnreadable = 4,
         kStoreUnusable = 5,
         kTimedOut = 6,
+        kWebKitUnavailable = 7,
     };
     // Lets every load through: what the content blocker serves while
     // blocking is off.
@@ -75,6 +83,7 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
     // Compiles `json` into the store folder under `identifier` and returns
     // when WebKit is done. Callable from any thread, the main thread
     // included, without the caller running a loop, as often as needed.
+    // These load the WebKit module when it is not loaded yet.
     [[nodiscard]] static std::optional<Error> compileRuleList(const std::string& storePath,
                                                               const std::string& identifier,
                                                               const std::string& json);
@@ -85,11 +94,17 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
         const std::string& storePath, const std::string& identifier,
         std::string* loadedIdentifier = nullptr);
 
+    // The file of the WebKit library the module runs with (loads it).
+    [[nodiscard]] static std::string webKitLibraryPath();
+
   private:
+    struct Worker;
+
     std::string containerPath_;
     std::string defaultsPath_;
     std::string storePath_;
     std::shared_ptr<Log> log_;
+    std::shared_ptr<Worker> worker_;
 };
 
 }  // namespace stonewall::platform::linux

@@ -1,0 +1,280 @@
+#include "platform/linux/CompiledRuleListCache.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/WebKitContentBlockerManager.h"
+
+namespace stonewall::platform::linux {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using Manager = WebKitContentBlockerManager;
+
+// WebKit's file name for the list of an identifier (of the characters we
+// allow, none needs escaping). The tests check that WebKit still writes it.
+constexpr char kListFilePrefix[] = "ContentRuleList-";
+constexpr size_t kKeyDigits = 32;
+// A file of ours that no index lists is a leftover of a process that died
+// between its compile and its index update, unless it is that recent.
+constexpr auto kUnlistedGrace = std::chrono::hours(1);
+
+Error storeError(const std::string& what, const std::error_code& error) {
+    return Error{Manager::kErrorDomain, Manager::kStoreUnusable, what + ": " + error.message()};
+}
+
+// What identifies the WebKit library file: a package upgrade replaces the
+// file behind the path, which changes all of these.
+struct LibraryStamp {
+    std::string path;
+    uintmax_t device = 0;
+    uintmax_t inode = 0;
+    uintmax_t size = 0;
+    int64_t modified = 0;  // ns
+    bool operator==(const LibraryStamp&) const = default;
+};
+
+std::optional<LibraryStamp> stampOf(const std::string& path) {
+    struct stat info {};
+    if (path.empty() || ::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return LibraryStamp{path, static_cast<uintmax_t>(info.st_dev),
+                        static_cast<uintmax_t>(info.st_ino), static_cast<uintmax_t>(info.st_size),
+                        int64_t{info.st_mtim.tv_sec} * 1000000000 + info.st_mtim.tv_nsec};
+}
+
+struct Index {
+    std::optional<LibraryStamp> library;
+    std::vector<std::string> entries;  // "<identifier>.<key>", last used first
+};
+
+// A missing or damaged index is an empty one: at worst a list is compiled again.
+Index readIndex(const fs::path& path) {
+    Index index;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return index;
+    const Json json = Json::parse(in, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return index;
+    try {
+        if (const auto library = json.find("webkitLibrary"); library != json.end()) {
+            index.library = LibraryStamp{
+                library->at("path").get<std::string>(),  library->at("device").get<uintmax_t>(),
+                library->at("inode").get<uintmax_t>(),   library->at("size").get<uintmax_t>(),
+                library->at("modified").get<int64_t>(),
+            };
+        }
+        for (const auto& entry : json.at("entries")) index.entries.push_back(entry.get<std::string>());
+    } catch (const Json::exception&) {
+        return Index{};
+    }
+    return index;
+}
+
+bool writeIndex(const fs::path& path, const Index& index) {
+    Json json = Json::object();
+    if (index.library) {
+        json["webkitLibrary"] = {{"path", index.library->path},
+                                 {"device", index.library->device},
+                                 {"inode", index.library->inode},
+                                 {"size", index.library->size},
+                                 {"modified", index.library->modified}};
+    }
+    json["entries"] = index.entries;
+    const fs::path temporary = path.string() + ".tmp";
+    {
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out << json.dump();
+        if (!out.flush()) return false;
+    }
+    std::error_code error;
+    fs::rename(temporary, path, error);
+    return !error;
+}
+
+// An exclusive flock for the lifetime of the object; without a lock file
+// (read-only store) it does nothing, and the writes after it fail anyway.
+class IndexLock {
+  public:
+    explicit IndexLock(const fs::path& path)
+        : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+        if (fd_ < 0) return;
+        while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    ~IndexLock() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    IndexLock(const IndexLock&) = delete;
+    IndexLock& operator=(const IndexLock&) = delete;
+
+  private:
+    int fd_;
+};
+
+bool isUsableIdentifier(const std::string& identifier) {
+    return !identifier.empty() && identifier != "." && identifier != ".." &&
+           std::all_of(identifier.begin(), identifier.end(), [](unsigned char c) {
+               return std::isalnum(c) || c == '.' || c == '-' || c == '_';
+           });
+}
+
+std::string hex(const unsigned char* bytes, size_t count) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(count * 2);
+    for (size_t i = 0; i < count; ++i) {
+        text.push_back(kDigits[bytes[i] >> 4]);
+        text.push_back(kDigits[bytes[i] & 15]);
+    }
+    return text;
+}
+
+}  // namespace
+
+CompiledRuleListCache::CompiledRuleListCache(std::string storePath, Compiler compiler,
+                                             LibraryPath libraryPath, Limits limits)
+    : storePath_(std::move(storePath)),
+      cachePath_((fs::path(storePath_) / ".cache").string()),
+      compiler_(std::move(compiler)),
+      libraryPath_(std::move(libraryPath)),
+      limits_(limits) {}
+
+std::string CompiledRuleListCache::contentKey(const std::string& source) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(source.data(), source.size(), digest, &length, EVP_sha256(), nullptr);
+    return hex(digest, std::min<size_t>(length, kKeyDigits / 2));
+}
+
+std::string CompiledRuleListCache::currentListPath(const std::string& identifier) const {
+    return (fs::path(storePath_) / (kListFilePrefix + identifier)).string();
+}
+
+std::string CompiledRuleListCache::entryPath(const std::string& identifier,
+                                             const std::string& source) const {
+    return (fs::path(cachePath_) / (kListFilePrefix + identifier + "." + contentKey(source)))
+        .string();
+}
+
+CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string& identifier,
+                                                              const std::string& source) {
+    if (!isUsableIdentifier(identifier)) {
+        return {Error{Manager::kErrorDomain, Manager::kUnknownIdentifier,
+                      "\"" + identifier + "\" cannot name a compiled rule list."},
+                false};
+    }
+    std::error_code error;
+    fs::create_directories(cachePath_, error);
+    if (error) return {storeError("The rule-list store " + cachePath_ + " cannot be made", error)};
+
+    const std::string entry = identifier + "." + contentKey(source);
+    const fs::path entryFile = fs::path(cachePath_) / (kListFilePrefix + entry);
+    const fs::path indexFile = fs::path(cachePath_) / "index.json";
+    const fs::path lockFile = fs::path(cachePath_) / "index.lock";
+    const fs::path current = currentListPath(identifier);
+
+    // Under the lock: the entry becomes the current list by a link renamed
+    // over the old one, so a browser loading meanwhile gets the old list or
+    // the new one, whole.
+    auto makeCurrent = [&]() -> std::optional<Error> {
+        std::error_code failure;
+        if (fs::equivalent(entryFile, current, failure)) return std::nullopt;
+        const fs::path temporary = fs::path(cachePath_) / (".current-" + identifier);
+        fs::remove(temporary, failure);
+        fs::create_hard_link(entryFile, temporary, failure);
+        if (failure) {
+            failure.clear();
+            fs::copy_file(entryFile, temporary, failure);
+        }
+        if (!failure) fs::rename(temporary, current, failure);
+        if (failure) {
+            std::error_code ignored;
+            fs::remove(temporary, ignored);
+            return storeError("The compiled rule list " + current.string() + " cannot be replaced",
+                              failure);
+        }
+        return std::nullopt;
+    };
+    auto markUsed = [&](Index& index) {
+        index.entries.erase(std::remove(index.entries.begin(), index.entries.end(), entry),
+                            index.entries.end());
+        index.entries.insert(index.entries.begin(), entry);
+    };
+
+    {
+        IndexLock lock(lockFile);
+        Index index = readIndex(indexFile);
+        const bool sameLibrary = index.library && stampOf(index.library->path) == index.library;
+        if (sameLibrary &&
+            std::find(index.entries.begin(), index.entries.end(), entry) != index.entries.end() &&
+            fs::is_regular_file(entryFile, error)) {
+            markUsed(index);
+            (void)writeIndex(indexFile, index);  // only the order of use is lost
+            return {makeCurrent(), false};
+        }
+    }
+
+    if (auto failure = compiler_(cachePath_, entry, source)) return {std::move(failure), true};
+
+    IndexLock lock(lockFile);
+    Index index = readIndex(indexFile);
+    const std::vector<std::string> listed = index.entries;
+    const std::optional<LibraryStamp> library = stampOf(libraryPath_());
+    if (!index.library || index.library != library) index.entries.clear();
+    index.library = library;
+    markUsed(index);
+
+    // Keep the most recently used entries within the limits; the new one
+    // always stays.
+    std::vector<std::string> kept;
+    uintmax_t bytes = 0;
+    for (const std::string& name : index.entries) {
+        std::error_code sizeError;
+        const uintmax_t size =
+            fs::file_size(fs::path(cachePath_) / (kListFilePrefix + name), sizeError);
+        if (sizeError) continue;
+        if (name != entry && (kept.size() >= limits_.entries || bytes + size > limits_.bytes)) {
+            continue;
+        }
+        kept.push_back(name);
+        bytes += size;
+    }
+    index.entries = kept;
+
+    // Entries dropped from the index go; files that no index listed go only
+    // when old, since another process may have just compiled one.
+    auto contains = [](const std::vector<std::string>& names, const std::string& name) {
+        return std::find(names.begin(), names.end(), name) != names.end();
+    };
+    const auto now = fs::file_time_type::clock::now();
+    for (fs::directory_iterator it(cachePath_, error), end; !error && it != end;
+         it.increment(error)) {
+        const std::string fileName = it->path().filename().string();
+        if (fileName.rfind(kListFilePrefix, 0) != 0) continue;
+        const std::string name = fileName.substr(sizeof kListFilePrefix - 1);
+        if (contains(kept, name)) continue;
+        if (!contains(listed, name)) {
+            std::error_code timeError;
+            const auto modified = fs::last_write_time(it->path(), timeError);
+            if (timeError || now - modified < kUnlistedGrace) continue;
+        }
+        std::error_code ignored;
+        fs::remove(it->path(), ignored);
+    }
+    (void)writeIndex(indexFile, index);
+    return {makeCurrent(), true};
+}
+
+}  // namespace stonewall::platform::linux
