@@ -37,8 +37,9 @@ constexpr char kProfilesFolder[] = ".Profiles";
 
 // Sizes the dedupe table up front; it doubles as a large profile needs.
 constexpr size_t kExpectedRuleCount = 8192;
-// Room for the JSON of a typical list before the first reallocation.
-constexpr size_t kInitialOutputBytes = size_t{1} << 20;
+// The JSON goes to the file in pieces of about this size: a list of any
+// length then costs one small buffer, and the writes overlap the reading.
+constexpr size_t kOutputPieceBytes = size_t{128} << 10;
 
 constexpr auto kSettleDelayBigSur = std::chrono::nanoseconds(0);
 constexpr auto kSettleDelayHighSierra = std::chrono::nanoseconds(3000000000);
@@ -319,20 +320,47 @@ void CompanionController::writeProfileRules(const NullableString& profileID,
         FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
     const NullableString resolvedID = resolveProfileID(profileID);
 
-    std::string json;
+    // The list streams into the file as it is built (on the compiler's
+    // helper thread when there is one); the file replaces the old one only
+    // when the whole list is in it.
     std::optional<size_t> compiled;
+    int64_t bytes = 0;
+    bool ran = false;
     CompileReport ownReport;
     if (!report) report = &ownReport;
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        json.clear();
-        json.reserve(kInitialOutputBytes);
+    auto produce = [&](const DataSink& sink) {
+        ran = true;
+        bytes = 0;
         *report = CompileReport();
-        {
-            ContentBlockerRuleListWriter writer(json);
-            compiled = compileInto(profileDatabase.get(), writer, report);
-            if (compiled == size_t{0}) writer.add(placeholderRule());
-            writer.finish();
-        }
+        std::string buffer;
+        buffer.reserve(kOutputPieceBytes + 4096);
+        bool sinkFailed = false;
+        ContentBlockerRuleListWriter writer(
+            buffer,
+            [&](std::string_view piece) {
+                bytes += static_cast<int64_t>(piece.size());
+                if (!sinkFailed) sinkFailed = !sink(piece);
+            },
+            kOutputPieceBytes);
+        compiled = compileInto(profileDatabase.get(), writer, report);
+        if (compiled == size_t{0}) writer.add(placeholderRule());
+        writer.finish();
+        return compiled.has_value() && !sinkFailed;
+    };
+    const auto discard = [](std::string_view) { return false; };
+
+    const std::string fileName = ruleListFileName(resolvedID);
+    const bool unsafeName = resolvedID && isUnsafeFileNamePart(*resolvedID);
+    if (unsafeName) {
+        FileHandler::logError("refusing to write a rule list for profile identifier " +
+                              *resolvedID);
+    }
+    bool written = false;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        ran = false;
+        if (!unsafeName) written = fileHandler.writeToURL(fileName, produce);
+        // No file to write to: the report still tells what the list would be.
+        if (!ran) (void)produce(discard);
         // A damaged page found while reading: the file is repaired (moved
         // aside, the readable rows carried over) and read once more.
         if (compiled || !profileDatabase ||
@@ -341,26 +369,18 @@ void CompanionController::writeProfileRules(const NullableString& profileID,
         }
         profileDatabase->restoreDatabase();
     }
-    const size_t count = compiled.value_or(0);
-
-    const std::string fileName = ruleListFileName(resolvedID);
-    bool written = false;
     if (!compiled) {
         // A partial list would silently drop rules; the browser keeps the
         // last complete one instead.
         FileHandler::logError("the rule list could not be compiled completely; not written");
-    } else if (resolvedID && isUnsafeFileNamePart(*resolvedID)) {
-        FileHandler::logError("refusing to write a rule list for profile identifier " +
-                              *resolvedID);
-    } else {
-        written = fileHandler.writeToURL(fileName, json);
     }
+    const size_t count = compiled.value_or(0);
 
     if (report) {
         report->profileID = resolvedID;
         report->rulesWritten = compiled ? static_cast<int64_t>(count == 0 ? 1 : count) : 0;
         report->placeholderUsed = compiled == size_t{0};
-        report->bytesWritten = static_cast<int64_t>(json.size());
+        report->bytesWritten = bytes;
         report->fileWritten = written;
         report->outputPath = fileHandler.getFilePath(fileName);
     }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "model/RuleText.h"
 
@@ -279,6 +280,13 @@ ContentBlockerRuleListWriter::ContentBlockerRuleListWriter(std::string& out) : o
     out_.push_back('[');
 }
 
+ContentBlockerRuleListWriter::ContentBlockerRuleListWriter(std::string& out, Flush flush,
+                                                           size_t flushBytes)
+    : out_(out), flush_(std::move(flush)), flushBytes_(flushBytes)
+{
+    out_.push_back('[');
+}
+
 void ContentBlockerRuleListWriter::add(const ContentBlockerRule& rule)
 {
     // After finish() the list is closed; adding more would break the JSON.
@@ -288,6 +296,10 @@ void ContentBlockerRuleListWriter::add(const ContentBlockerRule& rule)
         out_.push_back(',');
     rule.appendJSON(out_);
     ++count_;
+    if (flush_ && out_.size() >= flushBytes_) {
+        flush_(out_);
+        out_.clear();
+    }
 }
 
 void ContentBlockerRuleListWriter::finish()
@@ -296,6 +308,10 @@ void ContentBlockerRuleListWriter::finish()
         return;
     out_.push_back(']');
     finished_ = true;
+    if (flush_) {
+        flush_(out_);
+        out_.clear();
+    }
 }
 
 }  // namespace stonewall

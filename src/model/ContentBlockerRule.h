@@ -4,6 +4,7 @@
 // "action" and "trigger". A typed value, so that the compiler's hot path never
 // builds a generic JSON tree; written with a streaming writer.
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,17 +47,26 @@ struct ContentBlockerRule {
     static ContentBlockerRule fromJSON(std::string_view json);
 };
 
-// Writes a list of rules as one compact JSON array into a growing buffer.
+// Writes a list of rules as one compact JSON array into a buffer: a growing
+// one that holds the whole list, or, with a flush function, one that is
+// handed on and emptied whenever it holds flushBytes, so that a list of any
+// length costs one small buffer.
 class ContentBlockerRuleListWriter {
 public:
+    using Flush = std::function<void(std::string_view)>;
+
     explicit ContentBlockerRuleListWriter(std::string& out);
+    ContentBlockerRuleListWriter(std::string& out, Flush flush, size_t flushBytes);
     void add(const ContentBlockerRule& rule);
-    // Closes the array; the buffer then holds the whole list.
+    // Closes the array; the buffer then holds the whole list (or the rest of
+    // it has gone to the flush function).
     void finish();
     size_t count() const { return count_; }
 
 private:
     std::string& out_;
+    Flush flush_;
+    size_t flushBytes_ = 0;
     size_t count_ = 0;
     bool finished_ = false;
 };

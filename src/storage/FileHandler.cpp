@@ -191,10 +191,20 @@ class PendingFile {
     // Writes and flushes the bytes; false (after logging) on any failure,
     // a full disk or a file-size limit included.
     bool fill(std::string_view data) {
-        if (!writeAll(fd_, data)) {
-            FileHandler::logError(errnoText("cannot write", target_));
-            return false;
-        }
+        return fill([data](const DataSink& sink) { return sink(data); });
+    }
+    // The same for bytes made piece by piece; false also when the producer
+    // gives up.
+    bool fill(const DataProducer& produce) {
+        bool writeFailed = false;
+        const bool complete = produce([&](std::string_view piece) {
+            if (!writeFailed && !writeAll(fd_, piece)) {
+                FileHandler::logError(errnoText("cannot write", target_));
+                writeFailed = true;
+            }
+            return !writeFailed;
+        });
+        if (!complete || writeFailed) return false;
         if (::fsync(fd_) != 0) {
             FileHandler::logError(errnoText("cannot flush", target_));
             return false;
@@ -252,8 +262,9 @@ class PendingFile {
 
 // Writes a complete new file at `path`: the bytes are flushed to disk before
 // the file gets its name, and the name replaces the old file in one rename.
-// On any failure the old file stays whole and false is returned.
-bool writeAtomically(const std::string& path, std::string_view data) {
+// On any failure (the producer giving up included) the old file stays whole
+// and false is returned.
+bool writeAtomically(const std::string& path, const DataProducer& produce) {
     if (path.empty()) {
         FileHandler::logError("write: no path");
         return false;
@@ -263,7 +274,7 @@ bool writeAtomically(const std::string& path, std::string_view data) {
         FileHandler::logError(errnoText("cannot create a temporary file for", path));
         return false;
     }
-    if (!file.fill(data) || !file.publish(PendingFile::Mode::Replace)) return false;
+    if (!file.fill(produce) || !file.publish(PendingFile::Mode::Replace)) return false;
     syncDirectory(file.directory());
     return true;
 }
@@ -285,6 +296,10 @@ bool createAtomically(const std::string& path, std::string_view data) {
         return true;
     }
     return file.targetExisted();
+}
+
+bool writeAtomically(const std::string& path, std::string_view data) {
+    return writeAtomically(path, [data](const DataSink& sink) { return sink(data); });
 }
 
 std::string lowercase(std::string_view text) {
@@ -528,6 +543,18 @@ bool FileHandler::writeToFile(const std::string& name,
 
 bool FileHandler::writeToURL(const std::string& name, std::optional<std::string_view> data) const {
     return writeToFile(name, data);
+}
+
+bool FileHandler::writeToURL(const std::string& name, const DataProducer& produce) const {
+    const std::string target = getFilePath(name);
+    if (target.empty()) {
+        logError("writeToURL: no directory");
+        return false;
+    }
+    // The old file stays whole until the new one is complete, however long
+    // making it takes.
+    if (isDirectory(target) && !moveItemAside(target)) return false;
+    return writeAtomically(target, produce);
 }
 
 std::optional<Data> FileHandler::readFromFile(const std::string& name) const {

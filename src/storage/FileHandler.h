@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -26,6 +27,12 @@ inline constexpr int64_t kApplicationSupport = 3;  // the user's configuration f
 
 // The application group the product's programs share.
 inline constexpr std::string_view kApplicationGroup = "K7Q2XJ4M9P.com.mapleharbor.Stonewall";
+
+// Takes the bytes of a file piece by piece; false when they could not be
+// written (the producer may then stop early).
+using DataSink = std::function<bool(std::string_view)>;
+// Makes a file's bytes, handing them to the sink; false abandons the file.
+using DataProducer = std::function<bool(const DataSink&)>;
 
 // Boolean key-value archive (the extension state).
 using Archive = std::map<std::string, bool>;
@@ -59,6 +66,11 @@ public:
     // deleted. Null data removes the file. True when the new file is in place.
     bool writeToFile(const std::string& name, std::optional<std::string_view> data) const;
     bool writeToURL(const std::string& name, std::optional<std::string_view> data) const;
+    // The same atomic write for a file too large to hold in memory at once:
+    // the bytes go to the temporary file as `produce` makes them, and the
+    // target is replaced only when it returns true and every piece was
+    // written. Otherwise the old file stays as it was.
+    bool writeToURL(const std::string& name, const DataProducer& produce) const;
 
     std::optional<Data> readFromFile(const std::string& name) const;
     static std::optional<Data> readFromFilePath(const std::string& path);

@@ -6,6 +6,7 @@
 #include <future>
 #include <thread>
 
+#include "platform/linux/CompiledRuleListCache.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "platform/testing/TestPlatform.h"
@@ -123,6 +124,23 @@ TEST_F(WebKitContentBlockerManagerTest, ReloadCompilesTheActiveProfilesList) {
         Manager::lookUpRuleList(manager.storePath(), Manager::kContentBlockerIdentifier, &loaded),
         std::nullopt);
     EXPECT_EQ(loaded, Manager::kContentBlockerIdentifier);
+}
+
+TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByTheIdentifier) {
+    // The cache relies on WebKit's file names: the current list must be the
+    // very file WebKit wrote for the entry, and load as the identifier's.
+    const CompiledRuleListCache names(manager.storePath(), nullptr, nullptr);
+    const std::string id = Manager::kContentBlockerIdentifier;
+    setDefaults("p", 1);
+    writeRuleList("p", kBlockRule);
+    for (int64_t status : {1, 1, 2, 1}) {
+        SCOPED_TRACE("blockingStatus " + std::to_string(status));
+        setDefaults(std::nullopt, status);
+        ASSERT_EQ(reload(), std::nullopt);
+        const std::string source = status == 2 ? Manager::kAllowEverythingRuleList : kBlockRule;
+        EXPECT_TRUE(fs::equivalent(names.currentListPath(id), names.entryPath(id, source)));
+        EXPECT_EQ(Manager::lookUpRuleList(manager.storePath(), id), std::nullopt);
+    }
 }
 
 TEST_F(WebKitContentBlockerManagerTest, ReloadWithBlockingOffCompilesTheAllowEverythingList) {
