@@ -149,6 +149,45 @@ TEST_F(FileHandlerTest, FailedWriteKeepsTheOldFileAndLeavesNoTemporaryFile) {
     EXPECT_EQ(entriesIn(*handler.path()), 1u);
 }
 
+// The streamed write replaces the old file only with a complete new one: a
+// producer that gives up, or a disk that fills up part-way (a file-size
+// limit in a child process), leave the old file whole and no temporary file.
+TEST_F(FileHandlerTest, StreamedWriteReplacesTheFileOnlyWhenComplete) {
+    struct Case {
+        const char* name;
+        bool producerSucceeds;
+        size_t sizeLimit;  // 0: none
+        bool written;
+    };
+    const std::vector<Case> cases = {
+        {"complete", true, 0, true},
+        {"producer gives up", false, 0, false},
+        {"disk fills part-way", true, 100 * 1024, false},
+    };
+    const FileHandler handler = scratch();
+    const std::string piece(64 * 1024, 'x');
+    for (const auto& testCase : cases) {
+        SCOPED_TRACE(testCase.name);
+        ASSERT_TRUE(handler.writeToFile("list.json", std::string_view("old")));
+        const int result = testing::runInChild([&] {
+            if (testCase.sizeLimit) {
+                std::signal(SIGXFSZ, SIG_IGN);
+                rlimit limit{};
+                limit.rlim_cur = limit.rlim_max = testCase.sizeLimit;
+                if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+            }
+            const bool written = handler.writeToURL("list.json", [&](const DataSink& sink) {
+                for (int i = 0; i < 4; ++i) (void)sink(piece);
+                return testCase.producerSucceeds;
+            });
+            return written ? 1 : 0;
+        });
+        EXPECT_EQ(result, testCase.written ? 1 : 0);
+        EXPECT_EQ(handler.readFromFile("list.json")->size(), testCase.written ? 4 * piece.size() : 3);
+        EXPECT_EQ(entriesIn(*handler.path()), 1u);
+    }
+}
+
 TEST_F(FileHandlerTest, FileSizes) {
     const FileHandler handler = scratch();
     EXPECT_EQ(handler.fileSize(std::string("missing")), 0);

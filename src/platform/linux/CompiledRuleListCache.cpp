@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -126,7 +127,9 @@ class IndexLock {
 bool isUsableIdentifier(const std::string& identifier) {
     return !identifier.empty() && identifier != "." && identifier != ".." &&
            std::all_of(identifier.begin(), identifier.end(), [](unsigned char c) {
-               return std::isalnum(c) || c == '.' || c == '-' || c == '_';
+               // ASCII only, whatever the locale: it becomes a file name.
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '.' || c == '-' || c == '_';
            });
 }
 

@@ -1,6 +1,5 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 
-#include <dlfcn.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -37,18 +36,6 @@ std::optional<Error> checkIdentifier(const std::string& identifier) {
     return std::nullopt;
 }
 
-// Where the module is: $STONEWALL_WEBKIT_MODULE, else the installed one when
-// it exists, else the one of the build tree (the same order as the bundle's
-// resources).
-std::string webKitModulePath() {
-    if (const char* path = std::getenv("STONEWALL_WEBKIT_MODULE"); path && *path) return path;
-    std::error_code error;
-    if (fs::is_regular_file(STONEWALL_WEBKIT_MODULE_INSTALLED, error)) {
-        return STONEWALL_WEBKIT_MODULE_INSTALLED;
-    }
-    return STONEWALL_WEBKIT_MODULE_BUILT;
-}
-
 struct ModuleLoad {
     const StonewallWebKitModule* module = nullptr;
     std::string failure;
@@ -58,22 +45,7 @@ struct ModuleLoad {
 const ModuleLoad& webKitModule() {
     static const ModuleLoad load = [] {
         ModuleLoad result;
-        const std::string path = webKitModulePath();
-        void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!handle) {
-            const char* reason = ::dlerror();
-            result.failure = "WebKit cannot be loaded (" + path + "): " +
-                             (reason ? std::string(reason) : std::string("unknown error"));
-            return result;
-        }
-        using Entry = const StonewallWebKitModule* (*)();
-        auto entry = reinterpret_cast<Entry>(::dlsym(handle, kWebKitModuleEntryPoint));
-        const StonewallWebKitModule* module = entry ? entry() : nullptr;
-        if (!module || module->interfaceVersion != kWebKitModuleInterfaceVersion) {
-            result.failure = "WebKit cannot be loaded: " + path + " is a module of another build";
-            return result;
-        }
-        result.module = module;
+        result.module = openWebKitModule(result.failure);
         return result;
     }();
     return load;

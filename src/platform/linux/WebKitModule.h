@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 extern "C" {
 
@@ -50,5 +51,11 @@ namespace stonewall::platform::linux {
 inline constexpr uint32_t kWebKitModuleInterfaceVersion = 1;
 inline constexpr const char* kWebKitModuleEntryPoint = "stonewall_webkit_module";
 inline constexpr const char* kWebKitModuleFileName = "libstonewall-webkit.so";
+
+// The module's interface, or null with the reason in `failure`. The build
+// chooses how: loaded with dlopen (WebKitModuleLoader.cpp), or, in sanitizer
+// builds, linked (WebKitModuleLinked.cpp), because LeakSanitizer cannot scan
+// the dynamic TLS of a dlopened WebKit and crashes at exit.
+const StonewallWebKitModule* openWebKitModule(std::string& failure);
 
 }  // namespace stonewall::platform::linux
