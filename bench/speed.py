@@ -89,9 +89,10 @@ def ms(seconds):
 ROWS = []
 
 
-def figure(name, value, floor_name, floor, ratio, target, cpu_ratio=None):
+def figure(name, value, floor_name, floor, ratio, target, cpu_ratio=None, cpu_ms=None):
     ok = "ok" if ratio <= target else "MISS"
     cpu = f"  (cpu {cpu_ratio:5.2f})" if cpu_ratio is not None else ""
+    cpu += f"  (cpu {cpu_ms * 1e3:.1f} ms)" if cpu_ms is not None else ""
     ROWS.append(f"{name:<24} {value:>13}  {floor_name:<28} {floor:>13}  "
                 f"{ratio:6.2f}  <= {target:<5} {ok}{cpu}")
 
@@ -144,7 +145,7 @@ def main():
             cenv)
         for name, sample in (("stonewall --version", version), ("stonewall check URL", check)):
             figure(name, ms(sample.wall), "target 20 ms (true: " + ms(true.wall).strip() + ")",
-                   ms(0.020), sample.wall / 0.020, 1.0)
+                   ms(0.020), sample.wall / 0.020, 1.0, cpu_ms=sample.cpu)
 
         # Compile without reload against the raw read, and its memory.
         raw, compile_ = alternate(options.runs, [[os.path.join(tools, "bench_raw_read"), database],
@@ -193,7 +194,8 @@ def main():
             off, on = alternate(options.runs, [[stonewall, "status", "off"],
                                                [stonewall, "status", "on"]], cenv)
             for name, sample in (("status off", off), ("status on", on)):
-                figure(name, ms(sample.wall), "target 200 ms", ms(0.200), sample.wall / 0.200, 1.0)
+                figure(name, ms(sample.wall), "target 200 ms", ms(0.200), sample.wall / 0.200, 1.0,
+                       cpu_ms=sample.cpu)
 
         print(f"{'figure':<24} {'measured':>13}  {'floor':<28} {'floor value':>13}  "
               f"{'ratio':>6}  target")
