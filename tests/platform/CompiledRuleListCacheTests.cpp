@@ -37,7 +37,7 @@ class CompiledRuleListCacheTest : public ::testing::Test {
         return CompiledRuleListCache(
             store,
             [this](const std::string& folder, const std::string& identifier,
-                   const std::string& source) -> std::optional<Error> {
+                   std::string_view source) -> std::optional<Error> {
                 ++compiles;
                 if (nextError) return std::exchange(nextError, std::nullopt);
                 std::ofstream(fs::path(folder) / ("ContentRuleList-" + identifier)) << source;

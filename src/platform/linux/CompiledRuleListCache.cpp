@@ -154,7 +154,7 @@ CompiledRuleListCache::CompiledRuleListCache(std::string storePath, Compiler com
       libraryPath_(std::move(libraryPath)),
       limits_(limits) {}
 
-std::string CompiledRuleListCache::contentKey(const std::string& source) {
+std::string CompiledRuleListCache::contentKey(std::string_view source) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_Digest(source.data(), source.size(), digest, &length, EVP_sha256(), nullptr);
@@ -166,13 +166,13 @@ std::string CompiledRuleListCache::currentListPath(const std::string& identifier
 }
 
 std::string CompiledRuleListCache::entryPath(const std::string& identifier,
-                                             const std::string& source) const {
+                                             std::string_view source) const {
     return (fs::path(cachePath_) / (kListFilePrefix + identifier + "." + contentKey(source)))
         .string();
 }
 
 CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string& identifier,
-                                                              const std::string& source) {
+                                                              std::string_view source) {
     if (!isUsableIdentifier(identifier)) {
         return {Error{Manager::kErrorDomain, Manager::kUnknownIdentifier,
                       "\"" + identifier + "\" cannot name a compiled rule list."},

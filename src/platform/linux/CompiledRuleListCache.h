@@ -35,6 +35,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Error.h"
 
@@ -48,7 +49,7 @@ class CompiledRuleListCache {
   public:
     // Compiles a source into a store folder under an identifier (WebKit).
     using Compiler = std::function<std::optional<Error>(
-        const std::string& storePath, const std::string& identifier, const std::string& source)>;
+        const std::string& storePath, const std::string& identifier, std::string_view source)>;
     // The file of the WebKit library that the compiler runs with; asked
     // only after a compile, when it is loaded anyway.
     using LibraryPath = std::function<std::string()>;
@@ -72,14 +73,14 @@ class CompiledRuleListCache {
     // Makes the compiled form of `source` the current list of `identifier`,
     // compiling it only when no usable entry holds it. `identifier` must be
     // made of letters, digits, ".", "-" and "_" (it becomes a file name).
-    Outcome install(const std::string& identifier, const std::string& source);
+    Outcome install(const std::string& identifier, std::string_view source);
 
     // The file of the current list of `identifier`, and of the entry for a
     // source (whether or not it exists).
     std::string currentListPath(const std::string& identifier) const;
-    std::string entryPath(const std::string& identifier, const std::string& source) const;
+    std::string entryPath(const std::string& identifier, std::string_view source) const;
 
-    static std::string contentKey(const std::string& source);
+    static std::string contentKey(std::string_view source);
 
   private:
     std::string storePath_;

@@ -1,14 +1,17 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "platform/Platform.h"
@@ -56,7 +59,7 @@ void collectError(void* context, const char* domain, int64_t code, const char* m
 }
 
 std::optional<Error> compileWithModule(const std::string& storePath, const std::string& identifier,
-                                       const std::string& json) {
+                                       std::string_view json) {
     const ModuleLoad& load = webKitModule();
     if (!load.module) {
         return ourError(WebKitContentBlockerManager::kWebKitUnavailable, load.failure);
@@ -67,20 +70,47 @@ std::optional<Error> compileWithModule(const std::string& storePath, const std::
     return error;
 }
 
-std::optional<std::string> readWholeFile(const fs::path& path, std::string& failure) {
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream) {
-        failure = "cannot be opened";
-        return std::nullopt;
+// The rule list, mapped rather than read: a 50000-rule list is several MB,
+// and a reload of a list compiled before only hashes it; copying it into
+// fresh memory cost most of such a reload. Rule files are only ever replaced
+// by a rename, never rewritten in place, so the mapping stays whole.
+class MappedFile {
+  public:
+    // Empty `failure` on success.
+    MappedFile(const fs::path& path, std::string& failure) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            failure = "cannot be opened";
+            return;
+        }
+        struct stat info {};
+        if (::fstat(fd, &info) != 0) {
+            failure = "cannot be read";
+        } else if (info.st_size > 0) {
+            size_ = static_cast<size_t>(info.st_size);
+            data_ = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
+            if (data_ == MAP_FAILED) {
+                data_ = nullptr;
+                size_ = 0;
+                failure = "cannot be read";
+            }
+        }
+        ::close(fd);
     }
-    std::ostringstream text;
-    text << stream.rdbuf();
-    if (stream.bad()) {
-        failure = "cannot be read";
-        return std::nullopt;
+    ~MappedFile() {
+        if (data_) ::munmap(data_, size_);
     }
-    return std::move(text).str();
-}
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+
+    std::string_view text() const {
+        return data_ ? std::string_view(static_cast<const char*>(data_), size_) : std::string_view();
+    }
+
+  private:
+    void* data_ = nullptr;
+    size_t size_ = 0;
+};
 
 // A profile identifier read from the shared defaults becomes part of a file
 // name: nothing that could leave the .Profiles folder.
@@ -192,8 +222,13 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
     };
     // The thread starts with the first reload; a service that never
     // reloads costs nothing.
-    if (!worker_) worker_ = std::make_shared<Worker>(storePath_);
-    worker_->thread.invoke([worker = std::weak_ptr<Worker>(worker_), container = containerPath_,
+    std::shared_ptr<Worker> current;
+    {
+        std::lock_guard lock(workerMutex_);
+        if (!worker_) worker_ = std::make_shared<Worker>(storePath_);
+        current = worker_;
+    }
+    current->thread.invoke([worker = std::weak_ptr<Worker>(current), container = containerPath_,
                             storePath = storePath_,
                             defaultsPath = defaultsPath_, identifier,
                             complete = std::move(complete)]() mutable {
@@ -205,7 +240,8 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
         }
         // The browser sees what was synchronised, not this process's memory.
         FileUserDefaults defaults(defaultsPath);
-        std::string ruleList;
+        std::optional<MappedFile> mapped;
+        std::string_view ruleList;
         if (defaults.integerForKey("blockingStatus") == 2) {
             ruleList = kAllowEverythingRuleList;
         } else {
@@ -228,21 +264,21 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
                 return;
             }
             std::string failure;
-            auto text = readWholeFile(file, failure);
-            if (!text) {
+            mapped.emplace(file, failure);
+            if (!failure.empty()) {
                 complete(ourError(kRuleListUnreadable,
                                   "The rule list " + file.string() + " " + failure + "."),
                          false);
                 return;
             }
-            ruleList = std::move(*text);
+            ruleList = mapped->text();
         }
         const auto owner = worker.lock();
         if (!owner) return;  // the service is gone
         auto outcome = owner->cache.install(identifier, ruleList);
         if (outcome.error && outcome.error->domain == kWebKitFilterErrorDomain) {
-            outcome.error = loadWithoutRejectedRules(storePath, identifier, ruleList,
-                                                     *outcome.error);
+            outcome.error = loadWithoutRejectedRules(storePath, identifier,
+                                                     std::string(ruleList), *outcome.error);
         }
         complete(std::move(outcome.error), outcome.compiled);
     });

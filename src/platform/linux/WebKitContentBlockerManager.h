@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -104,7 +105,8 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
     std::string defaultsPath_;
     std::string storePath_;
     std::shared_ptr<Log> log_;
-    std::shared_ptr<Worker> worker_;
+    std::mutex workerMutex_;
+    std::shared_ptr<Worker> worker_;  // made by the first reload
 };
 
 }  // namespace stonewall::platform::linux
