@@ -16,30 +16,6 @@
 namespace stonewall::tool {
 namespace {
 
-struct ListNames {
-    int64_t action;
-    const char* list;     // as people call it
-    const char* command;  // the command that takes a website off it
-};
-
-constexpr ListNames kLists[] = {
-    {ActionCode::kBlockWebsite, "block", "unblock"},
-    {ActionCode::kSecureWebsite, "secure", "unsecure"},
-    {ActionCode::kAllowWebsite, "allow", "unallow"},
-};
-
-const ListNames& listNames(WebsiteList list) {
-    switch (list) {
-        case WebsiteList::Secure:
-            return kLists[1];
-        case WebsiteList::Allow:
-            return kLists[2];
-        case WebsiteList::Block:
-            break;
-    }
-    return kLists[0];
-}
-
 void throwIfFailed(const ApplicationOutcome& outcome) {
     if (!outcome) return;
     throw CommandFailure(outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput
@@ -52,14 +28,7 @@ void reloadActiveProfile(Session& session, CompanionController& engine, Report& 
     CompileReport compile;
     const ReloadRun run = ReloadRequest(session, &compile)
                               .run(engine.sharedData()->activeProfileID, engine.activeDatabase());
-    if (!run.hostSkipsReload) {
-        report.json["rulesWritten"] = compile.rulesWritten;
-        report.json["bytesWritten"] = compile.bytesWritten;
-        report.json["ruleFile"] = compile.outputPath;
-        report.table.add("rules", compileSummary(compile));
-    }
-    describeReload(run, report);
-    checkOutcome(run, &compile);
+    reportReload(run, compile, report);
 }
 
 std::string plural(int64_t count, const std::string& noun) {
@@ -80,17 +49,20 @@ std::vector<std::string> listedHosts(CompanionController& engine, int64_t action
     return hosts;
 }
 
-// What the tidy did to one list, for the report; `always` also for a list
-// it left as it was.
-void describeTidy(const ListNames& names, const WebsiteListEditor::TidyReport& tidy, bool always,
-                  Report& report) {
-    report.json["lists"][names.list] = Json{{"rulesBefore", tidy.rulesBefore},
+// Whether a list the tidy left as it was gets a row of its own.
+enum class UnchangedLists { Omit, Show };
+
+// What the tidy did to one list, for the report.
+void describeTidy(const WebsiteListNames& names, const WebsiteListEditor::TidyReport& tidy,
+                  UnchangedLists unchanged, Report& report) {
+    const bool always = unchanged == UnchangedLists::Show;
+    report.json["lists"][names.name] = Json{{"rulesBefore", tidy.rulesBefore},
                                             {"hosts", tidy.hosts},
                                             {"changed", tidy.changed},
                                             {"statusSet", tidy.statusSet}};
-    const std::string label = std::string(names.list) + " list";
+    const std::string label = std::string(names.name) + " list";
     if (tidy.leftAloneStatus) {
-        report.json["lists"][names.list]["status"] = *tidy.leftAloneStatus;
+        report.json["lists"][names.name]["status"] = *tidy.leftAloneStatus;
         if (always) {
             report.table.add(label, "left alone (status " +
                                         std::to_string(*tidy.leftAloneStatus) +
@@ -119,17 +91,17 @@ void describeTidy(const ListNames& names, const WebsiteListEditor::TidyReport& t
 
 void tidyWebsiteLists(CompanionController& engine, Report& report) {
     WebsiteListEditor editor(engine);
-    for (const ListNames& names : kLists) {
+    for (const WebsiteListNames& names : kWebsiteLists) {
         WebsiteListEditor::TidyReport tidy;
         throwIfFailed(editor.tidyList(names.action, tidy));
-        describeTidy(names, tidy, /*always=*/false, report);
+        describeTidy(names, tidy, UnchangedLists::Omit, report);
     }
 }
 
 void runRemoveWebsite(const CommonOptions& common, WebsiteList list, const std::string& url,
                       Report& report) {
-    const ListNames& names = listNames(list);
-    report.json["command"] = names.command;
+    const WebsiteListNames& names = websiteListNames(list);
+    report.json["command"] = names.removal;
     const std::string host = requirePageURL(url).host;
 
     Session session(common);
@@ -142,11 +114,11 @@ void runRemoveWebsite(const CommonOptions& common, WebsiteList list, const std::
     throwIfFailed(WebsiteListEditor(*engine).removeWebsite(names.action, host, removed));
     report.json["changed"] = removed;
     if (!removed) {
-        report.notes.push_back(host + " is not on the " + names.list + " list of profile " +
+        report.notes.push_back(host + " is not on the " + names.name + " list of profile " +
                                profileID + "; nothing changed.");
         return;
     }
-    report.table.add(std::string("removed from the ") + names.list + " list", host);
+    report.table.add(std::string("removed from the ") + names.name + " list", host);
     report.table.add("profile", profileID);
     tidyWebsiteLists(*engine, report);
     reloadActiveProfile(session, *engine, report);
@@ -157,19 +129,17 @@ void runListsTidy(const CommonOptions& common, Report& report) {
     Session session(common);
     auto engine = session.openEngine();
     const std::string profileID = requireActiveProfile(*engine->sharedData());
-    report.json["profile"] = profileID;
-    report.table.add("profile", profileID);
+    report.add("profile", "profile", profileID);
 
     WebsiteListEditor editor(*engine);
     bool changed = false;
-    for (const ListNames& names : kLists) {
+    for (const WebsiteListNames& names : kWebsiteLists) {
         WebsiteListEditor::TidyReport tidy;
         throwIfFailed(editor.tidyList(names.action, tidy));
-        describeTidy(names, tidy, /*always=*/true, report);
+        describeTidy(names, tidy, UnchangedLists::Show, report);
         changed |= tidy.changed;
     }
-    report.json["domainStatus"] = textOrNull(engine->sharedData()->domainStatus);
-    report.table.add("domain status", textOrNull(engine->sharedData()->domainStatus));
+    report.add("domainStatus", "domain status", textOrNull(engine->sharedData()->domainStatus));
     report.json["changed"] = changed;
     if (!changed) {
         report.notes.push_back("The website lists are tidy; nothing changed.");
@@ -223,8 +193,7 @@ void runProfileRemove(const CommonOptions& common, const std::string& profileID,
     Session session(common);
     auto engine = session.openEngine();
     throwIfFailed(ProfileManager(*engine).removeProfile(profileID));
-    report.json["profile"] = profileID;
-    report.table.add("removed", profileID);
+    report.add("profile", "removed", profileID);
     report.table.add("profiles left", std::to_string(splitList(engine->sharedData()->profileIDs).size()));
 }
 
@@ -303,8 +272,7 @@ void runOpenURL(const CommonOptions& common, const std::string& url, Report& rep
                              "is not one of Stonewall's URLs (" + known + ")");
     }
     report.json["url"] = std::string(target->url);
-    report.json["screen"] = std::string(target->title);
-    report.table.add("screen", std::string(target->title));
+    report.add("screen", "screen", std::string(target->title));
     report.notes.push_back(std::string(target->explanation));
 
     Session session(common);
@@ -334,8 +302,7 @@ void runOpenURL(const CommonOptions& common, const std::string& url, Report& rep
     };
     switch (target->screen) {
         case ApplicationScreen::Status:
-            report.json["blocking"] = shared.status == 1 ? "on" : "off";
-            report.table.add("blocking", shared.status == 1 ? "on" : "off");
+            report.add("blocking", "blocking", blockingText(shared.status));
             break;
         case ApplicationScreen::Activate:
             showProfiles();
@@ -366,8 +333,7 @@ void runOpenURL(const CommonOptions& common, const std::string& url, Report& rep
             break;
         }
         case ApplicationScreen::Open:
-            report.json["blocking"] = shared.status == 1 ? "on" : "off";
-            report.table.add("blocking", shared.status == 1 ? "on" : "off");
+            report.add("blocking", "blocking", blockingText(shared.status));
             showProfiles();
             break;
     }

@@ -33,6 +33,24 @@ constexpr int64_t kCompileOrder[] = {
 
 }  // namespace
 
+const WebsiteListNames kWebsiteLists[3] = {
+    {ActionCode::kBlockWebsite, "block", "blocked", "unblock"},
+    {ActionCode::kSecureWebsite, "secure", "secured", "unsecure"},
+    {ActionCode::kAllowWebsite, "allow", "allowed", "unallow"},
+};
+
+const WebsiteListNames& websiteListNames(WebsiteList list) {
+    switch (list) {
+        case WebsiteList::Secure:
+            return kWebsiteLists[1];
+        case WebsiteList::Allow:
+            return kWebsiteLists[2];
+        case WebsiteList::Block:
+            break;
+    }
+    return kWebsiteLists[0];
+}
+
 std::vector<std::string> splitList(const NullableString& text) {
     std::vector<std::string> pieces;
     if (!text || text->empty()) return pieces;
@@ -200,6 +218,14 @@ ReloadRun ReloadRequest::run(const NullableString& profileID,
                [&] { return std::make_pair(profileID, database); });
 }
 
+ReloadRequest::Target activeProfileOf(CompanionController& engine) {
+    return [&engine] {
+        return std::make_pair(
+            engine.sharedData() ? engine.sharedData()->activeProfileID : NullableString(),
+            engine.activeDatabase());
+    };
+}
+
 std::string_view actionName(int64_t action) {
     switch (action) {
         case ActionCode::kBlockWebsite:
@@ -224,12 +250,11 @@ std::string_view actionName(int64_t action) {
 }
 
 void describeCompile(const CompileReport& compile, Report& report) {
-    report.json["profile"] = compile.profileID ? Json(*compile.profileID) : Json(nullptr);
-    report.table.add("profile", textOrNull(compile.profileID));
+    report.add("profile", compile.profileID ? Json(*compile.profileID) : Json(nullptr), "profile",
+               textOrNull(compile.profileID));
 
     Json byAction = Json::object();
-    report.json["rulesRead"] = compile.rulesRead();
-    report.table.add("rules read", std::to_string(compile.rulesRead()));
+    report.add("rulesRead", compile.rulesRead(), "rules read", std::to_string(compile.rulesRead()));
     for (int64_t action : kCompileOrder) {
         const int64_t read = compile.rulesReadByAction[static_cast<size_t>(action)];
         byAction[std::to_string(action)] = read;
@@ -259,8 +284,8 @@ void describeReload(const ReloadRun& run, Report& report) {
     if (run.compiled) report.json["writeMilliseconds"] = run.writeMilliseconds;
     report.json["totalMilliseconds"] = run.totalMilliseconds;
     if (run.hostSkipsReload) {
-        report.json["reload"] = "skipped";
-        report.table.add("reload", "skipped: the host's toolkit is older than 1504, nothing done");
+        report.add("reload", "skipped", "reload",
+                   "skipped: the host's toolkit is older than 1504, nothing done");
         return;
     }
     report.table.add("time", (run.compiled ? formatDuration(run.writeMilliseconds) + " to write, "
@@ -284,13 +309,11 @@ void describeReload(const ReloadRun& run, Report& report) {
                                "remove or fix them.");
     }
     if (!run.error) {
-        report.json["reload"] = "done";
-        report.table.add("reload", "done");
+        report.add("reload", "reload", "done");
         return;
     }
     report.json["reload"] = "failed";
-    report.json["reloadError"] = errorJSON(*run.error);
-    report.table.add("reload", "failed");
+    report.add("reloadError", errorJSON(*run.error), "reload", "failed");
 }
 
 void checkOutcome(const ReloadRun& run, const CompileReport* compile) {
@@ -331,6 +354,23 @@ void requireStored(const Session& session, int64_t failuresBefore,
     const std::string why = failed ? "storage failed: " + session.lastStorageFailure()
                                    : std::string("the change is not in the database");
     throw CommandFailure(ExitCode::Storage, what, why);
+}
+
+void describeRuleFile(const ReloadRun& run, const CompileReport& compile, Report& report) {
+    if (run.hostSkipsReload) return;
+    report.json["rulesWritten"] = compile.rulesWritten;
+    report.json["bytesWritten"] = compile.bytesWritten;
+    report.add("ruleFile", compile.outputPath, "rules", compileSummary(compile));
+}
+
+void finishReload(const ReloadRun& run, const CompileReport* compile, Report& report) {
+    describeReload(run, report);
+    checkOutcome(run, compile);
+}
+
+void reportReload(const ReloadRun& run, const CompileReport& compile, Report& report) {
+    describeRuleFile(run, compile, report);
+    finishReload(run, &compile, report);
 }
 
 std::string compileSummary(const CompileReport& compile) {

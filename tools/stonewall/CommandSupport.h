@@ -16,6 +16,20 @@
 
 namespace stonewall::tool {
 
+// The three website lists of the popover's website view.
+enum class WebsiteList { Block, Secure, Allow };
+
+// How a website list is named to people and on the command line.
+struct WebsiteListNames {
+    int64_t action;       // the action code of its rules
+    const char* name;     // "block": the list, the command that adds to it, its JSON member
+    const char* done;     // "blocked": what adding a website did
+    const char* removal;  // "unblock": the command that takes a website off it
+};
+// Block, secure, allow: the order in which the lists are tidied and shown.
+extern const WebsiteListNames kWebsiteLists[3];
+[[nodiscard]] const WebsiteListNames& websiteListNames(WebsiteList list);
+
 // The pieces of a list held in one text field, split at a bare ",".
 std::vector<std::string> splitList(const NullableString& text);
 
@@ -27,13 +41,13 @@ struct PageURL {
 };
 // Refuses text that is not a URL with a host, since the engine would store
 // a rule with an absent domain.
-PageURL requirePageURL(const std::string& text);
+[[nodiscard]] PageURL requirePageURL(const std::string& text);
 
 // Refuses an identifier that is not among the shared record's profileIDs.
 void requireKnownProfile(const SharedData& sharedData, const std::string& profileID);
 
 // The active profile of the shared record; refuses a record that names none.
-std::string requireActiveProfile(const SharedData& sharedData);
+[[nodiscard]] std::string requireActiveProfile(const SharedData& sharedData);
 
 // Timing and outcome of one reload request.
 struct ReloadRun {
@@ -56,14 +70,20 @@ class ReloadRequest {
     // that `target()` gives at that moment (the front reads them in the
     // completion, after the first step changed them).
     using Target = std::function<std::pair<NullableString, std::shared_ptr<ProfileDatabase>>()>;
-    ReloadRun run(const std::function<void(CompletionHandler then)>& first, const Target& target);
+    [[nodiscard]] ReloadRun run(const std::function<void(CompletionHandler then)>& first,
+                                const Target& target);
     // Only the reload.
-    ReloadRun run(const NullableString& profileID, std::shared_ptr<ProfileDatabase> database);
+    [[nodiscard]] ReloadRun run(const NullableString& profileID,
+                                std::shared_ptr<ProfileDatabase> database);
 
   private:
     Session& session_;
     CompileReport* report_;
 };
+
+// The target of a change made through the engine: the profile and database
+// it names active once the change is done.
+[[nodiscard]] ReloadRequest::Target activeProfileOf(CompanionController& engine);
 
 // Adds the compile figures (profile, rules read by action, dropped, written,
 // bytes, file) to the report.
@@ -75,6 +95,15 @@ void describeReload(const ReloadRun& run, Report& report);
 // browser's message). On a host that skips reloads nothing was asked.
 void checkOutcome(const ReloadRun& run, const CompileReport* compile);
 
+// The short compile line of a command that changed rules (rules and bytes
+// written, the rule file); nothing on a host that skips reloads.
+void describeRuleFile(const ReloadRun& run, const CompileReport& compile, Report& report);
+// describeReload, then checkOutcome.
+void finishReload(const ReloadRun& run, const CompileReport* compile, Report& report);
+// What every command that changed rules ends with: describeRuleFile and
+// finishReload.
+void reportReload(const ReloadRun& run, const CompileReport& compile, Report& report);
+
 // Throws CommandFailure (ExitCode::Storage) with `what` when the session met
 // more storage failures than `failuresBefore` (its count before the change)
 // or `isStored` answers false.
@@ -85,5 +114,11 @@ void requireStored(const Session& session, int64_t failuresBefore,
 std::string compileSummary(const CompileReport& compile);
 
 std::string_view actionName(int64_t action);
+
+// The shared record's blocking status; any other value is off to the browser.
+constexpr int64_t kStatusOn = 1;
+constexpr int64_t kStatusOff = 0;
+// "on" or "off", as the browser sees the status.
+inline const char* blockingText(int64_t status) { return status == kStatusOn ? "on" : "off"; }
 
 }  // namespace stonewall::tool

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "CommandSupport.h"
 #include "Report.h"
 #include "Session.h"
 
@@ -17,9 +18,6 @@ struct CompileOptions {
     std::optional<std::string> profile;  // absent: the active profile
     bool noReload = false;               // write the rule file only
 };
-
-// The three website lists of the popover's website view.
-enum class WebsiteList { Block, Secure, Allow };
 
 void runCompile(const CommonOptions& common, const CompileOptions& options, Report& report);
 // Without a state: shows the status.

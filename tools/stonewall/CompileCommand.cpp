@@ -43,8 +43,7 @@ void runCompile(const CommonOptions& common, const CompileOptions& options, Repo
 
     const ReloadRun run = ReloadRequest(session, &compile).run(profileID, database);
     if (!run.hostSkipsReload) describeCompile(compile, report);
-    describeReload(run, report);
-    checkOutcome(run, &compile);
+    finishReload(run, &compile, report);
 }
 
 }  // namespace stonewall::tool

@@ -106,12 +106,12 @@ void runInfo(const CommonOptions& common, Report& report) {
     }
     report.json["activeProfileID"] =
         shared.activeProfileID ? Json(*shared.activeProfileID) : Json(nullptr);
-    report.json["blocking"] = shared.status == 1 ? "on" : "off";
+    report.json["blocking"] = blockingText(shared.status);
     report.json["status"] = shared.status;
     report.json["domainStatus"] = shared.domainStatus ? Json(*shared.domainStatus) : Json();
     report.table.add("active profile", textOrNull(shared.activeProfileID) +
                                            (activeName.empty() ? "" : " (" + activeName + ")"));
-    report.table.add("blocking", shared.status == 1 ? "on" : "off");
+    report.table.add("blocking", blockingText(shared.status));
 
     // What the content blocker reads on its next load.
     auto suite = platform::defaults().suiteNamed(std::string(kApplicationGroup));
@@ -132,8 +132,7 @@ void runInfo(const CommonOptions& common, Report& report) {
         }
         defaultsText += (defaultsText.empty() ? "" : ", ") + name + " " + value;
     }
-    report.json["defaults"] = std::move(defaults);
-    report.table.add("defaults", defaultsText);
+    report.add("defaults", std::move(defaults), "defaults", defaultsText);
 
     Json files = Json::array();
     for (const char* folder :

@@ -18,15 +18,16 @@ namespace stonewall::tool {
 std::string inputName(const std::string& path);
 
 // The whole file, or standard input for "-".
-std::string readInputFile(const std::string& path);
+[[nodiscard]] std::string readInputFile(const std::string& path);
 
 // The text as a JSON array; a parse error names the parser's position.
-nlohmann::json parseJSONArray(std::string_view text, const std::string& name);
+[[nodiscard]] nlohmann::json parseJSONArray(std::string_view text, const std::string& name);
 
 // The elements of a "VisualData" message's "data": an array holding one array
 // of exactly nine strings per element (the message's whole user info, an
 // object with that array under "data", is taken too). Every entry is checked
 // before any is used; there must be at least one.
-std::vector<DataElement> elementsFromMessageData(std::string_view text, const std::string& name);
+[[nodiscard]] std::vector<DataElement> elementsFromMessageData(std::string_view text,
+                                                               const std::string& name);
 
 }  // namespace stonewall::tool

@@ -73,36 +73,23 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
     const ReloadRun run =
         ReloadRequest(session, &compile)
             .run([&](CompletionHandler then) { engine->createVisualCustomRules(elements, then); },
-                 [&] {
-                     return std::make_pair(engine->sharedData()
-                                               ? engine->sharedData()->activeProfileID
-                                               : NullableString(),
-                                           engine->activeDatabase());
-                 });
+                 activeProfileOf(*engine));
 
-    report.json["page"] = host;
-    report.json["profile"] = profileID;
-    report.json["elements"] = elements.size();
+    report.add("page", "page", host);
+    report.add("profile", "profile", profileID);
+    report.add("elements", elements.size(), "elements", std::to_string(elements.size()));
     report.json["hideRules"] = hideRules;
     report.json["blockRules"] = blockRules;
     report.json["skipped"] = skipped;
-    report.table.add("page", host);
-    report.table.add("profile", profileID);
-    report.table.add("elements", std::to_string(elements.size()));
     report.table.add(
         "new rules",
         std::to_string(hideRules) + " hide, " + std::to_string(blockRules) + " block" +
             (skipped ? ", " + std::to_string(skipped) + " skipped (media without a usable source)"
                      : std::string()));
-    if (!run.hostSkipsReload) {
-        report.json["rulesWritten"] = compile.rulesWritten;
-        report.json["bytesWritten"] = compile.bytesWritten;
-        report.json["ruleFile"] = compile.outputPath;
-        report.table.add("rules", compileSummary(compile));
-    }
+    // The rules written are shown also when the picked rules turn out unstored.
+    describeRuleFile(run, compile, report);
     requireStored(session, failuresBefore, [] { return true; }, "the picked elements' rules");
-    describeReload(run, report);
-    checkOutcome(run, &compile);
+    finishReload(run, &compile, report);
 }
 
 }  // namespace stonewall::tool

@@ -44,8 +44,8 @@ void Table::print(std::ostream& out) const {
     }
 }
 
-void printReport(const Report& report, bool json, std::ostream& out) {
-    if (json) {
+void printReport(const Report& report, ReportFormat format, std::ostream& out) {
+    if (format == ReportFormat::JSON) {
         if (!report.json.empty()) out << compactJSON(report.json) << '\n';
     } else {
         report.table.print(out);

@@ -62,14 +62,14 @@ class Session {
     // (an unusable identifier planted in the shared record) is only warned
     // about, so that the commands that repair it still work.
     enum class ActiveProfile { Required, Optional };
-    std::unique_ptr<CompanionController> openEngine(
+    [[nodiscard]] std::unique_ptr<CompanionController> openEngine(
         ActiveProfile use = ActiveProfile::Required) const;
 
     // Starts the operation from the main queue and runs the main queue until
     // its completion is called, returning the completion's error. Throws
     // CommandFailure (ExitCode::Reload) naming `what` when the watchdog fires first.
-    std::optional<Error> await(const std::string& what,
-                               const std::function<void(CompletionHandler)>& start);
+    [[nodiscard]] std::optional<Error> await(const std::string& what,
+                                             const std::function<void(CompletionHandler)>& start);
 
     // Runs the main queue until SIGINT or SIGTERM (Signals::StopMainLoop) or
     // until stop() is called from the main queue.
@@ -78,7 +78,7 @@ class Session {
 
     // Storage failures met so far (their logError lines), and the latest
     // one's text: the engine never hears of them, the command must.
-    int64_t storageFailures() const;
+    [[nodiscard]] int64_t storageFailures() const;
     std::string lastStorageFailure() const;
 
     // True when a watchdog fired: engine work may still run on other threads,
@@ -106,10 +106,10 @@ class Session {
 
 // Whether a profile identifier can name the profile's files: not empty, not
 // "." or "..", no path separator of either kind, no control character.
-bool isUsableProfileID(std::string_view identifier);
+[[nodiscard]] bool isUsableProfileID(std::string_view identifier);
 
 // Whether the host asks for reloads at all (toolkit 1504 and later); older
 // hosts complete every reload at once without doing anything.
-bool hostReloadsContentBlockers();
+[[nodiscard]] bool hostReloadsContentBlockers();
 
 }  // namespace stonewall::tool

@@ -9,9 +9,6 @@
 namespace stonewall::tool {
 namespace {
 
-constexpr int64_t kStatusOn = 1;
-constexpr int64_t kStatusOff = 0;
-
 std::string statusText(int64_t status) {
     if (status == kStatusOn) return "on";
     if (status == kStatusOff) return "off";
@@ -30,9 +27,8 @@ void runStatus(const CommonOptions& common, const std::optional<std::string>& st
     const int64_t before = engine->sharedData()->status;
 
     if (!state) {
-        report.json["blocking"] = before == kStatusOn ? "on" : "off";
-        report.json["status"] = before;
-        report.table.add("blocking", statusText(before));
+        report.json["blocking"] = blockingText(before);
+        report.add("status", before, "blocking", statusText(before));
         return;
     }
 
@@ -78,18 +74,17 @@ void runStatus(const CommonOptions& common, const std::optional<std::string>& st
         [&] { return std::make_pair(reloadProfile, engine->activeDatabase()); });
 
     const int64_t after = engine->sharedData() ? engine->sharedData()->status : before;
-    report.json["blocking"] = after == kStatusOn ? "on" : "off";
-    report.json["status"] = after;
+    report.json["blocking"] = blockingText(after);
+    report.add("status", after, "blocking",
+               statusText(after) + " (was " + statusText(before) + ")");
     report.json["changed"] = true;
-    report.table.add("blocking", statusText(after) + " (was " + statusText(before) + ")");
     if (run.compiled && !run.hostSkipsReload) {
         report.json["rulesWritten"] = compile.rulesWritten;
-        report.json["ruleFile"] = compile.outputPath;
-        report.table.add("rules", compileSummary(compile) + " (first compile of profile " +
-                                      textOrNull(reloadProfile) + ")");
+        report.add("ruleFile", compile.outputPath, "rules",
+                   compileSummary(compile) + " (first compile of profile " +
+                       textOrNull(reloadProfile) + ")");
     }
-    describeReload(run, report);
-    checkOutcome(run, run.compiled ? &compile : nullptr);
+    finishReload(run, run.compiled ? &compile : nullptr, report);
 }
 
 void runProfileList(const CommonOptions& common, Report& report) {
@@ -151,16 +146,9 @@ void runProfileActivate(const CommonOptions& common, const std::string& profileI
                 });
 
     report.json["changed"] = true;
-    report.json["previousProfile"] = previous;
-    report.table.add("active profile", profileID + " (was " + previous + ")");
-    if (!run.hostSkipsReload) {
-        report.json["rulesWritten"] = compile.rulesWritten;
-        report.json["bytesWritten"] = compile.bytesWritten;
-        report.json["ruleFile"] = compile.outputPath;
-        report.table.add("rules", compileSummary(compile));
-    }
-    describeReload(run, report);
-    checkOutcome(run, &compile);
+    report.add("previousProfile", previous, "active profile",
+               profileID + " (was " + previous + ")");
+    reportReload(run, compile, report);
 }
 
 }  // namespace stonewall::tool

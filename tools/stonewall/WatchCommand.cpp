@@ -11,12 +11,15 @@
 namespace stonewall::tool {
 namespace {
 
-std::string timestamp(bool utc) {
+enum class TimeZone { UTC, Local };
+
+std::string timestamp(TimeZone zone) {
     const auto now = std::chrono::system_clock::now();
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     const auto milliseconds =
         std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
         1000;
+    const bool utc = zone == TimeZone::UTC;
     std::tm parts{};
     if (utc) {
         gmtime_r(&seconds, &parts);
@@ -49,12 +52,12 @@ void runWatch(const CommonOptions& common, std::optional<int64_t> count, Report&
             ++seen;
             if (json) {
                 Json line = Json::object();
-                line["time"] = timestamp(/*utc=*/true);
+                line["time"] = timestamp(TimeZone::UTC);
                 line["name"] = notification;
                 line["object"] = object;
                 std::cout << compactJSON(line) << std::endl;
             } else {
-                std::cout << timestamp(/*utc=*/false) << "  " << withoutControls(notification)
+                std::cout << timestamp(TimeZone::Local) << "  " << withoutControls(notification)
                           << "  " << withoutControls(object) << std::endl;
             }
             if (count && seen >= *count) session.stop();

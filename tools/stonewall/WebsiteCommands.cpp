@@ -6,36 +6,13 @@
 #include "CommandSupport.h"
 #include "Commands.h"
 #include "Failure.h"
-#include "model/RuleCodes.h"
 
 namespace stonewall::tool {
-namespace {
-
-struct ListInfo {
-    int64_t action;
-    const char* command;
-    const char* listName;  // as people call it
-    const char* done;      // past tense for the report
-};
-
-ListInfo listInfo(WebsiteList list) {
-    switch (list) {
-        case WebsiteList::Block:
-            return {ActionCode::kBlockWebsite, "block", "block", "blocked"};
-        case WebsiteList::Secure:
-            return {ActionCode::kSecureWebsite, "secure", "secure", "secured"};
-        case WebsiteList::Allow:
-            return {ActionCode::kAllowWebsite, "allow", "allow", "allowed"};
-    }
-    return {ActionCode::kBlockWebsite, "block", "block", "blocked"};
-}
-
-}  // namespace
 
 void runWebsite(const CommonOptions& common, WebsiteList list, const std::string& url,
                 Report& report) {
-    const ListInfo info = listInfo(list);
-    report.json["command"] = info.command;
+    const WebsiteListNames& info = websiteListNames(list);
+    report.json["command"] = info.name;
     // Before the engine: it would store a rule with an absent domain.
     const PageURL page = requirePageURL(url);
     const std::string& host = page.host;
@@ -49,7 +26,7 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
     // The popover offers the button only while the host is not on the list.
     if (engine->checkWebsiteExists(host, info.action)) {
         report.json["changed"] = false;
-        report.notes.push_back(host + " is already on the " + info.listName + " list of profile " +
+        report.notes.push_back(host + " is already on the " + info.name + " list of profile " +
                                profileID + "; nothing changed.");
         return;
     }
@@ -77,12 +54,7 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
                             break;
                     }
                 },
-                [&] {
-                    return std::make_pair(engine->sharedData()
-                                              ? engine->sharedData()->activeProfileID
-                                              : NullableString(),
-                                          engine->activeDatabase());
-                });
+                activeProfileOf(*engine));
 
     // The engine cannot tell a dropped write from a stored one; a fresh
     // connection reads what another program would now see.
@@ -96,19 +68,12 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
             if (std::find(stored.begin(), stored.end(), host) != stored.end()) return true;
         }
         return false;
-    }, host + " could not be stored in the " + info.listName + " list of profile " + profileID);
+    }, host + " could not be stored in the " + info.name + " list of profile " + profileID);
 
     report.json["changed"] = true;
     report.table.add(info.done, host);
     report.table.add("profile", profileID);
-    if (!run.hostSkipsReload) {
-        report.json["rulesWritten"] = compile.rulesWritten;
-        report.json["bytesWritten"] = compile.bytesWritten;
-        report.json["ruleFile"] = compile.outputPath;
-        report.table.add("rules", compileSummary(compile));
-    }
-    describeReload(run, report);
-    checkOutcome(run, &compile);
+    reportReload(run, compile, report);
 }
 
 void runCheck(const CommonOptions& common, const std::string& url, Report& report) {
@@ -117,17 +82,12 @@ void runCheck(const CommonOptions& common, const std::string& url, Report& repor
 
     Session session(common);
     auto engine = session.openEngine();
-    report.json["host"] = host;
-    report.json["profile"] = engine->sharedData()->activeProfileID
-                                 ? Json(*engine->sharedData()->activeProfileID)
-                                 : Json(nullptr);
-    report.table.add("host", host);
-    report.table.add("profile", textOrNull(engine->sharedData()->activeProfileID));
-    for (WebsiteList list : {WebsiteList::Block, WebsiteList::Secure, WebsiteList::Allow}) {
-        const ListInfo info = listInfo(list);
+    const NullableString& active = engine->sharedData()->activeProfileID;
+    report.add("host", "host", host);
+    report.add("profile", active ? Json(*active) : Json(nullptr), "profile", textOrNull(active));
+    for (const WebsiteListNames& info : kWebsiteLists) {
         const bool listed = engine->checkWebsiteExists(host, info.action);
-        report.json[info.listName] = listed;
-        report.table.add(info.listName, yesNo(listed));
+        report.add(info.name, listed, info.name, yesNo(listed));
     }
 }
 
