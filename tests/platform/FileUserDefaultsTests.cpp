@@ -6,7 +6,6 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/linux/FileUserDefaults.h"
@@ -144,22 +143,6 @@ TEST_F(FileUserDefaultsTest, AnUnwritableFileFailsAndKeepsTheValuesForLater) {
     defaults.setInteger(3, "key");
     EXPECT_FALSE(defaults.synchronize());
     EXPECT_EQ(defaults.integerForKey("key"), 3);
-}
-
-TEST_F(FileUserDefaultsTest, ThreadsOfOneProcessLoseNoKey) {
-    constexpr int kThreads = 4, kKeys = 20;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            FileUserDefaults own(path);  // one object (and lock) per thread
-            for (int i = 0; i < kKeys; ++i) {
-                own.setInteger(i, "t" + std::to_string(t) + "-" + std::to_string(i));
-                EXPECT_TRUE(own.synchronize());
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(fileObject().size(), static_cast<size_t>(kThreads * kKeys));
 }
 
 pid_t spawnWriter(const std::string& path, const std::string& prefix, int count) {
