@@ -90,25 +90,6 @@ TEST(PickedElementRules, MediaSourcesBlockEverythingElseHides) {
     EXPECT_FALSE(rule->selector);
 }
 
-TEST(PickedElementRules, Helpers) {
-    for (const auto& [plain, escaped] : {std::pair{"cdn.example.com", "cdn\\.example\\.com"},
-                                         {"a?b^c+d|e", "a\\?b\\^c\\+d\\|e"},
-                                         {"*()[$/", "*()[$/"},
-                                         {"", ""}}) {
-        EXPECT_EQ(CompanionController::escapeData(std::string(plain)), escaped);
-        EXPECT_EQ(CompanionController::unescapeData(std::string(escaped)), plain);
-    }
-    EXPECT_FALSE(CompanionController::escapeData(std::nullopt));
-    EXPECT_FALSE(CompanionController::unescapeData(std::nullopt));
-    for (const char* tag : {"img", "video", "audio", "embed", "object"})
-        EXPECT_TRUE(CompanionController::checkTagSource(std::string(tag))) << tag;
-    for (const char* tag : {"Img", "iframe", "source", "picture", ""})
-        EXPECT_FALSE(CompanionController::checkTagSource(std::string(tag))) << tag;
-    EXPECT_FALSE(CompanionController::checkTagSource(std::nullopt));
-    EXPECT_EQ(CompanionController::getElementSource(std::string("s"), std::string("")), "s");
-    EXPECT_EQ(CompanionController::getElementSource(std::nullopt, std::nullopt), std::nullopt);
-}
-
 // --- Storing -------------------------------------------------------------------
 
 class ProcessCustomRulesTest : public EngineTest {

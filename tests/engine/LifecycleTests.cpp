@@ -16,7 +16,7 @@ class LifecycleTest : public EngineTest {
     }
 };
 
-TEST_F(LifecycleTest, InitReadsTheSharedRecordAndOpensTheActiveProfile) {
+TEST_F(LifecycleTest, InitReadsTheSharedRecordAndSyncSeesOtherWriters) {
     storeSharedData(sharedDataWith("start"));
     CompanionController controller;
     ASSERT_TRUE(controller.sharedData());
@@ -25,6 +25,13 @@ TEST_F(LifecycleTest, InitReadsTheSharedRecordAndOpensTheActiveProfile) {
     EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_start_data");
     EXPECT_EQ(*controller.fileHandler().path(), profilesFolder());
     EXPECT_EQ(&controller.sharedDatabase(), &SharedDatabase::sharedInstance());
+    // Another writer's change is seen only at the next sync.
+    storeSharedData(sharedDataWith("elsewhere", "1,0,-1", 0));
+    EXPECT_EQ(controller.sharedData()->activeProfileID, "start");
+    controller.syncShared();
+    EXPECT_EQ(controller.sharedData()->activeProfileID, "elsewhere");
+    EXPECT_EQ(controller.sharedData()->domainStatus, "1,0,-1");
+    EXPECT_EQ(controller.sharedData()->status, 0);
 }
 
 TEST_F(LifecycleTest, BlockerEnabledFollowsTheToolkitVersion) {
@@ -41,47 +48,33 @@ TEST_F(LifecycleTest, BlockerEnabledFollowsTheToolkitVersion) {
     }
 }
 
-TEST_F(LifecycleTest, ChangeStatusTwiceReturnsToTheFirstValue) {
-    CompanionController controller;
-    ASSERT_EQ(controller.sharedData()->status, 1);
-    int completions = 0;
-    auto handler = [&](std::optional<Error> error) {
-        EXPECT_FALSE(error);
-        ++completions;
-    };
-
-    controller.changeStatus(handler);
-    EXPECT_EQ(completions, 1) << "the handler is called before returning";
-    EXPECT_EQ(stored().status, 0);
-    EXPECT_EQ(suite()->integerForKey("blockingStatus"), 2);
-
-    controller.changeStatus(handler);
-    EXPECT_EQ(stored().status, 1);
-    EXPECT_EQ(suite()->integerForKey("blockingStatus"), 1);
-    EXPECT_EQ(updateNotificationCount(), 2u);
-    EXPECT_EQ(suite()->writes(), (std::vector<DefaultsWrite>{{"blockingStatus", int64_t{2}},
-                                                             {"blockingStatus", int64_t{1}}}));
-    EXPECT_GE(suite()->synchronizeCount(), 2);
-}
-
-TEST_F(LifecycleTest, AnUnknownStatusTurnsBlockingOff) {
-    storeSharedData(sharedDataWith("odd", "-1,-1,-1", /*status=*/5));
-    CompanionController controller;
-    controller.changeStatus(nullptr);
-    EXPECT_EQ(stored().status, 0);
-    EXPECT_EQ(suite()->integerForKey("blockingStatus"), 2);
-}
-
-TEST_F(LifecycleTest, TheNotificationFollowsTheStoredChange) {
-    CompanionController controller;
-    std::optional<int64_t> statusSeenByReceiver;
-    auto token = platform.notifications->addObserver(
-        "extensionUpdate", [&](const std::string&, const std::string& object) {
-            EXPECT_EQ(object, "StonewallExtension");
-            statusSeenByReceiver = SharedDatabase::sharedInstance().getSharedData()->status;
+TEST_F(LifecycleTest, ChangeStatusFlipsBlockingAndNotifiesAfterTheStoredChange) {
+    // Stored status -> (stored after one change, blockingStatus); an unknown
+    // status turns blocking off.
+    const std::tuple<int64_t, int64_t, int64_t> cases[] = {{1, 0, 2}, {0, 1, 1}, {5, 0, 2}};
+    for (const auto& [before, after, blockingStatus] : cases) {
+        SCOPED_TRACE(before);
+        storeSharedData(sharedDataWith("p", "-1,-1,-1", before));
+        suite()->clearWrites();
+        CompanionController controller;
+        std::optional<int64_t> statusSeenByReceiver;
+        auto token = platform.notifications->addObserver(
+            "extensionUpdate", [&](const std::string&, const std::string& object) {
+                EXPECT_EQ(object, "StonewallExtension");
+                statusSeenByReceiver = SharedDatabase::sharedInstance().getSharedData()->status;
+            });
+        int completions = 0;
+        controller.changeStatus([&](std::optional<Error> error) {
+            EXPECT_FALSE(error);
+            ++completions;
         });
-    controller.changeStatus(nullptr);
-    EXPECT_EQ(statusSeenByReceiver, 0);
+        EXPECT_EQ(completions, 1) << "the handler is called before returning";
+        EXPECT_EQ(stored().status, after);
+        EXPECT_EQ(statusSeenByReceiver, after);
+        EXPECT_EQ(suite()->writes(),
+                  (std::vector<DefaultsWrite>{{"blockingStatus", blockingStatus}}));
+        EXPECT_GE(suite()->synchronizeCount(), 1);
+    }
 }
 
 TEST_F(LifecycleTest, WithoutASharedRecordNothingIsStoredButTheHandlerRuns) {
@@ -117,17 +110,6 @@ TEST_F(LifecycleTest, ActivateProfileKeepsTheOldDatabaseUntilConnect) {
     controller.connectProfileDatabase();
     EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_new_data");
     EXPECT_TRUE(platform.contentBlocker->calls().empty()) << "activation does not reload";
-}
-
-TEST_F(LifecycleTest, SyncSharedSeesOtherWriters) {
-    CompanionController controller;
-    SharedData changed = sharedDataWith("elsewhere", "1,0,-1", 0);
-    storeSharedData(changed);
-    EXPECT_EQ(controller.sharedData()->activeProfileID, "defaultProfile");
-    controller.syncShared();
-    EXPECT_EQ(controller.sharedData()->activeProfileID, "elsewhere");
-    EXPECT_EQ(controller.sharedData()->domainStatus, "1,0,-1");
-    EXPECT_EQ(controller.sharedData()->status, 0);
 }
 
 }  // namespace

@@ -234,16 +234,5 @@ TEST(SameSite, WholeWebsiteBlockTest) {
     }
 }
 
-TEST(SameSite, ReverseDomainAndHost) {
-    for (const auto& [host, reversed] : {std::pair{"www.example.com", "com.example.www"},
-                                         {"", ""},
-                                         {"a..b", "b..a"},
-                                         {"single", "single"}})
-        EXPECT_EQ(CompanionController::reverseDomain(host), reversed);
-    EXPECT_EQ(CompanionController::hostFromURL(std::string("https://www.example.com:8080/x?y")),
-              "www.example.com");
-    EXPECT_FALSE(CompanionController::hostFromURL(std::nullopt));
-}
-
 }  // namespace
 }  // namespace stonewall::testing
