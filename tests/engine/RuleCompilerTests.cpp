@@ -79,21 +79,6 @@ TEST_F(RuleCompilerTest, FirstOccurrenceWinsAndOnlyTheKeyFieldsCount) {
     EXPECT_EQ(report.rulesReadByAction[6], 2);
 }
 
-TEST_F(RuleCompilerTest, AddUniqueRuleKeepsTheFirstAndRecordsKeysPastTheCap) {
-    std::vector<ContentBlockerRule> list(kMaximumRuleCount - 1);
-    CompanionController::UniqueRules keys;
-    const ProfileRule first = makeRule(1, "a");
-    const ProfileRule refused = makeRule(1, "b");
-    CompanionController::addUniqueRule(first, list, keys);
-    CompanionController::addUniqueRule(first, list, keys);
-    ASSERT_EQ(list.size(), kMaximumRuleCount);
-    CompanionController::addUniqueRule(refused, list, keys);
-    EXPECT_EQ(list.size(), kMaximumRuleCount);
-    EXPECT_EQ(list.back(), first.convertToSafariData2());
-    EXPECT_TRUE(keys.contains(refused.computeHash()));
-    EXPECT_EQ(keys.size(), 2u);
-}
-
 TEST_F(RuleCompilerTest, OverTheCapTheLastInListOrderGoAndStillCountAsDuplicates) {
     auto rules = ProfileGenerator::distinctRules(kMaximumRuleCount - 1, 1, "b");
     const auto firstBlock = rules.front().filter, lastBlock = rules.back().filter;
