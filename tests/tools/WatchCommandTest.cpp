@@ -58,31 +58,25 @@ class WatchCommandTest : public ToolTest {
     PrivateBus bus_;
 };
 
-class WatchSignalTest : public WatchCommandTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(WatchSignalTest, PrintsEachNotificationUntilInterrupted) {
-    BackgroundProcess watch = startWatching({"--json"});
-
-    for (const char* state : {"off", "on"}) {
-        runJSON({"status", state});
-        const auto line = watch.readLine(20s);
-        ASSERT_TRUE(line) << "no notification after status " << state;
-        const json event = json::parse(*line);
-        EXPECT_EQ(event["name"], "extensionUpdate");
-        EXPECT_EQ(event["object"], "StonewallExtension");
-        EXPECT_TRUE(event["time"].is_string());
+TEST_F(WatchCommandTest, PrintsEachNotificationUntilInterrupted) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        BackgroundProcess watch = startWatching({"--json"});
+        for (const char* state : {"off", "on"}) {
+            runJSON({"status", state});
+            const auto line = watch.readLine(20s);
+            ASSERT_TRUE(line) << "no notification after status " << state;
+            const json event = json::parse(*line);
+            EXPECT_EQ(event["name"], "extensionUpdate");
+            EXPECT_EQ(event["object"], "StonewallExtension");
+            EXPECT_TRUE(event["time"].is_string());
+        }
+        watch.sendSignal(signal);
+        const RunResult result = watch.wait(20s);
+        EXPECT_EQ(result.exitCode, 0) << "signal " << result.signal << "\n" << result.err;
+        EXPECT_EQ(result.out, "") << "nothing after the notifications";
     }
-
-    watch.sendSignal(GetParam());
-    const RunResult result = watch.wait(20s);
-    EXPECT_EQ(result.exitCode, 0) << "signal " << result.signal << "\n" << result.err;
-    EXPECT_EQ(result.out, "") << "nothing after the notifications";
 }
-
-INSTANTIATE_TEST_SUITE_P(Signals, WatchSignalTest, ::testing::Values(SIGINT, SIGTERM),
-                         [](const auto& info) {
-                             return std::string(info.param == SIGINT ? "SIGINT" : "SIGTERM");
-                         });
 
 TEST_F(WatchCommandTest, CountEndsTheWatchOnItsOwn) {
     BackgroundProcess watch = startWatching({"--count", "1"});
@@ -95,10 +89,10 @@ TEST_F(WatchCommandTest, CountEndsTheWatchOnItsOwn) {
         << result.out;
 }
 
-TEST(WatchWithoutBusTest, SaysThatNotificationsCannotBeObserved) {
-    TemporaryDirectory directory;
-    StonewallRunner runner(directory.path());  // its bus address leads nowhere
-    const RunResult result = runner.run({"watch"});
+class WatchWithoutBusTest : public ToolTest {};
+
+TEST_F(WatchWithoutBusTest, SaysThatNotificationsCannotBeObserved) {
+    const RunResult result = run({"watch"});  // the sandbox's bus address leads nowhere
     EXPECT_EQ(result.exitCode, 5) << describe({"watch"}, result);
     EXPECT_EQ(result.err.rfind("stonewall: watch: notifications cannot be observed here", 0), 0u)
         << result.err;
