@@ -22,27 +22,14 @@ constexpr int kBatches = 20;
 constexpr int kBatchSize = 50;
 constexpr const char* kProfile = "together";
 
-std::vector<ProfileRule> profileBatch(const std::string& writer, int batch) {
-    std::vector<ProfileRule> rules;
+// kBatchSize rules of one kind, each with an identifier of its own.
+template <typename Rule>
+std::vector<Rule> batch(const std::string& writer, int number) {
+    std::vector<Rule> rules(kBatchSize);
     for (int i = 0; i < kBatchSize; ++i) {
-        ProfileRule rule;
-        rule.ruleID = writer + "-" + std::to_string(batch) + "-" + std::to_string(i);
-        rule.blocker = 1;
-        rule.action = 1 + i % 2;
-        rule.filter = "^https?://" + *rule.ruleID + "\\.";
-        rules.push_back(std::move(rule));
-    }
-    return rules;
-}
-
-std::vector<SharedCustomRule> customBatch(const std::string& writer, int batch) {
-    std::vector<SharedCustomRule> rules;
-    for (int i = 0; i < kBatchSize; ++i) {
-        SharedCustomRule rule;
-        rule.ruleID = writer + "-" + std::to_string(batch) + "-" + std::to_string(i);
-        rule.action = 5;
-        rule.filter = ".*";
-        rules.push_back(std::move(rule));
+        rules[i].ruleID = writer + "-" + std::to_string(number) + "-" + std::to_string(i);
+        rules[i].action = 1 + i % 2;
+        rules[i].filter = ".*";
     }
     return rules;
 }
@@ -85,9 +72,9 @@ TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
             {
                 auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
                 auto& shared = SharedDatabase::sharedInstance();
-                for (int batch = 0; batch < kBatches; ++batch) {
-                    profile->addProfileRules(profileBatch(writer, batch));
-                    shared.addSharedCustomRulesDetails(customBatch(writer, batch));
+                for (int number = 0; number < kBatches; ++number) {
+                    profile->addProfileRules(batch<ProfileRule>(writer, number));
+                    shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
                     (void)profile->getProfileRulesCount();
                     (void)shared.getSharedData();
                 }
@@ -118,9 +105,9 @@ TEST_F(ConcurrencyTest, ThreadsWithTheirOwnConnectionsLoseNoRow) {
             const std::string writer = "thread" + std::to_string(t);
             auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
             auto& shared = SharedDatabase::sharedInstance();
-            for (int batch = 0; batch < kBatches; ++batch) {
-                profile->addProfileRules(profileBatch(writer, batch));
-                shared.addSharedCustomRulesDetails(customBatch(writer, batch));
+            for (int number = 0; number < kBatches; ++number) {
+                profile->addProfileRules(batch<ProfileRule>(writer, number));
+                shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
                 (void)profile->getProfileRulesByAction(2);
             }
         });
