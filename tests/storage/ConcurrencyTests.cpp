@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "StorageTestSupport.h"
@@ -95,24 +96,31 @@ TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
 }
 
 // Within one process: separate profile connections on their own threads, and
-// the one shared instance used from all of them.
+// the one shared instance, made by whichever thread comes first, used from
+// all of them; its queue runs each batch whole, so no read sees half of one.
 TEST_F(ConcurrencyTest, ThreadsWithTheirOwnConnectionsLoseNoRow) {
     createFiles();
     constexpr int kWriters = 3;
     std::vector<std::thread> threads;
+    std::vector<SharedDatabase*> instances(kWriters, nullptr);
+    std::atomic<bool> partialBatchSeen{false};
     for (int t = 0; t < kWriters; ++t) {
-        threads.emplace_back([t] {
+        threads.emplace_back([t, &instances, &partialBatchSeen] {
             const std::string writer = "thread" + std::to_string(t);
             auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
             auto& shared = SharedDatabase::sharedInstance();
+            instances[t] = &shared;
             for (int number = 0; number < kBatches; ++number) {
                 profile->addProfileRules(batch<ProfileRule>(writer, number));
                 shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
+                if (shared.getSharedCustomRules().size() % kBatchSize != 0) partialBatchSeen = true;
                 (void)profile->getProfileRulesByAction(2);
             }
         });
     }
     for (auto& thread : threads) thread.join();
+    for (auto* instance : instances) EXPECT_EQ(instance, instances[0]) << "one per process";
+    EXPECT_FALSE(partialBatchSeen);
     SharedDatabase::resetSharedInstanceForTesting();
     expectAllRows(kWriters);
 }

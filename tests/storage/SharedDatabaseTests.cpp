@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "StorageTestSupport.h"
 #include "storage/SQLiteSupport.h"
@@ -332,47 +331,6 @@ TEST_F(SharedDatabaseTest, RawOperationsOffTheQueueAreCaughtInDebugBuilds) {
     EXPECT_DEATH(shared.removeSharedCustomRules(), "must run on the queue");
 }
 #endif
-
-// Callers on several threads: each operation runs whole on the serial queue,
-// so no write is lost and no read sees half a batch.
-TEST_F(SharedDatabaseTest, ThreadsShareTheQueue) {
-    std::vector<SharedDatabase*> seen(4, nullptr);
-    {
-        std::vector<std::thread> threads;
-        for (auto& slot : seen) {
-            threads.emplace_back([&slot] { slot = &SharedDatabase::sharedInstance(); });
-        }
-        for (auto& thread : threads) thread.join();
-    }
-    for (auto* instance : seen) EXPECT_EQ(instance, seen[0]) << "one instance per process";
-    auto& shared = database();
-    constexpr int kThreads = 4;
-    constexpr int kBatches = 10;
-    constexpr int kBatchSize = 8;
-    std::vector<std::thread> threads;
-    std::atomic<bool> partialBatchSeen{false};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int b = 0; b < kBatches; ++b) {
-                std::vector<SharedCustomRule> batch;
-                for (int i = 0; i < kBatchSize; ++i) {
-                    batch.push_back(makeCustomRule(
-                        "t" + std::to_string(t) + "b" + std::to_string(b) + "i" + std::to_string(i),
-                        1));
-                }
-                shared.addSharedCustomRulesDetails(batch);
-                if (shared.getSharedCustomRules().size() % kBatchSize != 0) partialBatchSeen = true;
-                SharedData data;
-                data.status = b % 2;
-                shared.updateSharedDataDetails(data);
-                (void)shared.getSharedData();
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(shared.getSharedCustomRules().size(), size_t{kThreads * kBatches * kBatchSize});
-    EXPECT_FALSE(partialBatchSeen);
-}
 
 }  // namespace
 }  // namespace stonewall
