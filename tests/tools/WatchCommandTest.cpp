@@ -17,10 +17,11 @@ using nlohmann::json;
 // desktop session.
 class PrivateBus {
   public:
-    PrivateBus() {
+    explicit PrivateBus(const std::filesystem::path& streams) {
         if (::access("/usr/bin/dbus-daemon", X_OK) != 0) return;
         daemon_.emplace(startProgram(
-            {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}));
+            {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"},
+            streams));
         if (auto line = daemon_->readLine(10s); line && !line->empty()) address_ = *line;
     }
     ~PrivateBus() {
@@ -55,7 +56,7 @@ class WatchCommandTest : public ToolTest {
         return watch;
     }
 
-    PrivateBus bus_;
+    PrivateBus bus_{scratch("bus")};
 };
 
 TEST_F(WatchCommandTest, PrintsEachNotificationUntilInterrupted) {
