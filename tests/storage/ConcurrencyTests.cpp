@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "StorageTestSupport.h"
@@ -22,27 +23,14 @@ constexpr int kBatches = 20;
 constexpr int kBatchSize = 50;
 constexpr const char* kProfile = "together";
 
-std::vector<ProfileRule> profileBatch(const std::string& writer, int batch) {
-    std::vector<ProfileRule> rules;
+// kBatchSize rules of one kind, each with an identifier of its own.
+template <typename Rule>
+std::vector<Rule> batch(const std::string& writer, int number) {
+    std::vector<Rule> rules(kBatchSize);
     for (int i = 0; i < kBatchSize; ++i) {
-        ProfileRule rule;
-        rule.ruleID = writer + "-" + std::to_string(batch) + "-" + std::to_string(i);
-        rule.blocker = 1;
-        rule.action = 1 + i % 2;
-        rule.filter = "^https?://" + *rule.ruleID + "\\.";
-        rules.push_back(std::move(rule));
-    }
-    return rules;
-}
-
-std::vector<SharedCustomRule> customBatch(const std::string& writer, int batch) {
-    std::vector<SharedCustomRule> rules;
-    for (int i = 0; i < kBatchSize; ++i) {
-        SharedCustomRule rule;
-        rule.ruleID = writer + "-" + std::to_string(batch) + "-" + std::to_string(i);
-        rule.action = 5;
-        rule.filter = ".*";
-        rules.push_back(std::move(rule));
+        rules[i].ruleID = writer + "-" + std::to_string(number) + "-" + std::to_string(i);
+        rules[i].action = 1 + i % 2;
+        rules[i].filter = ".*";
     }
     return rules;
 }
@@ -85,9 +73,9 @@ TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
             {
                 auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
                 auto& shared = SharedDatabase::sharedInstance();
-                for (int batch = 0; batch < kBatches; ++batch) {
-                    profile->addProfileRules(profileBatch(writer, batch));
-                    shared.addSharedCustomRulesDetails(customBatch(writer, batch));
+                for (int number = 0; number < kBatches; ++number) {
+                    profile->addProfileRules(batch<ProfileRule>(writer, number));
+                    shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
                     (void)profile->getProfileRulesCount();
                     (void)shared.getSharedData();
                 }
@@ -108,24 +96,31 @@ TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
 }
 
 // Within one process: separate profile connections on their own threads, and
-// the one shared instance used from all of them.
+// the one shared instance, made by whichever thread comes first, used from
+// all of them; its queue runs each batch whole, so no read sees half of one.
 TEST_F(ConcurrencyTest, ThreadsWithTheirOwnConnectionsLoseNoRow) {
     createFiles();
     constexpr int kWriters = 3;
     std::vector<std::thread> threads;
+    std::vector<SharedDatabase*> instances(kWriters, nullptr);
+    std::atomic<bool> partialBatchSeen{false};
     for (int t = 0; t < kWriters; ++t) {
-        threads.emplace_back([t] {
+        threads.emplace_back([t, &instances, &partialBatchSeen] {
             const std::string writer = "thread" + std::to_string(t);
             auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
             auto& shared = SharedDatabase::sharedInstance();
-            for (int batch = 0; batch < kBatches; ++batch) {
-                profile->addProfileRules(profileBatch(writer, batch));
-                shared.addSharedCustomRulesDetails(customBatch(writer, batch));
+            instances[t] = &shared;
+            for (int number = 0; number < kBatches; ++number) {
+                profile->addProfileRules(batch<ProfileRule>(writer, number));
+                shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
+                if (shared.getSharedCustomRules().size() % kBatchSize != 0) partialBatchSeen = true;
                 (void)profile->getProfileRulesByAction(2);
             }
         });
     }
     for (auto& thread : threads) thread.join();
+    for (auto* instance : instances) EXPECT_EQ(instance, instances[0]) << "one per process";
+    EXPECT_FALSE(partialBatchSeen);
     SharedDatabase::resetSharedInstanceForTesting();
     expectAllRows(kWriters);
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "StorageTestSupport.h"
 #include "storage/SQLiteSupport.h"
@@ -45,47 +44,77 @@ protected:
         raw.exec(sql);
     }
 
-    static constexpr const char* kSharedDataTable =
+    inline static const std::string kSharedDataTable =
         "CREATE TABLE SharedData (activeProfileID TEXT, timestamps TEXT, profiles TEXT, "
         "profileIDs TEXT, profileUpdates TEXT, status INTEGER, addDate INTEGER, "
         "appVersion TEXT, extVersion TEXT, domainStatus TEXT, reload INTEGER);";
 };
 
 TEST_F(SharedDatabaseTest, MissingFileIsCopiedAndHoldsTheDefaultState) {
-    ASSERT_FALSE(fs::exists(sharedPath()));
     auto& shared = database();
     EXPECT_TRUE(shared.restored());
-    EXPECT_EQ(shared.dataPath(), sharedPath());
     EXPECT_EQ(testing::readBytes(sharedPath()), testing::readBytes(templatePath("shared_data")));
-
     const auto data = shared.getSharedData();
     ASSERT_TRUE(data.has_value());
     EXPECT_EQ(data->activeProfileID, "defaultProfile");
-    EXPECT_EQ(data->timestamps, "0,0");
-    EXPECT_EQ(data->profiles, "Default Profile");
-    EXPECT_EQ(data->profileIDs, "defaultProfile");
-    EXPECT_EQ(data->profileUpdates, "0");
-    EXPECT_EQ(data->status, 1);
-    EXPECT_EQ(data->addDate, 0);
     EXPECT_EQ(data->domainStatus, "-1,-1,-1");
-    EXPECT_EQ(data->reload, 0);
     EXPECT_TRUE(shared.getSharedCustomRules().empty());
     EXPECT_TRUE(shared.verifySharedData());
 }
 
-TEST_F(SharedDatabaseTest, AnIntactFileIsNotRestored) {
-    prepareFile(std::string(kSharedDataTable) +
-                "INSERT INTO SharedData VALUES ('mine','1,1','Mine','mine','1',0,5,'a','b','1,-1,-1',1)");
-    auto& shared = database();
-    EXPECT_FALSE(shared.restored());
-    const auto data = shared.getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, "mine");
-    EXPECT_EQ(data->appVersion, "a");
-    EXPECT_EQ(data->extVersion, "b");
-    EXPECT_EQ(data->domainStatus, "1,-1,-1");
-    EXPECT_EQ(data->reload, 1);
-    EXPECT_EQ(data->addDate, 5.0);
+// Files of other versions are read as they stand; only an unknown shape is replaced.
+TEST_F(SharedDatabaseTest, ForeignButReadableFilesAreKept) {
+    const std::string row = "INSERT INTO SharedData VALUES ";
+    struct Case {
+        const char* name;
+        std::string sql;
+        NullableString activeProfileID;
+        int64_t status;
+        NullableString domainStatus;
+        bool restored = false;
+    };
+    const Case cases[] = {
+        {"intact", kSharedDataTable + row + "('mine','1,1','M','mine','1',0,5,'a','b','1,-1,-1',1)",
+         "mine", 0, "1,-1,-1"},
+        {"oldest row wins",
+         kSharedDataTable + row + "('newer','0,0','A','a','0',1,200,NULL,NULL,'-1,-1,-1',0);" +
+             row + "('older','0,0','B','b','0',0,100,NULL,NULL,'1,1,1',0);" + row +
+             "('middle','0,0','C','c','0',1,150,NULL,NULL,'-1,-1,-1',0);",
+         "older", 0, "1,1,1"},
+        // The older nine-column table: the last two read as their defaults.
+        {"nine columns",
+         "CREATE TABLE SharedData (activeProfileID TEXT, timestamps TEXT, profiles TEXT, "
+         "profileIDs TEXT, profileUpdates TEXT, status INTEGER, addDate INTEGER, appVersion TEXT, "
+         "extVersion TEXT);" + row + "('old','1,2','P','p','3',0,9,'0.9','0.8');",
+         "old", 0, "-1,-1,-1"},
+        {"unknown shape",
+         "CREATE TABLE SharedData (a, b, c);" + row + "('x', 2, 3);"
+         "CREATE TABLE SharedCustomRules (ruleID);",
+         "defaultProfile", 1, "-1,-1,-1", true},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        SharedDatabase::resetSharedInstanceForTesting();
+        fs::remove_all(platform.containerPath());
+        prepareFile(test.sql);
+        auto& shared = database();
+        EXPECT_EQ(shared.restored(), test.restored);
+        const auto data = shared.getSharedData();
+        ASSERT_TRUE(data.has_value());
+        EXPECT_EQ(data->activeProfileID, test.activeProfileID);
+        EXPECT_EQ(data->status, test.status);
+        EXPECT_EQ(data->domainStatus, test.domainStatus);
+    }
+    // The nine-column table cannot take the eleven columns written: dropped.
+    SharedDatabase::resetSharedInstanceForTesting();
+    fs::remove_all(platform.containerPath());
+    prepareFile(cases[2].sql);
+    database().addSharedDataDetails(SharedData());
+    SharedData changed;
+    changed.activeProfileID = "new";
+    database().updateSharedDataDetails(changed);
+    EXPECT_EQ(database().getSharedData()->activeProfileID, "old");
+    EXPECT_EQ(RawDatabase(sharedPath()).integer("SELECT COUNT(*) FROM SharedData"), 1);
 }
 
 TEST_F(SharedDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
@@ -123,141 +152,55 @@ TEST_F(SharedDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
     }
 }
 
-TEST_F(SharedDatabaseTest, EmptyTableReadsNullButVerifies) {
+// An add stores the time of writing without its fraction; an update changes
+// every row but not addDate, and adds nothing to an empty table.
+TEST_F(SharedDatabaseTest, RecordWritesKeepTheirShape) {
+    prepareFile(kSharedDataTable);
     auto& shared = database();
-    {
-        RawDatabase raw(sharedPath());
-        raw.exec("DELETE FROM SharedData");
-    }
-    EXPECT_EQ(shared.getSharedData(), std::nullopt);
-    EXPECT_TRUE(shared.verifySharedData());
-    // An update of an empty table adds nothing and is not an error.
     SharedData data;
-    data.activeProfileID = "other";
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
     shared.updateSharedDataDetails(data);
     EXPECT_EQ(shared.getSharedData(), std::nullopt);
-    RawDatabase raw(sharedPath());
-    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedData"), 0);
-}
+    EXPECT_TRUE(shared.verifySharedData());
 
-TEST_F(SharedDatabaseTest, TheOldestRowWins) {
-    prepareFile(std::string(kSharedDataTable) +
-                "INSERT INTO SharedData VALUES ('newer','0,0','A','a','0',1,200,NULL,NULL,'-1,-1,-1',0);"
-                "INSERT INTO SharedData VALUES ('older','0,0','B','b','0',0,100,NULL,NULL,'-1,-1,-1',0);"
-                "INSERT INTO SharedData VALUES ('middle','0,0','C','c','0',1,150,NULL,NULL,'-1,-1,-1',0);");
-    const auto data = database().getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, "older");
-    EXPECT_EQ(data->status, 0);
-}
-
-TEST_F(SharedDatabaseTest, UpdateChangesEveryRowWithTheGivenVersions) {
-    prepareFile(std::string(kSharedDataTable) +
-                "INSERT INTO SharedData VALUES ('a','0,0','A','a','0',1,1,'x','x','-1,-1,-1',0);"
-                "INSERT INTO SharedData VALUES ('b','0,0','B','b','0',1,2,'x','x','-1,-1,-1',0);");
-    SharedData data;
+    data.addDate = 42.5;  // not written
+    for (const Custom::Timestamp now : {1700000000.875, 100.5}) {
+        FixedClock clock(now);
+        shared.addSharedDataDetails(data);
+    }
     data.activeProfileID = "p9";
     data.timestamps = std::nullopt;
     data.profiles = "";
     data.status = 0;
     data.appVersion = "3.0";
-    data.extVersion = "3.1";
     data.domainStatus = "1,1,-1";
     data.reload = 1;
-    database().updateSharedDataDetails(data);
-
+    shared.updateSharedDataDetails(data);
     RawDatabase raw(sharedPath());
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedData WHERE activeProfileID='p9' AND "
                           "timestamps IS NULL AND profiles='' AND status=0 AND appVersion='3.0' "
-                          "AND extVersion='3.1' AND domainStatus='1,1,-1' AND reload=1"),
+                          "AND domainStatus='1,1,-1' AND reload=1 AND typeof(addDate)='integer'"),
               2);
-    // addDate is not part of the update.
-    EXPECT_EQ(raw.integer("SELECT SUM(addDate) FROM SharedData"), 3);
-}
-
-TEST_F(SharedDatabaseTest, AddStoresTheWriteTimeWithoutItsFraction) {
-    prepareFile(kSharedDataTable);
-    SharedData data;
-    data.addDate = 42.5;  // not written: the time of writing is
-    data.domainStatus = "-1,1,-1";
-    {
-        FixedClock clock(1700000000.875);
-        database().addSharedDataDetails(data);
-    }
-    RawDatabase raw(sharedPath());
-    EXPECT_EQ(raw.text("SELECT typeof(addDate) FROM SharedData"), "integer");
-    EXPECT_EQ(raw.integer("SELECT addDate FROM SharedData"), 1700000000);
-    const auto read = database().getSharedData();
-    ASSERT_TRUE(read.has_value());
-    EXPECT_EQ(read->addDate, 1700000000.0);
-    EXPECT_EQ(read->domainStatus, "-1,1,-1");
-    EXPECT_EQ(read->appVersion, data.appVersion);
-}
-
-TEST_F(SharedDatabaseTest, NineColumnTableIsReadAndCannotBeWritten) {
-    prepareFile(
-        "CREATE TABLE SharedData (activeProfileID TEXT, timestamps TEXT, profiles TEXT, "
-        "profileIDs TEXT, profileUpdates TEXT, status INTEGER, addDate INTEGER, appVersion TEXT, "
-        "extVersion TEXT);"
-        "INSERT INTO SharedData VALUES ('old','1,2','P','p','3',0,9,'0.9','0.8');");
-    auto& shared = database();
-    EXPECT_FALSE(shared.restored());
-    auto data = shared.getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, "old");
-    EXPECT_EQ(data->timestamps, "1,2");
-    EXPECT_EQ(data->profileUpdates, "3");
-    EXPECT_EQ(data->status, 0);
-    EXPECT_EQ(data->addDate, 9.0);
-    EXPECT_EQ(data->appVersion, "0.9");
-    EXPECT_EQ(data->extVersion, "0.8");
-    EXPECT_EQ(data->domainStatus, "-1,-1,-1");  // the defaults
-    EXPECT_EQ(data->reload, 0);
-
-    // Both the INSERT and the UPDATE name eleven columns: dropped silently.
-    shared.addSharedDataDetails(SharedData());
-    SharedData changed;
-    changed.activeProfileID = "new";
-    shared.updateSharedDataDetails(changed);
-    data = shared.getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, "old");
-    RawDatabase raw(sharedPath());
-    EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedData"), 1);
-}
-
-TEST_F(SharedDatabaseTest, UnknownShapeGivesTheDefaultRecord) {
-    prepareFile("CREATE TABLE SharedData (a, b, c); INSERT INTO SharedData VALUES ('x', 2, 3);"
-                "CREATE TABLE SharedCustomRules (ruleID);");
-    const auto data = database().getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, "defaultProfile");
-    EXPECT_EQ(data->status, 1);
+    EXPECT_EQ(raw.integer("SELECT SUM(addDate) FROM SharedData"), 1700000100);
+    EXPECT_EQ(shared.getSharedData()->addDate, 100.0);  // the oldest row
 }
 
 TEST_F(SharedDatabaseTest, CustomRulesRoundTripWithWriteTimes) {
     SharedCustomRule full = makeCustomRule("full", 2);
     full.blocker = 4;
     full.selector = "div.ad";
-    full.resources = "image";
     full.loads = "third-party";
     full.domainType = 2;
     full.addDate = 5;  // its own dates are not written
     full.modDate = 6;
     full.blockerProfileID = "defaultProfile";
     full.ruleName = "Hide ads";
-    full.filterSensitive = 1;
     full.regularExpression = 1;
-    full.ruleType = 3;
     full.active = 0;
     full.filterDomain = "https://shop.test";
     full.domains = "*.shop.test";
     full.filterInfo = 4;
-
     SharedCustomRule sparse;  // strings null
-    SharedCustomRule empties = makeCustomRule("", 5);
-    empties.selector = "";
-    empties.domains = "";
 
     auto& shared = database();
     {
@@ -266,27 +209,11 @@ TEST_F(SharedDatabaseTest, CustomRulesRoundTripWithWriteTimes) {
     }
     {
         FixedClock clock(2000.5);
-        shared.addSharedCustomRulesDetails({full, empties});
+        shared.addSharedCustomRulesDetails({full});
     }
-    const auto rules = shared.getSharedCustomRules();
-    ASSERT_EQ(rules.size(), 3u);
-    // Newest first.
-    SharedCustomRule expectedFull = full;
-    expectedFull.addDate = expectedFull.modDate = 2000.5;
-    SharedCustomRule expectedEmpties = empties;
-    expectedEmpties.addDate = expectedEmpties.modDate = 2000.5;
-    SharedCustomRule expectedSparse = sparse;
-    expectedSparse.addDate = expectedSparse.modDate = 1000.25;
-    EXPECT_EQ(rules[2], expectedSparse);
-    // The two rules of one write share addDate; their order between them is SQLite's.
-    if (rules[0].ruleID == "full") {
-        EXPECT_EQ(rules[0], expectedFull);
-        EXPECT_EQ(rules[1], expectedEmpties);
-    } else {
-        EXPECT_EQ(rules[1], expectedFull);
-        EXPECT_EQ(rules[0], expectedEmpties);
-    }
-
+    full.addDate = full.modDate = 2000.5;
+    sparse.addDate = sparse.modDate = 1000.25;
+    EXPECT_EQ(shared.getSharedCustomRules(), (std::vector<SharedCustomRule>{full, sparse}));
     shared.removeSharedCustomRulesDetails();
     EXPECT_TRUE(shared.getSharedCustomRules().empty());
 }
@@ -324,52 +251,34 @@ TEST_F(SharedDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
     EXPECT_EQ(rules[0].ruleName, std::nullopt);  // above U+10FFFF
 }
 
-TEST_F(SharedDatabaseTest, CloseThenReconnect) {
-    auto& shared = database();
-    shared.close();
-    EXPECT_EQ(shared.getSharedData(), std::nullopt);
-    EXPECT_FALSE(shared.verifySharedData());
-    shared.addSharedCustomRulesDetails({makeCustomRule("dropped", 1)});
-    shared.reconnectDatabase();
-    EXPECT_TRUE(shared.getSharedData().has_value());
-    EXPECT_TRUE(shared.getSharedCustomRules().empty());
-}
-
-TEST_F(SharedDatabaseTest, ReconnectRepairsAFileDamagedMeanwhile) {
+TEST_F(SharedDatabaseTest, ReconnectRepairsAFileDamagedOrRemovedMeanwhile) {
     auto& shared = database();
     shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
     shared.close();
+    EXPECT_EQ(shared.getSharedData(), std::nullopt);
+    shared.addSharedCustomRulesDetails({makeCustomRule("dropped", 1)});
     writeBytes(sharedPath(), testing::randomBytes(2048, 3));
     shared.reconnectDatabase();
     EXPECT_TRUE(shared.getSharedData().has_value());
     EXPECT_TRUE(shared.getSharedCustomRules().empty());
-
-    // A file removed meanwhile is copied again.
     shared.close();
     fs::remove(sharedPath());
     shared.reconnectDatabase();
-    EXPECT_TRUE(fs::exists(sharedPath()));
     EXPECT_TRUE(shared.getSharedData().has_value());
 }
 
-// The custom-rule insert keeps its statement; close must still release the
-// connection entirely, or every reconnect would leak one.
+// The custom-rule insert keeps its statement, and repairs replace a handle:
+// close must still release every connection, or each reconnect would leak one.
 TEST_F(SharedDatabaseTest, CloseReleasesEveryConnection) {
     auto& shared = database();
     shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
     shared.close();
     const sqlite3_int64 baseline = sqlite3_memory_used();
     for (int i = 0; i < 20; ++i) {
+        if (i % 4 == 0) writeBytes(sharedPath(), "");
         shared.reconnectDatabase();
         shared.addSharedCustomRulesDetails({makeCustomRule("r" + std::to_string(i), 1)});
         (void)shared.getSharedCustomRules();
-        shared.close();
-    }
-    // Repairs replace a handle without closing it; close releases those too.
-    for (int i = 0; i < 5; ++i) {
-        writeBytes(sharedPath(), "");
-        shared.reconnectDatabase();
-        shared.addSharedCustomRulesDetails({makeCustomRule("x", 1)});
         shared.close();
     }
     EXPECT_LE(sqlite3_memory_used(), baseline);
@@ -422,53 +331,6 @@ TEST_F(SharedDatabaseTest, RawOperationsOffTheQueueAreCaughtInDebugBuilds) {
     EXPECT_DEATH(shared.removeSharedCustomRules(), "must run on the queue");
 }
 #endif
-
-TEST_F(SharedDatabaseTest, SharedInstanceIsOnePerProcessUntilReset) {
-    SharedDatabase* first = &database();
-    EXPECT_EQ(&database(), first);
-    std::vector<SharedDatabase*> seen(4, nullptr);
-    SharedDatabase::resetSharedInstanceForTesting();
-    {
-        std::vector<std::thread> threads;
-        for (auto& slot : seen) {
-            threads.emplace_back([&slot] { slot = &SharedDatabase::sharedInstance(); });
-        }
-        for (auto& thread : threads) thread.join();
-    }
-    for (auto* instance : seen) EXPECT_EQ(instance, seen[0]);
-}
-
-// Callers on several threads: each operation runs whole on the serial queue,
-// so no write is lost and no read sees half a batch.
-TEST_F(SharedDatabaseTest, ThreadsShareTheQueue) {
-    auto& shared = database();
-    constexpr int kThreads = 4;
-    constexpr int kBatches = 10;
-    constexpr int kBatchSize = 8;
-    std::vector<std::thread> threads;
-    std::atomic<bool> partialBatchSeen{false};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int b = 0; b < kBatches; ++b) {
-                std::vector<SharedCustomRule> batch;
-                for (int i = 0; i < kBatchSize; ++i) {
-                    batch.push_back(makeCustomRule(
-                        "t" + std::to_string(t) + "b" + std::to_string(b) + "i" + std::to_string(i),
-                        1));
-                }
-                shared.addSharedCustomRulesDetails(batch);
-                if (shared.getSharedCustomRules().size() % kBatchSize != 0) partialBatchSeen = true;
-                SharedData data;
-                data.status = b % 2;
-                shared.updateSharedDataDetails(data);
-                (void)shared.getSharedData();
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(shared.getSharedCustomRules().size(), size_t{kThreads * kBatches * kBatchSize});
-    EXPECT_FALSE(partialBatchSeen);
-}
 
 }  // namespace
 }  // namespace stonewall

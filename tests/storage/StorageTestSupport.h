@@ -58,21 +58,6 @@ public:
         return value;
     }
 
-    // The first column of the first row as text; nullopt for NULL, no row or
-    // a failed statement.
-    std::optional<std::string> text(const std::string& sql) {
-        sqlite3_stmt* statement = nullptr;
-        std::optional<std::string> value;
-        if (sqlite3_prepare_v2(database_, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
-            sqlite3_step(statement) == SQLITE_ROW &&
-            sqlite3_column_type(statement, 0) != SQLITE_NULL) {
-            value.emplace(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)),
-                          static_cast<size_t>(sqlite3_column_bytes(statement, 0)));
-        }
-        sqlite3_finalize(statement);
-        return value;
-    }
-
     bool hasTable(const std::string& table) {
         return integer("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND name='" +
                        table + "'")

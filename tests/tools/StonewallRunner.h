@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -38,10 +39,11 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
-// A program started in the background (watch), with its output read line by line.
+// A program started in the background (watch), with its output read line by
+// line from the files its streams go to.
 class BackgroundProcess {
   public:
-    BackgroundProcess(pid_t pid, int outFd, int errFd);
+    BackgroundProcess(pid_t pid, std::filesystem::path streams);
     ~BackgroundProcess();
     BackgroundProcess(BackgroundProcess&& other) noexcept;
     BackgroundProcess(const BackgroundProcess&) = delete;
@@ -56,14 +58,12 @@ class BackgroundProcess {
     RunResult wait(std::chrono::milliseconds timeout);
 
   private:
-    std::optional<std::string> readLineFrom(int fd, std::string& buffer,
+    std::optional<std::string> readLineFrom(const char* stream, size_t& offset,
                                             std::chrono::milliseconds timeout);
 
     pid_t pid_;
-    int outFd_;
-    int errFd_;
-    std::string outBuffer_;
-    std::string errBuffer_;
+    std::filesystem::path streams_;
+    std::array<size_t, 2> read_{0, 0};  // of stdout and stderr
     bool finished_ = false;
 };
 
@@ -101,8 +101,10 @@ class StonewallRunner {
     std::vector<std::string> wrapper_;
 };
 
-// Starts any program (a private D-Bus daemon) with the test's environment.
-BackgroundProcess startProgram(std::vector<std::string> args);
+// Starts any program (a private D-Bus daemon) with the test's environment,
+// its output going to files in the streams folder.
+BackgroundProcess startProgram(std::vector<std::string> args,
+                               const std::filesystem::path& streams);
 
 // Renders a command line for failure messages.
 std::string describe(const std::vector<std::string>& args, const RunResult& result);

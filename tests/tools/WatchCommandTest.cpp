@@ -17,10 +17,11 @@ using nlohmann::json;
 // desktop session.
 class PrivateBus {
   public:
-    PrivateBus() {
+    explicit PrivateBus(const std::filesystem::path& streams) {
         if (::access("/usr/bin/dbus-daemon", X_OK) != 0) return;
         daemon_.emplace(startProgram(
-            {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"}));
+            {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"},
+            streams));
         if (auto line = daemon_->readLine(10s); line && !line->empty()) address_ = *line;
     }
     ~PrivateBus() {
@@ -55,34 +56,28 @@ class WatchCommandTest : public ToolTest {
         return watch;
     }
 
-    PrivateBus bus_;
+    PrivateBus bus_{scratch("bus")};
 };
 
-class WatchSignalTest : public WatchCommandTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(WatchSignalTest, PrintsEachNotificationUntilInterrupted) {
-    BackgroundProcess watch = startWatching({"--json"});
-
-    for (const char* state : {"off", "on"}) {
-        runJSON({"status", state});
-        const auto line = watch.readLine(20s);
-        ASSERT_TRUE(line) << "no notification after status " << state;
-        const json event = json::parse(*line);
-        EXPECT_EQ(event["name"], "extensionUpdate");
-        EXPECT_EQ(event["object"], "StonewallExtension");
-        EXPECT_TRUE(event["time"].is_string());
+TEST_F(WatchCommandTest, PrintsEachNotificationUntilInterrupted) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        BackgroundProcess watch = startWatching({"--json"});
+        for (const char* state : {"off", "on"}) {
+            runJSON({"status", state});
+            const auto line = watch.readLine(20s);
+            ASSERT_TRUE(line) << "no notification after status " << state;
+            const json event = json::parse(*line);
+            EXPECT_EQ(event["name"], "extensionUpdate");
+            EXPECT_EQ(event["object"], "StonewallExtension");
+            EXPECT_TRUE(event["time"].is_string());
+        }
+        watch.sendSignal(signal);
+        const RunResult result = watch.wait(20s);
+        EXPECT_EQ(result.exitCode, 0) << "signal " << result.signal << "\n" << result.err;
+        EXPECT_EQ(result.out, "") << "nothing after the notifications";
     }
-
-    watch.sendSignal(GetParam());
-    const RunResult result = watch.wait(20s);
-    EXPECT_EQ(result.exitCode, 0) << "signal " << result.signal << "\n" << result.err;
-    EXPECT_EQ(result.out, "") << "nothing after the notifications";
 }
-
-INSTANTIATE_TEST_SUITE_P(Signals, WatchSignalTest, ::testing::Values(SIGINT, SIGTERM),
-                         [](const auto& info) {
-                             return std::string(info.param == SIGINT ? "SIGINT" : "SIGTERM");
-                         });
 
 TEST_F(WatchCommandTest, CountEndsTheWatchOnItsOwn) {
     BackgroundProcess watch = startWatching({"--count", "1"});
@@ -95,10 +90,10 @@ TEST_F(WatchCommandTest, CountEndsTheWatchOnItsOwn) {
         << result.out;
 }
 
-TEST(WatchWithoutBusTest, SaysThatNotificationsCannotBeObserved) {
-    TemporaryDirectory directory;
-    StonewallRunner runner(directory.path());  // its bus address leads nowhere
-    const RunResult result = runner.run({"watch"});
+class WatchWithoutBusTest : public ToolTest {};
+
+TEST_F(WatchWithoutBusTest, SaysThatNotificationsCannotBeObserved) {
+    const RunResult result = run({"watch"});  // the sandbox's bus address leads nowhere
     EXPECT_EQ(result.exitCode, 5) << describe({"watch"}, result);
     EXPECT_EQ(result.err.rfind("stonewall: watch: notifications cannot be observed here", 0), 0u)
         << result.err;

@@ -1,4 +1,5 @@
-// stonewall block, secure, allow and check: the popover's website view.
+// The popover's website view and picked elements from a shell: block,
+// secure, allow, their undoing, check, lists tidy, pick and open-url.
 
 #include "ToolTestSupport.h"
 
@@ -6,87 +7,160 @@ namespace stonewall::tool::testing {
 namespace {
 using nlohmann::json;
 
-struct ListCase {
-    const char* command;
-    const char* checkKey;
-    int action;
-    const char* actionType;  // in the compiled list
+class WebsiteCommandsTest : public ToolTest {
+  protected:
+    std::vector<Row> listRows(int action) {
+        return sqlQuery(profileDatabase(), "SELECT ruleID, domains FROM ProfileRules WHERE action=" +
+                                               std::to_string(action));
+    }
+    json check(const std::string& url) { return runJSON({"check", url}); }
 };
 
-const ListCase kLists[] = {
-    {"block", "block", 5, "block"},
-    {"secure", "secure", 7, "make-https"},
-    {"allow", "allow", 3, "ignore-previous-rules"},
-};
+TEST_F(WebsiteCommandsTest, EachListTakesTheHostOnlyOnceAndReloads) {
+    struct List {
+        const char* command;
+        int action;
+        const char* actionType;  // in the compiled list
+    };
+    const List lists[] = {{"block", 5, "block"}, {"secure", 7, "make-https"},
+                          {"allow", 3, "ignore-previous-rules"}};
+    for (const List& list : lists) {
+        SCOPED_TRACE(list.command);
+        const json report = runJSON({list.command, "https://news.example.org/world/today?x=1"});
+        EXPECT_EQ(report["host"], "news.example.org");
+        EXPECT_EQ(report["changed"], true);
+        EXPECT_EQ(report["reload"], "done");
+        const auto rows = sqlQuery(sharedDatabase(), "SELECT action, domains FROM SharedCustomRules");
+        ASSERT_EQ(rows.size(), 1u);
+        EXPECT_EQ(rows[0], (Row{std::to_string(list.action), "news.example.org"}));
+        const json rules = ruleList();
+        ASSERT_EQ(rules.size(), 1u);
+        EXPECT_EQ(rules[0]["action"]["type"], list.actionType);
+        EXPECT_EQ(rules[0]["trigger"]["if-top-url"][0], "^[^:]+://+news\\.example\\.org[:/]");
+        const json checked = check("https://news.example.org/");
+        for (const List& other : lists) {
+            EXPECT_EQ(checked[other.command], &other == &list) << other.command;
+        }
 
-void PrintTo(const ListCase& list, std::ostream* out) { *out << list.command; }
-
-class WebsiteCommandsTest : public ToolTest, public ::testing::WithParamInterface<ListCase> {};
-
-TEST_P(WebsiteCommandsTest, AddsTheHostToItsListOnlyAndReloads) {
-    const ListCase& list = GetParam();
-    const json report = runJSON({list.command, "https://news.example.org/world/today?x=1"});
-    EXPECT_EQ(report["host"], "news.example.org");
-    EXPECT_EQ(report["changed"], true);
-    EXPECT_EQ(report["reload"], "done");
-
-    // Stored as a custom rule and compiled into the active profile's list.
-    const auto rows = sqlQuery(sharedDatabase(), "SELECT action, domains FROM SharedCustomRules");
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0][0], std::to_string(list.action));
-    EXPECT_EQ(rows[0][1], "news.example.org");
-    const json rules = ruleList();
-    ASSERT_EQ(rules.size(), 1u);
-    EXPECT_EQ(rules[0]["action"]["type"], list.actionType);
-    EXPECT_EQ(rules[0]["trigger"]["if-top-url"][0], "^[^:]+://+news\\.example\\.org[:/]");
-
-    const json check = runJSON({"check", "https://news.example.org/"});
-    for (const ListCase& other : kLists) {
-        EXPECT_EQ(check[other.checkKey], std::string(other.checkKey) == list.checkKey)
-            << other.checkKey << " after " << list.command;
+        const auto before = snapshotFiles(container());
+        const RunResult again = run({list.command, "https://news.example.org/other"});
+        EXPECT_EQ(again.out, "news.example.org is already on the " + std::string(list.command) +
+                                 " list of profile defaultProfile; nothing changed.\n");
+        EXPECT_TRUE(snapshotFiles(container()) == before);
+        runJSON({std::string("un") + list.command, "https://news.example.org/"});
     }
 }
 
-TEST_P(WebsiteCommandsTest, AHostAlreadyOnTheListChangesNothing) {
-    const ListCase& list = GetParam();
-    runJSON({list.command, "https://shop.example.com/"});
-    const auto before = snapshotFiles(container());
-    const RunResult again = run({list.command, "https://shop.example.com/other/page"});
-    EXPECT_EQ(again.exitCode, 0) << again.err;
-    EXPECT_EQ(again.out, "shop.example.com is already on the " + std::string(list.checkKey) +
-                             " list of profile defaultProfile; nothing changed.\n");
-    EXPECT_EQ(customRuleCount(), 1);
-    EXPECT_EQ(snapshotFiles(container()), before);
-}
-
-INSTANTIATE_TEST_SUITE_P(Lists, WebsiteCommandsTest, ::testing::ValuesIn(kLists),
-                         [](const auto& info) { return std::string(info.param.command); });
-
-class CheckCommandTest : public ToolTest {};
-
-TEST_F(CheckCommandTest, URLsAreTakenAsTheBrowserGivesThem) {
+TEST_F(WebsiteCommandsTest, URLsAreTakenAsTheBrowserGivesThem) {
     // A Unicode host is encoded, upper case is lowered, as in the browser's URL.
     EXPECT_EQ(runJSON({"block", "https://Bücher.example/Kasse?a b"})["host"],
               "xn--bcher-kva.example");
-    const auto rows = sqlQuery(sharedDatabase(), "SELECT domains FROM SharedCustomRules");
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0][0], "xn--bcher-kva.example");
-
     for (const char* url : {"https://bücher.example/kasse", "http://xn--bcher-kva.example:8080/",
                             "HTTPS://BÜCHER.EXAMPLE"}) {
-        const json check = runJSON({"check", url});
-        EXPECT_EQ(check["host"], "xn--bcher-kva.example") << url;
-        EXPECT_EQ(check["block"], true) << url;
-        EXPECT_EQ(check["secure"], false) << url;
+        const json checked = check(url);
+        EXPECT_EQ(checked["host"], "xn--bcher-kva.example") << url;
+        EXPECT_EQ(checked["block"], true) << url;
     }
     // Exact membership: a subdomain is another host.
-    EXPECT_EQ(runJSON({"check", "https://www.bücher.example/"})["block"], false);
+    EXPECT_EQ(check("https://www.bücher.example/")["block"], false);
     EXPECT_EQ(runOK({"check", "https://xn--bcher-kva.example/"}),
-              "host     xn--bcher-kva.example\n"
-              "profile  defaultProfile\n"
-              "block    yes\n"
-              "secure   no\n"
-              "allow    no\n");
+              "host     xn--bcher-kva.example\nprofile  defaultProfile\n"
+              "block    yes\nsecure   no\nallow    no\n");
+}
+
+TEST_F(WebsiteCommandsTest, UndoingAHostNotOnTheListChangesNothing) {
+    runJSON({"allow", "https://kept.test/"});
+    const auto before = snapshotFiles(container());
+    for (const char* command : {"unblock", "unsecure", "unallow"}) {
+        const RunResult result = run({command, "https://other.test/"});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_NE(result.out.find("other.test is not on the"), std::string::npos) << result.out;
+    }
+    EXPECT_EQ(run({"unsecure", "https://kept.test/"}).exitCode, 0);
+    EXPECT_TRUE(snapshotFiles(container()) == before);
+    EXPECT_EQ(runJSON({"unallow", "https://kept.test/"})["changed"], true);
+    EXPECT_EQ(check("https://kept.test/")["allow"], false);
+}
+
+TEST_F(WebsiteCommandsTest, TidyMergesListRulesAndTheEngineThenMergesIntoTheOne) {
+    createContainer();
+    // As the engine leaves a list while its status is -1: one rule per host.
+    for (const char* domains : {"one.test", "two.test,one.test", "three.test"}) {
+        sqlExec(profileDatabase(), "INSERT INTO ProfileRules VALUES ('5b0d32f4c8',4,5,NULL,'.*',"
+                                   "NULL,NULL,1,'" + std::string(domains) + "',0)");
+    }
+    EXPECT_EQ(check("https://two.test/")["block"], false);  // only the first rule is read
+
+    const json tidy = runJSON({"lists", "tidy"});
+    EXPECT_EQ(tidy["lists"]["block"],
+              (json{{"rulesBefore", 3}, {"hosts", 3}, {"changed", true}, {"statusSet", true}}));
+    EXPECT_EQ(tidy["domainStatus"], "1,-1,-1");
+    auto rows = listRows(5);
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0][1], "one.test,two.test,three.test");
+    EXPECT_EQ(rows[0][0]->size(), 40u);  // the list's fixed identifier
+    EXPECT_EQ(check("https://two.test/")["block"], true);
+
+    const auto before = snapshotFiles(container());
+    EXPECT_NE(runOK({"lists", "tidy"}).find("The website lists are tidy; nothing changed."),
+              std::string::npos);
+    EXPECT_TRUE(snapshotFiles(container()) == before);
+
+    runJSON({"secure", "https://four.test/"});
+    runJSON({"block", "https://four.test/"});
+    rows = listRows(5);
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0][1], "four.test,one.test,two.test,three.test");
+    EXPECT_EQ(listRows(7).size(), 1u);
+    EXPECT_EQ(sharedValue("domainStatus"), "1,-1,1");
+}
+
+TEST_F(WebsiteCommandsTest, PickedElementsBecomeRulesOfThePageHost) {
+    // Position 0 holds the page's idea of its location, which --page replaces;
+    // a media element with no source makes no rule.
+    writeFile(scratch("elements.json"), R"([
+      ["elsewhere.test", "div", "div.banner", "", "", "body", "body", "", ""],
+      ["elsewhere.test", "img", "img.promo", "https://shop.example.com/img/promo.png", "",
+       "div", "div.promo", "", ""],
+      ["elsewhere.test", "video", "video.clip", "", "", "div", "div.clip", "", ""]])");
+    const json report = runJSON(
+        {"pick", "--page", "https://shop.example.com/sale", scratch("elements.json").string()});
+    EXPECT_EQ(report["page"], "shop.example.com");
+    EXPECT_EQ(report["hideRules"], 1);
+    EXPECT_EQ(report["blockRules"], 1);
+    EXPECT_EQ(report["skipped"], 1);
+    EXPECT_EQ(report["reload"], "done");
+    const json rules = ruleList();
+    ASSERT_EQ(rules.size(), 2u);
+    EXPECT_EQ(rules[0]["trigger"]["url-filter"],
+              "^[^:]+://+([^:/]+\\.)?shop\\.example\\.com/img/promo\\.png");
+    EXPECT_EQ(rules[1]["action"],
+              json::parse(R"({"type":"css-display-none","selector":"div.banner"})"));
+    EXPECT_EQ(rules[1]["trigger"]["if-top-url"][0], "^[^:]+://+shop\\.example\\.com[:/]");
+
+    // From standard input, as the whole user-info object.
+    const std::string userInfo = R"({"data":[["x","p","p.note","","","div","div.notes","",""]]})";
+    EXPECT_EQ(runJSON({"pick", "--page", "https://blog.example.net/", "-"}, userInfo)["hideRules"],
+              1);
+    EXPECT_EQ(customRuleCount(), 3);
+}
+
+TEST_F(WebsiteCommandsTest, EachInternalURLOpensItsScreen) {
+    runJSON({"block", "https://listed.test/"});
+    const std::pair<const char*, const char*> cases[] = {
+        {"stonewall://status", "Content blocking"},
+        {"stonewall://activate", "Blocker profiles"},
+        {"stonewall://blockwebsite", "Blocked websites"},
+        {"STONEWALL://SecureWebsite/", "Secured websites"},
+        {"stonewall://whitelistwebsite", "Allowed websites"},
+        {"stonewall://visual", "Picked elements"},
+        {"stonewall://open", "Stonewall"},
+    };
+    for (const auto& [url, screen] : cases) {
+        EXPECT_EQ(runJSON({"open-url", url})["screen"], screen) << url;
+    }
+    EXPECT_EQ(runJSON({"open-url", "stonewall://blockwebsite"})["hosts"],
+              json::array({"listed.test"}));
 }
 
 }  // namespace

@@ -1,0 +1,160 @@
+// The popover's status switch and the profiles from a shell, checked through
+// the shared database, the shared defaults and WebKit's real compiler.
+
+#include <filesystem>
+
+#include "ToolTestSupport.h"
+
+namespace stonewall::tool::testing {
+namespace {
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+class ProfileCommandsTest : public ToolTest {
+  protected:
+    std::string createProfile(const std::string& name) {
+        return runJSON({"profile", "create", name})["profile"].get<std::string>();
+    }
+    bool blocked(const std::string& host) {
+        return runJSON({"check", "https://" + host + "/"})["block"].get<bool>();
+    }
+};
+
+TEST_F(ProfileCommandsTest, SwitchingStoresAndReloadsWithoutRewritingTheRuleFile) {
+    EXPECT_EQ(runOK({"status"}), "blocking  on\n");
+    runJSON({"compile"});
+    const std::string compiled = readFile(ruleFile());
+    // A status reload names no profile, so a rule added since the compile stays out.
+    addProfileRule("defaultProfile", 1, 1, std::nullopt, "ads\\.example\\.com");
+    struct Step {
+        const char* state;
+        bool changed;
+        const char* stored;
+        int defaultsValue;  // what the content blocker reads on its next load
+    };
+    for (const Step& step : {Step{"off", true, "0", 2}, Step{"off", false, "0", 2},
+                             Step{"on", true, "1", 1}}) {
+        SCOPED_TRACE(step.state);
+        const auto before = snapshotFiles(container());
+        const json report = runJSON({"status", step.state});
+        EXPECT_EQ(report["changed"], step.changed);
+        EXPECT_FALSE(report.contains("rulesWritten"));
+        EXPECT_EQ(sharedValue("status"), step.stored);
+        EXPECT_EQ(runJSON({"info"})["defaults"]["blockingStatus"], step.defaultsValue);
+        EXPECT_EQ(readFile(ruleFile()), compiled);
+        if (!step.changed) {
+            EXPECT_TRUE(snapshotFiles(container()) == before);
+        }
+    }
+    // changeStatus turns an odd value into 0: "off" changes nothing, "on" works.
+    sqlExec(sharedDatabase(), "UPDATE SharedData SET status=5");
+    EXPECT_EQ(runJSON({"status"})["blocking"], "off");
+    EXPECT_EQ(runJSON({"status", "off"})["changed"], false);
+    EXPECT_EQ(runJSON({"status", "on"})["blocking"], "on");
+    EXPECT_EQ(sharedValue("status"), "1");
+}
+
+TEST_F(ProfileCommandsTest, AContainerNeverCompiledGetsItsListWithTheFirstSwitch) {
+    // Without a compiled list the content blocker has nothing to load back
+    // when blocking comes on again.
+    const json off = runJSON({"status", "off"});
+    EXPECT_EQ(off["reload"], "done");
+    EXPECT_EQ(off["rulesWritten"], 1);
+    EXPECT_TRUE(fs::exists(ruleFile()));
+    EXPECT_EQ(runJSON({"info"})["defaults"]["activeProfileID"], "defaultProfile");
+}
+
+TEST_F(ProfileCommandsTest, ActivateSwitchesCompilesAndReloadsTheNewProfile) {
+    createContainer();
+    addWorkProfile();
+    EXPECT_EQ(runOK({"profile", "list"}), "* defaultProfile  Default Profile\n"
+                                          "  work            Work\n");
+    runJSON({"compile", "--profile", "work", "--no-reload"});
+    addProfileRule("work", 1, 1, std::nullopt, "work-ads\\.example\\.com");
+    const json report = runJSON({"profile", "activate", "work"});
+    EXPECT_EQ(report["previousProfile"], "defaultProfile");
+    EXPECT_EQ(report["rulesWritten"], 1);
+    EXPECT_EQ(report["reload"], "done");
+    EXPECT_EQ(ruleList("work")[0]["trigger"]["url-filter"], "work-ads\\.example\\.com");
+    EXPECT_EQ(runJSON({"info"})["defaults"]["activeProfileID"], "work");
+    EXPECT_EQ(runJSON({"compile"})["profile"], "work");
+
+    const auto before = snapshotFiles(container());
+    EXPECT_EQ(runOK({"profile", "activate", "work"}),
+              "Profile work is already active; nothing changed.\n");
+    EXPECT_TRUE(snapshotFiles(container()) == before);
+}
+
+// The whole road: a new profile, filled from a filter list, activated and
+// compiled (WebKit accepts it), then websites blocked and unblocked with
+// check always telling the truth.
+TEST_F(ProfileCommandsTest, AProfileFromAFilterListThenBlockAndUnblock) {
+    createContainer();
+    const std::string work = createProfile("Work");
+    EXPECT_EQ(sharedValue("profileIDs"), "defaultProfile," + work);
+    writeFile(scratch("list.txt"),
+              "[Adblock Plus 2.0]\n! Title: test list\n"
+              "||ads.example.com^\n||track.example.net^$third-party,script\n"
+              "@@||ads.example.com/ok.js$script\n||cookies.test^$cookie\n"
+              "##.ad-banner\nnews.test#@#.ad-banner\nnews.test##.sponsored\n"
+              "||x.test^$redirect=noop.js\nnews.test#?#div:-abp-has(.ad)\n");
+    const json imported = runJSON({"profile", "import", work, scratch("list.txt").string()});
+    EXPECT_EQ(imported["added"], 6);
+    for (const auto& [kind, count] :
+         {std::pair{"block", 2}, {"hide", 2}, {"block cookies", 1}, {"exception", 1}}) {
+        EXPECT_EQ(imported["rulesByKind"][kind], count) << kind;
+    }
+    EXPECT_EQ(imported["skipped"], (json{{"extended CSS, scriptlet or HTML filter", 1},
+                                         {"unsupported option", 1}}));
+    EXPECT_EQ(runJSON({"profile", "import", work, scratch("list.txt").string()})["added"], 0);
+    const json activated = runJSON({"profile", "activate", work});
+    EXPECT_EQ(activated["reload"], "done");
+    EXPECT_EQ(activated["rulesWritten"], 6);
+
+    for (const char* host : {"a.example", "b.example", "c.example"}) {
+        runJSON({"block", std::string("https://") + host + "/page"});
+    }
+    // One list rule: the first block started it, the tidy marked it, the
+    // engine merged the next two into it.
+    EXPECT_EQ(sharedValue("domainStatus"), "1,-1,-1");
+    const auto blockRows = [&] {
+        return sqlQuery(profileDatabase(work), "SELECT domains FROM ProfileRules WHERE action=5");
+    };
+    EXPECT_EQ(blockRows(), std::vector<Row>{{"c.example,b.example,a.example"}});
+
+    EXPECT_EQ(runJSON({"unblock", "https://b.example/"})["reload"], "done");
+    EXPECT_FALSE(blocked("b.example"));
+    EXPECT_TRUE(blocked("a.example"));
+    EXPECT_TRUE(blocked("c.example"));
+    EXPECT_EQ(customRuleCount(), 2);
+    EXPECT_EQ(ruleList(work)[0]["trigger"]["if-top-url"].size(), 2u);
+
+    // The last website off the list takes the rule with it.
+    runJSON({"unblock", "https://a.example/"});
+    runJSON({"unblock", "https://c.example/"});
+    EXPECT_TRUE(blockRows().empty());
+    EXPECT_EQ(sharedValue("domainStatus"), "-1,-1,-1");
+    runJSON({"block", "https://d.example/"});
+    EXPECT_TRUE(blocked("d.example"));
+}
+
+TEST_F(ProfileCommandsTest, ProfilesAreRenamedAndRemovedKeepingNamesAndIdentifiersPaired) {
+    createContainer();
+    const std::string a = createProfile("Alpha");
+    const std::string b = createProfile("Beta");
+    runJSON({"profile", "rename", a, "Älpha ✓"});
+    EXPECT_EQ(sharedValue("profiles"), "Default Profile,Älpha ✓,Beta");
+
+    runJSON({"profile", "activate", b});
+    runJSON({"block", "https://b-only.test/"});
+    runJSON({"profile", "activate", "defaultProfile"});
+    runJSON({"profile", "remove", b});
+    EXPECT_EQ(sharedValue("profiles"), "Default Profile,Älpha ✓");
+    EXPECT_EQ(sharedValue("profileIDs"), "defaultProfile," + a);
+    EXPECT_FALSE(fs::exists(profileDatabase(b)));
+    EXPECT_FALSE(fs::exists(ruleFile(b)));
+    EXPECT_EQ(customRuleCount(), 0);
+}
+
+}  // namespace
+}  // namespace stonewall::tool::testing
