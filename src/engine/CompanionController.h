@@ -59,6 +59,14 @@ inline constexpr std::string_view kCompilerErrorDomain = "StonewallCompilerError
 // Hosts whose toolkit is older than this (before macOS 10.12) get no reloads.
 inline constexpr double kMinimumAppKitVersion = 1504;
 
+// What the shared record's domain status says of one website list
+// (getWebsitesStatusShared). Any other value leaves the list alone.
+namespace WebsiteListStatus {
+inline constexpr int64_t kNoListRule = -1;     // the next website starts the list rule
+inline constexpr int64_t kSharedOnly = 0;      // websites go to the shared database only
+inline constexpr int64_t kListRuleExists = 1;  // websites join the profile's list rule
+}  // namespace WebsiteListStatus
+
 // What one compilation did, for the command-line tool. Filled only by the
 // overloads that take one; the compiled output is the same either way.
 struct CompileReport {
@@ -131,7 +139,7 @@ class CompanionController {
     // The compiled list of the profile (never empty). An absent profileID is
     // looked up in the shared record (then unused); a null database gives the
     // placeholder list.
-    static std::vector<ContentBlockerRule> readProfileRules(
+    [[nodiscard]] static std::vector<ContentBlockerRule> readProfileRules(
         const NullableString& profileID, const std::shared_ptr<ProfileDatabase>& profileDatabase);
 
     // Compiles the profile and writes ".Profiles/profile_<id>_unarchive.json"
@@ -148,7 +156,7 @@ class CompanionController {
 
     // The domains of the first rule of that action, split at ","; empty when
     // the database has no such rule (or is null). The first argument is unused.
-    static std::vector<std::string> readWebsitesRules(
+    [[nodiscard]] static std::vector<std::string> readWebsitesRules(
         const NullableString& profileID, int64_t action,
         const std::shared_ptr<ProfileDatabase>& profileDatabase);
 
@@ -180,13 +188,13 @@ class CompanionController {
                                  CompletionHandler completionHandler);
     // A hide rule for ordinary elements, a block rule for media elements with
     // a usable source, none otherwise.
-    static std::optional<SharedCustomRule> createVisualCustomRule(const NullableString& host,
-                                                                  const DataElement& dataElement);
-    static SharedCustomRule hideCustomRule(const NullableString& host,
-                                           const NullableString& selector);
-    static SharedCustomRule blockCustomRule(const NullableString& host,
-                                            const NullableString& escapedURL,
-                                            const NullableString& filterDomain);
+    [[nodiscard]] static std::optional<SharedCustomRule> createVisualCustomRule(
+        const NullableString& host, const DataElement& dataElement);
+    [[nodiscard]] static SharedCustomRule hideCustomRule(const NullableString& host,
+                                                         const NullableString& selector);
+    [[nodiscard]] static SharedCustomRule blockCustomRule(const NullableString& host,
+                                                          const NullableString& escapedURL,
+                                                          const NullableString& filterDomain);
     static NullableString escapeData(const NullableString& text);
     static NullableString unescapeData(const NullableString& text);
     // True for the media and image tags "img", "video", "audio", "embed",
@@ -211,27 +219,27 @@ class CompanionController {
     void createWhitelistWebsiteCustomRule(const NullableString& url,
                                           CompletionHandler completionHandler);
 
-    SharedCustomRule blockWebsiteCustomRule(const NullableString& host) const;
-    SharedCustomRule secureWebsiteCustomRule(const NullableString& host) const;
-    SharedCustomRule whitelistWebsiteCustomRule(const NullableString& host) const;
+    [[nodiscard]] SharedCustomRule blockWebsiteCustomRule(const NullableString& host) const;
+    [[nodiscard]] SharedCustomRule secureWebsiteCustomRule(const NullableString& host) const;
+    [[nodiscard]] SharedCustomRule whitelistWebsiteCustomRule(const NullableString& host) const;
 
     // -1 (no list rule yet), 1 (list rule exists), 0 (shared database only),
     // or another value (skip); -1 for actions that have no list. A position
     // that the status text lacks reads as -1, a non-numeric one as 0.
-    int64_t getWebsitesStatusShared(int64_t action) const;
+    [[nodiscard]] int64_t getWebsitesStatusShared(int64_t action) const;
     // Sets the action's position to 1 and stores the record (any action).
     void updateWebsitesStatusShared(int64_t action);
 
     // Exact membership: a plain entry of the list equal to the host.
-    bool checkWebsiteExists(const NullableString& host, int64_t action) const;
+    [[nodiscard]] bool checkWebsiteExists(const NullableString& host, int64_t action) const;
     // Membership with "*" entries as reversed-label prefixes. The first
     // argument is unused.
-    bool checkDomainInWebsiteList(const NullableString& website, const NullableString& domain,
-                                  int64_t action) const;
-    static bool checkBlockWebsite(const SharedCustomRule& rule, int64_t total);
+    [[nodiscard]] bool checkDomainInWebsiteList(const NullableString& website,
+                                                const NullableString& domain, int64_t action) const;
+    [[nodiscard]] static bool checkBlockWebsite(const SharedCustomRule& rule, int64_t total);
 
-    static bool checkDomainsShareOrigin(const NullableString& host,
-                                        const NullableString& childDomain);
+    [[nodiscard]] static bool checkDomainsShareOrigin(const NullableString& host,
+                                                      const NullableString& childDomain);
     static NullableString extractDomainData(const NullableString& host);
     static std::string reverseDomain(std::string_view host);
     static NullableString hostFromURL(const NullableString& url);
