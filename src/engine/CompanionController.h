@@ -31,8 +31,10 @@
 #include "engine/DataElement.h"
 #include "model/ContentBlockerRule.h"
 #include "model/ProfileRule.h"
+#include "model/RuleCodes.h"
 #include "model/SharedCustomRule.h"
 #include "model/SharedData.h"
+#include "platform/ContainerLayout.h"
 #include "platform/Error.h"
 #include "storage/FileHandler.h"
 #include "storage/ProfileDatabase.h"
@@ -43,7 +45,7 @@ namespace stonewall {
 
 // The browser identifier of the product's content-blocker extension.
 inline constexpr std::string_view kContentBlockerIdentifier =
-    "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
+    ContainerLayout::kContentBlockerIdentifier;
 // The most rules one compiled list holds; the browser refuses longer lists.
 inline constexpr size_t kMaximumRuleCount = 50000;
 // Shared defaults keys that the content-blocker extension reads on its load.
@@ -58,6 +60,16 @@ inline constexpr std::string_view kExtensionUpdateObject = "StonewallExtension";
 inline constexpr std::string_view kCompilerErrorDomain = "StonewallCompilerErrorDomain";
 // Hosts whose toolkit is older than this (before macOS 10.12) get no reloads.
 inline constexpr double kMinimumAppKitVersion = 1504;
+
+// The order of the compiled list, by action. Blocking and hiding rules come
+// before every "ignore-previous-rules" rule, so that an allowed website
+// overrides all of them; "make-https" rules come last. The browser applies
+// rules in list order, so this order is the product's behaviour, not a detail.
+inline constexpr std::array<int64_t, 8> kCompileOrder = {
+    ActionCode::kBlockWebsite,  ActionCode::kBlock,        ActionCode::kBlockCookies,
+    ActionCode::kHide,          ActionCode::kAllowWebsite, ActionCode::kException,
+    ActionCode::kSecureWebsite, ActionCode::kUpgradeHTTPS,
+};
 
 // What the shared record's domain status says of one website list
 // (getWebsitesStatusShared). Any other value leaves the list alone.
@@ -175,6 +187,9 @@ class CompanionController {
 
     // The delay between the two reload phases on this host.
     static platform::Nanoseconds settleDelay();
+    // Whether this host's toolkit (kMinimumAppKitVersion and later) reloads
+    // content blockers at all; older hosts get no reloads and no status.
+    [[nodiscard]] static bool hostReloadsContentBlockers();
 
     // 4, 3 or 1 by the browser's content-blocker service generation. Nothing
     // in this program calls it.

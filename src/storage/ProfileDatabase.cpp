@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 #include "storage/SQLiteSupport.h"
 #include "storage/StorageEvents.h"
@@ -15,8 +16,6 @@ using namespace storage_detail;
 
 namespace {
 
-constexpr char kProfilesFolder[] = ".Profiles";
-constexpr char kTemplateName[] = "profiles";
 constexpr char kProfileRulesTable[] = "ProfileRules";
 
 constexpr char kSelectByActionSql[] = "SELECT * FROM ProfileRules WHERE action=? ORDER BY filter";
@@ -44,15 +43,6 @@ constexpr const char* kQueryTypeSql[] = {
     "SELECT * FROM ProfileRules WHERE blocker=6 AND (action=1 OR action=6) ORDER BY action, filter",
     "SELECT * FROM ProfileRules WHERE blocker=6 AND action=2 ORDER BY action, filter",
 };
-
-// The identifier becomes part of a file name in ".Profiles"; one that could
-// name a file elsewhere (or cut the name short at a NUL) opens nothing. With
-// both separators refused, ".." can only be a path component when it is the
-// whole identifier; inside a name ("a..b") it is harmless.
-bool isSafeFileNameComponent(std::string_view identifier) {
-    if (identifier == "." || identifier == "..") return false;
-    return identifier.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
-}
 
 // Columns 0 to 9 of a ProfileRules row, into a record that may be reused.
 void readProfileRule(sqlite3_stmt* statement, ProfileRule& rule) {
@@ -88,10 +78,10 @@ std::shared_ptr<ProfileDatabase> ProfileDatabase::initWithBlockerProfileID(
     std::shared_ptr<ProfileDatabase> database(new ProfileDatabase());
     // A null identifier formats as "(null)", as the original's "%@" of nil.
     const std::string identifier = textOrNull(blockerProfileID);
-    database->profilesFileName_ = "profile_" + identifier + "_data";
-    database->profilesFileHandler_ =
-        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
-    if (!isSafeFileNameComponent(identifier)) {
+    database->profilesFileName_ = ContainerLayout::profileDatabaseFileName(identifier);
+    database->profilesFileHandler_ = FileHandler::initWithNameAndGroup(
+        std::string(ContainerLayout::kProfilesFolder), std::string(kApplicationGroup));
+    if (!ContainerLayout::isSafeProfileIdentifier(identifier)) {
         database->usable_ = false;
         logError("refusing a profile identifier that leaves the profiles folder");
         return database;
@@ -134,7 +124,8 @@ void ProfileDatabase::addProfilesDatabase() {
     if (!usable_) return;
     // Only when nothing is there: another process may have made the file
     // a moment ago and be writing its first rules into it.
-    (void)profilesFileHandler_.createFileFromPath(profilesFileName_, templatePath(kTemplateName));
+    (void)profilesFileHandler_.createFileFromPath(
+        profilesFileName_, templatePath(ContainerLayout::kProfileDatabaseTemplate));
 }
 
 bool ProfileDatabase::checkTablesExist() { return checkTableExists(kProfileRulesTable); }

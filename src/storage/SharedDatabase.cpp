@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 #include "storage/SQLiteSupport.h"
 #include "storage/StorageEvents.h"
@@ -18,9 +19,6 @@ using namespace storage_detail;
 namespace {
 
 constexpr char kQueueLabel[] = "com.mapleharbor.Stonewall.SharedDataQueue";
-constexpr char kSharedFolder[] = ".Shared";
-constexpr char kDataFileName[] = "shared_data";
-constexpr char kTemplateName[] = "shared_data";
 
 constexpr char kInsertSharedDataSql[] = "INSERT INTO SharedData VALUES (?,?,?,?,?,?,?,?,?,?,?)";
 // No WHERE and the versions named twice: every row is updated, and twelve
@@ -139,8 +137,9 @@ void SharedDatabase::resetSharedInstanceForTesting() {
 }
 
 SharedDatabase::SharedDatabase() {
-    dataFileName_ = kDataFileName;
-    dataFileHandler_ = FileHandler::initWithNameAndGroup(kSharedFolder, std::string(kApplicationGroup));
+    dataFileName_ = ContainerLayout::kSharedDatabaseFileName;
+    dataFileHandler_ = FileHandler::initWithNameAndGroup(
+        std::string(ContainerLayout::kSharedFolder), std::string(kApplicationGroup));
     dataPath_ = dataFileHandler_.getFilePath(dataFileName_);
     sharedQueue_ = platform::dispatch().createSerialQueue(kQueueLabel);
     restored_ = false;
@@ -211,13 +210,15 @@ int SharedDatabase::connectDataDatabase() {
 }
 
 void SharedDatabase::addSharedDatabase() {
-    dataFileHandler_.copyFile(dataFileName_, templatePath(kTemplateName));
+    dataFileHandler_.copyFile(dataFileName_,
+                              templatePath(ContainerLayout::kSharedDatabaseTemplate));
     restored_ = true;
 }
 
 void SharedDatabase::createSharedDatabase() {
     // Never over a file another process has just made and begun to use.
-    if (dataFileHandler_.createFileFromPath(dataFileName_, templatePath(kTemplateName))) {
+    if (dataFileHandler_.createFileFromPath(
+            dataFileName_, templatePath(ContainerLayout::kSharedDatabaseTemplate))) {
         restored_ = true;
     }
 }
