@@ -5,13 +5,13 @@
 #include <unordered_set>
 
 #include "model/RuleCodes.h"
+#include "platform/ContainerLayout.h"
 #include "utilities/Generator.h"
 #include "utilities/PunycodeAdditions.h"
 
 namespace stonewall {
 namespace {
 
-constexpr char kProfilesFolder[] = ".Profiles";
 // The profile rule lists an import fills and looks for duplicates in.
 constexpr int64_t kImportedActions[] = {ActionCode::kBlock, ActionCode::kHide,
                                         ActionCode::kBlockCookies, ActionCode::kException,
@@ -187,10 +187,10 @@ ApplicationOutcome ProfileManager::removeProfile(const std::string& profileID) {
                   [&](const SharedCustomRule& rule) { return rule.blockerProfileID != profileID; });
     if (!customRules.empty()) engine_.sharedDatabase().removeSharedCustomRulesDetails(customRules);
 
-    const FileHandler profiles =
-        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
-    for (const std::string& file :
-         {"profile_" + profileID + "_data", "profile_" + profileID + "_unarchive.json"}) {
+    const FileHandler profiles = FileHandler::initWithNameAndGroup(
+        std::string(ContainerLayout::kProfilesFolder), std::string(kApplicationGroup));
+    for (const std::string& file : {ContainerLayout::profileDatabaseFileName(profileID),
+                                    ContainerLayout::ruleListFileName(profileID)}) {
         if (profiles.fileExists(file)) profiles.removeFile(file);
         if (profiles.fileExists(file)) {
             CompanionController::sendUpdateNotification();

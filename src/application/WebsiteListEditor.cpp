@@ -107,7 +107,7 @@ ApplicationOutcome WebsiteListEditor::tidyList(int64_t action, TidyReport& repor
         return badInput("action " + std::to_string(action), "has no website list");
     }
     const int64_t status = engine_.getWebsitesStatusShared(action);
-    if (status != -1 && status != 1) {
+    if (status != WebsiteListStatus::kNoListRule && status != WebsiteListStatus::kListRuleExists) {
         report.leftAloneStatus = status;
         return std::nullopt;
     }
@@ -194,7 +194,8 @@ ApplicationOutcome WebsiteListEditor::removeWebsite(int64_t action, const std::s
             return profileNotWritten(engine_);
         }
         // An empty list has no rule; the next website starts a new one.
-        if (after.empty() && engine_.getWebsitesStatusShared(action) == 1) {
+        if (after.empty() &&
+            engine_.getWebsitesStatusShared(action) == WebsiteListStatus::kListRuleExists) {
             if (auto error = setStatus(action, "-1")) return error;
         }
     }

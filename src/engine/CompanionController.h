@@ -31,8 +31,10 @@
 #include "engine/DataElement.h"
 #include "model/ContentBlockerRule.h"
 #include "model/ProfileRule.h"
+#include "model/RuleCodes.h"
 #include "model/SharedCustomRule.h"
 #include "model/SharedData.h"
+#include "platform/ContainerLayout.h"
 #include "platform/Error.h"
 #include "storage/FileHandler.h"
 #include "storage/ProfileDatabase.h"
@@ -43,7 +45,7 @@ namespace stonewall {
 
 // The browser identifier of the product's content-blocker extension.
 inline constexpr std::string_view kContentBlockerIdentifier =
-    "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
+    ContainerLayout::kContentBlockerIdentifier;
 // The most rules one compiled list holds; the browser refuses longer lists.
 inline constexpr size_t kMaximumRuleCount = 50000;
 // Shared defaults keys that the content-blocker extension reads on its load.
@@ -58,6 +60,24 @@ inline constexpr std::string_view kExtensionUpdateObject = "StonewallExtension";
 inline constexpr std::string_view kCompilerErrorDomain = "StonewallCompilerErrorDomain";
 // Hosts whose toolkit is older than this (before macOS 10.12) get no reloads.
 inline constexpr double kMinimumAppKitVersion = 1504;
+
+// The order of the compiled list, by action. Blocking and hiding rules come
+// before every "ignore-previous-rules" rule, so that an allowed website
+// overrides all of them; "make-https" rules come last. The browser applies
+// rules in list order, so this order is the product's behaviour, not a detail.
+inline constexpr std::array<int64_t, 8> kCompileOrder = {
+    ActionCode::kBlockWebsite,  ActionCode::kBlock,        ActionCode::kBlockCookies,
+    ActionCode::kHide,          ActionCode::kAllowWebsite, ActionCode::kException,
+    ActionCode::kSecureWebsite, ActionCode::kUpgradeHTTPS,
+};
+
+// What the shared record's domain status says of one website list
+// (getWebsitesStatusShared). Any other value leaves the list alone.
+namespace WebsiteListStatus {
+inline constexpr int64_t kNoListRule = -1;     // the next website starts the list rule
+inline constexpr int64_t kSharedOnly = 0;      // websites go to the shared database only
+inline constexpr int64_t kListRuleExists = 1;  // websites join the profile's list rule
+}  // namespace WebsiteListStatus
 
 // What one compilation did, for the command-line tool. Filled only by the
 // overloads that take one; the compiled output is the same either way.
@@ -131,7 +151,7 @@ class CompanionController {
     // The compiled list of the profile (never empty). An absent profileID is
     // looked up in the shared record (then unused); a null database gives the
     // placeholder list.
-    static std::vector<ContentBlockerRule> readProfileRules(
+    [[nodiscard]] static std::vector<ContentBlockerRule> readProfileRules(
         const NullableString& profileID, const std::shared_ptr<ProfileDatabase>& profileDatabase);
 
     // Compiles the profile and writes ".Profiles/profile_<id>_unarchive.json"
@@ -148,7 +168,7 @@ class CompanionController {
 
     // The domains of the first rule of that action, split at ","; empty when
     // the database has no such rule (or is null). The first argument is unused.
-    static std::vector<std::string> readWebsitesRules(
+    [[nodiscard]] static std::vector<std::string> readWebsitesRules(
         const NullableString& profileID, int64_t action,
         const std::shared_ptr<ProfileDatabase>& profileDatabase);
 
@@ -167,6 +187,9 @@ class CompanionController {
 
     // The delay between the two reload phases on this host.
     static platform::Nanoseconds settleDelay();
+    // Whether this host's toolkit (kMinimumAppKitVersion and later) reloads
+    // content blockers at all; older hosts get no reloads and no status.
+    [[nodiscard]] static bool hostReloadsContentBlockers();
 
     // 4, 3 or 1 by the browser's content-blocker service generation. Nothing
     // in this program calls it.
@@ -180,13 +203,13 @@ class CompanionController {
                                  CompletionHandler completionHandler);
     // A hide rule for ordinary elements, a block rule for media elements with
     // a usable source, none otherwise.
-    static std::optional<SharedCustomRule> createVisualCustomRule(const NullableString& host,
-                                                                  const DataElement& dataElement);
-    static SharedCustomRule hideCustomRule(const NullableString& host,
-                                           const NullableString& selector);
-    static SharedCustomRule blockCustomRule(const NullableString& host,
-                                            const NullableString& escapedURL,
-                                            const NullableString& filterDomain);
+    [[nodiscard]] static std::optional<SharedCustomRule> createVisualCustomRule(
+        const NullableString& host, const DataElement& dataElement);
+    [[nodiscard]] static SharedCustomRule hideCustomRule(const NullableString& host,
+                                                         const NullableString& selector);
+    [[nodiscard]] static SharedCustomRule blockCustomRule(const NullableString& host,
+                                                          const NullableString& escapedURL,
+                                                          const NullableString& filterDomain);
     static NullableString escapeData(const NullableString& text);
     static NullableString unescapeData(const NullableString& text);
     // True for the media and image tags "img", "video", "audio", "embed",
@@ -211,27 +234,27 @@ class CompanionController {
     void createWhitelistWebsiteCustomRule(const NullableString& url,
                                           CompletionHandler completionHandler);
 
-    SharedCustomRule blockWebsiteCustomRule(const NullableString& host) const;
-    SharedCustomRule secureWebsiteCustomRule(const NullableString& host) const;
-    SharedCustomRule whitelistWebsiteCustomRule(const NullableString& host) const;
+    [[nodiscard]] SharedCustomRule blockWebsiteCustomRule(const NullableString& host) const;
+    [[nodiscard]] SharedCustomRule secureWebsiteCustomRule(const NullableString& host) const;
+    [[nodiscard]] SharedCustomRule whitelistWebsiteCustomRule(const NullableString& host) const;
 
     // -1 (no list rule yet), 1 (list rule exists), 0 (shared database only),
     // or another value (skip); -1 for actions that have no list. A position
     // that the status text lacks reads as -1, a non-numeric one as 0.
-    int64_t getWebsitesStatusShared(int64_t action) const;
+    [[nodiscard]] int64_t getWebsitesStatusShared(int64_t action) const;
     // Sets the action's position to 1 and stores the record (any action).
     void updateWebsitesStatusShared(int64_t action);
 
     // Exact membership: a plain entry of the list equal to the host.
-    bool checkWebsiteExists(const NullableString& host, int64_t action) const;
+    [[nodiscard]] bool checkWebsiteExists(const NullableString& host, int64_t action) const;
     // Membership with "*" entries as reversed-label prefixes. The first
     // argument is unused.
-    bool checkDomainInWebsiteList(const NullableString& website, const NullableString& domain,
-                                  int64_t action) const;
-    static bool checkBlockWebsite(const SharedCustomRule& rule, int64_t total);
+    [[nodiscard]] bool checkDomainInWebsiteList(const NullableString& website,
+                                                const NullableString& domain, int64_t action) const;
+    [[nodiscard]] static bool checkBlockWebsite(const SharedCustomRule& rule, int64_t total);
 
-    static bool checkDomainsShareOrigin(const NullableString& host,
-                                        const NullableString& childDomain);
+    [[nodiscard]] static bool checkDomainsShareOrigin(const NullableString& host,
+                                                      const NullableString& childDomain);
     static NullableString extractDomainData(const NullableString& host);
     static std::string reverseDomain(std::string_view host);
     static NullableString hostFromURL(const NullableString& url);

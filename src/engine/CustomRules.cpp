@@ -168,7 +168,7 @@ void CompanionController::processCustomRules(std::vector<SharedCustomRule> rules
             continue;
         }
         switch (getWebsitesStatusShared(rule.action)) {
-            case 1: {
+            case WebsiteListStatus::kListRuleExists: {
                 // The list rule exists: the host joins its domains. The
                 // rule's own on/off flag does not matter for the list.
                 std::vector<ProfileRule> listRules;
@@ -187,10 +187,10 @@ void CompanionController::processCustomRules(std::vector<SharedCustomRule> rules
                 sharedRules.push_back(std::move(rule));
                 break;
             }
-            case 0:
+            case WebsiteListStatus::kSharedOnly:
                 sharedRules.push_back(std::move(rule));
                 break;
-            case -1:
+            case WebsiteListStatus::kNoListRule:
                 if (rule.active)
                     profileRules.push_back(ProfileRule::initWithSharedCustomRule(rule));
                 sharedRules.push_back(std::move(rule));

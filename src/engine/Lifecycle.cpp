@@ -1,7 +1,6 @@
 // Construction, the shared record, blocking on/off, profile activation and
 // the change notification to the main application.
 
-#include <cmath>
 #include <string>
 
 #include "engine/CompanionController.h"
@@ -11,8 +10,6 @@ namespace stonewall {
 
 namespace {
 
-constexpr char kProfilesFolder[] = ".Profiles";
-
 // "blockingStatus" values read by the content-blocker extension.
 constexpr int64_t kBlockingStatusOn = 1;
 constexpr int64_t kBlockingStatusOff = 2;
@@ -20,8 +17,8 @@ constexpr int64_t kBlockingStatusOff = 2;
 }  // namespace
 
 CompanionController::CompanionController()
-    : fileHandler_(
-          FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup))),
+    : fileHandler_(FileHandler::initWithNameAndGroup(std::string(ContainerLayout::kProfilesFolder),
+                                                     std::string(kApplicationGroup))),
       sharedDatabase_(&SharedDatabase::sharedInstance()) {
     syncShared();
     connectProfileDatabase();
@@ -29,7 +26,7 @@ CompanionController::CompanionController()
 
 void CompanionController::syncShared() {
     sharedData_ = sharedDatabase_->getSharedData();
-    if (std::floor(platform::host().appKitVersionNumber()) >= kMinimumAppKitVersion) {
+    if (hostReloadsContentBlockers()) {
         updateExtensionStatus();
     }
 }

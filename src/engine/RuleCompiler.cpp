@@ -23,18 +23,6 @@ namespace stonewall {
 
 namespace {
 
-// The order of the compiled list. Blocking and hiding rules come before every
-// "ignore-previous-rules" rule, so that an allowed website overrides all of
-// them; "make-https" rules come last. The browser applies rules in list
-// order, so this order is the product's behaviour, not a detail.
-constexpr std::array<int64_t, 8> kCompileOrder = {
-    ActionCode::kBlockWebsite,  ActionCode::kBlock,        ActionCode::kBlockCookies,
-    ActionCode::kHide,          ActionCode::kAllowWebsite, ActionCode::kException,
-    ActionCode::kSecureWebsite, ActionCode::kUpgradeHTTPS,
-};
-
-constexpr char kProfilesFolder[] = ".Profiles";
-
 // Sizes the dedupe table up front; it doubles as a large profile needs.
 constexpr size_t kExpectedRuleCount = 8192;
 // The JSON goes to the file in pieces of about this size: a list of any
@@ -66,12 +54,7 @@ NullableString resolveProfileID(const NullableString& profileID) {
 }
 
 std::string ruleListFileName(const NullableString& profileID) {
-    return "profile_" + textOrNull(profileID) + "_unarchive.json";
-}
-
-// A profile identifier that would put the file outside ".Profiles".
-bool isUnsafeFileNamePart(const std::string& name) {
-    return name.find('/') != std::string::npos || name.find('\0') != std::string::npos;
+    return ContainerLayout::ruleListFileName(textOrNull(profileID));
 }
 
 // The dedupe, cap and conversion of writeProfileRules, rule by rule in list
@@ -316,8 +299,8 @@ void CompanionController::writeProfileRules(
 void CompanionController::writeProfileRules(const NullableString& profileID,
                                             const std::shared_ptr<ProfileDatabase>& profileDatabase,
                                             CompileReport* report) {
-    const FileHandler fileHandler =
-        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
+    const FileHandler fileHandler = FileHandler::initWithNameAndGroup(
+        std::string(ContainerLayout::kProfilesFolder), std::string(kApplicationGroup));
     const NullableString resolvedID = resolveProfileID(profileID);
 
     // The list streams into the file as it is built (on the compiler's
@@ -350,7 +333,7 @@ void CompanionController::writeProfileRules(const NullableString& profileID,
     const auto discard = [](std::string_view) { return false; };
 
     const std::string fileName = ruleListFileName(resolvedID);
-    const bool unsafeName = resolvedID && isUnsafeFileNamePart(*resolvedID);
+    const bool unsafeName = resolvedID && !ContainerLayout::isSafeProfileIdentifier(*resolvedID);
     if (unsafeName) {
         FileHandler::logError("refusing to write a rule list for profile identifier " +
                               *resolvedID);
@@ -395,6 +378,10 @@ std::vector<std::string> CompanionController::readWebsitesRules(
     return engine_detail::componentsSeparatedByString(*rules.front().domains, ",");
 }
 
+bool CompanionController::hostReloadsContentBlockers() {
+    return std::floor(platform::host().appKitVersionNumber()) >= kMinimumAppKitVersion;
+}
+
 platform::Nanoseconds CompanionController::settleDelay() {
     const platform::Host& host = platform::host();
     if (host.isOperatingSystemAtLeastVersion({11, 0, 0})) return kSettleDelayBigSur;
@@ -416,7 +403,7 @@ void CompanionController::reloadBlockerRules(const NullableString& profileID,
     std::shared_ptr<platform::UserDefaults> defaults =
         platform::defaults().suiteNamed(std::string(kApplicationGroup));
 
-    if (std::floor(platform::host().appKitVersionNumber()) < kMinimumAppKitVersion) {
+    if (!hostReloadsContentBlockers()) {
         // Such hosts cannot reload a content blocker. The caller is told at
         // once; from another thread the answer still goes to the main queue.
         if (completionHandler) {

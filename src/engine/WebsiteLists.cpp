@@ -125,7 +125,9 @@ void CompanionController::createWebsiteCustomRule(int64_t action, const Nullable
     processCustomRules({websiteCustomRule(action, host)});
     // Status 0 keeps the rule in the shared database only; the application
     // has nothing new to read from the profile then.
-    if (getWebsitesStatusShared(action) != 0) sendUpdateNotification();
+    if (getWebsitesStatusShared(action) != WebsiteListStatus::kSharedOnly) {
+        sendUpdateNotification();
+    }
     if (completionHandler) completionHandler(std::nullopt);
 }
 
@@ -160,7 +162,7 @@ SharedCustomRule CompanionController::websiteCustomRule(int64_t action,
 
 int64_t CompanionController::getWebsitesStatusShared(int64_t action) const {
     const std::optional<size_t> position = statusPosition(action);
-    if (!position) return -1;
+    if (!position) return WebsiteListStatus::kNoListRule;
     const auto components =
         statusComponents(sharedData_ ? sharedData_->domainStatus : std::nullopt);
     return leadingIntegerValue(components[*position]);

@@ -335,7 +335,7 @@ void SafariExtensionViewController::setupButtons() {
 
 // --- View switching -------------------------------------------------------------------
 
-void SafariExtensionViewController::showExtensionView(int64_t viewCode, bool animated) {
+void SafariExtensionViewController::showExtensionView(int64_t viewCode, Animated animated) {
     if (!popoverVisible_) return;
     Outlets& o = *outlets_;
     const auto showOnly = [&](int64_t code) {
@@ -345,7 +345,7 @@ void SafariExtensionViewController::showExtensionView(int64_t viewCode, bool ani
         currentView_ = code;
     };
     platform::toolkit().runAnimationGroup(
-        animated ? kSwitchAnimationDuration : 0.0,
+        animated == Animated::Yes ? kSwitchAnimationDuration : 0.0,
         [&] {
             switch (viewCode) {
                 case 1:
@@ -377,10 +377,10 @@ void SafariExtensionViewController::showExtensionView(int64_t viewCode, bool ani
         nullptr);
 }
 
-void SafariExtensionViewController::refreshSharedData(bool repair) {
+void SafariExtensionViewController::refreshSharedData(Repair repair) {
     CompanionController& engine = *companionController_;
     engine.setSharedData(engine.sharedDatabase().getSharedData());
-    if (!engine.sharedData() && repair) {
+    if (!engine.sharedData() && repair == Repair::Yes) {
         engine.sharedDatabase().reconnectDatabase();
         engine.syncShared();
     }
@@ -391,11 +391,11 @@ void SafariExtensionViewController::refreshSharedData(bool repair) {
 
 void SafariExtensionViewController::popoverWillShowInWindow(int64_t visualStatus) {
     popoverVisible_ = true;
-    refreshSharedData(/*repair=*/true);
+    refreshSharedData(Repair::Yes);
     if (visualStatus == 1) {
-        showExtensionView(2, /*animated=*/false);
+        showExtensionView(2, Animated::No);
     } else {
-        showExtensionView(reloading_ ? 5 : 1, /*animated=*/false);
+        showExtensionView(reloading_ ? 5 : 1, Animated::No);
     }
     getActivePageURL([this](const std::shared_ptr<SFSafariPage>&, NullableString url) {
         platform::dispatch().mainQueue().async([this, url] { updateWebsiteButtons(url); });
@@ -405,7 +405,7 @@ void SafariExtensionViewController::popoverWillShowInWindow(int64_t visualStatus
 void SafariExtensionViewController::popoverWillCloseInWindow() { popoverVisible_ = false; }
 
 void SafariExtensionViewController::updateMenu() {
-    refreshSharedData(/*repair=*/false);
+    refreshSharedData(Repair::No);
     getActivePageURL([this](const std::shared_ptr<SFSafariPage>&, NullableString url) {
         platform::dispatch().mainQueue().async([this, url] { updateWebsiteButtons(url); });
     });
@@ -538,12 +538,12 @@ void SafariExtensionViewController::changeToolbarImage(int64_t imageCode) {
                 [this, imageCode, image](const std::shared_ptr<SFSafariToolbarItem>& item) {
                     if (!item) return;
                     if (!item->respondsToSetImage()) {
-                        showExtensionView(1, /*animated=*/true);
+                        showExtensionView(1, Animated::Yes);
                         return;
                     }
                     item->setImage(image);
                     if (imageCode >= 1 && imageCode <= 3) {
-                        showExtensionView(imageCode == 2 ? 5 : 1, /*animated=*/true);
+                        showExtensionView(imageCode == 2 ? 5 : 1, Animated::Yes);
                     }
                 });
         });
@@ -638,7 +638,7 @@ void SafariExtensionViewController::changeCounterAction() {
                 localized("This feature is only available in Safari 13 or above."));
         }
         if (o.errorDoneButton) o.errorDoneButton->setTitle(localized("OK"));
-        showExtensionView(6, /*animated=*/false);
+        showExtensionView(6, Animated::No);
         return;
     }
     if (extensionState_) {
@@ -656,7 +656,7 @@ void SafariExtensionViewController::visualBlockAction() {
         page->dispatchMessageToScriptWithName("BlockVisually", nlohmann::json::object());
         extensionStatus_ = 2;
         page->getPagePropertiesWithCompletionHandler([this](std::optional<SFSafariPageProperties>) {
-            platform::dispatch().mainQueue().async([this] { showExtensionView(2, /*animated=*/true); });
+            platform::dispatch().mainQueue().async([this] { showExtensionView(2, Animated::Yes); });
         });
     });
 }
@@ -673,7 +673,7 @@ void SafariExtensionViewController::visualCancelAction() {
     getActivePage([](const std::shared_ptr<SFSafariPage>& page) {
         page->dispatchMessageToScriptWithName("VisualCancel", nullptr);
     });
-    showExtensionView(1, /*animated=*/true);
+    showExtensionView(1, Animated::Yes);
 }
 
 void SafariExtensionViewController::visualDoneAction() {
@@ -694,7 +694,7 @@ void SafariExtensionViewController::askForWebsiteConfirmation(int64_t action,
     if (o.websiteTitleLabel) o.websiteTitleLabel->setStringValue(localized(title));
     if (o.websiteMessageLabel) o.websiteMessageLabel->setStringValue(message);
     if (o.websiteDoneButton) o.websiteDoneButton->setTitle(localized(doneTitle));
-    showExtensionView(4, /*animated=*/true);
+    showExtensionView(4, Animated::Yes);
 }
 
 void SafariExtensionViewController::blockWebsiteAction() {
@@ -711,7 +711,7 @@ void SafariExtensionViewController::whitelistWebsiteAction() {
 
 void SafariExtensionViewController::websiteCancelAction() {
     websiteAction_ = 1;
-    showExtensionView(1, /*animated=*/true);
+    showExtensionView(1, Animated::Yes);
 }
 
 void SafariExtensionViewController::websiteDoneAction() {
@@ -764,7 +764,7 @@ void SafariExtensionViewController::websiteDoneAction() {
 
 void SafariExtensionViewController::changeActiveProfile() {
     Outlets& o = *outlets_;
-    showExtensionView(3, /*animated=*/true);
+    showExtensionView(3, Animated::Yes);
     for (size_t i = 0; i < profileIDs_.size(); ++i) {
         if (profileIDs_[i] == activeProfileID_) {
             if (i < profiles_.size()) setButtonTitle(o.profileButton, profiles_[i]);
@@ -784,7 +784,7 @@ void SafariExtensionViewController::changeActiveProfile() {
     popup.selectItemAtIndex(selected < 0 ? 0 : selected);
 }
 
-void SafariExtensionViewController::profileCancelAction() { showExtensionView(1, /*animated=*/true); }
+void SafariExtensionViewController::profileCancelAction() { showExtensionView(1, Animated::Yes); }
 
 void SafariExtensionViewController::profileDoneAction() {
     const auto& popup = outlets_->profilePopupButton;
@@ -806,7 +806,7 @@ void SafariExtensionViewController::profileDoneAction() {
     });
 }
 
-void SafariExtensionViewController::errorDoneAction() { showExtensionView(1, /*animated=*/true); }
+void SafariExtensionViewController::errorDoneAction() { showExtensionView(1, Animated::Yes); }
 
 void SafariExtensionViewController::openAppAction() {
     platform::dispatch().globalQueue(platform::QueuePriority::Default).async([] {

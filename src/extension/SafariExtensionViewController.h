@@ -138,7 +138,8 @@ class SafariExtensionViewController {
 
     // --- Internal, open for the toolkit and tests ----------------------------------------
 
-    void showExtensionView(int64_t viewCode, bool animated);
+    enum class Animated : bool { No, Yes };
+    void showExtensionView(int64_t viewCode, Animated animated);
     void updateMenu();
     void updateStatus();
     void updateCounterStatus();
@@ -164,7 +165,9 @@ class SafariExtensionViewController {
   private:
     void loadOutlets();
     void connectActions();
-    void refreshSharedData(bool repair);
+    // Whether an unreadable shared record is worth a reconnect first.
+    enum class Repair : bool { No, Yes };
+    void refreshSharedData(Repair repair);
     std::string localized(const std::string& key) const;
     std::string displayProfileName(const std::string& name) const;
     void setButtonTitle(const std::shared_ptr<ExtensionButton>& button, const std::string& title);

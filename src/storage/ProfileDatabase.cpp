@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 #include "storage/SQLiteSupport.h"
 #include "storage/StorageEvents.h"
@@ -15,8 +16,6 @@ using namespace storage_detail;
 
 namespace {
 
-constexpr char kProfilesFolder[] = ".Profiles";
-constexpr char kTemplateName[] = "profiles";
 constexpr char kProfileRulesTable[] = "ProfileRules";
 
 constexpr char kSelectByActionSql[] = "SELECT * FROM ProfileRules WHERE action=? ORDER BY filter";
@@ -31,6 +30,7 @@ constexpr char kDeleteSql[] = "DELETE FROM ProfileRules WHERE blocker=? AND acti
 constexpr char kDeleteAllSql[] = "DELETE FROM ProfileRules";
 constexpr char kBeginSql[] = "BEGIN TRANSACTION";
 constexpr char kCommitSql[] = "COMMIT TRANSACTION";
+constexpr ErrorHook kLog = &ProfileDatabase::logError;
 
 // Query types 1 to 7; index 0 is unused.
 constexpr const char* kQueryTypeSql[] = {
@@ -43,15 +43,6 @@ constexpr const char* kQueryTypeSql[] = {
     "SELECT * FROM ProfileRules WHERE blocker=6 AND (action=1 OR action=6) ORDER BY action, filter",
     "SELECT * FROM ProfileRules WHERE blocker=6 AND action=2 ORDER BY action, filter",
 };
-
-// The identifier becomes part of a file name in ".Profiles"; one that could
-// name a file elsewhere (or cut the name short at a NUL) opens nothing. With
-// both separators refused, ".." can only be a path component when it is the
-// whole identifier; inside a name ("a..b") it is harmless.
-bool isSafeFileNameComponent(std::string_view identifier) {
-    if (identifier == "." || identifier == "..") return false;
-    return identifier.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
-}
 
 // Columns 0 to 9 of a ProfileRules row, into a record that may be reused.
 void readProfileRule(sqlite3_stmt* statement, ProfileRule& rule) {
@@ -87,10 +78,10 @@ std::shared_ptr<ProfileDatabase> ProfileDatabase::initWithBlockerProfileID(
     std::shared_ptr<ProfileDatabase> database(new ProfileDatabase());
     // A null identifier formats as "(null)", as the original's "%@" of nil.
     const std::string identifier = textOrNull(blockerProfileID);
-    database->profilesFileName_ = "profile_" + identifier + "_data";
-    database->profilesFileHandler_ =
-        FileHandler::initWithNameAndGroup(kProfilesFolder, std::string(kApplicationGroup));
-    if (!isSafeFileNameComponent(identifier)) {
+    database->profilesFileName_ = ContainerLayout::profileDatabaseFileName(identifier);
+    database->profilesFileHandler_ = FileHandler::initWithNameAndGroup(
+        std::string(ContainerLayout::kProfilesFolder), std::string(kApplicationGroup));
+    if (!ContainerLayout::isSafeProfileIdentifier(identifier)) {
         database->usable_ = false;
         logError("refusing a profile identifier that leaves the profiles folder");
         return database;
@@ -126,27 +117,15 @@ int ProfileDatabase::connectProfilesDatabase() {
     }
     // A handle from an earlier open that was not closed would leak.
     close();
-    const int result = sqlite3_open(profilesDataPath_.c_str(), &profilesDatabase_);
-    if (result != SQLITE_OK) {
-        // A handle whose open failed serves nothing; without it every later
-        // call sees "no open database" instead of a misuse error.
-        logError(errorText(profilesDatabase_, "open " + profilesDataPath_));
-        sqlite3_close_v2(profilesDatabase_);
-        profilesDatabase_ = nullptr;
-        return result;
-    }
-    configureConnection(profilesDatabase_);
-    return result;
+    return openConnection(profilesDataPath_, profilesDatabase_, kLog);
 }
 
 void ProfileDatabase::addProfilesDatabase() {
     if (!usable_) return;
-    std::string templatePath = platform::bundle().resourcePath();
-    if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
-    templatePath.append(kTemplateName);
     // Only when nothing is there: another process may have made the file
     // a moment ago and be writing its first rules into it.
-    (void)profilesFileHandler_.createFileFromPath(profilesFileName_, templatePath);
+    (void)profilesFileHandler_.createFileFromPath(
+        profilesFileName_, templatePath(ContainerLayout::kProfileDatabaseTemplate));
 }
 
 bool ProfileDatabase::checkTablesExist() { return checkTableExists(kProfileRulesTable); }
@@ -156,10 +135,9 @@ bool ProfileDatabase::checkTableExists(const std::string& tableName) {
     const std::string sql = "SELECT * FROM " + tableName + " LIMIT 1";
     sqlite3_stmt* statement = nullptr;
     armDeadline();
-    const bool exists =
-        sqlite3_prepare_v2(profilesDatabase_, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK;
-    sqlite3_finalize(statement);
-    return exists;
+    const int result = sqlite3_prepare_v2(profilesDatabase_, sql.c_str(), -1, &statement, nullptr);
+    const Statement finalised(statement);
+    return result == SQLITE_OK;
 }
 
 // The damaged file is kept beside the fresh one, and whatever rows SQLite can
@@ -198,49 +176,31 @@ void ProfileDatabase::close() {
 
 namespace {
 
-// Prepares `sql` on the connection; false (after logging) when there is no
-// connection or the statement does not compile.
-bool prepare(sqlite3* database, const char* sql, sqlite3_stmt** statement) {
-    *statement = nullptr;
-    if (!database) {
-        ProfileDatabase::logError(std::string("no open database for: ") + sql);
-        return false;
-    }
-    armDeadline();
-    if (sqlite3_prepare_v2(database, sql, -1, statement, nullptr) != SQLITE_OK) {
-        ProfileDatabase::logError(errorText(database, std::string("prepare ") + sql));
-        sqlite3_finalize(*statement);
-        *statement = nullptr;
-        return false;
-    }
-    return true;
-}
-
-std::vector<ProfileRule> readAll(sqlite3_stmt* statement) {
+std::vector<ProfileRule> readAll(const Statement& statement) {
     std::vector<ProfileRule> rules;
     // Any result other than a row (done, busy, corrupt page) ends the read.
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-        rules.push_back(getProfileRuleFromStatement(statement));
+    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
+        rules.push_back(getProfileRuleFromStatement(statement.get()));
     }
-    sqlite3_finalize(statement);
     return rules;
 }
 
 }  // namespace
 
 std::vector<ProfileRule> ProfileDatabase::getProfileRulesByAction(int64_t action) {
-    sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kSelectByActionSql, &statement)) return {};
-    bindInt(statement, 1, action);
+    const Statement statement = prepareStatement(profilesDatabase_, kSelectByActionSql, kLog);
+    if (!statement) return {};
+    bindInt(statement.get(), 1, action);
     return readAll(statement);
 }
 
 std::vector<ProfileRule> ProfileDatabase::getProfileRulesByActionAndType(int64_t action,
                                                                          int64_t blocker) {
-    sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kSelectByActionAndTypeSql, &statement)) return {};
-    bindInt(statement, 1, action);
-    bindInt(statement, 2, blocker);
+    const Statement statement =
+        prepareStatement(profilesDatabase_, kSelectByActionAndTypeSql, kLog);
+    if (!statement) return {};
+    bindInt(statement.get(), 1, action);
+    bindInt(statement.get(), 2, blocker);
     return readAll(statement);
 }
 
@@ -250,36 +210,37 @@ std::vector<ProfileRule> ProfileDatabase::getProfileRulesByQueryType(int64_t que
         logError("no statement for query type " + std::to_string(queryType));
         return {};
     }
-    sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kQueryTypeSql[queryType], &statement)) return {};
+    const Statement statement = prepareStatement(profilesDatabase_, kQueryTypeSql[queryType], kLog);
+    if (!statement) return {};
     return readAll(statement);
 }
 
 int64_t ProfileDatabase::getProfileRulesCount() {
-    sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kCountSql, &statement)) return 0;
+    const Statement statement = prepareStatement(profilesDatabase_, kCountSql, kLog);
+    if (!statement) return 0;
     int64_t count = 0;
     // sqlite3_column_int64: the count is the one value of this table not
     // stored by us, and it may exceed 32 bits.
-    while (sqlite3_step(statement) == SQLITE_ROW) count = sqlite3_column_int64(statement, 0);
-    sqlite3_finalize(statement);
+    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
+        count = sqlite3_column_int64(statement.get(), 0);
+    }
     return count;
 }
 
 bool ProfileDatabase::forEachProfileRuleByAction(
     int64_t action, const std::function<void(const ProfileRule&)>& visit) {
-    sqlite3_stmt* statement;
     lastReadFailure_ = ReadFailure::None;
-    if (!prepare(profilesDatabase_, kSelectByActionSql, &statement)) {
+    const Statement statement = prepareStatement(profilesDatabase_, kSelectByActionSql, kLog);
+    if (!statement) {
         lastReadFailure_ = readFailure(profilesDatabase_);
         return false;
     }
-    bindInt(statement, 1, action);
+    bindInt(statement.get(), 1, action);
     ProfileRule rule;
     // The visitor's own time does not count against the statement's deadline.
     int result;
-    while ((result = sqlite3_step(statement)) == SQLITE_ROW) {
-        readProfileRule(statement, rule);
+    while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        readProfileRule(statement.get(), rule);
         visit(rule);
         armDeadline();
     }
@@ -288,9 +249,8 @@ bool ProfileDatabase::forEachProfileRuleByAction(
     const bool complete = result == SQLITE_DONE;
     if (!complete) {
         logError(errorText(profilesDatabase_, std::string("step ") + kSelectByActionSql));
+        lastReadFailure_ = readFailure(profilesDatabase_);
     }
-    if (!complete) lastReadFailure_ = readFailure(profilesDatabase_);
-    sqlite3_finalize(statement);
     return complete;
 }
 
@@ -338,21 +298,18 @@ void ProfileDatabase::runBatch(const char* sql, const std::vector<ProfileRule>& 
         logError("change dropped: the profile identifier names no file of ours");
         return;
     }
-    (void)beginTransactionProfilesDatabase();
-    sqlite3_stmt* statement;
-    // On a failed prepare the transaction just begun stays open: no commit,
-    // no rollback. The next successful batch commits it.
-    if (!prepare(profilesDatabase_, sql, &statement)) return;
+    Transaction transaction(profilesDatabase_, kLog);
+    const Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
+    if (!statement) return;
     for (const ProfileRule& rule : rules) {
-        bind(statement, rule);
+        bind(statement.get(), rule);
         armDeadline();
-        if (sqlite3_step(statement) != SQLITE_DONE) {
+        if (sqlite3_step(statement.get()) != SQLITE_DONE) {
             logError(errorText(profilesDatabase_, std::string("step ") + sql));
         }
-        sqlite3_reset(statement);
+        sqlite3_reset(statement.get());
     }
-    (void)commitTransactionProfilesDatabase();
-    sqlite3_finalize(statement);
+    (void)transaction.commit();
 }
 
 void ProfileDatabase::addProfileRules(const std::vector<ProfileRule>& rules) {
@@ -369,22 +326,22 @@ void ProfileDatabase::removeProfileRulesCustom(const std::vector<ProfileRule>& r
 
 void ProfileDatabase::removeProfileRules(int64_t blocker, int64_t blockerAction,
                                          const NullableString& ruleID) {
-    sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kDeleteSql, &statement)) return;
-    bindInt(statement, 1, blocker);
-    bindInt(statement, 2, blockerAction);
-    bindString(statement, 3, ruleID);
-    if (sqlite3_step(statement) != SQLITE_DONE) logError(errorText(profilesDatabase_, kDeleteSql));
-    sqlite3_finalize(statement);
+    const Statement statement = prepareStatement(profilesDatabase_, kDeleteSql, kLog);
+    if (!statement) return;
+    bindInt(statement.get(), 1, blocker);
+    bindInt(statement.get(), 2, blockerAction);
+    bindString(statement.get(), 3, ruleID);
+    if (sqlite3_step(statement.get()) != SQLITE_DONE) {
+        logError(errorText(profilesDatabase_, kDeleteSql));
+    }
 }
 
 void ProfileDatabase::removeAllProfileRules() {
-    sqlite3_stmt* statement;
-    if (!prepare(profilesDatabase_, kDeleteAllSql, &statement)) return;
-    if (sqlite3_step(statement) != SQLITE_DONE) {
+    const Statement statement = prepareStatement(profilesDatabase_, kDeleteAllSql, kLog);
+    if (!statement) return;
+    if (sqlite3_step(statement.get()) != SQLITE_DONE) {
         logError(errorText(profilesDatabase_, kDeleteAllSql));
     }
-    sqlite3_finalize(statement);
 }
 
 void ProfileDatabase::reloadProfileRules(int64_t /*reloadType*/, int64_t /*reloadOperation*/,

@@ -38,8 +38,8 @@ public:
     void connect();
     int connectProfilesDatabase();
     void addProfilesDatabase();
-    bool checkTablesExist();
-    bool checkTableExists(const std::string& tableName);
+    [[nodiscard]] bool checkTablesExist();
+    [[nodiscard]] bool checkTableExists(const std::string& tableName);
     // Moves a damaged file aside (never deletes it), puts a fresh copy of
     // the template in its place and carries over the rows still readable.
     void restoreDatabase();
@@ -72,8 +72,8 @@ public:
     void reloadProfileRules(int64_t reloadType, int64_t reloadOperation,
                             const std::vector<ProfileRule>& rules);
 
-    bool beginTransactionProfilesDatabase();
-    bool commitTransactionProfilesDatabase();
+    [[nodiscard]] bool beginTransactionProfilesDatabase();
+    [[nodiscard]] bool commitTransactionProfilesDatabase();
 
     const std::string& profilesFileName() const { return profilesFileName_; }
     const std::string& profilesDataPath() const { return profilesDataPath_; }

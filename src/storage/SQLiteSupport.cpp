@@ -1,11 +1,13 @@
 #include "storage/SQLiteSupport.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "platform/Platform.h"
 
 namespace stonewall::storage_detail {
 
@@ -172,6 +174,67 @@ std::optional<std::string> executeStatement(sqlite3* database, const char* sql) 
     return std::nullopt;
 }
 
+Statement prepareStatement(sqlite3* database, const char* sql, ErrorHook logError) {
+    if (!database) {
+        logError(std::string("no open database for: ") + sql);
+        return {};
+    }
+    armDeadline();
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK) {
+        logError(errorText(database, std::string("prepare ") + sql));
+        sqlite3_finalize(statement);
+        return {};
+    }
+    return Statement(statement);
+}
+
+namespace {
+constexpr char kBeginSql[] = "BEGIN TRANSACTION";
+constexpr char kCommitSql[] = "COMMIT TRANSACTION";
+constexpr char kRollbackSql[] = "ROLLBACK TRANSACTION";
+}  // namespace
+
+Transaction::Transaction(sqlite3* database, ErrorHook logError)
+    : database_(database), logError_(logError) {
+    const auto failure = executeStatement(database_, kBeginSql);
+    if (failure) logError_(*failure);
+    begun_ = !failure;
+}
+
+bool Transaction::commit() {
+    const auto failure = executeStatement(database_, kCommitSql);
+    if (failure) logError_(*failure);
+    finished_ = !failure;
+    return !failure;
+}
+
+Transaction::~Transaction() {
+    // A COMMIT that failed (another program's lock) leaves the transaction
+    // open too; only what this object began is undone.
+    if (!begun_ || finished_ || !database_ || sqlite3_get_autocommit(database_)) return;
+    if (const auto failure = executeStatement(database_, kRollbackSql)) logError_(*failure);
+}
+
+std::string templatePath(std::string_view name) {
+    std::string path = platform::bundle().resourcePath();
+    if (!path.empty() && path.back() != '/') path.push_back('/');
+    path.append(name);
+    return path;
+}
+
+int openConnection(const std::string& path, sqlite3*& database, ErrorHook logError) {
+    const int result = sqlite3_open(path.c_str(), &database);
+    if (result != SQLITE_OK) {
+        logError(errorText(database, "open " + path));
+        sqlite3_close_v2(database);
+        database = nullptr;
+        return result;
+    }
+    configureConnection(database);
+    return result;
+}
+
 NullableString moveDatabaseAside(const FileHandler& handler, const std::string& name) {
     NullableString aside = handler.moveAside(name);
     if (!aside) return aside;
@@ -195,31 +258,35 @@ int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath, const char* 
         return 0;
     }
     configureConnection(damaged);
-    const std::string select = std::string("SELECT * FROM ") + table;
-    sqlite3_stmt* reading = nullptr;
-    sqlite3_stmt* writing = nullptr;
+    // The salvage reports through its count alone: a damaged file is
+    // expected to fail here and there.
+    const ErrorHook quiet = [](std::string_view) {};
     int64_t copied = 0;
-    armDeadline();
-    if (sqlite3_prepare_v2(damaged, select.c_str(), -1, &reading, nullptr) == SQLITE_OK) {
-        const int columns = sqlite3_column_count(reading);
-        std::string insert = std::string("INSERT INTO ") + table + " VALUES (";
-        for (int i = 0; i < columns; ++i) insert += i == 0 ? "?" : ",?";
-        insert += ")";
-        if (columns > 0 && !executeStatement(fresh, "BEGIN TRANSACTION") &&
-            sqlite3_prepare_v2(fresh, insert.c_str(), -1, &writing, nullptr) == SQLITE_OK) {
-            while (sqlite3_step(reading) == SQLITE_ROW) {
-                for (int i = 0; i < columns; ++i) {
-                    sqlite3_bind_value(writing, i + 1, sqlite3_column_value(reading, i));
+    {
+        const std::string select = std::string("SELECT * FROM ") + table;
+        const Statement reading = prepareStatement(damaged, select.c_str(), quiet);
+        const int columns = reading ? sqlite3_column_count(reading.get()) : 0;
+        if (columns > 0) {
+            std::string insert = std::string("INSERT INTO ") + table + " VALUES (";
+            for (int i = 0; i < columns; ++i) insert += i == 0 ? "?" : ",?";
+            insert += ")";
+            Transaction transaction(fresh, quiet);
+            const Statement writing =
+                transaction.begun() ? prepareStatement(fresh, insert.c_str(), quiet) : Statement();
+            if (writing) {
+                while (sqlite3_step(reading.get()) == SQLITE_ROW) {
+                    for (int i = 0; i < columns; ++i) {
+                        sqlite3_bind_value(writing.get(), i + 1,
+                                           sqlite3_column_value(reading.get(), i));
+                    }
+                    armDeadline();
+                    if (sqlite3_step(writing.get()) == SQLITE_DONE) ++copied;
+                    sqlite3_reset(writing.get());
                 }
-                armDeadline();
-                if (sqlite3_step(writing) == SQLITE_DONE) ++copied;
-                sqlite3_reset(writing);
             }
+            if (!transaction.begun() || !transaction.commit()) copied = 0;
         }
-        sqlite3_finalize(writing);
-        if (executeStatement(fresh, "COMMIT TRANSACTION")) copied = 0;
     }
-    sqlite3_finalize(reading);
     sqlite3_close_v2(damaged);
     return copied;
 }

@@ -29,7 +29,7 @@ void setBusyTimeoutForTesting(int milliseconds);
 // True when the connection's last failure was another connection's lock
 // (SQLITE_BUSY or SQLITE_LOCKED) rather than a fault of the file. A file
 // that merely could not be read in time must not be replaced by a template.
-bool failedOnLock(sqlite3* database);
+[[nodiscard]] bool failedOnLock(sqlite3* database);
 
 // Sets up a freshly opened connection: the busy timeout, and the defences
 // for a file that any program of the user could have written (no trust in
@@ -49,7 +49,7 @@ void expireDeadlineForTesting();
 
 // True when the bytes are well-formed UTF-8 (no overlong forms, surrogates or
 // code points above U+10FFFF).
-bool isValidUTF8(std::string_view bytes);
+[[nodiscard]] bool isValidUTF8(std::string_view bytes);
 
 // The column's text, or null for SQL NULL, for text that is not valid UTF-8
 // (the platform's UTF-8 string constructor gives no string for it), and for
@@ -78,21 +78,91 @@ inline int bindInt(sqlite3_stmt* statement, int index, int64_t value) {
     return sqlite3_bind_int(statement, index, truncateToInt32(value));
 }
 
+// Where a failure goes: the owning class's log (its logError).
+using ErrorHook = void (*)(std::string_view message);
+
+// A prepared statement that finalises itself. Empty when preparing failed.
+class Statement {
+  public:
+    Statement() = default;
+    explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
+    ~Statement() { sqlite3_finalize(statement_); }
+    Statement(Statement&& other) noexcept : statement_(other.release()) {}
+    Statement& operator=(Statement&& other) noexcept {
+        if (this != &other) {
+            sqlite3_finalize(statement_);
+            statement_ = other.release();
+        }
+        return *this;
+    }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    sqlite3_stmt* get() const { return statement_; }
+    explicit operator bool() const { return statement_ != nullptr; }
+    // Hands the statement over to a caller that finalises it itself.
+    [[nodiscard]] sqlite3_stmt* release() {
+        sqlite3_stmt* statement = statement_;
+        statement_ = nullptr;
+        return statement;
+    }
+
+  private:
+    sqlite3_stmt* statement_ = nullptr;
+};
+
+// Prepares `sql` under the statement deadline. Empty (after telling
+// `logError`) when there is no connection or the statement does not compile.
+[[nodiscard]] Statement prepareStatement(sqlite3* database, const char* sql, ErrorHook logError);
+
+// A transaction that is rolled back unless commit() succeeds: a batch that
+// stops early (a statement that does not compile, an exception) must not
+// leave the connection inside a transaction, where the next BEGIN fails and a
+// later COMMIT would write half a batch, and where the file stays locked
+// against the other programs that share it.
+class Transaction {
+  public:
+    Transaction(sqlite3* database, ErrorHook logError);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    bool begun() const { return begun_; }
+    // Commits even when BEGIN failed, as every writer of these files does:
+    // the failure is then only logged. False when COMMIT failed.
+    [[nodiscard]] bool commit();
+
+  private:
+    sqlite3* database_;
+    ErrorHook logError_;
+    bool begun_ = false;
+    bool finished_ = false;
+};
+
+// The bundle's template database of that name.
+std::string templatePath(std::string_view name);
+
+// Opens (creating when missing) the database at `path` and configures it.
+// On failure `database` is left null, so that every later call sees "no open
+// database" instead of a misuse error on a handle that serves nothing.
+int openConnection(const std::string& path, sqlite3*& database, ErrorHook logError);
+
 // The connection's last error, for the log.
 std::string errorText(sqlite3* database, std::string_view what);
 
 // Runs one statement that returns no rows (transaction control) under the
 // statement deadline. Empty on success, else the text for the error hook.
-std::optional<std::string> executeStatement(sqlite3* database, const char* sql);
+[[nodiscard]] std::optional<std::string> executeStatement(sqlite3* database, const char* sql);
 
 // Moves a damaged database file aside (with its journal, so that a stale
 // journal is never applied to the fresh file that takes its place) and
 // returns where it went; null when nothing was moved.
-NullableString moveDatabaseAside(const FileHandler& handler, const std::string& name);
+[[nodiscard]] NullableString moveDatabaseAside(const FileHandler& handler, const std::string& name);
 
 // Copies the rows of `table` that SQLite can still read from the damaged
 // file at `damagedPath` into the same table of `fresh`, in one transaction,
 // stopping at the first unreadable page. Returns the number of rows copied.
-int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath, const char* table);
+[[nodiscard]] int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath,
+                                  const char* table);
 
 }  // namespace stonewall::storage_detail

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 #include "storage/SQLiteSupport.h"
 #include "storage/StorageEvents.h"
@@ -18,9 +19,6 @@ using namespace storage_detail;
 namespace {
 
 constexpr char kQueueLabel[] = "com.mapleharbor.Stonewall.SharedDataQueue";
-constexpr char kSharedFolder[] = ".Shared";
-constexpr char kDataFileName[] = "shared_data";
-constexpr char kTemplateName[] = "shared_data";
 
 constexpr char kInsertSharedDataSql[] = "INSERT INTO SharedData VALUES (?,?,?,?,?,?,?,?,?,?,?)";
 // No WHERE and the versions named twice: every row is updated, and twelve
@@ -42,6 +40,7 @@ constexpr char kSelectSharedDataSql[] = "SELECT * FROM SharedData ORDER BY addDa
 constexpr char kSelectCustomRulesSql[] = "SELECT * FROM SharedCustomRules ORDER BY addDate DESC";
 constexpr char kBeginSql[] = "BEGIN TRANSACTION";
 constexpr char kCommitSql[] = "COMMIT TRANSACTION";
+constexpr ErrorHook kLog = &SharedDatabase::logError;
 
 // The first nine columns are those of the table's older layout; the last two
 // (domainStatus, reload) came later.
@@ -60,22 +59,6 @@ void runSerialised(const std::shared_ptr<platform::Queue>& queue, const platform
 
 std::mutex gInstanceMutex;
 std::unique_ptr<SharedDatabase> gInstance;
-
-bool prepare(sqlite3* database, const char* sql, sqlite3_stmt** statement) {
-    *statement = nullptr;
-    if (!database) {
-        SharedDatabase::logError(std::string("no open database for: ") + sql);
-        return false;
-    }
-    armDeadline();
-    if (sqlite3_prepare_v2(database, sql, -1, statement, nullptr) != SQLITE_OK) {
-        SharedDatabase::logError(errorText(database, std::string("prepare ") + sql));
-        sqlite3_finalize(*statement);
-        *statement = nullptr;
-        return false;
-    }
-    return true;
-}
 
 SharedData getSharedDataFromStatement(sqlite3_stmt* statement) {
     SharedData data;
@@ -125,12 +108,13 @@ SharedCustomRule getSharedCustomRuleFromStatement(sqlite3_stmt* statement) {
 // addDate DESC" is the oldest. Null when the statement cannot be prepared or
 // there is no row; `prepared` tells the two apart.
 std::optional<SharedData> readSharedData(sqlite3* database, bool& prepared) {
-    sqlite3_stmt* statement;
-    prepared = prepare(database, kSelectSharedDataSql, &statement);
+    const Statement statement = prepareStatement(database, kSelectSharedDataSql, kLog);
+    prepared = static_cast<bool>(statement);
     if (!prepared) return std::nullopt;
     std::optional<SharedData> data;
-    while (sqlite3_step(statement) == SQLITE_ROW) data = getSharedDataFromStatement(statement);
-    sqlite3_finalize(statement);
+    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
+        data = getSharedDataFromStatement(statement.get());
+    }
     return data;
 }
 
@@ -153,8 +137,9 @@ void SharedDatabase::resetSharedInstanceForTesting() {
 }
 
 SharedDatabase::SharedDatabase() {
-    dataFileName_ = kDataFileName;
-    dataFileHandler_ = FileHandler::initWithNameAndGroup(kSharedFolder, std::string(kApplicationGroup));
+    dataFileName_ = ContainerLayout::kSharedDatabaseFileName;
+    dataFileHandler_ = FileHandler::initWithNameAndGroup(
+        std::string(ContainerLayout::kSharedFolder), std::string(kApplicationGroup));
     dataPath_ = dataFileHandler_.getFilePath(dataFileName_);
     sharedQueue_ = platform::dispatch().createSerialQueue(kQueueLabel);
     restored_ = false;
@@ -183,17 +168,7 @@ void SharedDatabase::connect() {
 
 int SharedDatabase::openDataPath() {
     if (dataPath_.empty()) return SQLITE_CANTOPEN;  // no container: never a temporary database
-    const int result = sqlite3_open(dataPath_.c_str(), &dataDatabase_);
-    if (result != SQLITE_OK) {
-        // A handle whose open failed serves nothing; without it every later
-        // call sees "no open database" instead of a misuse error.
-        logError(errorText(dataDatabase_, "open " + dataPath_));
-        sqlite3_close_v2(dataDatabase_);
-        dataDatabase_ = nullptr;
-        return result;
-    }
-    configureConnection(dataDatabase_);
-    return result;
+    return openConnection(dataPath_, dataDatabase_, kLog);
 }
 
 int SharedDatabase::connectDataDatabase() {
@@ -235,33 +210,33 @@ int SharedDatabase::connectDataDatabase() {
 }
 
 void SharedDatabase::addSharedDatabase() {
-    std::string templatePath = platform::bundle().resourcePath();
-    if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
-    templatePath.append(kTemplateName);
-    dataFileHandler_.copyFile(dataFileName_, templatePath);
+    dataFileHandler_.copyFile(dataFileName_,
+                              templatePath(ContainerLayout::kSharedDatabaseTemplate));
     restored_ = true;
 }
 
 void SharedDatabase::createSharedDatabase() {
-    std::string templatePath = platform::bundle().resourcePath();
-    if (!templatePath.empty() && templatePath.back() != '/') templatePath.push_back('/');
-    templatePath.append(kTemplateName);
     // Never over a file another process has just made and begun to use.
-    if (dataFileHandler_.createFileFromPath(dataFileName_, templatePath)) restored_ = true;
+    if (dataFileHandler_.createFileFromPath(
+            dataFileName_, templatePath(ContainerLayout::kSharedDatabaseTemplate))) {
+        restored_ = true;
+    }
 }
 
 // Carries what can still be read of the damaged file into the fresh one: the
 // custom rules, and the shared record in place of the template's.
 void SharedDatabase::salvage(const std::string& damagedPath) {
     if (!dataDatabase_) return;
-    sqlite3_stmt* statement = nullptr;
     int64_t templateRows = 0;
-    if (sqlite3_prepare_v2(dataDatabase_, "SELECT max(rowid) FROM SharedData", -1, &statement,
-                           nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-        templateRows = sqlite3_column_int64(statement, 0);
+    {
+        sqlite3_stmt* statement = nullptr;
+        const int prepared = sqlite3_prepare_v2(dataDatabase_, "SELECT max(rowid) FROM SharedData",
+                                                -1, &statement, nullptr);
+        const Statement finalised(statement);
+        if (prepared == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW) {
+            templateRows = sqlite3_column_int64(statement, 0);
+        }
     }
-    sqlite3_finalize(statement);
     const int64_t records = salvageRows(dataDatabase_, damagedPath, "SharedData");
     if (records > 0) {
         const std::string sql =
@@ -299,44 +274,32 @@ void SharedDatabase::closeConnections() {
 
 // --- Queue-serialised operations -----------------------------------------------
 
-void SharedDatabase::addSharedDataDetails(const SharedData& data) {
+void SharedDatabase::inTransaction(const platform::Work& change) {
     runSerialised(sharedQueue_, [&] {
-        (void)beginTransactionSharedDatabase();
-        addSharedData(data);
-        (void)commitTransactionSharedDatabase();
+        Transaction transaction(dataDatabase_, kLog);
+        change();
+        (void)transaction.commit();
     });
+}
+
+void SharedDatabase::addSharedDataDetails(const SharedData& data) {
+    inTransaction([&] { addSharedData(data); });
 }
 
 void SharedDatabase::updateSharedDataDetails(const SharedData& data) {
-    runSerialised(sharedQueue_, [&] {
-        (void)beginTransactionSharedDatabase();
-        updateSharedData(data);
-        (void)commitTransactionSharedDatabase();
-    });
+    inTransaction([&] { updateSharedData(data); });
 }
 
 void SharedDatabase::addSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules) {
-    runSerialised(sharedQueue_, [&] {
-        (void)beginTransactionSharedDatabase();
-        addSharedCustomRules(rules);
-        (void)commitTransactionSharedDatabase();
-    });
+    inTransaction([&] { addSharedCustomRules(rules); });
 }
 
 void SharedDatabase::removeSharedCustomRulesDetails() {
-    runSerialised(sharedQueue_, [&] {
-        (void)beginTransactionSharedDatabase();
-        removeSharedCustomRules();
-        (void)commitTransactionSharedDatabase();
-    });
+    inTransaction([&] { removeSharedCustomRules(); });
 }
 
 void SharedDatabase::removeSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules) {
-    runSerialised(sharedQueue_, [&] {
-        (void)beginTransactionSharedDatabase();
-        removeSharedCustomRules(rules);
-        (void)commitTransactionSharedDatabase();
-    });
+    inTransaction([&] { removeSharedCustomRules(rules); });
 }
 
 std::optional<SharedData> SharedDatabase::getSharedData() {
@@ -351,12 +314,11 @@ std::optional<SharedData> SharedDatabase::getSharedData() {
 std::vector<SharedCustomRule> SharedDatabase::getSharedCustomRules() {
     std::vector<SharedCustomRule> rules;
     runSerialised(sharedQueue_, [&] {
-        sqlite3_stmt* statement;
-        if (!prepare(dataDatabase_, kSelectCustomRulesSql, &statement)) return;
-        while (sqlite3_step(statement) == SQLITE_ROW) {
-            rules.push_back(getSharedCustomRuleFromStatement(statement));
+        const Statement statement = prepareStatement(dataDatabase_, kSelectCustomRulesSql, kLog);
+        if (!statement) return;
+        while (sqlite3_step(statement.get()) == SQLITE_ROW) {
+            rules.push_back(getSharedCustomRuleFromStatement(statement.get()));
         }
-        sqlite3_finalize(statement);
     });
     return rules;
 }
@@ -381,8 +343,9 @@ void SharedDatabase::checkOnQueue([[maybe_unused]] const char* operation) const 
 
 void SharedDatabase::addSharedData(const SharedData& data) {
     checkOnQueue("addSharedData");
-    sqlite3_stmt* statement;
-    if (!prepare(dataDatabase_, kInsertSharedDataSql, &statement)) return;
+    const Statement prepared = prepareStatement(dataDatabase_, kInsertSharedDataSql, kLog);
+    if (!prepared) return;
+    sqlite3_stmt* statement = prepared.get();
     bindString(statement, 1, data.activeProfileID);
     bindString(statement, 2, data.timestamps);
     bindString(statement, 3, data.profiles);
@@ -398,13 +361,13 @@ void SharedDatabase::addSharedData(const SharedData& data) {
     if (sqlite3_step(statement) != SQLITE_DONE) {
         logError(errorText(dataDatabase_, kInsertSharedDataSql));
     }
-    sqlite3_finalize(statement);
 }
 
 void SharedDatabase::updateSharedData(const SharedData& data) {
     checkOnQueue("updateSharedData");
-    sqlite3_stmt* statement;
-    if (!prepare(dataDatabase_, kUpdateSharedDataSql, &statement)) return;
+    const Statement prepared = prepareStatement(dataDatabase_, kUpdateSharedDataSql, kLog);
+    if (!prepared) return;
+    sqlite3_stmt* statement = prepared.get();
     bindString(statement, 1, data.activeProfileID);
     bindString(statement, 2, data.timestamps);
     bindString(statement, 3, data.profiles);
@@ -420,18 +383,18 @@ void SharedDatabase::updateSharedData(const SharedData& data) {
     if (sqlite3_step(statement) != SQLITE_DONE) {
         logError(errorText(dataDatabase_, kUpdateSharedDataSql));
     }
-    sqlite3_finalize(statement);
 }
 
 void SharedDatabase::addSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
     checkOnQueue("addSharedCustomRules");
-    sqlite3_stmt* statement;
-    if (!prepare(dataDatabase_, kInsertCustomRuleSql, &statement)) return;
+    Statement prepared = prepareStatement(dataDatabase_, kInsertCustomRuleSql, kLog);
+    if (!prepared) return;
     // The insert leaves its statement unfinalized; only the newest one is
     // still reachable, so an older one is released here and the newest by
     // close().
     sqlite3_finalize(customRulesStatement_);
-    customRulesStatement_ = statement;
+    customRulesStatement_ = prepared.release();
+    sqlite3_stmt* statement = customRulesStatement_;
     for (const SharedCustomRule& rule : rules) {
         bindString(statement, 1, rule.ruleID);
         bindInt(statement, 2, rule.blocker);
@@ -463,18 +426,18 @@ void SharedDatabase::addSharedCustomRules(const std::vector<SharedCustomRule>& r
 
 void SharedDatabase::removeSharedCustomRules() {
     checkOnQueue("removeSharedCustomRules");
-    sqlite3_stmt* statement;
-    if (!prepare(dataDatabase_, kDeleteCustomRulesSql, &statement)) return;
-    if (sqlite3_step(statement) != SQLITE_DONE) {
+    const Statement statement = prepareStatement(dataDatabase_, kDeleteCustomRulesSql, kLog);
+    if (!statement) return;
+    if (sqlite3_step(statement.get()) != SQLITE_DONE) {
         logError(errorText(dataDatabase_, kDeleteCustomRulesSql));
     }
-    sqlite3_finalize(statement);
 }
 
 void SharedDatabase::removeSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
     checkOnQueue("removeSharedCustomRules");
-    sqlite3_stmt* statement;
-    if (!prepare(dataDatabase_, kDeleteCustomRuleSql, &statement)) return;
+    const Statement prepared = prepareStatement(dataDatabase_, kDeleteCustomRuleSql, kLog);
+    if (!prepared) return;
+    sqlite3_stmt* statement = prepared.get();
     for (const SharedCustomRule& rule : rules) {
         bindString(statement, 1, rule.ruleID);
         bindInt(statement, 2, rule.action);
@@ -486,7 +449,6 @@ void SharedDatabase::removeSharedCustomRules(const std::vector<SharedCustomRule>
         }
         sqlite3_reset(statement);
     }
-    sqlite3_finalize(statement);
 }
 
 bool SharedDatabase::beginTransactionSharedDatabase() {

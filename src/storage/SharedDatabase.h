@@ -49,7 +49,7 @@ public:
     void removeSharedCustomRulesDetails(const std::vector<SharedCustomRule>& rules);
     std::optional<SharedData> getSharedData();
     std::vector<SharedCustomRule> getSharedCustomRules();
-    bool verifySharedData();
+    [[nodiscard]] bool verifySharedData();
 
     // Raw operations; run only on the queue (through the operations above).
     void addSharedData(const SharedData& data);
@@ -58,8 +58,8 @@ public:
     void removeSharedCustomRules();
     void removeSharedCustomRules(const std::vector<SharedCustomRule>& rules);
 
-    bool beginTransactionSharedDatabase();
-    bool commitTransactionSharedDatabase();
+    [[nodiscard]] bool beginTransactionSharedDatabase();
+    [[nodiscard]] bool commitTransactionSharedDatabase();
 
     bool restored() const { return restored_; }
     const std::string& dataPath() const { return dataPath_; }
@@ -78,6 +78,8 @@ private:
     void createSharedDatabase();
     void salvage(const std::string& damagedPath);
     void closeConnections();
+    // Runs a change on the queue inside one transaction.
+    void inTransaction(const platform::Work& change);
     // Debug builds abort when a raw operation runs off the queue.
     void checkOnQueue(const char* operation) const;
 

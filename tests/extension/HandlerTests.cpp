@@ -146,7 +146,7 @@ TEST_F(HandlerTest, ReloadOutcomeByServicesLevelAndAction) {
         data.profiles = "Default Profile,Work";
         data.profileIDs = "defaultProfile,work";
         t.storeSharedData(data);
-        t.controller().showExtensionView(1, false);
+        t.controller().showExtensionView(1, SafariExtensionViewController::Animated::No);
         t.controller().changeActiveProfile();
         t.popover()->popup()->selectItemAtIndex(1);
         t.controller().profileDoneAction();

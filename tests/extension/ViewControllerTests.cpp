@@ -54,7 +54,7 @@ TEST_F(ViewControllerTest, StateMachine) {
     };
     const auto toProfile = [](T& t, P&) {
         t.storeTwoProfiles();
-        t.controller().showExtensionView(1, false);
+        t.controller().showExtensionView(1, SafariExtensionViewController::Animated::No);
         t.controller().changeActiveProfile();
     };
     const auto toWebsite = [](T& t, P&) { t.controller().blockWebsiteAction(); };
@@ -110,7 +110,7 @@ TEST_F(ViewControllerTest, StateMachine) {
         {"any: closing drops later switches", toWebsite,
          [](T& t, P&) {
              t.browser->closePopover();
-             t.controller().showExtensionView(5, true);
+             t.controller().showExtensionView(5, SafariExtensionViewController::Animated::Yes);
          },
          4, 4, false},
     };

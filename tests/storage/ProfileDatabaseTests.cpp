@@ -177,6 +177,23 @@ TEST_F(ProfileDatabaseTest, AFailingRecordDoesNotStopTheBatch) {
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules"), 3);
 }
 
+// A batch whose statement cannot be prepared rolls its transaction back: a
+// transaction left open would make the next begin fail and keep the file's
+// lock from the other programs.
+TEST_F(ProfileDatabaseTest, FailedPrepareRollsTheTransactionBack) {
+    auto database = open();
+    {
+        RawDatabase raw(profilePath("p1"));
+        raw.exec("ALTER TABLE ProfileRules RENAME TO Elsewhere");
+    }
+    // The first statement after the change reloads the connection's schema;
+    // from then on the insert cannot even be prepared.
+    EXPECT_EQ(database->getProfileRulesCount(), 0);
+    database->addProfileRules({makeRule("lost", 1, 1, "f")});
+    EXPECT_TRUE(database->beginTransactionProfilesDatabase());
+    EXPECT_TRUE(database->commitTransactionProfilesDatabase());
+}
+
 TEST_F(ProfileDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
     const std::string templateBytes = testing::readBytes(templatePath("profiles"));
     const std::vector<std::pair<std::string, std::function<void(const std::string&)>>> damages = {

@@ -1,5 +1,6 @@
 #include "extension/testing/SimulatedBrowser.h"
 
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 
 namespace stonewall::testing {
@@ -141,7 +142,7 @@ void SimulatedBrowser::closePopover() {
 void SimulatedBrowser::reportBlocked(const std::shared_ptr<SimulatedPage>& page,
                                      std::vector<std::string> urls) {
     SafariExtensionHandler().contentBlockerWithIdentifier(
-        "com.mapleharbor.osx.Stonewall.ContentBlockerExtension", urls, page);
+        ContainerLayout::kContentBlockerIdentifier, urls, page);
 }
 
 void SimulatedBrowser::navigate(const std::shared_ptr<SimulatedPage>& page,

@@ -113,10 +113,9 @@ class MappedFile {
 };
 
 // A profile identifier read from the shared defaults becomes part of a file
-// name: nothing that could leave the .Profiles folder.
+// name; an empty one names no profile.
 bool isSafeFileNamePart(const std::string& text) {
-    return !text.empty() && text.find('/') == std::string::npos &&
-           text.find('\0') == std::string::npos && text != "." && text != "..";
+    return !text.empty() && ContainerLayout::isSafeProfileIdentifier(text);
 }
 
 constexpr const char* kWebKitFilterErrorDomain = "WebKitUserContentFilterError";
@@ -254,8 +253,8 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
                          false);
                 return;
             }
-            const fs::path file =
-                fs::path(container) / ".Profiles" / ("profile_" + *profile + "_unarchive.json");
+            const fs::path file = fs::path(container) / ContainerLayout::kProfilesFolder /
+                                  ContainerLayout::ruleListFileName(*profile);
             std::error_code error;
             if (!fs::exists(file, error)) {
                 complete(ourError(kRuleListMissing,

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/ContainerLayout.h"
 #include "platform/ContentBlockerManager.h"
 #include "platform/Log.h"
 
@@ -45,7 +46,7 @@ namespace stonewall::platform::linux {
 class WebKitContentBlockerManager : public ContentBlockerManager {
   public:
     static constexpr const char* kContentBlockerIdentifier =
-        "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
+        ContainerLayout::kContentBlockerIdentifier;
     static constexpr const char* kErrorDomain = "StonewallContentBlockerErrorDomain";
     enum ErrorCode : int64_t {
         kUnknownIdentifier = 1,

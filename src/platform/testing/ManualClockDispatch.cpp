@@ -16,8 +16,12 @@ namespace {
 
 // What one queue is, independent of the Queue object handed out: pending
 // items keep it alive, so a serial queue may be dropped with work still in it.
+enum class Order { Serial, Concurrent };
+enum class Role { Main, Other };
+
 struct QueueCore {
-    QueueCore(std::string label, bool serial) : label(std::move(label)), serial(serial) {}
+    QueueCore(std::string label, Order order)
+        : label(std::move(label)), serial(order == Order::Serial) {}
 
     const std::string label;
     const bool serial;
@@ -63,7 +67,7 @@ struct ManualClockDispatch::State {
     const std::thread::id mainThread = std::this_thread::get_id();
 
     std::shared_ptr<QueueCore> mainCore =
-        std::make_shared<QueueCore>("com.apple.main-thread", true);
+        std::make_shared<QueueCore>("com.apple.main-thread", Order::Serial);
     std::shared_ptr<Queue> mainQueue;
     std::shared_ptr<Queue> defaultQueue;
     std::shared_ptr<Queue> highQueue;
@@ -104,8 +108,8 @@ namespace {
 class ManualQueue : public Queue {
   public:
     ManualQueue(std::weak_ptr<ManualClockDispatch::State> state, std::shared_ptr<QueueCore> core,
-                bool isMain)
-        : state_(std::move(state)), core_(std::move(core)), isMain_(isMain) {}
+                Role role)
+        : state_(std::move(state)), core_(std::move(core)), isMain_(role == Role::Main) {}
 
     const std::string& label() const override { return core_->label; }
 
@@ -144,11 +148,13 @@ class ManualQueue : public Queue {
 }  // namespace
 
 ManualClockDispatch::ManualClockDispatch() : state_(std::make_shared<State>()) {
-    state_->mainQueue = std::make_shared<ManualQueue>(state_, state_->mainCore, /*isMain=*/true);
+    state_->mainQueue = std::make_shared<ManualQueue>(state_, state_->mainCore, Role::Main);
     state_->defaultQueue = std::make_shared<ManualQueue>(
-        state_, std::make_shared<QueueCore>("com.apple.root.default-qos", false), false);
+        state_, std::make_shared<QueueCore>("com.apple.root.default-qos", Order::Concurrent),
+        Role::Other);
     state_->highQueue = std::make_shared<ManualQueue>(
-        state_, std::make_shared<QueueCore>("com.apple.root.user-initiated-qos", false), false);
+        state_, std::make_shared<QueueCore>("com.apple.root.user-initiated-qos", Order::Concurrent),
+        Role::Other);
 }
 
 ManualClockDispatch::~ManualClockDispatch() {
@@ -168,8 +174,8 @@ Queue& ManualClockDispatch::globalQueue(QueuePriority priority) {
 }
 
 std::shared_ptr<Queue> ManualClockDispatch::createSerialQueue(const std::string& label) {
-    return std::make_shared<ManualQueue>(state_, std::make_shared<QueueCore>(label, true),
-                                         /*isMain=*/false);
+    return std::make_shared<ManualQueue>(state_, std::make_shared<QueueCore>(label, Order::Serial),
+                                         Role::Other);
 }
 
 void ManualClockDispatch::runMain() {
