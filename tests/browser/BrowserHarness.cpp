@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -99,6 +100,8 @@ BrowserProcess::BrowserProcess(const std::filesystem::path& binary,
         args.push_back(nullptr);
         env.push_back(nullptr);
         ::execve(args[0], args.data(), env.data());
+        const char* reason = std::strerror(errno);
+        [[maybe_unused]] ssize_t ignored = ::write(2, reason, std::strlen(reason));
         ::_exit(127);
     }
     ::close(in[0]);

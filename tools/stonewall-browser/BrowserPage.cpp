@@ -22,6 +22,21 @@ void onMainThread(std::function<void()> work) {
     g_source_unref(source);
 }
 
+// The tab of a page: one page per tab, for the tab's life.
+class BrowserTab : public SFSafariTab {
+  public:
+    explicit BrowserTab(std::shared_ptr<BrowserPage> page) : page_(std::move(page)) {}
+    void getActivePageWithCompletionHandler(PageHandler completionHandler) override {
+        if (!completionHandler) return;
+        onMainThread([page = page_, handler = std::move(completionHandler)] {
+            handler(page->view() ? page : nullptr);
+        });
+    }
+
+  private:
+    std::shared_ptr<BrowserPage> page_;
+};
+
 }  // namespace
 
 BrowserPage::BrowserPage(WebKitWebView* view, std::function<bool(const BrowserPage&)> isActive)
@@ -57,11 +72,7 @@ void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler compl
 void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
     onMainThread([self = shared_from_this(), handler = std::move(completionHandler)] {
-        // A tab is only ever tested for presence here, so a handle that
-        // shares the page's lifetime stands for it.
-        handler(self->view_ ? std::shared_ptr<SFSafariTab>(
-                                  self, reinterpret_cast<SFSafariTab*>(self->view_))
-                            : nullptr);
+        handler(self->view_ ? std::make_shared<BrowserTab>(self) : nullptr);
     });
 }
 
@@ -69,8 +80,8 @@ void BrowserPage::reload() {
     if (view_) webkit_web_view_reload(view_);
 }
 
-void BrowserPage::dispatchMessageToScript(const std::string& name,
-                                          const nlohmann::json& userInfo) {
+void BrowserPage::dispatchMessageToScriptWithName(const std::string& name,
+                                                  const nlohmann::json& userInfo) {
     if (!view_) return;
     const std::string call = pageScriptCall(name, userInfo);
     webkit_web_view_evaluate_javascript(view_, call.c_str(), static_cast<gssize>(call.size()),

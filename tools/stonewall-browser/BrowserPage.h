@@ -15,7 +15,8 @@
 #include <optional>
 #include <string>
 
-#include "extension/platform/SFSafariPage.h"
+#include "extension/platform/SafariServices.h"
+#include "platform/SFSafariPage.h"
 
 namespace stonewall::browser {
 
@@ -35,11 +36,15 @@ class BrowserPage : public SFSafariPage, public std::enable_shared_from_this<Bro
 
     std::optional<std::string> url() const;
     bool isActive() const;
-    void reload();
+    void reload() override;
     // Delivers a message to the page script in its own world; absent user
     // info arrives as null.
+    void dispatchMessageToScriptWithName(const std::string& name,
+                                         const nlohmann::json& userInfo) override;
     void dispatchMessageToScript(const std::string& name,
-                                 const nlohmann::json& userInfo = nullptr);
+                                 const nlohmann::json& userInfo = nullptr) {
+        dispatchMessageToScriptWithName(name, userInfo);
+    }
 
   private:
     WebKitWebView* view_;  // strong until detach()

@@ -43,7 +43,14 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     context_ = webkit_web_context_new();
     // The web processes run sandboxed and see the extension's folder only
     // once it is added, which must happen before the first one starts.
-    webkit_web_context_add_path_to_sandbox(context_, options_.extensionsFolder.c_str(), TRUE);
+    // WebKit (2.50) dereferences a null pointer here when the home folder
+    // does not exist; the blocked-load counter then stays at zero.
+    if (g_file_test(g_get_home_dir(), G_FILE_TEST_IS_DIR)) {
+        webkit_web_context_add_path_to_sandbox(context_, options_.extensionsFolder.c_str(), TRUE);
+    } else {
+        platform::log(platform::LogLevel::Error,
+                      "The home folder is missing: blocked loads will not be counted.");
+    }
     g_signal_connect(context_, "initialize-web-process-extensions",
                      G_CALLBACK(+[](WebKitWebContext* context, BrowserWindow* self) {
                          webkit_web_context_set_web_process_extensions_directory(
@@ -288,6 +295,7 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent
                                   BrowserWindow* self) {
     Tab* tab = self->tabForView(view);
     if (!tab) return;
+    if (loadEvent == WEBKIT_LOAD_STARTED) tab->loadStarted = g_get_monotonic_time();
     if (loadEvent == WEBKIT_LOAD_COMMITTED) {
         const char* uri = webkit_web_view_get_uri(view);
         self->bridge_->willNavigate(tab->page, uri ? std::optional<std::string>(uri) : std::nullopt);
@@ -295,6 +303,13 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent
     if (loadEvent == WEBKIT_LOAD_FINISHED) {
         const char* uri = webkit_web_view_get_uri(view);
         self->event(std::string("loaded ") + (uri ? uri : ""));
+        if (tab->loadStarted) {
+            char text[64];
+            std::snprintf(text, sizeof text, "timing page-load %.2f",
+                          (g_get_monotonic_time() - tab->loadStarted) / 1000.0);
+            self->event(text);
+            tab->loadStarted = 0;
+        }
         self->toolbarItemsNeedUpdate();
     }
     if (tab == self->currentTab()) self->updateNavigationControls();

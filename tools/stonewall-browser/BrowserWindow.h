@@ -68,6 +68,7 @@ class BrowserWindow : public BrowserUi {
         WebKitWebView* view = nullptr;
         WebKitUserContentManager* contentManager = nullptr;
         std::shared_ptr<BrowserPage> page;
+        gint64 loadStarted = 0;
     };
     Tab* tabForView(WebKitWebView* view);
     Tab* currentTab();

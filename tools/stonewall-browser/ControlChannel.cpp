@@ -5,6 +5,7 @@
 //   load URL            navigate the current tab
 //   tab URL             open a new tab
 //   popup               click the toolbar button (reports "timing popover-shown MS")
+//   popdown             close the popover
 //   press OUTLET        press a popover control by its outlet name
 //   select-profile N    choose entry N of the profile pop-up
 //   js SCRIPT           run SCRIPT in the page's own world; answers "js RESULT-JSON"
@@ -18,7 +19,10 @@
 //
 // Events: ready, loaded URL, image NAME, badge TEXT|none, view N, message
 // NAME, message-rejected, blocked URL, page-reload, open-url URL,
-// popover-closed, filter on|off, timing NAME MS, reload-error TEXT, error TEXT.
+// popover-closed, filter on|off, timing NAME MS (popover-shown: click to the
+// popover's first frame; badge-shown: blocked-load report to the badge's
+// frame; page-load: start to finish of a main-frame load), reload-error TEXT,
+// done COMMAND, error COMMAND.
 
 #include <gio/gunixinputstream.h>
 
@@ -90,6 +94,7 @@ void BrowserWindow::startControlChannel() {
                     if (command == "load") self->load(argument);
                     else if (command == "tab") self->openTab(argument);
                     else if (command == "popup") self->popupFromToolbar();
+                    else if (command == "popdown") self->dismissPopover();
                     else if (command == "press") ok = self->press(argument);
                     else if (command == "select-profile") self->selectProfile(static_cast<unsigned>(std::stoul("0" + argument)));
                     else if (command == "js") self->evaluateInPage(argument);
