@@ -220,6 +220,7 @@ void BrowserWindow::openTab(const std::string& url) {
 
     GtkWidget* title = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
     GtkWidget* titleLabel = gtk_label_new("New Tab");
+    gtk_label_set_width_chars(GTK_LABEL(titleLabel), 12);
     gtk_label_set_max_width_chars(GTK_LABEL(titleLabel), 20);
     gtk_label_set_ellipsize(GTK_LABEL(titleLabel), PANGO_ELLIPSIZE_END);
     GtkWidget* close = gtk_button_new_from_icon_name("window-close-symbolic");

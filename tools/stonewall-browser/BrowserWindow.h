@@ -59,7 +59,8 @@ class BrowserWindow : public BrowserUi {
     void showViewForTesting(int code);
     void setDarkForTesting(bool dark);
     bool snapshotPopover(const std::string& path);
-    bool snapshotWindow(const std::string& path);
+    // `page`, when given, is the picture of `pageView`'s page.
+    bool snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page);
     void evaluateInPage(const std::string& script);
     std::string stateLine();
 

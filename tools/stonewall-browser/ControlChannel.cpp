@@ -88,7 +88,10 @@ void BrowserWindow::startControlChannel() {
                         g_application_quit(g_application_get_default());
                         return;
                     }
-                    const auto [command, argument] = splitCommand(line);
+                    // Named copies: lambdas below capture them.
+                    const auto parts = splitCommand(line);
+                    const std::string command = parts.first;
+                    const std::string argument = parts.second;
                     g_free(line);
                     bool ok = true;
                     if (command == "load") self->load(argument);
@@ -100,13 +103,38 @@ void BrowserWindow::startControlChannel() {
                     else if (command == "js") self->evaluateInPage(argument);
                     else if (command == "show-view") self->showViewForTesting(std::atoi(argument.c_str()));
                     else if (command == "dark") self->setDarkForTesting(argument == "1");
+                    else if (command == "snapshot-window") {
+                        // The page is drawn by the web process: ask it for
+                        // its picture first, then compose the window.
+                        Tab* tab = self->currentTab();
+                        if (!tab) {
+                            self->event("error snapshot-window");
+                        } else {
+                            struct Request { BrowserWindow* self; std::string path; };
+                            webkit_web_view_get_snapshot(
+                                tab->view, WEBKIT_SNAPSHOT_REGION_VISIBLE, WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
+                                +[](GObject* view, GAsyncResult* result, gpointer data) {
+                                    std::unique_ptr<Request> request(static_cast<Request*>(data));
+                                    GdkTexture* page = webkit_web_view_get_snapshot_finish(
+                                        WEBKIT_WEB_VIEW(view), result, nullptr);
+                                    BrowserWindow* self = request->self;
+                                    std::string path = request->path;
+                                    self->afterNextFrame([self, path, page, view] {
+                                        const bool saved = self->snapshotWindow(path, GTK_WIDGET(view), page);
+                                        if (page) g_object_unref(page);
+                                        self->event(saved ? "done snapshot-window" : "error snapshot-window");
+                                    });
+                                },
+                                new Request{self, argument});
+                        }
+                        next(self);
+                        return;
+                    }
                     else if (command == "snapshot-popover" || command == "snapshot-window") {
                         // Rendered after the next frame, when layout and
                         // style are settled; answered from there.
                         self->afterNextFrame([self, command, argument] {
-                            const bool saved = command == "snapshot-popover"
-                                                   ? self->snapshotPopover(argument)
-                                                   : self->snapshotWindow(argument);
+                            const bool saved = self->snapshotPopover(argument);
                             self->event((saved ? "done " : "error ") + command);
                         });
                         next(self);
@@ -211,7 +239,7 @@ bool BrowserWindow::snapshotPopover(const std::string& path) {
     return renderToPNG(views_.root, snapshotOf(views_.root, width, height), width, height, path);
 }
 
-bool BrowserWindow::snapshotWindow(const std::string& path) {
+bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page) {
     const int width = gtk_widget_get_width(window_);
     const int height = gtk_widget_get_height(window_);
     GtkSnapshot* snapshot = gtk_snapshot_new();
@@ -219,6 +247,10 @@ bool BrowserWindow::snapshotWindow(const std::string& path) {
     if (windowNode) {
         gtk_snapshot_append_node(snapshot, windowNode);
         gsk_render_node_unref(windowNode);
+    }
+    graphene_rect_t pageBounds;
+    if (page && pageView && gtk_widget_compute_bounds(pageView, window_, &pageBounds)) {
+        gtk_snapshot_append_texture(snapshot, page, &pageBounds);
     }
     // The popover is a surface of its own; draw it where it hangs, under the
     // toolbar button.
