@@ -167,6 +167,27 @@ TEST_F(BrowserTest, BadgeCountsBlockedLoadsResetsOnNavigationAndStatusOffLoadsAl
     EXPECT_EQ(evaluate("window.tracked === true"), "true");
 }
 
+TEST_F(BrowserTest, SwitchingTheProfileCompilesAndAppliesItsList) {
+    addWorkProfile();
+    fs::copy_file(fs::path(std::getenv("STONEWALL_RESOURCES")) / "profiles", profileDatabase("work"));
+    // Only the work profile blocks the tracker.
+    addProfileRule("work", 1, 1, std::nullopt, "tracker\\.js");
+    startBrowser(server_.url("/"));
+    ASSERT_EQ(server_.requests("/tracker.js"), 1);
+    run({{"popup", "view 1"},
+         {"press profileButton", "view 3"},
+         {"select-profile 1", "done select-profile"},
+         {"press profileDoneButton", "image ToolbarItemIconReloading"},
+         {"", "filter on"},
+         {"", "page-reload"},
+         {"", "loaded"}});
+    EXPECT_EQ(server_.requests("/tracker.js"), 1);
+    EXPECT_EQ(sharedValue("activeProfileID"), "work");
+    run({{"popup", "view 1"}});
+    browser_->send("state");
+    EXPECT_NE(expect("state").find("\"profile\":\"Work\""), std::string::npos);
+}
+
 // Width and height of a PNG file, from its header.
 std::pair<int, int> pngSize(const std::string& bytes) {
     if (bytes.size() < 24 || bytes.compare(1, 3, "PNG") != 0) return {0, 0};
