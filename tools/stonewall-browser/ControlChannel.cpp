@@ -99,7 +99,7 @@ void BrowserWindow::startControlChannel() {
                     else if (command == "popup") self->popupFromToolbar();
                     else if (command == "popdown") self->dismissPopover();
                     else if (command == "press") ok = self->press(argument);
-                    else if (command == "select-profile") self->selectProfile(static_cast<unsigned>(std::stoul("0" + argument)));
+                    else if (command == "select-profile") self->selectProfile(static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
                     else if (command == "js") self->evaluateInPage(argument);
                     else if (command == "show-view") self->showViewForTesting(std::atoi(argument.c_str()));
                     else if (command == "dark") self->setDarkForTesting(argument == "1");
