@@ -1,0 +1,126 @@
+// The checks the browser applies to what pages and web processes send it.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+#include "BlockedLoad.h"
+#include "KnobGeometry.h"
+#include "PageMessage.h"
+
+namespace stonewall::browser {
+namespace {
+
+std::string nineStrings(const std::string& last = "\"p\"") {
+    return R"(["l","img","#a","s","c","div","#p","",)" + last + "]";
+}
+
+TEST(PageMessageTest, AcceptsOnlyTheShapesTheHandlerRelieson) {
+    struct Case {
+        const char* label;
+        std::string json;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {"status", R"({"name":"VisualStatus","userInfo":{"status":1}})", true},
+        {"status as fraction", R"({"name":"VisualStatus","userInfo":{"status":1.5}})", true},
+        {"status missing", R"({"name":"VisualStatus","userInfo":{}})", false},
+        {"status as text", R"({"name":"VisualStatus","userInfo":{"status":"1"}})", false},
+        {"no user info at all", R"({"name":"VisualStatus"})", false},
+        {"data", R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings() + "]}}", true},
+        {"data empty", R"({"name":"VisualData","userInfo":{"data":[]}})", true},
+        {"data of eight", R"({"name":"VisualData","userInfo":{"data":[["a","b","c","d","e","f","g","h"]]}})", false},
+        {"data with a number", R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings("9") + "]}}", false},
+        {"data with null", R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings("null") + "]}}", false},
+        {"data not an array", R"({"name":"VisualData","userInfo":{"data":"x"}})", false},
+        {"unknown name passes to be logged", R"({"name":"Hello","userInfo":{"x":[1,2]}})", true},
+        {"user info not an object", R"({"name":"Hello","userInfo":[1]})", false},
+        {"null user info", R"({"name":"Hello","userInfo":null})", true},
+        {"empty name", R"({"name":"","userInfo":{}})", false},
+        {"name not text", R"({"name":7})", false},
+        {"not an object", R"(["VisualStatus"])", false},
+        {"not JSON", R"({"name":"VisualStatus",)", false},
+        {"nested too deep", R"({"name":"X","userInfo":{"a":[[[[[[[[[1]]]]]]]]]}})", false},
+        {"brackets inside text do not count", R"({"name":"X","userInfo":{"a":"[[[[[[[[[[[["}})", true},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(checkPageMessage(c.json).has_value(), c.accepted) << c.label;
+    }
+}
+
+TEST(PageMessageTest, RefusesMoreElementsThanAPersonPicks) {
+    std::string data;
+    for (size_t i = 0; i <= kMaximumPickedElements; ++i) data += (i ? "," : "") + nineStrings();
+    EXPECT_FALSE(checkPageMessage(R"({"name":"VisualData","userInfo":{"data":[)" + data + "]}}"));
+}
+
+TEST(PageMessageTest, ScriptCallQuotesWhatAPageCouldHaveChosen) {
+    const std::string call = pageScriptCall("Visual\"Done</script>\n", nullptr);
+    EXPECT_EQ(call, "window.__stonewallPicker && window.__stonewallPicker.receive("
+                    "\"Visual\\\"Done</script>\\n\", null);");
+    // Invalid UTF-8 is replaced, not thrown on.
+    EXPECT_NE(pageScriptCall("\xff", {{"k", "\xfe"}}).find("\\ufffd"), std::string::npos);
+}
+
+TEST(BlockedLoadTest, RecognisesOnlyWebKitsOwnReport) {
+    const std::string report =
+        "Content blocker prevented frame displaying http://a.test/page from loading a resource "
+        "from http://ads.test/banner.png";
+    struct Case {
+        const char* label;
+        ConsoleSource source;
+        ConsoleLevel level;
+        std::string text;
+        std::optional<std::string> url;
+    };
+    const Case cases[] = {
+        {"report", ConsoleSource::Other, ConsoleLevel::Info, report, "http://ads.test/banner.png"},
+        {"console.info of a page", ConsoleSource::ConsoleAPI, ConsoleLevel::Info, report, std::nullopt},
+        {"console.log of a page", ConsoleSource::JavaScript, ConsoleLevel::Log, report, std::nullopt},
+        {"other level", ConsoleSource::Other, ConsoleLevel::Warning, report, std::nullopt},
+        {"other text", ConsoleSource::Other, ConsoleLevel::Info, "Blocked a frame", std::nullopt},
+        {"no separator", ConsoleSource::Other, ConsoleLevel::Info,
+         "Content blocker prevented frame displaying http://a.test/", std::nullopt},
+        {"empty URL", ConsoleSource::Other, ConsoleLevel::Info,
+         "Content blocker prevented frame displaying http://a.test/ from loading a resource from ",
+         std::nullopt},
+        {"trailing words", ConsoleSource::Other, ConsoleLevel::Info, report + " twice", std::nullopt},
+        {"page URL with the phrase in its query", ConsoleSource::Other, ConsoleLevel::Info,
+         "Content blocker prevented frame displaying http://a.test/?q=from%20loading from loading "
+         "a resource from http://t.test/x.js",
+         "http://t.test/x.js"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(blockedURLFromConsoleMessage(c.source, c.level, c.text), c.url) << c.label;
+    }
+}
+
+TEST(KnobGeometryTest, KnobSitsAndStretchesByStateAndDirection) {
+    const double rest = 46 / 1.6180340051651;
+    const double pressed = 46 / 1.38;
+    struct Case {
+        bool checked, active;
+        LayoutDirection direction;
+        double x, width;
+    };
+    const Case cases[] = {
+        {false, false, LayoutDirection::LeftToRight, 2, rest},
+        {false, true, LayoutDirection::LeftToRight, 2, pressed},
+        {true, false, LayoutDirection::LeftToRight, 50 - rest - 2, rest},
+        {true, false, LayoutDirection::RightToLeft, 2, rest},
+        {false, false, LayoutDirection::RightToLeft, 50 - rest - 2, rest},
+        // The right-to-left pressed knob keeps its narrower width.
+        {false, true, LayoutDirection::RightToLeft, 50 - 10 / 1.38 - 2, 10 / 1.38},
+    };
+    for (const auto& c : cases) {
+        const KnobRect knob = rectForKnob(50, 30, c.checked, c.active, c.direction);
+        EXPECT_DOUBLE_EQ(knob.x, c.x);
+        EXPECT_DOUBLE_EQ(knob.width, c.width);
+        EXPECT_DOUBLE_EQ(knob.y, 2);
+        EXPECT_DOUBLE_EQ(knob.height, 26);
+    }
+}
+
+}  // namespace
+}  // namespace stonewall::browser

@@ -1,0 +1,231 @@
+// The real browser under a private display and bus, against pages served
+// here: blocking a website from the popover, picking an element through the
+// page script, the blocked-load badge, status off, and the popover's views
+// rendered in light and dark.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
+
+#include "BrowserHarness.h"
+#include "ToolTestSupport.h"
+
+namespace stonewall::browser::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using tool::testing::readFile;
+
+constexpr const char* kNewsPage = R"(<!doctype html><title>News</title>
+<h1>Daily News</h1>
+<div id="banner" style="background:#fc0;padding:20px">Subscribe to our letter</div>
+<img id="ad" src="/ads/banner.png" width="100" height="50">
+<script src="/tracker.js"></script>
+<p>Article text.</p>)";
+constexpr const char* kPlainPage = "<!doctype html><title>Plain</title><p>Nothing to block.";
+// The "ad": a small picture.
+constexpr const char* kAdImage =
+    R"(<svg xmlns="http://www.w3.org/2000/svg" width="100" height="50"><rect width="100" height="50" fill="red"/></svg>)";
+
+struct Step {
+    std::string command;  // empty: only wait
+    std::string expect;   // an event prefix
+};
+
+class BrowserTest : public tool::testing::ToolTest {
+  protected:
+    BrowserTest()
+        : server_({{"/", {"text/html", kNewsPage}},
+                   {"/plain", {"text/html", kPlainPage}},
+                   {"/tracker.js", {"text/javascript", "window.tracked = true;"}},
+                   {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
+
+    void SetUp() override {
+        if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) {
+            FAIL() << "No display: run the browser tests through scripts/with-display "
+                      "(dbus-run-session and xvfb-run, installed by scripts/setup).";
+        }
+        createContainer();
+    }
+
+    // The ad image and the tracker script blocked by the default profile,
+    // compiled into the content-filter store by the stonewall command.
+    void blockAdsAndTrackers() {
+        addProfileRule("defaultProfile", 1, 1, std::nullopt, "ads/banner\\.png");
+        addProfileRule("defaultProfile", 1, 1, std::nullopt, "tracker\\.js");
+        runOK({"compile"});
+    }
+
+    void startBrowser(const std::string& url) {
+        std::map<std::string, std::string> env;
+        for (char** entry = environ; *entry; ++entry) {
+            const std::string text(*entry);
+            const size_t equals = text.find('=');
+            if (equals != std::string::npos) env[text.substr(0, equals)] = text.substr(equals + 1);
+        }
+        const fs::path root = runner().root();
+        env["HOME"] = (root / "home").string();
+        env["XDG_DATA_HOME"] = (root / "data").string();
+        env["XDG_CONFIG_HOME"] = (root / "config").string();
+        env["XDG_CACHE_HOME"] = (root / "cache").string();
+        env["STONEWALL_CONTAINER"] = container().string();
+        env["GSK_RENDERER"] = "cairo";
+        // GTK and fontconfig keep caches for the life of the process.
+        env["ASAN_OPTIONS"] = "detect_leaks=0";
+        browser_.emplace(STONEWALL_BROWSER_BINARY, std::vector<std::string>{"--control", url}, env);
+        expect("ready");
+        expect("loaded " + url);
+    }
+
+    std::string expect(const std::string& prefix) {
+        auto line = browser_->waitFor(prefix);
+        if (!line) {
+            ADD_FAILURE() << "no \"" << prefix << "\"; the browser said:\n" << browser_->transcript();
+            return {};
+        }
+        return *line;
+    }
+
+    void run(const std::vector<Step>& steps) {
+        for (const auto& step : steps) {
+            if (!step.command.empty()) browser_->send(step.command);
+            if (expect(step.expect).empty()) return;
+        }
+    }
+
+    // The value a page expression gives, as JSON text.
+    std::string evaluate(const std::string& expression) {
+        browser_->send("js " + expression);
+        const std::string line = expect("js");
+        return line.size() > 3 ? line.substr(3) : line;
+    }
+
+    HttpServer server_;
+    std::optional<BrowserProcess> browser_;
+};
+
+TEST_F(BrowserTest, BlockingTheWebsiteFromThePopoverStopsItsLoads) {
+    startBrowser(server_.url("/"));
+    ASSERT_EQ(server_.requests("/"), 1);
+    run({{"popup", "view 1"},
+         {"press blockButton", "view 4"},
+         {"press websiteDoneButton", "image ToolbarItemIconReloading"},
+         {"", "filter on"},
+         {"", "page-reload"},
+         {"", "loaded"}});
+    // The document itself is blocked now: the reload never reached us.
+    EXPECT_EQ(server_.requests("/"), 1);
+    EXPECT_NE(readFile(ruleFile()).find("127\\\\.0\\\\.0\\\\.1"), std::string::npos);
+    run({{"popup", "view 1"}});
+    browser_->send("state");
+    EXPECT_NE(expect("state").find("\"blockEnabled\":false"), std::string::npos);
+}
+
+TEST_F(BrowserTest, PickedElementBecomesAHideRuleAndDisappears) {
+    startBrowser(server_.url("/"));
+    // The page's own world sees neither the picker nor its message handler.
+    EXPECT_EQ(evaluate("typeof window.__stonewallPicker"), "\"undefined\"");
+    EXPECT_EQ(evaluate("String(window.webkit && window.webkit.messageHandlers && "
+                       "window.webkit.messageHandlers.stonewall)"),
+              "\"undefined\"");
+    run({{"popup", "view 1"}, {"press visualBlockButton", "view 2"}});
+    evaluate("['mouseover','click'].forEach(t => document.getElementById('banner')"
+             ".dispatchEvent(new MouseEvent(t, {bubbles: true}))), 1");
+    run({{"press visualDoneButton", "message VisualData"},
+         {"", "image ToolbarItemIconReloading"},
+         {"", "filter on"},
+         {"", "page-reload"},
+         {"", "loaded"}});
+    EXPECT_EQ(evaluate("getComputedStyle(document.getElementById('banner')).display"), "\"none\"");
+    EXPECT_EQ(evaluate("getComputedStyle(document.querySelector('h1')).display"), "\"block\"");
+}
+
+TEST_F(BrowserTest, BadgeCountsBlockedLoadsResetsOnNavigationAndStatusOffLoadsAll) {
+    blockAdsAndTrackers();
+    startBrowser(server_.url("/"));
+    browser_->send("state");
+    EXPECT_NE(expect("state").find("\"badge\":\"2\""), std::string::npos);
+    EXPECT_EQ(server_.requests("/ads/banner.png"), 0);
+    EXPECT_EQ(server_.requests("/tracker.js"), 0);
+    // A page's own console.info with the same text counts for nothing.
+    evaluate("console.info('Content blocker prevented frame displaying ' + location.href + "
+             "' from loading a resource from http://x.test/y.png'), 1");
+    run({{"load " + server_.url("/plain"), "badge none"},
+         {"load " + server_.url("/"), "badge 2"}});
+    run({{"popup", "view 1"},
+         {"press statusButton", "image ToolbarItemIconReloading"},
+         {"", "filter off"},
+         {"", "image ToolbarItemIconOff"},
+         {"", "page-reload"},
+         {"", "loaded"}});
+    EXPECT_EQ(server_.requests("/ads/banner.png"), 1);
+    EXPECT_EQ(server_.requests("/tracker.js"), 1);
+    EXPECT_EQ(evaluate("window.tracked === true"), "true");
+}
+
+TEST_F(BrowserTest, SwitchingTheProfileCompilesAndAppliesItsList) {
+    addWorkProfile();
+    fs::copy_file(fs::path(std::getenv("STONEWALL_RESOURCES")) / "profiles", profileDatabase("work"));
+    // Only the work profile blocks the tracker.
+    addProfileRule("work", 1, 1, std::nullopt, "tracker\\.js");
+    startBrowser(server_.url("/"));
+    ASSERT_EQ(server_.requests("/tracker.js"), 1);
+    run({{"popup", "view 1"},
+         {"press profileButton", "view 3"},
+         {"select-profile 1", "done select-profile"},
+         {"press profileDoneButton", "image ToolbarItemIconReloading"},
+         {"", "filter on"},
+         {"", "page-reload"},
+         {"", "loaded"}});
+    EXPECT_EQ(server_.requests("/tracker.js"), 1);
+    EXPECT_EQ(sharedValue("activeProfileID"), "work");
+    run({{"popup", "view 1"}});
+    browser_->send("state");
+    EXPECT_NE(expect("state").find("\"profile\":\"Work\""), std::string::npos);
+}
+
+// Width and height of a PNG file, from its header.
+std::pair<int, int> pngSize(const std::string& bytes) {
+    if (bytes.size() < 24 || bytes.compare(1, 3, "PNG") != 0) return {0, 0};
+    const auto at = [&](size_t i) {
+        return (static_cast<unsigned char>(bytes[i]) << 24) | (static_cast<unsigned char>(bytes[i + 1]) << 16) |
+               (static_cast<unsigned char>(bytes[i + 2]) << 8) | static_cast<unsigned char>(bytes[i + 3]);
+    };
+    return {static_cast<int>(at(16)), static_cast<int>(at(20))};
+}
+
+TEST_F(BrowserTest, EveryPopoverViewRendersInLightAndDark) {
+    startBrowser(server_.url("/"));
+    run({{"popup", "view 1"}});
+    std::set<std::string> images;
+    for (const char* scheme : {"0", "1"}) {
+        run({{std::string("dark ") + scheme, "done dark"}});
+        for (int view = 1; view <= 6; ++view) {
+            const fs::path file = scratch("view" + std::to_string(view) + "-" + scheme + ".png");
+            run({{"show-view " + std::to_string(view), "view " + std::to_string(view)},
+                 {"snapshot-popover " + file.string(), "done snapshot-popover"}});
+            const std::string bytes = readFile(file);
+            const auto [width, height] = pngSize(bytes);
+            EXPECT_GE(width, 290) << file;
+            EXPECT_GE(height, 396) << file;
+            images.insert(bytes);
+        }
+    }
+    // Twelve different pictures: no view looks like another, nor like itself
+    // in the other scheme.
+    EXPECT_EQ(images.size(), 12u);
+    const fs::path window = scratch("window.png");
+    run({{"show-view 1", "view 1"}, {"snapshot-window " + window.string(), "done snapshot-window"}});
+    EXPECT_GE(pngSize(readFile(window)).first, 800);
+    if (const char* docs = std::getenv("STONEWALL_SCREENSHOT_DIR")) {
+        fs::copy_file(window, fs::path(docs) / "browser-popover.png",
+                      fs::copy_options::overwrite_existing);
+    }
+}
+
+}  // namespace
+}  // namespace stonewall::browser::testing

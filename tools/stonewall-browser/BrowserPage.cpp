@@ -1,0 +1,91 @@
+#include "BrowserPage.h"
+
+#include "BrowserProtocol.h"
+#include "PageMessage.h"
+
+namespace stonewall::browser {
+
+namespace {
+
+void onMainThread(std::function<void()> work) {
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(
+        source,
+        +[](gpointer data) -> gboolean {
+            (*static_cast<std::function<void()>*>(data))();
+            return G_SOURCE_REMOVE;
+        },
+        new std::function<void()>(std::move(work)),
+        +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+    g_source_attach(source, g_main_context_default());
+    g_source_unref(source);
+}
+
+// The tab of a page: one page per tab, for the tab's life.
+class BrowserTab : public SFSafariTab {
+  public:
+    explicit BrowserTab(std::shared_ptr<BrowserPage> page) : page_(std::move(page)) {}
+    void getActivePageWithCompletionHandler(PageHandler completionHandler) override {
+        if (!completionHandler) return;
+        onMainThread([page = page_, handler = std::move(completionHandler)] {
+            handler(page->view() ? page : nullptr);
+        });
+    }
+
+  private:
+    std::shared_ptr<BrowserPage> page_;
+};
+
+}  // namespace
+
+BrowserPage::BrowserPage(WebKitWebView* view, std::function<bool(const BrowserPage&)> isActive)
+    : view_(WEBKIT_WEB_VIEW(g_object_ref(view))), isActive_(std::move(isActive)) {}
+
+BrowserPage::~BrowserPage() { detach(); }
+
+void BrowserPage::detach() {
+    if (view_) g_object_unref(view_);
+    view_ = nullptr;
+}
+
+std::optional<std::string> BrowserPage::url() const {
+    if (!view_) return std::nullopt;
+    const char* uri = webkit_web_view_get_uri(view_);
+    if (!uri || !*uri) return std::nullopt;
+    return std::string(uri);
+}
+
+bool BrowserPage::isActive() const { return view_ && isActive_ && isActive_(*this); }
+
+void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler completionHandler) {
+    if (!completionHandler) return;
+    onMainThread([self = shared_from_this(), handler = std::move(completionHandler)] {
+        if (!self->view_) {
+            handler(std::nullopt);
+            return;
+        }
+        handler(SFSafariPageProperties{self->url(), self->isActive()});
+    });
+}
+
+void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHandler) {
+    if (!completionHandler) return;
+    onMainThread([self = shared_from_this(), handler = std::move(completionHandler)] {
+        handler(self->view_ ? std::make_shared<BrowserTab>(self) : nullptr);
+    });
+}
+
+void BrowserPage::reload() {
+    if (view_) webkit_web_view_reload(view_);
+}
+
+void BrowserPage::dispatchMessageToScriptWithName(const std::string& name,
+                                                  const nlohmann::json& userInfo) {
+    if (!view_) return;
+    const std::string call = pageScriptCall(name, userInfo);
+    webkit_web_view_evaluate_javascript(view_, call.c_str(), static_cast<gssize>(call.size()),
+                                        kScriptWorldName, nullptr, nullptr, nullptr, nullptr);
+}
+
+}  // namespace stonewall::browser

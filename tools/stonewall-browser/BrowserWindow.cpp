@@ -1,0 +1,467 @@
+#include "BrowserWindow.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "BrowserProtocol.h"
+#include "PageMessage.h"
+#include "platform/Platform.h"
+
+namespace stonewall::browser {
+
+namespace {
+
+std::string readText(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return std::move(text).str();
+}
+
+bool isArabic() {
+    const char* const* languages = g_get_language_names();
+    return languages && languages[0] && g_str_has_prefix(languages[0], "ar");
+}
+
+// What a typed location means: a URL with a scheme as it stands, anything
+// else as an http(s) address.
+std::string normalizedLocation(const std::string& text) {
+    if (text.find("://") != std::string::npos || g_str_has_prefix(text.c_str(), "about:") ||
+        g_str_has_prefix(text.c_str(), "file:")) {
+        return text;
+    }
+    return "https://" + text;
+}
+
+}  // namespace
+
+BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options,
+                             std::shared_ptr<ContentFilters> filters)
+    : options_(std::move(options)), filters_(std::move(filters)) {
+    pickerSource_ = readText(options_.resources + "/picker.js");
+    context_ = webkit_web_context_new();
+    // The web processes run sandboxed and see the extension's folder only
+    // once it is added, which must happen before the first one starts.
+    // WebKit (2.50) dereferences a null pointer here when the home folder
+    // does not exist; the blocked-load counter then stays at zero.
+    if (g_file_test(g_get_home_dir(), G_FILE_TEST_IS_DIR)) {
+        webkit_web_context_add_path_to_sandbox(context_, options_.extensionsFolder.c_str(), TRUE);
+    } else {
+        platform::log(platform::LogLevel::Error,
+                      "The home folder is missing: blocked loads will not be counted.");
+    }
+    g_signal_connect(context_, "initialize-web-process-extensions",
+                     G_CALLBACK(+[](WebKitWebContext* context, BrowserWindow* self) {
+                         webkit_web_context_set_web_process_extensions_directory(
+                             context, self->options_.extensionsFolder.c_str());
+                     }),
+                     this);
+
+    css_ = gtk_css_provider_new();
+    gtk_css_provider_load_from_path(css_, (options_.resources + "/style.css").c_str());
+    gtk_style_context_add_provider_for_display(gdk_display_get_default(), GTK_STYLE_PROVIDER(css_),
+                                               GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
+
+    window_ = gtk_application_window_new(application);
+    gtk_window_set_title(GTK_WINDOW(window_), "Stonewall Browser");
+    gtk_window_set_default_size(GTK_WINDOW(window_), 1024, 720);
+
+    GtkWidget* header = gtk_header_bar_new();
+    backButton_ = gtk_button_new_from_icon_name("go-previous-symbolic");
+    forwardButton_ = gtk_button_new_from_icon_name("go-next-symbolic");
+    GtkWidget* reload = gtk_button_new_from_icon_name("view-refresh-symbolic");
+    GtkWidget* newTab = gtk_button_new_from_icon_name("tab-new-symbolic");
+    gtk_widget_set_tooltip_text(backButton_, "Back");
+    gtk_widget_set_tooltip_text(forwardButton_, "Forward");
+    gtk_widget_set_tooltip_text(reload, "Reload");
+    gtk_widget_set_tooltip_text(newTab, "New Tab");
+    gtk_header_bar_pack_start(GTK_HEADER_BAR(header), backButton_);
+    gtk_header_bar_pack_start(GTK_HEADER_BAR(header), forwardButton_);
+    gtk_header_bar_pack_start(GTK_HEADER_BAR(header), reload);
+    gtk_header_bar_pack_start(GTK_HEADER_BAR(header), newTab);
+    location_ = gtk_entry_new();
+    gtk_widget_set_hexpand(location_, TRUE);
+    gtk_widget_set_size_request(location_, 480, -1);
+    gtk_header_bar_set_title_widget(GTK_HEADER_BAR(header), location_);
+
+    // The extension's toolbar item: its image with the badge over a corner.
+    toolbarImage_ = gtk_image_new_from_file((options_.resources + "/ToolbarItemIcon.svg").c_str());
+    gtk_image_set_pixel_size(GTK_IMAGE(toolbarImage_), 16);
+    badge_ = gtk_label_new("");
+    gtk_widget_add_css_class(badge_, "stonewall-badge");
+    gtk_widget_set_halign(badge_, GTK_ALIGN_END);
+    gtk_widget_set_valign(badge_, GTK_ALIGN_START);
+    gtk_widget_set_visible(badge_, FALSE);
+    gtk_widget_set_can_target(badge_, FALSE);
+    GtkWidget* overlay = gtk_overlay_new();
+    gtk_widget_set_size_request(overlay, 30, 22);
+    gtk_overlay_set_child(GTK_OVERLAY(overlay), toolbarImage_);
+    gtk_overlay_add_overlay(GTK_OVERLAY(overlay), badge_);
+    toolbarButton_ = gtk_menu_button_new();
+    gtk_menu_button_set_child(GTK_MENU_BUTTON(toolbarButton_), overlay);
+    gtk_widget_set_tooltip_text(toolbarButton_, "Stonewall");
+    gtk_header_bar_pack_end(GTK_HEADER_BAR(header), toolbarButton_);
+    gtk_window_set_titlebar(GTK_WINDOW(window_), header);
+
+    views_ = buildPopoverViews(
+        [](const std::string& key) { return platform::bundle().localizedString(key); });
+    if (isArabic()) gtk_widget_add_css_class(views_.root, "arabic");
+    popover_ = gtk_popover_new();
+    gtk_popover_set_child(GTK_POPOVER(popover_), views_.root);
+    gtk_menu_button_set_popover(GTK_MENU_BUTTON(toolbarButton_), popover_);
+    bridge_ = std::make_unique<ExtensionBridge>(*this, views_, options_.resources);
+    g_signal_connect(popover_, "show", G_CALLBACK(+[](GtkWidget*, BrowserWindow* self) {
+                         self->bridge_->popoverWillShow();
+                         self->afterNextPaint("popover-shown", self->popupStarted_
+                                                                   ? self->popupStarted_
+                                                                   : g_get_monotonic_time());
+                         self->popupStarted_ = 0;
+                     }),
+                     this);
+    g_signal_connect(popover_, "closed", G_CALLBACK(+[](GtkPopover*, BrowserWindow* self) {
+                         self->bridge_->popoverDidClose();
+                         self->event("popover-closed");
+                     }),
+                     this);
+
+    // Follow the desktop's colour scheme.
+    AdwStyleManager* style = adw_style_manager_get_default();
+    const auto applyScheme = +[](AdwStyleManager* style, GParamSpec*, BrowserWindow* self) {
+        if (adw_style_manager_get_dark(style)) {
+            gtk_widget_add_css_class(self->views_.root, "stonewall-dark");
+        } else {
+            gtk_widget_remove_css_class(self->views_.root, "stonewall-dark");
+        }
+    };
+    g_signal_connect(style, "notify::dark", G_CALLBACK(applyScheme), this);
+    applyScheme(style, nullptr, this);
+
+    notebook_ = gtk_notebook_new();
+    gtk_notebook_set_scrollable(GTK_NOTEBOOK(notebook_), TRUE);
+    gtk_window_set_child(GTK_WINDOW(window_), notebook_);
+    g_signal_connect_after(notebook_, "switch-page",
+                           G_CALLBACK(+[](GtkNotebook*, GtkWidget*, guint, BrowserWindow* self) {
+                               self->updateNavigationControls();
+                               self->toolbarItemsNeedUpdate();
+                           }),
+                           this);
+
+    g_signal_connect(backButton_, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
+                         if (Tab* tab = self->currentTab()) webkit_web_view_go_back(tab->view);
+                     }),
+                     this);
+    g_signal_connect(forwardButton_, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
+                         if (Tab* tab = self->currentTab()) webkit_web_view_go_forward(tab->view);
+                     }),
+                     this);
+    g_signal_connect(reload, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
+                         if (Tab* tab = self->currentTab()) webkit_web_view_reload(tab->view);
+                     }),
+                     this);
+    g_signal_connect(newTab, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
+                         self->openTab("about:blank");
+                         gtk_widget_grab_focus(self->location_);
+                     }),
+                     this);
+    g_signal_connect(location_, "activate", G_CALLBACK(+[](GtkEntry* entry, BrowserWindow* self) {
+                         const char* text = gtk_editable_get_text(GTK_EDITABLE(entry));
+                         if (text && *text) self->load(normalizedLocation(text));
+                     }),
+                     this);
+
+    if (options_.control) startControlChannel();
+}
+
+BrowserWindow::~BrowserWindow() {
+    if (validationSource_) g_source_remove(validationSource_);
+    for (auto& tab : tabs_) {
+        filters_->removeContentManager(tab->contentManager);
+        tab->page->detach();
+    }
+    if (control_) g_object_unref(control_);
+    g_object_unref(css_);
+    g_object_unref(context_);
+}
+
+void BrowserWindow::openTab(const std::string& url) {
+    auto tab = std::make_unique<Tab>();
+    tab->contentManager = webkit_user_content_manager_new();
+    // The handler lives in our world only: the page's own scripts find no
+    // window.webkit.messageHandlers.stonewall.
+    g_signal_connect(tab->contentManager,
+                     (std::string("script-message-received::") + kScriptMessageHandlerName).c_str(),
+                     G_CALLBACK(onScriptMessage), this);
+    webkit_user_content_manager_register_script_message_handler(
+        tab->contentManager, kScriptMessageHandlerName, kScriptWorldName);
+    WebKitUserScript* picker = webkit_user_script_new_for_world(
+        pickerSource_.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+        WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_END, kScriptWorldName, nullptr, nullptr);
+    webkit_user_content_manager_add_script(tab->contentManager, picker);
+    webkit_user_script_unref(picker);
+    filters_->addContentManager(tab->contentManager);
+
+    tab->view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
+                                             "user-content-manager", tab->contentManager, nullptr));
+    gtk_widget_set_hexpand(GTK_WIDGET(tab->view), TRUE);
+    gtk_widget_set_vexpand(GTK_WIDGET(tab->view), TRUE);
+    tab->page = std::make_shared<BrowserPage>(tab->view, [this](const BrowserPage& page) {
+        Tab* current = currentTab();
+        return current && current->page.get() == &page;
+    });
+    g_signal_connect(tab->view, "load-changed", G_CALLBACK(onLoadChanged), this);
+    g_signal_connect(tab->view, "notify::uri", G_CALLBACK(onURIChanged), this);
+    g_signal_connect(tab->view, "user-message-received", G_CALLBACK(onUserMessage), this);
+    g_signal_connect(tab->view, "decide-policy", G_CALLBACK(onDecidePolicy), this);
+    g_signal_connect(tab->view, "close", G_CALLBACK(+[](WebKitWebView* view, BrowserWindow* self) {
+                         if (Tab* tab = self->tabForView(view)) self->closeTab(tab);
+                     }),
+                     this);
+
+    GtkWidget* title = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
+    GtkWidget* titleLabel = gtk_label_new("New Tab");
+    gtk_label_set_width_chars(GTK_LABEL(titleLabel), 12);
+    gtk_label_set_max_width_chars(GTK_LABEL(titleLabel), 20);
+    gtk_label_set_ellipsize(GTK_LABEL(titleLabel), PANGO_ELLIPSIZE_END);
+    GtkWidget* close = gtk_button_new_from_icon_name("window-close-symbolic");
+    gtk_button_set_has_frame(GTK_BUTTON(close), FALSE);
+    gtk_box_append(GTK_BOX(title), titleLabel);
+    gtk_box_append(GTK_BOX(title), close);
+    g_object_bind_property(tab->view, "title", titleLabel, "label", G_BINDING_DEFAULT);
+    g_object_set_data(G_OBJECT(close), "stonewall-view", tab->view);
+    g_signal_connect(close, "clicked", G_CALLBACK(+[](GtkButton* button, BrowserWindow* self) {
+                         auto* view = static_cast<WebKitWebView*>(
+                             g_object_get_data(G_OBJECT(button), "stonewall-view"));
+                         if (Tab* tab = self->tabForView(view)) self->closeTab(tab);
+                     }),
+                     this);
+
+    WebKitWebView* view = tab->view;
+    tabs_.push_back(std::move(tab));
+    const int index = gtk_notebook_append_page(GTK_NOTEBOOK(notebook_), GTK_WIDGET(view), title);
+    gtk_notebook_set_tab_reorderable(GTK_NOTEBOOK(notebook_), GTK_WIDGET(view), TRUE);
+    gtk_notebook_set_current_page(GTK_NOTEBOOK(notebook_), index);
+    webkit_web_view_load_uri(view, url.c_str());
+}
+
+void BrowserWindow::closeTab(Tab* tab) {
+    const int index = gtk_notebook_page_num(GTK_NOTEBOOK(notebook_), GTK_WIDGET(tab->view));
+    filters_->removeContentManager(tab->contentManager);
+    tab->page->detach();
+    if (index >= 0) gtk_notebook_remove_page(GTK_NOTEBOOK(notebook_), index);
+    for (auto it = tabs_.begin(); it != tabs_.end(); ++it) {
+        if (it->get() == tab) {
+            tabs_.erase(it);
+            break;
+        }
+    }
+    if (tabs_.empty()) gtk_window_close(GTK_WINDOW(window_));
+}
+
+void BrowserWindow::load(const std::string& url) {
+    if (Tab* tab = currentTab()) {
+        webkit_web_view_load_uri(tab->view, url.c_str());
+    } else {
+        openTab(url);
+    }
+}
+
+BrowserWindow::Tab* BrowserWindow::tabForView(WebKitWebView* view) {
+    for (auto& tab : tabs_) {
+        if (tab->view == view) return tab.get();
+    }
+    return nullptr;
+}
+
+BrowserWindow::Tab* BrowserWindow::currentTab() {
+    const int index = gtk_notebook_get_current_page(GTK_NOTEBOOK(notebook_));
+    if (index < 0) return nullptr;
+    GtkWidget* child = gtk_notebook_get_nth_page(GTK_NOTEBOOK(notebook_), index);
+    return child ? tabForView(WEBKIT_WEB_VIEW(child)) : nullptr;
+}
+
+void BrowserWindow::updateNavigationControls() {
+    Tab* tab = currentTab();
+    gtk_widget_set_sensitive(backButton_, tab && webkit_web_view_can_go_back(tab->view));
+    gtk_widget_set_sensitive(forwardButton_, tab && webkit_web_view_can_go_forward(tab->view));
+    const char* uri = tab ? webkit_web_view_get_uri(tab->view) : nullptr;
+    if (!gtk_widget_has_focus(location_) || !uri) {
+        gtk_editable_set_text(GTK_EDITABLE(location_), uri ? uri : "");
+    }
+}
+
+// --- WebKit signals -----------------------------------------------------------
+
+void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent,
+                                  BrowserWindow* self) {
+    Tab* tab = self->tabForView(view);
+    if (!tab) return;
+    if (loadEvent == WEBKIT_LOAD_STARTED) tab->loadStarted = g_get_monotonic_time();
+    if (loadEvent == WEBKIT_LOAD_COMMITTED) {
+        const char* uri = webkit_web_view_get_uri(view);
+        self->bridge_->willNavigate(tab->page, uri ? std::optional<std::string>(uri) : std::nullopt);
+    }
+    if (loadEvent == WEBKIT_LOAD_FINISHED) {
+        const char* uri = webkit_web_view_get_uri(view);
+        self->event(std::string("loaded ") + (uri ? uri : ""));
+        if (tab->loadStarted) {
+            char text[64];
+            std::snprintf(text, sizeof text, "timing page-load %.2f",
+                          (g_get_monotonic_time() - tab->loadStarted) / 1000.0);
+            self->event(text);
+            tab->loadStarted = 0;
+        }
+        self->toolbarItemsNeedUpdate();
+    }
+    if (tab == self->currentTab()) self->updateNavigationControls();
+}
+
+void BrowserWindow::onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow* self) {
+    Tab* tab = self->tabForView(view);
+    if (!tab) return;
+    // Same-document navigations change the URL without a new load.
+    if (!webkit_web_view_is_loading(view)) {
+        const char* uri = webkit_web_view_get_uri(view);
+        self->bridge_->willNavigate(tab->page, uri ? std::optional<std::string>(uri) : std::nullopt);
+    }
+    if (tab == self->currentTab()) self->updateNavigationControls();
+}
+
+gboolean BrowserWindow::onUserMessage(WebKitWebView* view, WebKitUserMessage* message,
+                                      BrowserWindow* self) {
+    if (g_strcmp0(webkit_user_message_get_name(message), kBlockedLoadMessage) != 0) return FALSE;
+    GVariant* parameters = webkit_user_message_get_parameters(message);
+    Tab* tab = self->tabForView(view);
+    if (!tab || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_STRING)) return TRUE;
+    self->blockedReportArrived_ = g_get_monotonic_time();
+    self->bridge_->blockedResources({g_variant_get_string(parameters, nullptr)}, tab->page);
+    self->event(std::string("blocked ") + g_variant_get_string(parameters, nullptr));
+    return TRUE;
+}
+
+void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue* value,
+                                    BrowserWindow* self) {
+    Tab* sender = nullptr;
+    for (auto& tab : self->tabs_) {
+        if (tab->contentManager == manager) sender = tab.get();
+    }
+    if (!sender) return;
+    char* json = jsc_value_to_json(value, 0);
+    auto message = json ? checkPageMessage(json) : std::nullopt;
+    g_free(json);
+    if (!message) {
+        platform::log(platform::LogLevel::Debug, "A page-script message of an unexpected shape was dropped.");
+        self->event("message-rejected");
+        return;
+    }
+    self->bridge_->messageReceived(message->name, sender->page, message->userInfo);
+}
+
+gboolean BrowserWindow::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
+                                       WebKitPolicyDecisionType type, BrowserWindow* self) {
+    if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) return FALSE;
+    WebKitNavigationAction* action =
+        webkit_navigation_policy_decision_get_navigation_action(WEBKIT_NAVIGATION_POLICY_DECISION(decision));
+    const char* uri = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
+    // The application's own links open the application, not a page.
+    if (uri && g_str_has_prefix(uri, "stonewall:")) {
+        self->openURL(uri);
+        webkit_policy_decision_ignore(decision);
+        return TRUE;
+    }
+    return FALSE;
+}
+
+// --- BrowserUi ------------------------------------------------------------------
+
+std::shared_ptr<BrowserPage> BrowserWindow::activePage() {
+    Tab* tab = currentTab();
+    return tab ? tab->page : nullptr;
+}
+
+void BrowserWindow::setToolbarImage(const std::string& name) {
+    if (name == toolbarImageName_) return;
+    toolbarImageName_ = name;
+    gtk_image_set_from_file(GTK_IMAGE(toolbarImage_), (options_.resources + "/" + name + ".svg").c_str());
+    event("image " + name);
+}
+
+void BrowserWindow::setBadgeText(const std::optional<std::string>& text) {
+    const bool changed = text != badgeText_;
+    badgeText_ = text;
+    gtk_label_set_text(GTK_LABEL(badge_), text.value_or("").c_str());
+    gtk_widget_set_visible(badge_, text.has_value());
+    if (!changed) return;
+    event("badge " + text.value_or("none"));
+    if (blockedReportArrived_) {
+        afterNextPaint("badge-shown", blockedReportArrived_);
+        blockedReportArrived_ = 0;
+    }
+}
+
+void BrowserWindow::dismissPopover() { gtk_popover_popdown(GTK_POPOVER(popover_)); }
+
+void BrowserWindow::openURL(const std::string& url) {
+    event("open-url " + url);
+    g_app_info_launch_default_for_uri_async(
+        url.c_str(), nullptr, nullptr,
+        +[](GObject*, GAsyncResult* result, gpointer) {
+            GError* error = nullptr;
+            if (!g_app_info_launch_default_for_uri_finish(result, &error)) {
+                platform::log(platform::LogLevel::Debug,
+                              std::string("No handler opened the link: ") + error->message);
+                g_error_free(error);
+            }
+        },
+        nullptr);
+}
+
+void BrowserWindow::toolbarItemsNeedUpdate() {
+    if (validationSource_) return;
+    validationSource_ = g_idle_add_once(
+        +[](gpointer data) {
+            auto* self = static_cast<BrowserWindow*>(data);
+            self->validationSource_ = 0;
+            self->bridge_->validateToolbarItem();
+        },
+        this);
+}
+
+void BrowserWindow::event(const std::string& line) {
+    if (!options_.control) return;
+    std::string clean = line;
+    for (char& c : clean) {
+        if (c == '\n' || c == '\r') c = ' ';
+    }
+    std::fprintf(stdout, "%s\n", clean.c_str());
+    std::fflush(stdout);
+}
+
+// Reports, once the window has painted the next frame, the time since `since`.
+void BrowserWindow::afterNextPaint(std::string timingName, gint64 since) {
+    GtkWidget* widget = timingName == "popover-shown" ? popover_ : window_;
+    GdkFrameClock* clock = gtk_widget_get_frame_clock(widget);
+    if (!clock) clock = gtk_widget_get_frame_clock(window_);
+    if (!clock) return;
+    struct Pending {
+        BrowserWindow* self;
+        std::string name;
+        gint64 since;
+        GdkFrameClock* clock;
+        gulong handler;
+    };
+    auto* pending = new Pending{this, std::move(timingName), since, clock, 0};
+    pending->handler = g_signal_connect(
+        clock, "after-paint", G_CALLBACK(+[](GdkFrameClock* clock, Pending* pending) {
+            const double ms = (g_get_monotonic_time() - pending->since) / 1000.0;
+            char text[64];
+            std::snprintf(text, sizeof text, "%.2f", ms);
+            pending->self->event("timing " + pending->name + " " + text);
+            g_signal_handler_disconnect(clock, pending->handler);
+            g_idle_add_once(+[](gpointer data) { delete static_cast<Pending*>(data); }, pending);
+        }),
+        pending);
+    gdk_frame_clock_request_phase(clock, GDK_FRAME_CLOCK_PHASE_PAINT);
+}
+
+}  // namespace stonewall::browser

@@ -1,0 +1,59 @@
+#pragma once
+
+// The content blocker inside the browser. It stands in for the browser's
+// reload of the Stonewall content blocker: it reads the shared defaults as
+// the engine left them, compiles the active profile's rule list (or, with
+// "blockingStatus" 2, none) into the WebKit content-filter store of the
+// container, and switches every open web view to the result. At start it
+// applies what the store already holds.
+//
+// WebKit is used on the main thread only (WebKit binds to the thread it is
+// first used on, and the web views live there); reload requests from other
+// threads are passed to it.
+
+#include <webkit/webkit.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/ContentBlockerManager.h"
+
+namespace stonewall::browser {
+
+class ContentFilters : public platform::ContentBlockerManager,
+                       public std::enable_shared_from_this<ContentFilters> {
+  public:
+    ContentFilters(std::string containerPath, std::string defaultsPath);
+    ~ContentFilters() override;
+
+    void reloadContentBlockerWithIdentifier(const std::string& identifier,
+                                            CompletionHandler completionHandler) override;
+
+    // Main thread. A manager gets the current filter at once and every later one.
+    void addContentManager(WebKitUserContentManager* manager);
+    void removeContentManager(WebKitUserContentManager* manager);
+    // Applies the stored list (or none while blocking is off); `done` is
+    // called on the main thread once it is in place, with false when the
+    // store holds no list yet.
+    void applyStoredList(std::function<void(bool found)> done = {});
+
+    // Called on the main thread after each switch of the filter.
+    void setFilterChanged(std::function<void(bool filtering)> observer) {
+        filterChanged_ = std::move(observer);
+    }
+
+  private:
+    void setFilter(WebKitUserContentFilter* filter);
+    bool blockingOff() const;
+
+    std::string containerPath_;
+    std::string defaultsPath_;
+    WebKitUserContentFilterStore* store_ = nullptr;
+    WebKitUserContentFilter* filter_ = nullptr;
+    std::vector<WebKitUserContentManager*> managers_;
+    std::function<void(bool)> filterChanged_;
+};
+
+}  // namespace stonewall::browser
