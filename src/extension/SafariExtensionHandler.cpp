@@ -19,7 +19,7 @@ std::optional<std::string> badgeText(int64_t count) {
     return std::to_string(count);
 }
 
-// The leading integer of a text, as the original's integerValue reads it:
+// The leading integer of a text, read leniently as integerValue reads it:
 // white space, an optional sign, digits; saturating; 0 when there are none.
 int64_t leadingInteger(const std::string& text) {
     size_t i = 0;
@@ -49,7 +49,7 @@ int64_t integerValue(const Json& value) {
         case Json::value_t::number_integer:
             return value.get<int64_t>();
         case Json::value_t::number_unsigned:
-            // Wraps as the original's conversion of a large unsigned number does.
+            // A large unsigned number wraps, as a 64-bit conversion does.
             return static_cast<int64_t>(value.get<uint64_t>());
         case Json::value_t::number_float: {
             const double number = value.get<double>();

@@ -30,8 +30,8 @@ std::unique_ptr<SafariExtensionViewController>& instance() {
     return controller;
 }
 
-// Replaces the first "%@" of a localised format, as the original's
-// stringWithFormat: did with one object argument; a null argument reads
+// Replaces the first "%@" of a localised format with one object
+// argument; a null argument reads
 // "(null)".
 std::string format(const std::string& pattern, const NullableString& argument) {
     std::string text = pattern;

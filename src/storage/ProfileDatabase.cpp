@@ -76,7 +76,7 @@ ProfileRule getProfileRuleFromStatement(sqlite3_stmt* statement) {
 std::shared_ptr<ProfileDatabase> ProfileDatabase::initWithBlockerProfileID(
     const NullableString& blockerProfileID) {
     std::shared_ptr<ProfileDatabase> database(new ProfileDatabase());
-    // A null identifier formats as "(null)", as the original's "%@" of nil.
+    // A null identifier formats as "(null)", as the "%@" format writes a missing object.
     const std::string identifier = textOrNull(blockerProfileID);
     database->profilesFileName_ = ContainerLayout::profileDatabaseFileName(identifier);
     database->profilesFileHandler_ = FileHandler::initWithNameAndGroup(
@@ -162,7 +162,7 @@ void ProfileDatabase::restoreDatabase() {
     }
 }
 
-// The handle is cleared after closing (the original leaves it dangling) so
+// The handle is cleared after closing (rather than left dangling) so
 // that the destructor's close and any later use find no connection.
 void ProfileDatabase::close() {
     if (!profilesDatabase_) return;

@@ -64,7 +64,7 @@ void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out);
 int64_t columnInt(sqlite3_stmt* statement, int column);
 double columnDouble(sqlite3_stmt* statement, int column);
 
-// Wraps like the 32-bit binding call of the original: the low 32 bits.
+// Integers are stored as 32-bit values: the low 32 bits are kept.
 inline int truncateToInt32(int64_t value) {
     return static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(value)));
 }

@@ -215,7 +215,7 @@ TEST_F(ControlsTest, SwitchEventsBindingAndAnimation) {
         EXPECT_EQ(actions, c.actions);
         EXPECT_EQ(bindings, c.bindings);
         // A press released outside leaves the knob stretched until the next
-        // click, as the original switch does.
+        // click, deliberately.
         EXPECT_EQ(control->isActive(), std::string(c.name) == "release outside");
         ASSERT_EQ(view->displays.size(), c.animatedDisplays);
         for (const auto& animation : view->displays) {

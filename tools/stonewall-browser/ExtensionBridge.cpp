@@ -417,8 +417,8 @@ void ExtensionBridge::changeActiveProfile() {
         std::string title = i < profiles_.size() ? profiles_[i] : std::string();
         if (equalsIgnoringCase(title, "Default Profile")) title = localized("Default Profile");
         else if (equalsIgnoringCase(title, "New Profile")) title = localized("New Profile");
-        // Cut at 40 characters (counted as the original counts them, in
-        // UTF-16 units; never inside a character).
+        // Cut at 40 characters, counted in UTF-16 units, never inside a
+        // character.
         glong units = 0;
         gunichar2* utf16 = g_utf8_to_utf16(title.c_str(), -1, nullptr, &units, nullptr);
         if (utf16 && units >= 41) {

@@ -5,8 +5,8 @@ namespace stonewall::browser {
 KnobRect rectForKnob(double width, double height, bool checked, bool active,
                      LayoutDirection direction) {
     // The golden ratio gives the resting knob; the pressed one stretches.
-    // The right-to-left pressed width subtracts 40, not 4, as the original
-    // control always did.
+    // The right-to-left pressed width subtracts 40, not 4: the switch has
+    // always looked that way to right-to-left users, so it stays.
     KnobRect knob;
     knob.height = height - 4;
     if (!active) {

@@ -23,14 +23,6 @@ double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-// The order in which the compiler reads the actions, which is the order of
-// the rule list; the report lists them the same way.
-constexpr int64_t kCompileOrder[] = {
-    ActionCode::kBlockWebsite,  ActionCode::kBlock,        ActionCode::kBlockCookies,
-    ActionCode::kHide,          ActionCode::kAllowWebsite, ActionCode::kException,
-    ActionCode::kSecureWebsite, ActionCode::kUpgradeHTTPS,
-};
-
 }  // namespace
 
 const WebsiteListNames kWebsiteLists[3] = {
@@ -196,7 +188,7 @@ std::string requireActiveProfile(const SharedData& sharedData) {
 ReloadRun ReloadRequest::run(const std::function<void(CompletionHandler then)>& first,
                              const Target& target) {
     ReloadRun result;
-    result.hostSkipsReload = !hostReloadsContentBlockers();
+    result.hostSkipsReload = !CompanionController::hostReloadsContentBlockers();
     CompileReport* report = report_;
     const auto start = Clock::now();
     result.error = session_.await("reload", [&](CompletionHandler done) {

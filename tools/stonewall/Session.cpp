@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -15,6 +16,7 @@
 
 #include "Failure.h"
 #include "Report.h"
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxServices.h"
 #include "storage/FileHandler.h"
@@ -59,10 +61,6 @@ std::string trimmedSlash(std::string path) {
 }
 
 }  // namespace
-
-bool hostReloadsContentBlockers() {
-    return std::floor(platform::host().appKitVersionNumber()) >= kMinimumAppKitVersion;
-}
 
 Session::Session(const CommonOptions& options, Signals signals)
     : options_(options), signals_(signals) {
@@ -185,11 +183,12 @@ void Session::lockContainer() const {
 }
 
 bool isUsableProfileID(std::string_view identifier) {
-    if (identifier.empty() || identifier == "." || identifier == "..") return false;
-    for (const char c : identifier) {
-        if (c == '/' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
-    }
-    return true;
+    // Control characters are refused on top of the container's rule: they
+    // would garble the command's own output.
+    if (identifier.empty() || !ContainerLayout::isSafeProfileIdentifier(identifier)) return false;
+    return std::none_of(identifier.begin(), identifier.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+    });
 }
 
 std::unique_ptr<CompanionController> Session::openEngine(ActiveProfile use) const {

@@ -108,8 +108,5 @@ class Session {
 // "." or "..", no path separator of either kind, no control character.
 [[nodiscard]] bool isUsableProfileID(std::string_view identifier);
 
-// Whether the host asks for reloads at all (toolkit 1504 and later); older
-// hosts complete every reload at once without doing anything.
-[[nodiscard]] bool hostReloadsContentBlockers();
 
 }  // namespace stonewall::tool

@@ -10,7 +10,7 @@
 // toolkit shares it. These interfaces only carry its results to the screen.
 //
 // Threads: the front touches views from whichever thread delivered a browser
-// or engine answer, as the original extension did. A toolkit whose widgets
+// or engine answer. A toolkit whose widgets
 // belong to one thread marshals each call to that thread; calls must then be
 // applied in the order they were made.
 
