@@ -82,7 +82,8 @@ TEST_F(ExtensionStateTest, SaveThenLoadLeavesTheReceiverAlone) {
     EXPECT_TRUE(loaded->statusUpdated());
     EXPECT_FALSE(state->statusUpdated());
     ExtensionState::resetSharedInstanceForTesting();
-    EXPECT_TRUE(ExtensionState::sharedInstance()->statusUpdated());
+    state = ExtensionState::sharedInstance();  // the old instance is gone
+    EXPECT_TRUE(state->statusUpdated());
 
     state->removeData();
     EXPECT_FALSE(state->checkDataExists());
