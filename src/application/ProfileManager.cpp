@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "model/RuleCodes.h"
+#include "model/RuleText.h"
 #include "platform/ContainerLayout.h"
 #include "utilities/Generator.h"
 #include "utilities/PunycodeAdditions.h"
@@ -17,25 +18,10 @@ constexpr int64_t kImportedActions[] = {ActionCode::kBlock, ActionCode::kHide,
                                         ActionCode::kBlockCookies, ActionCode::kException,
                                         ActionCode::kUpgradeHTTPS};
 
+// The names and identifiers lists: an empty text has no entries.
 std::vector<std::string> splitAtCommas(const NullableString& text) {
-    std::vector<std::string> pieces;
-    if (!text || text->empty()) return pieces;
-    size_t start = 0;
-    while (true) {
-        const size_t comma = text->find(',', start);
-        pieces.push_back(text->substr(start, comma == std::string::npos ? comma : comma - start));
-        if (comma == std::string::npos) return pieces;
-        start = comma + 1;
-    }
-}
-
-std::string joinWithCommas(const std::vector<std::string>& pieces) {
-    std::string joined;
-    for (const std::string& piece : pieces) {
-        if (!joined.empty()) joined.push_back(',');
-        joined.append(piece);
-    }
-    return joined;
+    if (!text || text->empty()) return {};
+    return RuleText::components(*text);
 }
 
 std::string inQuotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
@@ -95,8 +81,8 @@ ApplicationOutcome ProfileManager::requireProfile(const std::string& profileID,
 ApplicationOutcome ProfileManager::writeProfileLists(std::vector<std::string> names,
                                                      std::vector<std::string> identifiers) {
     SharedData data = *engine_.sharedData();
-    data.profiles = joinWithCommas(names);
-    data.profileIDs = joinWithCommas(identifiers);
+    data.profiles = RuleText::joinComponents(names);
+    data.profileIDs = RuleText::joinComponents(identifiers);
     engine_.sharedDatabase().updateSharedDataDetails(data);
     engine_.syncShared();
     const auto& stored = engine_.sharedData();

@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "model/RuleCodes.h"
+#include "model/RuleText.h"
 #include "utilities/Generator.h"
 
 namespace stonewall {
@@ -12,37 +13,8 @@ namespace {
 constexpr char kAnyURLFilter[] = ".*";
 
 std::vector<std::string> splitAtCommas(const NullableString& text) {
-    std::vector<std::string> pieces;
-    if (!text) return pieces;
-    size_t start = 0;
-    while (true) {
-        const size_t comma = text->find(',', start);
-        pieces.push_back(text->substr(start, comma == std::string::npos ? comma : comma - start));
-        if (comma == std::string::npos) return pieces;
-        start = comma + 1;
-    }
-}
-
-std::string joinWithCommas(const std::vector<std::string>& pieces) {
-    std::string joined;
-    for (const std::string& piece : pieces) {
-        if (!joined.empty()) joined.push_back(',');
-        joined.append(piece);
-    }
-    return joined;
-}
-
-std::optional<size_t> statusPosition(int64_t action) {
-    switch (action) {
-        case ActionCode::kBlockWebsite:
-            return 0;
-        case ActionCode::kAllowWebsite:
-            return 1;
-        case ActionCode::kSecureWebsite:
-            return 2;
-        default:
-            return std::nullopt;
-    }
+    if (!text) return {};
+    return RuleText::components(*text);
 }
 
 bool emptyOrNull(const NullableString& text) { return !text || text->empty(); }
@@ -78,7 +50,7 @@ std::vector<ProfileRule> WebsiteListEditor::listRules(int64_t action) const {
 }
 
 ApplicationOutcome WebsiteListEditor::setStatus(int64_t action, std::string_view value) {
-    const auto position = statusPosition(action);
+    const auto position = websiteListStatusPosition(action);
     if (!position) return std::nullopt;
     SharedData data = *engine_.sharedData();
     if (value == "1") {
@@ -89,21 +61,19 @@ ApplicationOutcome WebsiteListEditor::setStatus(int64_t action, std::string_view
         auto components = splitAtCommas(data.domainStatus);
         components.resize(std::max<size_t>(components.size(), 3), "-1");
         components[*position] = std::string(value);
-        data.domainStatus = joinWithCommas(components);
+        data.domainStatus = RuleText::joinComponents(components);
         engine_.sharedDatabase().updateSharedDataDetails(data);
     }
     engine_.syncShared();
-    if (!engine_.sharedData() ||
-        splitAtCommas(engine_.sharedData()->domainStatus).size() <= *position ||
-        splitAtCommas(engine_.sharedData()->domainStatus)[*position] != value) {
-        return sharedNotWritten(engine_);
-    }
+    if (!engine_.sharedData()) return sharedNotWritten(engine_);
+    const auto stored = splitAtCommas(engine_.sharedData()->domainStatus);
+    if (stored.size() <= *position || stored[*position] != value) return sharedNotWritten(engine_);
     return std::nullopt;
 }
 
 ApplicationOutcome WebsiteListEditor::tidyList(int64_t action, TidyReport& report) {
     report = {};
-    if (!statusPosition(action) || !engine_.sharedData() || !engine_.activeDatabase()) {
+    if (!websiteListStatusPosition(action) || !engine_.sharedData() || !engine_.activeDatabase()) {
         return badInput("action " + std::to_string(action), "has no website list");
     }
     const int64_t status = engine_.getWebsitesStatusShared(action);
@@ -130,7 +100,7 @@ ApplicationOutcome WebsiteListEditor::tidyList(int64_t action, TidyReport& repor
     merged.blocker = BlockerCode::kCustom;
     merged.action = action;
     merged.filter = kAnyURLFilter;
-    merged.domains = joinWithCommas(hosts);
+    merged.domains = RuleText::joinComponents(hosts);
     merged.domainType = DomainTypeCode::kIfTopURL;
 
     ProfileDatabase& database = *engine_.activeDatabase();
@@ -157,7 +127,7 @@ ApplicationOutcome WebsiteListEditor::tidyList(int64_t action, TidyReport& repor
 ApplicationOutcome WebsiteListEditor::removeWebsite(int64_t action, const std::string& host,
                                                     bool& removed) {
     removed = false;
-    if (!statusPosition(action) || !engine_.sharedData() || !engine_.activeDatabase()) {
+    if (!websiteListStatusPosition(action) || !engine_.sharedData() || !engine_.activeDatabase()) {
         return badInput("action " + std::to_string(action), "has no website list");
     }
     const NullableString profileID = engine_.sharedData()->activeProfileID;
@@ -184,7 +154,7 @@ ApplicationOutcome WebsiteListEditor::removeWebsite(int64_t action, const std::s
             if (entries.empty()) {
                 database.removeProfileRulesCustom({rule});
             } else {
-                rule.domains = joinWithCommas(entries);
+                rule.domains = RuleText::joinComponents(entries);
                 database.updateProfileRules({rule});
             }
         }

@@ -79,6 +79,21 @@ inline constexpr int64_t kSharedOnly = 0;      // websites go to the shared data
 inline constexpr int64_t kListRuleExists = 1;  // websites join the profile's list rule
 }  // namespace WebsiteListStatus
 
+// The position of an action's list in the domain status text (block 0,
+// allow 1, secure 2), or none for actions that have no list.
+constexpr std::optional<size_t> websiteListStatusPosition(int64_t action) {
+    switch (action) {
+        case ActionCode::kBlockWebsite:
+            return 0;
+        case ActionCode::kAllowWebsite:
+            return 1;
+        case ActionCode::kSecureWebsite:
+            return 2;
+        default:
+            return std::nullopt;
+    }
+}
+
 // What one compilation did, for the command-line tool. Filled only by the
 // overloads that take one; the compiled output is the same either way.
 struct CompileReport {

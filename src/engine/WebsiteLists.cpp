@@ -24,21 +24,6 @@ constexpr char kDefaultStatusComponent[] = "-1";
 constexpr size_t kStatusComponentCount = 3;
 constexpr std::string_view kListRuleExists = "1";
 
-// The position of a list in the domain status text, or none for actions that
-// have no list.
-std::optional<size_t> statusPosition(int64_t action) {
-    switch (action) {
-        case ActionCode::kBlockWebsite:
-            return 0;
-        case ActionCode::kAllowWebsite:
-            return 1;
-        case ActionCode::kSecureWebsite:
-            return 2;
-        default:
-            return std::nullopt;
-    }
-}
-
 // The three status components; positions the text lacks (an old or damaged
 // record) read as "no list rule yet".
 std::array<std::string, kStatusComponentCount> statusComponents(const NullableString& status) {
@@ -161,7 +146,7 @@ SharedCustomRule CompanionController::websiteCustomRule(int64_t action,
 // --- Domain status -------------------------------------------------------------------
 
 int64_t CompanionController::getWebsitesStatusShared(int64_t action) const {
-    const std::optional<size_t> position = statusPosition(action);
+    const std::optional<size_t> position = websiteListStatusPosition(action);
     if (!position) return WebsiteListStatus::kNoListRule;
     const auto components =
         statusComponents(sharedData_ ? sharedData_->domainStatus : std::nullopt);
@@ -170,7 +155,7 @@ int64_t CompanionController::getWebsitesStatusShared(int64_t action) const {
 
 void CompanionController::updateWebsitesStatusShared(int64_t action) {
     if (!sharedData_) return;
-    if (const std::optional<size_t> position = statusPosition(action)) {
+    if (const std::optional<size_t> position = websiteListStatusPosition(action)) {
         auto components = statusComponents(sharedData_->domainStatus);
         components[*position] = std::string(kListRuleExists);
         sharedData_->domainStatus =

@@ -2,25 +2,11 @@
 
 #include "BrowserProtocol.h"
 #include "PageMessage.h"
+#include "platform/Platform.h"
 
 namespace stonewall::browser {
 
 namespace {
-
-void onMainThread(std::function<void()> work) {
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(
-        source,
-        +[](gpointer data) -> gboolean {
-            (*static_cast<std::function<void()>*>(data))();
-            return G_SOURCE_REMOVE;
-        },
-        new std::function<void()>(std::move(work)),
-        +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-    g_source_attach(source, g_main_context_default());
-    g_source_unref(source);
-}
 
 // The tab of a page: one page per tab, for the tab's life.
 class BrowserTab : public SFSafariTab {
@@ -28,7 +14,7 @@ class BrowserTab : public SFSafariTab {
     explicit BrowserTab(std::shared_ptr<BrowserPage> page) : page_(std::move(page)) {}
     void getActivePageWithCompletionHandler(PageHandler completionHandler) override {
         if (!completionHandler) return;
-        onMainThread([page = page_, handler = std::move(completionHandler)] {
+        platform::dispatch().mainQueue().async([page = page_, handler = std::move(completionHandler)] {
             handler(page->view() ? page : nullptr);
         });
     }
@@ -60,7 +46,7 @@ bool BrowserPage::isActive() const { return view_ && isActive_ && isActive_(*thi
 
 void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler completionHandler) {
     if (!completionHandler) return;
-    onMainThread([self = shared_from_this(), handler = std::move(completionHandler)] {
+    platform::dispatch().mainQueue().async([self = shared_from_this(), handler = std::move(completionHandler)] {
         if (!self->view_) {
             handler(std::nullopt);
             return;
@@ -71,7 +57,7 @@ void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler compl
 
 void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
-    onMainThread([self = shared_from_this(), handler = std::move(completionHandler)] {
+    platform::dispatch().mainQueue().async([self = shared_from_this(), handler = std::move(completionHandler)] {
         handler(self->view_ ? std::make_shared<BrowserTab>(self) : nullptr);
     });
 }

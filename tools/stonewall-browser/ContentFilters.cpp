@@ -5,6 +5,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/ContainerLayout.h"
+#include "platform/Platform.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
@@ -17,27 +19,6 @@ namespace {
 
 Error ourError(int64_t code, std::string message) {
     return Error{WebKitContentBlockerManager::kErrorDomain, code, std::move(message)};
-}
-
-// A profile identifier from the defaults becomes part of a file name.
-bool isSafeFileNamePart(const std::string& text) {
-    return !text.empty() && text.find('/') == std::string::npos &&
-           text.find('\0') == std::string::npos && text != "." && text != "..";
-}
-
-void onMainThread(std::function<void()> work) {
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(
-        source,
-        +[](gpointer data) -> gboolean {
-            (*static_cast<std::function<void()>*>(data))();
-            return G_SOURCE_REMOVE;
-        },
-        new std::function<void()>(std::move(work)),
-        +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-    g_source_attach(source, g_main_context_default());
-    g_source_unref(source);
 }
 
 struct Request {
@@ -111,7 +92,7 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
 
 void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& identifier,
                                                         CompletionHandler completionHandler) {
-    onMainThread([self = shared_from_this(), identifier,
+    platform::dispatch().mainQueue().async([self = shared_from_this(), identifier,
                   handler = std::move(completionHandler)]() mutable {
         const auto complete = [&handler](std::optional<Error> error) {
             if (handler) handler(std::move(error));
@@ -134,7 +115,7 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
         }
         platform::linux::FileUserDefaults defaults(self->defaultsPath_);
         const auto profile = defaults.stringForKey("activeProfileID");
-        if (!profile || !isSafeFileNamePart(*profile)) {
+        if (!profile || profile->empty() || !ContainerLayout::isSafeProfileIdentifier(*profile)) {
             complete(ourError(WebKitContentBlockerManager::kNoActiveProfile,
                               "No usable active profile is set in the shared defaults."));
             return;
