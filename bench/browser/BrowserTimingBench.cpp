@@ -112,10 +112,10 @@ int main(int argc, char** argv) {
     // page's ad and tracker, compiled into the content-filter store.
     runStonewall(env, "info");
     {
-        stonewall::platform::linux::LinuxOptions options;
+        stonewall::platform::gnulinux::LinuxOptions options;
         options.containerPath = (root / "container").string();
         options.resourcePath = STONEWALL_BUILD_RESOURCES;
-        stonewall::platform::ScopedServices services(stonewall::platform::linux::makeLinuxServices(options));
+        stonewall::platform::ScopedServices services(stonewall::platform::gnulinux::makeLinuxServices(options));
         auto database = stonewall::ProfileDatabase::initWithBlockerProfileID(std::string("defaultProfile"));
         stonewall::ProfileGenerator().fillDatabase(*database, stonewall::kMaximumRuleCount);
         std::vector<stonewall::ProfileRule> ours(2);

@@ -225,7 +225,7 @@ TEST(FilterListParserTest, WebKitAcceptsEveryRuleOfARepresentativeList) {
         ContentBlockerRuleListWriter writer(json);
         for (const ProfileRule& rule : rules) writer.add(rule.convertToSafariData2());
         writer.finish();
-        return platform::linux::WebKitContentBlockerManager::compileRuleList(store, "import", json);
+        return platform::gnulinux::WebKitContentBlockerManager::compileRuleList(store, "import", json);
     };
     if (const auto error = compile(list.rules)) {
         // Name the rules WebKit refuses, one by one.

@@ -18,7 +18,7 @@
 namespace stonewall {
 namespace {
 
-using Manager = platform::linux::WebKitContentBlockerManager;
+using Manager = platform::gnulinux::WebKitContentBlockerManager;
 constexpr std::chrono::seconds kLimit{60};
 
 class LinuxServicesTest : public ::testing::Test {
@@ -62,14 +62,14 @@ class LinuxServicesTest : public ::testing::Test {
 
   private:
     platform::Services makeServices() {
-        platform::linux::LinuxOptions options;
+        platform::gnulinux::LinuxOptions options;
         options.containerPath = temporary_.containerPath();
         const char* resources = std::getenv("STONEWALL_RESOURCES");
         if (resources) options.resourcePath = resources;
         // No bus here: notifications are dropped, as the service promises.
         options.busAddress = "unix:path=" + temporary_.rootPath() + "/no-bus";
         options.verbose = false;
-        return platform::linux::makeLinuxServices(options);
+        return platform::gnulinux::makeLinuxServices(options);
     }
 
     platform::testing::TestPlatform temporary_;  // only for its temporary folder

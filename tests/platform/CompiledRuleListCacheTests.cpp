@@ -12,7 +12,7 @@
 #include "platform/linux/CompiledRuleListCache.h"
 #include "platform/testing/TestPlatform.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 namespace fs = std::filesystem;
@@ -144,4 +144,4 @@ TEST_F(CompiledRuleListCacheTest, LeftoversGoButAnotherProcesssFreshCompileStays
 }
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -20,7 +20,7 @@
 
 extern char** environ;
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 using namespace std::chrono_literals;
@@ -261,4 +261,4 @@ TEST_F(DBusNotificationCenterTest, WithoutABusPostsAreDroppedQuietlyAndObserving
 }
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s PATH PREFIX COUNT\n", argv[0]);
         return 2;
     }
-    stonewall::platform::linux::FileUserDefaults defaults(argv[1]);
+    stonewall::platform::gnulinux::FileUserDefaults defaults(argv[1]);
     const int count = std::atoi(argv[3]);
     for (int i = 0; i < count; ++i) {
         defaults.setInteger(i, std::string(argv[2]) + "-" + std::to_string(i));

@@ -13,7 +13,7 @@
 
 extern char** environ;
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 namespace fs = std::filesystem;
@@ -220,4 +220,4 @@ TEST(FileUserDefaultsService, SuitesByName) {
 }
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

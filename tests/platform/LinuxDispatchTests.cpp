@@ -9,7 +9,7 @@
 #include "platform/linux/LinuxDispatch.h"
 #include "support/MainLoopWatchdog.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 using namespace std::chrono_literals;
@@ -300,4 +300,4 @@ TEST(LinuxDispatchDeathTest, SyncOntoAQueueThisThreadHoldsIsReported) {
 }
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -18,7 +18,7 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "platform/testing/TestPlatform.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 namespace fs = std::filesystem;
@@ -220,4 +220,4 @@ TEST(LinuxServices, MakeBuildsACompleteSetOverTheGivenContainer) {
 }
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -11,7 +11,7 @@
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "platform/testing/TestPlatform.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 namespace fs = std::filesystem;
@@ -216,4 +216,4 @@ TEST_F(WebKitContentBlockerManagerTest, ACompletionMayCallTheSynchronousHelper) 
 }
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

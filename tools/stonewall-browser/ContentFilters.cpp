@@ -13,7 +13,7 @@
 namespace stonewall::browser {
 
 namespace fs = std::filesystem;
-using platform::linux::WebKitContentBlockerManager;
+using platform::gnulinux::WebKitContentBlockerManager;
 
 namespace {
 
@@ -37,7 +37,7 @@ ContentFilters::~ContentFilters() {
 }
 
 bool ContentFilters::blockingOff() const {
-    platform::linux::FileUserDefaults defaults(defaultsPath_);
+    platform::gnulinux::FileUserDefaults defaults(defaultsPath_);
     return defaults.integerForKey("blockingStatus") == 2;
 }
 
@@ -113,7 +113,7 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
             complete(std::nullopt);
             return;
         }
-        platform::linux::FileUserDefaults defaults(self->defaultsPath_);
+        platform::gnulinux::FileUserDefaults defaults(self->defaultsPath_);
         const auto profile = defaults.stringForKey("activeProfileID");
         if (!profile || profile->empty() || !ContainerLayout::isSafeProfileIdentifier(*profile)) {
             complete(ourError(WebKitContentBlockerManager::kNoActiveProfile,

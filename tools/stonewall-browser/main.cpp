@@ -82,16 +82,16 @@ int main(int argc, char** argv) {
         }
     }
 
-    platform::Services services = platform::linux::makeLinuxServices();
+    platform::Services services = platform::gnulinux::makeLinuxServices();
     auto dispatch = std::make_shared<browser::GtkMainDispatch>(services.dispatch);
     services.dispatch = dispatch;
     services.notifications =
-        std::make_shared<platform::linux::DBusNotificationCenter>(dispatch, services.log);
+        std::make_shared<platform::gnulinux::DBusNotificationCenter>(dispatch, services.log);
     const std::string container =
-        services.host->containerPathForApplicationGroup(platform::linux::kApplicationGroup).value_or("");
-    auto defaults = std::dynamic_pointer_cast<platform::linux::FileUserDefaultsService>(services.defaults);
+        services.host->containerPathForApplicationGroup(platform::gnulinux::kApplicationGroup).value_or("");
+    auto defaults = std::dynamic_pointer_cast<platform::gnulinux::FileUserDefaultsService>(services.defaults);
     program.filters = std::make_shared<browser::ContentFilters>(
-        container, defaults ? defaults->pathForSuite(platform::linux::kApplicationGroup) : "");
+        container, defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : "");
     services.contentBlocker = program.filters;
     program.options.resources = services.bundle->resourcePath() + "/browser";
     program.options.extensionsFolder = extensionsFolder();

@@ -285,7 +285,7 @@ void describeReload(const ReloadRun& run, Report& report) {
                                  formatDuration(run.totalMilliseconds) + " until reloaded");
     // A rule WebKit could not compile was left out so that the rest loaded;
     // the user must hear of it, or the rule would seem to work.
-    const auto dropped = platform::linux::WebKitContentBlockerManager::takeDroppedRules();
+    const auto dropped = platform::gnulinux::WebKitContentBlockerManager::takeDroppedRules();
     if (!dropped.empty()) {
         Json list = Json::array();
         for (const auto& rule : dropped) {

@@ -64,10 +64,10 @@ std::string trimmedSlash(std::string path) {
 
 Session::Session(const CommonOptions& options, Signals signals)
     : options_(options), signals_(signals) {
-    platform::linux::LinuxOptions linuxOptions;
+    platform::gnulinux::LinuxOptions linuxOptions;
     if (!options_.container.empty()) linuxOptions.containerPath = absolutePath(options_.container);
     if (options_.verbose) linuxOptions.verbose = true;
-    platform::install(platform::linux::makeLinuxServices(linuxOptions));
+    platform::install(platform::gnulinux::makeLinuxServices(linuxOptions));
 
     const auto container =
         platform::host().containerPathForApplicationGroup(std::string(kApplicationGroup));

@@ -64,7 +64,7 @@ void runValidate(const CommonOptions& /*common*/, const std::string& file, Repor
     int64_t compiles = 0;
     auto compile = [&](const std::string& json) {
         ++compiles;
-        return platform::linux::WebKitContentBlockerManager::compileRuleList(store.path(),
+        return platform::gnulinux::WebKitContentBlockerManager::compileRuleList(store.path(),
                                                                              kIdentifier, json);
     };
 

@@ -18,7 +18,7 @@
 
 #include "platform/linux/WebKitContentBlockerManager.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 namespace fs = std::filesystem;
@@ -280,4 +280,4 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
     return {makeCurrent(), true};
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

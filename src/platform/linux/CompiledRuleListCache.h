@@ -39,11 +39,7 @@
 
 #include "platform/Error.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 class CompiledRuleListCache {
   public:
@@ -90,4 +86,4 @@ class CompiledRuleListCache {
     Limits limits_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

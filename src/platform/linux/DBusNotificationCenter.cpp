@@ -12,7 +12,7 @@
 
 #include "platform/linux/GLibThread.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace {
 
@@ -292,4 +292,4 @@ std::shared_ptr<void> DBusNotificationCenter::addObserver(const std::string& nam
     return token;
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

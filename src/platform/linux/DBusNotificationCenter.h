@@ -9,11 +9,7 @@
 #include "platform/Log.h"
 #include "platform/NotificationCenter.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // Distributed notifications as D-Bus signals on the session bus: every
 // notification is the signal
@@ -58,4 +54,4 @@ class DBusNotificationCenter : public DistributedNotificationCenter {
     std::shared_ptr<Bus> bus_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

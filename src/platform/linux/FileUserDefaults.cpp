@@ -12,7 +12,7 @@
 #include <utility>
 #include <variant>
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -257,4 +257,4 @@ std::shared_ptr<UserDefaults> FileUserDefaultsService::suiteNamed(const std::str
     return suite;
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -10,11 +10,7 @@
 
 #include "platform/UserDefaults.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // A user-defaults suite kept in one JSON file shared by the processes of a
 // group: a single object whose members are the keys, each an integer or a
@@ -77,4 +73,4 @@ class FileUserDefaultsService : public UserDefaultsService {
     std::map<std::string, std::shared_ptr<UserDefaults>> suites_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

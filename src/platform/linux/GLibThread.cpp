@@ -7,7 +7,7 @@
 #include <mutex>
 #include <utility>
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 struct GLibThread::Inbox {
     std::mutex mutex;
@@ -79,4 +79,4 @@ void GLibThread::invoke(std::function<void()> work) {
     g_source_unref(source);
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

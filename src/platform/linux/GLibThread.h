@@ -12,11 +12,7 @@
 #include <string>
 #include <thread>
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 class GLibThread {
   public:
@@ -43,4 +39,4 @@ class GLibThread {
     std::thread thread_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace {
 
@@ -511,4 +511,4 @@ void LinuxDispatch::stopMain() {
     g_main_context_wakeup(impl_->main->context);
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -5,11 +5,7 @@
 
 #include "platform/Dispatch.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // Dispatch on real threads.
 // - The main queue is a GLib main context of its own, run by runMain() on
@@ -52,4 +48,4 @@ class LinuxDispatch : public Dispatch {
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

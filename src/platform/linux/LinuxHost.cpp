@@ -22,7 +22,7 @@
 
 #include "platform/linux/LinuxServices.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace fs = std::filesystem;
 
@@ -221,4 +221,4 @@ std::string LinuxBundle::localizedString(const std::string& key) const {
     return ::dgettext(kTextDomain, key.c_str());
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -9,11 +9,7 @@
 #include "platform/Host.h"
 #include "platform/Log.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // Reads one environment variable; absent when unset.
 using EnvironmentLookup = std::function<std::optional<std::string>(const std::string& name)>;
@@ -81,4 +77,4 @@ class LinuxBundle : public Bundle {
     std::string resourcePath_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -9,7 +9,7 @@
 #include "platform/linux/SystemLog.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 Services makeLinuxServices(const LinuxOptions& options) {
     const EnvironmentLookup environment = processEnvironment();
@@ -43,4 +43,4 @@ Services makeLinuxServices(const LinuxOptions& options) {
     return services;
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -8,13 +8,7 @@
 
 #include "platform/Platform.h"
 
-// GNU dialects predefine `linux` as 1; the project builds without
-// extensions, but a consumer that does not must still be able to name us.
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // The product's application group: the container and the defaults suite.
 inline constexpr const char* kApplicationGroup = "K7Q2XJ4M9P.com.mapleharbor.Stonewall";
@@ -38,4 +32,4 @@ struct LinuxOptions {
 // the process ends; nothing is started before a service is first used.
 Services makeLinuxServices(const LinuxOptions& options = {});
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <string>
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace {
 
@@ -60,4 +60,4 @@ void SystemLog::write(LogLevel level, std::string_view message) {
     }
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -4,11 +4,7 @@
 
 #include "platform/Log.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // The system log through syslog(3) (facility user, tag "stonewall"; the
 // journal collects it). Debug lines are written only when verbose; when
@@ -27,4 +23,4 @@ class SystemLog : public Log {
     int stderr_;
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -21,7 +21,7 @@
 #include "platform/linux/GLibThread.h"
 #include "platform/linux/WebKitModule.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace fs = std::filesystem;
 
@@ -322,4 +322,4 @@ std::string WebKitContentBlockerManager::webKitLibraryPath() {
     return load.module ? load.module->libraryPath() : std::string();
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

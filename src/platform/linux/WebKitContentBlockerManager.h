@@ -10,11 +10,7 @@
 #include "platform/ContentBlockerManager.h"
 #include "platform/Log.h"
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 // Stands in for the browser's content-blocker reload: it does what the
 // browser does when it loads the Stonewall content blocker anew, with
@@ -110,4 +106,4 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
     std::shared_ptr<Worker> worker_;  // made by the first reload
 };
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

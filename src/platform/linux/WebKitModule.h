@@ -42,11 +42,7 @@ struct StonewallWebKitModule {
 const StonewallWebKitModule* stonewall_webkit_module(void);
 }
 
-#ifdef linux
-#undef linux
-#endif
-
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 inline constexpr uint32_t kWebKitModuleInterfaceVersion = 1;
 inline constexpr const char* kWebKitModuleEntryPoint = "stonewall_webkit_module";
@@ -58,4 +54,4 @@ inline constexpr const char* kWebKitModuleFileName = "libstonewall-webkit.so";
 // the dynamic TLS of a dlopened WebKit and crashes at exit.
 const StonewallWebKitModule* openWebKitModule(std::string& failure);
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -6,7 +6,7 @@
 
 #include "platform/linux/WebKitModule.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 
 namespace {
 
@@ -42,4 +42,4 @@ const StonewallWebKitModule* openWebKitModule(std::string& failure) {
     return module;
 }
 
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux

@@ -18,7 +18,7 @@
 #include "platform/linux/GLibThread.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
-namespace stonewall::platform::linux {
+namespace stonewall::platform::gnulinux {
 namespace {
 
 namespace fs = std::filesystem;
@@ -194,9 +194,9 @@ const StonewallWebKitModule kModule = {
 };
 
 }  // namespace
-}  // namespace stonewall::platform::linux
+}  // namespace stonewall::platform::gnulinux
 
 extern "C" __attribute__((visibility("default"))) const StonewallWebKitModule*
 stonewall_webkit_module(void) {
-    return &stonewall::platform::linux::kModule;
+    return &stonewall::platform::gnulinux::kModule;
 }
