@@ -1,15 +1,8 @@
 #include "storage/FileHandler.h"
 
-// POSIX file calls: std::filesystem cannot flush a file to disk, and an
-// atomic replace needs the data on disk before the rename makes it visible.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
-#include <ctime>
 #include <array>
+#include <chrono>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -21,6 +14,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/FileSystem.h"
 #include "platform/Platform.h"
 #include "storage/StorageEvents.h"
 
@@ -75,11 +69,14 @@ bool isDirectory(const std::string& path) {
 
 // "20261123T104652Z": sortable, and free of characters that need quoting.
 std::string utcStamp() {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    gmtime_r(&now, &parts);
+    using namespace std::chrono;
+    const auto now = floor<seconds>(system_clock::now());
+    const year_month_day date{floor<days>(now)};
+    const hh_mm_ss time{now - floor<days>(now)};
     char text[32];
-    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
+    std::snprintf(text, sizeof text, "%04d%02u%02uT%02ld%02ld%02ldZ", int(date.year()),
+                  unsigned(date.month()), unsigned(date.day()), long(time.hours().count()),
+                  long(time.minutes().count()), long(time.seconds().count()));
     return text;
 }
 
@@ -92,13 +89,16 @@ NullableString moveItemAside(const std::string& path) {
         // renameat2 with RENAME_NOREPLACE would say the same in one call, but
         // not every file system has it; link+unlink cannot move a folder.
         if (exists(aside)) continue;
-        if (::rename(path.c_str(), aside.c_str()) == 0) {
+        std::error_code error;
+        fs::rename(path, aside, error);
+        if (!error) {
             StorageEvents::report(StorageEvents::Kind::MovedAside,
                                   "moved " + path + " aside to " + aside);
             return aside;
         }
-        if (errno == ENOENT) return std::nullopt;  // gone meanwhile: nothing in the way
-        FileHandler::logError(errnoText("cannot move aside", path));
+        // Gone meanwhile: nothing in the way.
+        if (error == std::errc::no_such_file_or_directory) return std::nullopt;
+        FileHandler::logError("cannot move aside " + path + ": " + error.message());
         return std::nullopt;
     }
     FileHandler::logError("cannot move aside " + path + ": no free name");
@@ -120,163 +120,12 @@ std::optional<Data> readWholeFile(const std::string& path) {
     return bytes;
 }
 
-bool writeAll(int fd, std::string_view data) {
-    while (!data.empty()) {
-        const ssize_t written = ::write(fd, data.data(), data.size());
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
-}
-
-// Makes the rename itself durable; failing here loses nothing that a reader
-// could see, so errors are ignored.
-void syncDirectory(const std::string& directory) {
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    (void)::fsync(fd);
-    ::close(fd);
-}
-
-// The permissions a new file of the user's gets: what the umask allows of
-// rw-rw-rw-, as open(2) would give. Read from /proc so that the process-wide
-// umask is never changed, not even for a moment, under other threads.
-mode_t newFileMode() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("Umask:", 0) == 0) {
-            try {
-                return static_cast<mode_t>(0666 & ~std::stoul(line.substr(6), nullptr, 8));
-            } catch (const std::exception&) {
-                break;
-            }
-        }
-    }
-    return 0644;
-}
-
-// A complete file not yet visible under any name the product reads. With
-// O_TMPFILE it has no name at all until publish(), so a kill at any moment
-// leaves nothing behind; where the file system lacks O_TMPFILE a hidden
-// temporary name stands in (removed on every failure this process survives).
-class PendingFile {
-  public:
-    explicit PendingFile(const std::string& target) : target_(target) {
-        const fs::path path(target);
-        directory_ = path.has_parent_path() ? path.parent_path().string() : std::string(".");
-        fd_ = ::open(directory_.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
-        if (fd_ >= 0) return;
-        temporary_ = joinPath(directory_, "." + path.filename().string() + ".XXXXXX");
-        fd_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
-        // mkstemp makes the file 0600; the umask decides, as for any new file.
-        if (fd_ >= 0) (void)::fchmod(fd_, newFileMode());
-        if (fd_ < 0) temporary_.clear();
-    }
-    ~PendingFile() {
-        if (fd_ >= 0) ::close(fd_);
-        if (!temporary_.empty()) ::unlink(temporary_.c_str());
-    }
-    PendingFile(const PendingFile&) = delete;
-    PendingFile& operator=(const PendingFile&) = delete;
-
-    bool opened() const { return fd_ >= 0; }
-    // After a failed publish(Mode::Create): the name was taken already.
-    bool targetExisted() const { return targetExisted_; }
-    const std::string& directory() const { return directory_; }
-
-    // Writes and flushes the bytes; false (after logging) on any failure,
-    // a full disk or a file-size limit included.
-    bool fill(std::string_view data) {
-        return fill([data](const DataSink& sink) { return sink(data); });
-    }
-    // The same for bytes made piece by piece; false also when the producer
-    // gives up.
-    bool fill(const DataProducer& produce) {
-        bool writeFailed = false;
-        const bool complete = produce([&](std::string_view piece) {
-            if (!writeFailed && !writeAll(fd_, piece)) {
-                FileHandler::logError(errnoText("cannot write", target_));
-                writeFailed = true;
-            }
-            return !writeFailed;
-        });
-        if (!complete || writeFailed) return false;
-        if (::fsync(fd_) != 0) {
-            FileHandler::logError(errnoText("cannot flush", target_));
-            return false;
-        }
-        return true;
-    }
-
-    // Gives the file its name. Replace renames over the target in one step,
-    // so readers see the old file or the new one and never a gap; Create
-    // fails with EEXIST when something is already there.
-    enum class Mode { Replace, Create };
-    bool publish(Mode mode) {
-        if (temporary_.empty()) {
-            // An unnamed file gets a name by linkat, which never replaces; a
-            // replacement links it under a private name first.
-            if (mode == Mode::Create) return linkInto(target_);
-            std::string name = joinPath(
-                directory_, "." + fs::path(target_).filename().string() + "." +
-                                std::to_string(::getpid()) + "-" + std::to_string(++counter_));
-            if (!linkInto(name)) return false;
-            temporary_ = name;
-        }
-        bool ok;
-        if (mode == Mode::Create) {
-            ok = ::link(temporary_.c_str(), target_.c_str()) == 0;
-        } else {
-            ok = ::rename(temporary_.c_str(), target_.c_str()) == 0;
-            if (ok) temporary_.clear();
-        }
-        if (!ok) return failed(mode == Mode::Create ? "cannot create" : "cannot rename onto");
-        return true;
-    }
-
-  private:
-    bool linkInto(const std::string& name) {
-        const std::string source = "/proc/self/fd/" + std::to_string(fd_);
-        if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-            return failed("cannot link");
-        }
-        return true;
-    }
-    bool failed(const char* what) {
-        targetExisted_ = errno == EEXIST;
-        if (!targetExisted_) FileHandler::logError(errnoText(what, target_));
-        return false;
-    }
-
-    std::string target_;
-    std::string directory_;
-    std::string temporary_;
-    int fd_ = -1;
-    bool targetExisted_ = false;
-    static inline std::atomic<unsigned> counter_{0};
-};
-
-// Writes a complete new file at `path`: the bytes are flushed to disk before
-// the file gets its name, and the name replaces the old file in one rename.
-// On any failure (the producer giving up included) the old file stays whole
-// and false is returned.
+// Writes a complete new file at `path` (see platform::writeFileAtomically);
+// on any failure the old file stays whole and false is returned.
 bool writeAtomically(const std::string& path, const DataProducer& produce) {
-    if (path.empty()) {
-        FileHandler::logError("write: no path");
-        return false;
-    }
-    PendingFile file(path);
-    if (!file.opened()) {
-        FileHandler::logError(errnoText("cannot create a temporary file for", path));
-        return false;
-    }
-    if (!file.fill(produce) || !file.publish(PendingFile::Mode::Replace)) return false;
-    syncDirectory(file.directory());
-    return true;
+    const auto result = platform::writeFileAtomically(path, produce, platform::FileNaming::Replace);
+    if (!result.error.empty()) FileHandler::logError(result.error);
+    return result.done;
 }
 
 // Creates `path` with the bytes unless something is there already. Several
@@ -285,17 +134,10 @@ bool writeAtomically(const std::string& path, const DataProducer& produce) {
 // file is there afterwards, made by us or by another process.
 bool createAtomically(const std::string& path, std::string_view data) {
     if (path.empty()) return false;
-    PendingFile file(path);
-    if (!file.opened()) {
-        FileHandler::logError(errnoText("cannot create a temporary file for", path));
-        return false;
-    }
-    if (!file.fill(data)) return false;
-    if (file.publish(PendingFile::Mode::Create)) {
-        syncDirectory(file.directory());
-        return true;
-    }
-    return file.targetExisted();
+    const auto result = platform::writeFileAtomically(
+        path, [data](const DataSink& sink) { return sink(data); }, platform::FileNaming::CreateOnly);
+    if (!result.error.empty()) FileHandler::logError(result.error);
+    return result.done || result.nameTaken;
 }
 
 bool writeAtomically(const std::string& path, std::string_view data) {
@@ -478,12 +320,10 @@ bool FileHandler::fileIsFolder(const std::string& name) const {
 int64_t FileHandler::fileSize(const NullableString& name) const {
     const std::string target = name ? getFilePath(*name) : path_.value_or(std::string());
     if (target.empty()) return 0;
-    struct stat attributes {};
-    if (::lstat(target.c_str(), &attributes) != 0) {
-        if (errno != ENOENT) logError(errnoText("cannot read the attributes of", target));
-        return 0;
-    }
-    return static_cast<int64_t>(attributes.st_size);
+    std::string error;
+    const auto size = platform::itemSize(target, error);
+    if (!error.empty()) logError(error);
+    return size.value_or(0);
 }
 
 NullableString FileHandler::fileMIMEType(const std::string& name) const {
@@ -506,12 +346,8 @@ void FileHandler::createFile(const std::string& name) const {
     }
     // Like the platform's createFile with no contents: an existing file is
     // emptied.
-    const int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        logError(errnoText("cannot create", target));
-        return;
-    }
-    ::close(fd);
+    std::ofstream file(target, std::ios::binary | std::ios::trunc);
+    if (!file) logError(errnoText("cannot create", target));
 }
 
 void FileHandler::createDirectory(const std::string& name) const {

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/FileSystem.h"
 #include "utilities/Nullable.h"
 
 namespace stonewall {
@@ -28,11 +29,8 @@ inline constexpr int64_t kApplicationSupport = 3;  // the user's configuration f
 // The application group the product's programs share.
 inline constexpr std::string_view kApplicationGroup = "K7Q2XJ4M9P.com.mapleharbor.Stonewall";
 
-// Takes the bytes of a file piece by piece; false when they could not be
-// written (the producer may then stop early).
-using DataSink = std::function<bool(std::string_view)>;
-// Makes a file's bytes, handing them to the sink; false abandons the file.
-using DataProducer = std::function<bool(const DataSink&)>;
+using DataSink = platform::ByteSink;
+using DataProducer = platform::ByteProducer;
 
 // Boolean key-value archive (the extension state).
 using Archive = std::map<std::string, bool>;

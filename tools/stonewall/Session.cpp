@@ -1,14 +1,8 @@
 #include "Session.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <csignal>
-#include <cstring>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -18,6 +12,7 @@
 #include "Report.h"
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
 #include "platform/linux/LinuxServices.h"
 #include "storage/FileHandler.h"
 #include "storage/StorageEvents.h"
@@ -33,20 +28,6 @@ namespace {
 constexpr const char* kTemplateNames[] = {"shared_data", "profiles"};
 // Held by every command that opens the engine, for the whole command.
 constexpr const char* kLockFileName = ".stonewall.lock";
-
-// SIGINT and SIGTERM under Signals::StopMainLoop: the handler only writes
-// the signal's number into a pipe (all it may safely do), and a thread of
-// ours turns that into a stop of the main loop. A handler, not a blocked
-// mask with sigwait(), because libraries start threads of their own before
-// main() and any of them may be the one the kernel picks.
-int signalPipe[2] = {-1, -1};
-
-extern "C" void forwardSignal(int signal) {
-    const int savedErrno = errno;
-    const char byte = static_cast<char>(signal);
-    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
-    errno = savedErrno;
-}
 
 std::string absolutePath(const std::string& path) {
     std::error_code error;
@@ -86,14 +67,14 @@ Session::Session(const CommonOptions& options, Signals signals)
         if (kind == StorageEvents::Kind::MovedAside) {
             std::string line = "stonewall: ";
             line.append(message).append("\n");
-            [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+            std::fputs(line.c_str(), stderr);
             return;
         }
         ++storageFailures_;
         lastStorageFailure_ = std::string(message);
     });
 
-    if (signals_ == Signals::StopMainLoop) startSignalThread();
+    if (signals_ == Signals::StopMainLoop) watchStopRequests();
 }
 
 int64_t Session::storageFailures() const {
@@ -108,21 +89,8 @@ std::string Session::lastStorageFailure() const {
 
 Session::~Session() {
     StorageEvents::setObserver({});
-    if (lockDescriptor_ >= 0) ::close(lockDescriptor_);
-    if (signalThread_.joinable()) {
-        struct sigaction defaultAction {};
-        defaultAction.sa_handler = SIG_DFL;
-        sigemptyset(&defaultAction.sa_mask);
-        sigaction(SIGINT, &defaultAction, nullptr);
-        sigaction(SIGTERM, &defaultAction, nullptr);
-        signalThreadStopping_ = true;
-        const char wake = 0;
-        [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &wake, 1);
-        signalThread_.join();
-        ::close(signalPipe[0]);
-        ::close(signalPipe[1]);
-        signalPipe[0] = signalPipe[1] = -1;
-    }
+    stopWatch_.reset();
+    containerLock_.reset();
     // The services stay installed: engine singletons (the shared database and
     // its queue) live until the process ends and must find them there.
 }
@@ -156,30 +124,20 @@ void Session::prepareContainer() const {
     } else if (status.type() != fs::file_type::directory) {
         throw CommandFailure(ExitCode::Storage, subject, "not a directory");
     }
-    if (::access(containerPath_.c_str(), W_OK | X_OK) != 0) {
-        throw CommandFailure(ExitCode::Storage, subject,
-                             std::string("not writable: ") + std::strerror(errno));
+    if (std::string why; !platform::canWriteInto(containerPath_, why)) {
+        throw CommandFailure(ExitCode::Storage, subject, "not writable: " + why);
     }
 }
 
 void Session::lockContainer() const {
-    if (lockDescriptor_ >= 0) return;
-    const std::string path = containerPath_ + "/" + kLockFileName;
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0) {
+    if (containerLock_) return;
+    // Blocks while another stonewall command works on this container.
+    std::string why;
+    containerLock_ = platform::lockFile(containerPath_ + "/" + kLockFileName, why);
+    if (!containerLock_) {
         throw CommandFailure(ExitCode::Storage, "container " + containerPath_,
-                             std::string("cannot be locked: ") + std::strerror(errno));
+                             "cannot be locked: " + why);
     }
-    // Blocks while another stonewall command works on this container; the
-    // lock goes with the process, so a killed command never leaves it held.
-    while (::flock(fd, LOCK_EX) != 0) {
-        if (errno == EINTR) continue;
-        const int saved = errno;
-        ::close(fd);
-        throw CommandFailure(ExitCode::Storage, "container " + containerPath_,
-                             std::string("cannot be locked: ") + std::strerror(saved));
-    }
-    lockDescriptor_ = fd;
 }
 
 bool isUsableProfileID(std::string_view identifier) {
@@ -290,28 +248,15 @@ void Session::stop() {
     platform::dispatch().stopMain();
 }
 
-void Session::startSignalThread() {
-    if (::pipe2(signalPipe, O_CLOEXEC) != 0) {
-        throw CommandFailure(ExitCode::Unavailable, "signals",
-                             std::string("cannot be watched: ") + std::strerror(errno));
+void Session::watchStopRequests() {
+    // Through the main queue, so that a request that comes before the loop
+    // runs is not lost: the item waits for the loop and stops it.
+    std::string why;
+    stopWatch_ = platform::watchStopRequests(
+        [this] { platform::dispatch().mainQueue().async([this] { stop(); }); }, why);
+    if (!stopWatch_) {
+        throw CommandFailure(ExitCode::Unavailable, "signals", "cannot be watched: " + why);
     }
-    signalThread_ = std::thread([this] {
-        char byte = 0;
-        while (true) {
-            const ssize_t count = ::read(signalPipe[0], &byte, 1);
-            if (count < 0 && errno == EINTR) continue;
-            if (count <= 0 || signalThreadStopping_) return;
-            // Through the main queue, so that a signal that comes before the
-            // loop runs is not lost: the item waits for the loop and stops it.
-            platform::dispatch().mainQueue().async([this] { stop(); });
-        }
-    });
-    struct sigaction action {};
-    action.sa_handler = forwardSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
 }
 
 }  // namespace stonewall::tool

@@ -15,10 +15,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "engine/CompanionController.h"
 #include "platform/Error.h"
+#include "platform/Process.h"
 
 namespace stonewall::tool {
 
@@ -86,7 +86,7 @@ class Session {
     static bool workAbandoned() { return workAbandoned_.load(); }
 
   private:
-    void startSignalThread();
+    void watchStopRequests();
     // Takes the container's lock file (exclusive, waits); released when the
     // session ends.
     void lockContainer() const;
@@ -94,11 +94,10 @@ class Session {
     CommonOptions options_;
     std::string containerPath_;
     Signals signals_;
-    std::thread signalThread_;
-    std::atomic<bool> signalThreadStopping_{false};
+    std::unique_ptr<platform::StopRequestWatch> stopWatch_;
     std::atomic<bool> stopRequested_{false};
     static std::atomic<bool> workAbandoned_;
-    mutable int lockDescriptor_ = -1;
+    mutable std::unique_ptr<platform::FileLock> containerLock_;
     mutable std::mutex storageMutex_;
     int64_t storageFailures_ = 0;
     std::string lastStorageFailure_;

@@ -1,0 +1,179 @@
+#include "platform/FileSystem.h"
+
+// POSIX: O_TMPFILE and linkat give a file no name until it is complete, and
+// an atomic replace needs the data on disk before the rename makes it visible.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace stonewall::platform {
+
+namespace {
+
+std::string errnoText(std::string_view what, const std::string& path) {
+    return std::string(what) + " " + path + ": " + std::strerror(errno);
+}
+
+bool writeAll(int fd, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t written = ::write(fd, data.data(), data.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+// Makes the rename itself durable; failing here loses nothing that a reader
+// could see, so errors are ignored.
+void syncDirectory(const std::string& directory) {
+    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    (void)::fsync(fd);
+    ::close(fd);
+}
+
+// What the umask allows of rw-rw-rw-. Read from /proc so that the
+// process-wide umask is never changed, not even for a moment, under other
+// threads.
+mode_t newFileMode() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("Umask:", 0) == 0) {
+            try {
+                return static_cast<mode_t>(0666 & ~std::stoul(line.substr(6), nullptr, 8));
+            } catch (const std::exception&) {
+                break;
+            }
+        }
+    }
+    return 0644;
+}
+
+// A complete file not yet visible under any name the product reads. With
+// O_TMPFILE it has no name at all until it is named, so a kill at any moment
+// leaves nothing behind; where the file system lacks O_TMPFILE a hidden
+// temporary name stands in (removed on every failure this process survives).
+class PendingFile {
+  public:
+    explicit PendingFile(const std::string& target) : target_(target) {
+        const std::filesystem::path path(target);
+        directory_ = path.has_parent_path() ? path.parent_path().string() : std::string(".");
+        fileName_ = path.filename().string();
+        fd_ = ::open(directory_.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+        if (fd_ >= 0) return;
+        temporary_ = directory_ + "/." + fileName_ + ".XXXXXX";
+        fd_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
+        // mkstemp makes the file 0600; the umask decides, as for any new file.
+        if (fd_ >= 0) (void)::fchmod(fd_, newFileMode());
+        if (fd_ < 0) temporary_.clear();
+    }
+    ~PendingFile() {
+        if (fd_ >= 0) ::close(fd_);
+        if (!temporary_.empty()) ::unlink(temporary_.c_str());
+    }
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+
+    bool opened() const { return fd_ >= 0; }
+    const std::string& directory() const { return directory_; }
+
+    // Writes and flushes the bytes.
+    bool fill(const ByteProducer& produce, FileTaskResult& result) {
+        bool writeFailed = false;
+        const bool complete = produce([&](std::string_view piece) {
+            if (!writeFailed && !writeAll(fd_, piece)) {
+                result.error = errnoText("cannot write", target_);
+                writeFailed = true;
+            }
+            return !writeFailed;
+        });
+        if (!complete || writeFailed) return false;
+        if (::fsync(fd_) != 0) {
+            result.error = errnoText("cannot flush", target_);
+            return false;
+        }
+        return true;
+    }
+
+    // Gives the file its name.
+    bool name(FileNaming naming, FileTaskResult& result) {
+        if (temporary_.empty()) {
+            // An unnamed file gets a name by linkat, which never replaces; a
+            // replacement links it under a private name first.
+            if (naming == FileNaming::CreateOnly) return linkInto(target_, result);
+            std::string name = directory_ + "/." + fileName_ + "." + std::to_string(::getpid()) +
+                               "-" + std::to_string(++counter_);
+            if (!linkInto(name, result)) return false;
+            temporary_ = name;
+        }
+        if (naming == FileNaming::CreateOnly) {
+            if (::link(temporary_.c_str(), target_.c_str()) == 0) return true;
+            return failed("cannot create", result);
+        }
+        if (::rename(temporary_.c_str(), target_.c_str()) != 0) {
+            return failed("cannot rename onto", result);
+        }
+        temporary_.clear();
+        return true;
+    }
+
+  private:
+    bool linkInto(const std::string& name, FileTaskResult& result) {
+        const std::string source = "/proc/self/fd/" + std::to_string(fd_);
+        if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            return true;
+        }
+        return failed("cannot link", result);
+    }
+    bool failed(std::string_view what, FileTaskResult& result) {
+        result.nameTaken = errno == EEXIST;
+        if (!result.nameTaken) result.error = errnoText(what, target_);
+        return false;
+    }
+
+    std::string target_;
+    std::string directory_;
+    std::string fileName_;
+    std::string temporary_;
+    int fd_ = -1;
+    static inline std::atomic<unsigned> counter_{0};
+};
+
+}  // namespace
+
+FileTaskResult writeFileAtomically(const std::string& path, const ByteProducer& produce,
+                                   FileNaming naming) {
+    FileTaskResult result;
+    if (path.empty()) {
+        result.error = "write: no path";
+        return result;
+    }
+    PendingFile file(path);
+    if (!file.opened()) {
+        result.error = errnoText("cannot create a temporary file for", path);
+        return result;
+    }
+    if (!file.fill(produce, result) || !file.name(naming, result)) return result;
+    syncDirectory(file.directory());
+    result.done = true;
+    return result;
+}
+
+std::optional<int64_t> itemSize(const std::string& path, std::string& error) {
+    struct stat attributes {};
+    if (::lstat(path.c_str(), &attributes) == 0) return static_cast<int64_t>(attributes.st_size);
+    if (errno != ENOENT) error = errnoText("cannot read the attributes of", path);
+    return std::nullopt;
+}
+
+}  // namespace stonewall::platform
