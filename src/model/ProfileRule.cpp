@@ -141,6 +141,20 @@ void appendValidated(std::string& out, const NullableString& text)
         out += *text;
 }
 
+// What a rule does and where: the fields a profile rule and a shared custom
+// rule have in common.
+template <typename Rule>
+void copyMatchFields(const Rule& from, ProfileRule& to) {
+    to.action = from.action;
+    to.selector = from.selector;
+    to.filter = from.filter;
+    to.resources = from.resources;
+    to.loads = from.loads;
+    to.domainType = from.domainType;
+    to.filterSensitive = from.filterSensitive;
+    to.domains = from.domains;
+}
+
 }  // namespace
 
 ProfileRule ProfileRule::initWithRule(const ProfileRule& rule, int64_t reloadType)
@@ -149,14 +163,7 @@ ProfileRule ProfileRule::initWithRule(const ProfileRule& rule, int64_t reloadTyp
     if (const auto tag = ruleIDForReloadType(reloadType))
         result.ruleID = std::string(*tag);
     result.blocker = rule.blocker;
-    result.action = rule.action;
-    result.selector = rule.selector;
-    result.filter = rule.filter;
-    result.resources = rule.resources;
-    result.loads = rule.loads;
-    result.domainType = rule.domainType;
-    result.filterSensitive = rule.filterSensitive;
-    result.domains = rule.domains;
+    copyMatchFields(rule, result);
     return result;
 }
 
@@ -165,14 +172,7 @@ ProfileRule ProfileRule::initWithCustomRule(const SharedCustomRule& rule)
     ProfileRule result;
     result.ruleID = rule.ruleID;
     result.blocker = BlockerCode::kCustom;
-    result.action = rule.action;
-    result.selector = rule.selector;
-    result.filter = rule.filter;
-    result.resources = rule.resources;
-    result.loads = rule.loads;
-    result.domainType = rule.domainType;
-    result.filterSensitive = rule.filterSensitive;
-    result.domains = rule.domains;
+    copyMatchFields(rule, result);
     return result;
 }
 

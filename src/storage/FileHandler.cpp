@@ -547,8 +547,7 @@ std::FILE* FileHandler::fileHandleForReadingURL(const std::string& url) {
 }
 
 void FileHandler::logError(std::string_view message) {
-    platform::log(platform::LogLevel::Debug, std::string("FileHandler: ").append(message));
-    StorageEvents::report(StorageEvents::Kind::Failure, message);
+    StorageEvents::reportFailure("FileHandler", message);
 }
 
 }  // namespace stonewall

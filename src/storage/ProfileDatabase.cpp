@@ -28,8 +28,6 @@ constexpr char kUpdateSql[] =
     "domainType=?, domains=?, filterSensitive=? WHERE ruleID=?";
 constexpr char kDeleteSql[] = "DELETE FROM ProfileRules WHERE blocker=? AND action=? AND ruleID=?";
 constexpr char kDeleteAllSql[] = "DELETE FROM ProfileRules";
-constexpr char kBeginSql[] = "BEGIN TRANSACTION";
-constexpr char kCommitSql[] = "COMMIT TRANSACTION";
 constexpr ErrorHook kLog = &ProfileDatabase::logError;
 
 // Query types 1 to 7; index 0 is unused.
@@ -258,29 +256,26 @@ bool ProfileDatabase::forEachProfileRuleByAction(
 
 namespace {
 
+// The rule's columns in the order the insert and the update share.
+void bindColumns(sqlite3_stmt* statement, int first, const ProfileRule& rule) {
+    bindInt(statement, first, rule.blocker);
+    bindInt(statement, first + 1, rule.action);
+    bindString(statement, first + 2, rule.selector);
+    bindString(statement, first + 3, rule.filter);
+    bindString(statement, first + 4, rule.resources);
+    bindString(statement, first + 5, rule.loads);
+    bindInt(statement, first + 6, rule.domainType);
+    bindString(statement, first + 7, rule.domains);
+    bindInt(statement, first + 8, rule.filterSensitive);
+}
+
 void bindInsert(sqlite3_stmt* statement, const ProfileRule& rule) {
     bindString(statement, 1, rule.ruleID);
-    bindInt(statement, 2, rule.blocker);
-    bindInt(statement, 3, rule.action);
-    bindString(statement, 4, rule.selector);
-    bindString(statement, 5, rule.filter);
-    bindString(statement, 6, rule.resources);
-    bindString(statement, 7, rule.loads);
-    bindInt(statement, 8, rule.domainType);
-    bindString(statement, 9, rule.domains);
-    bindInt(statement, 10, rule.filterSensitive);
+    bindColumns(statement, 2, rule);
 }
 
 void bindUpdate(sqlite3_stmt* statement, const ProfileRule& rule) {
-    bindInt(statement, 1, rule.blocker);
-    bindInt(statement, 2, rule.action);
-    bindString(statement, 3, rule.selector);
-    bindString(statement, 4, rule.filter);
-    bindString(statement, 5, rule.resources);
-    bindString(statement, 6, rule.loads);
-    bindInt(statement, 7, rule.domainType);
-    bindString(statement, 8, rule.domains);
-    bindInt(statement, 9, rule.filterSensitive);
+    bindColumns(statement, 1, rule);
     bindString(statement, 10, rule.ruleID);
 }
 
@@ -331,37 +326,28 @@ void ProfileDatabase::removeProfileRules(int64_t blocker, int64_t blockerAction,
     bindInt(statement.get(), 1, blocker);
     bindInt(statement.get(), 2, blockerAction);
     bindString(statement.get(), 3, ruleID);
-    if (sqlite3_step(statement.get()) != SQLITE_DONE) {
-        logError(errorText(profilesDatabase_, kDeleteSql));
-    }
+    stepToDone(statement.get(), kLog);
 }
 
 void ProfileDatabase::removeAllProfileRules() {
     const Statement statement = prepareStatement(profilesDatabase_, kDeleteAllSql, kLog);
     if (!statement) return;
-    if (sqlite3_step(statement.get()) != SQLITE_DONE) {
-        logError(errorText(profilesDatabase_, kDeleteAllSql));
-    }
+    stepToDone(statement.get(), kLog);
 }
 
 void ProfileDatabase::reloadProfileRules(int64_t /*reloadType*/, int64_t /*reloadOperation*/,
                                          const std::vector<ProfileRule>& /*rules*/) {}
 
 bool ProfileDatabase::beginTransactionProfilesDatabase() {
-    const auto failure = executeStatement(profilesDatabase_, kBeginSql);
-    if (failure) logError(*failure);
-    return !failure;
+    return executeStatement(profilesDatabase_, kBeginSql, kLog);
 }
 
 bool ProfileDatabase::commitTransactionProfilesDatabase() {
-    const auto failure = executeStatement(profilesDatabase_, kCommitSql);
-    if (failure) logError(*failure);
-    return !failure;
+    return executeStatement(profilesDatabase_, kCommitSql, kLog);
 }
 
 void ProfileDatabase::logError(std::string_view message) {
-    platform::log(platform::LogLevel::Debug, std::string("ProfileDatabase: ").append(message));
-    StorageEvents::report(StorageEvents::Kind::Failure, message);
+    StorageEvents::reportFailure("ProfileDatabase", message);
 }
 
 }  // namespace stonewall

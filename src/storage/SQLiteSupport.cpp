@@ -189,24 +189,32 @@ Statement prepareStatement(sqlite3* database, const char* sql, ErrorHook logErro
     return Statement(statement);
 }
 
+bool executeStatement(sqlite3* database, const char* sql, ErrorHook logError) {
+    const auto failure = executeStatement(database, sql);
+    if (failure) logError(*failure);
+    return !failure;
+}
+
+bool stepToDone(sqlite3_stmt* statement, ErrorHook logError) {
+    armDeadline();
+    const bool done = sqlite3_step(statement) == SQLITE_DONE;
+    if (!done) logError(errorText(sqlite3_db_handle(statement), sqlite3_sql(statement)));
+    sqlite3_reset(statement);
+    return done;
+}
+
 namespace {
-constexpr char kBeginSql[] = "BEGIN TRANSACTION";
-constexpr char kCommitSql[] = "COMMIT TRANSACTION";
 constexpr char kRollbackSql[] = "ROLLBACK TRANSACTION";
 }  // namespace
 
 Transaction::Transaction(sqlite3* database, ErrorHook logError)
     : database_(database), logError_(logError) {
-    const auto failure = executeStatement(database_, kBeginSql);
-    if (failure) logError_(*failure);
-    begun_ = !failure;
+    begun_ = executeStatement(database_, kBeginSql, logError_);
 }
 
 bool Transaction::commit() {
-    const auto failure = executeStatement(database_, kCommitSql);
-    if (failure) logError_(*failure);
-    finished_ = !failure;
-    return !failure;
+    finished_ = executeStatement(database_, kCommitSql, logError_);
+    return finished_;
 }
 
 Transaction::~Transaction() {

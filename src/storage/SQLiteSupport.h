@@ -153,6 +153,17 @@ std::string errorText(sqlite3* database, std::string_view what);
 // Runs one statement that returns no rows (transaction control) under the
 // statement deadline. Empty on success, else the text for the error hook.
 [[nodiscard]] std::optional<std::string> executeStatement(sqlite3* database, const char* sql);
+// The same, reporting a failure through `logError`; false when it failed.
+bool executeStatement(sqlite3* database, const char* sql, ErrorHook logError);
+
+// Steps a statement that returns no rows and resets it for the next bindings;
+// false after reporting the failure (with the statement's SQL) to `logError`.
+bool stepToDone(sqlite3_stmt* statement, ErrorHook logError);
+
+// Plain BEGIN and COMMIT for callers that pair them themselves (the
+// Transaction below pairs them for everyone else).
+inline constexpr char kBeginSql[] = "BEGIN TRANSACTION";
+inline constexpr char kCommitSql[] = "COMMIT TRANSACTION";
 
 // Moves a damaged database file aside (with its journal, so that a stale
 // journal is never applied to the fresh file that takes its place) and

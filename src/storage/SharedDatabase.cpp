@@ -38,8 +38,6 @@ constexpr char kDeleteCustomRuleSql[] =
     "AND domains IS ?";
 constexpr char kSelectSharedDataSql[] = "SELECT * FROM SharedData ORDER BY addDate DESC";
 constexpr char kSelectCustomRulesSql[] = "SELECT * FROM SharedCustomRules ORDER BY addDate DESC";
-constexpr char kBeginSql[] = "BEGIN TRANSACTION";
-constexpr char kCommitSql[] = "COMMIT TRANSACTION";
 constexpr ErrorHook kLog = &SharedDatabase::logError;
 
 // The first nine columns are those of the table's older layout; the last two
@@ -241,7 +239,7 @@ void SharedDatabase::salvage(const std::string& damagedPath) {
     if (records > 0) {
         const std::string sql =
             "DELETE FROM SharedData WHERE rowid <= " + std::to_string(templateRows);
-        if (auto failure = executeStatement(dataDatabase_, sql.c_str())) logError(*failure);
+        executeStatement(dataDatabase_, sql.c_str(), kLog);
     }
     const int64_t rules = salvageRows(dataDatabase_, damagedPath, "SharedCustomRules");
     StorageEvents::report(StorageEvents::Kind::MovedAside,
@@ -358,9 +356,7 @@ void SharedDatabase::addSharedData(const SharedData& data) {
     bindString(statement, 9, data.extVersion);
     bindString(statement, 10, data.domainStatus);
     bindInt(statement, 11, data.reload);
-    if (sqlite3_step(statement) != SQLITE_DONE) {
-        logError(errorText(dataDatabase_, kInsertSharedDataSql));
-    }
+    stepToDone(statement, kLog);
 }
 
 void SharedDatabase::updateSharedData(const SharedData& data) {
@@ -380,9 +376,7 @@ void SharedDatabase::updateSharedData(const SharedData& data) {
     bindInt(statement, 10, data.reload);
     bindString(statement, 11, data.appVersion);
     bindString(statement, 12, data.extVersion);
-    if (sqlite3_step(statement) != SQLITE_DONE) {
-        logError(errorText(dataDatabase_, kUpdateSharedDataSql));
-    }
+    stepToDone(statement, kLog);
 }
 
 void SharedDatabase::addSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
@@ -416,11 +410,7 @@ void SharedDatabase::addSharedCustomRules(const std::vector<SharedCustomRule>& r
         bindString(statement, 17, rule.filterDomain);
         bindInt(statement, 18, rule.filterInfo);
         bindString(statement, 19, rule.domains);
-        armDeadline();
-        if (sqlite3_step(statement) != SQLITE_DONE) {
-            logError(errorText(dataDatabase_, kInsertCustomRuleSql));
-        }
-        sqlite3_reset(statement);
+        stepToDone(statement, kLog);
     }
 }
 
@@ -428,9 +418,7 @@ void SharedDatabase::removeSharedCustomRules() {
     checkOnQueue("removeSharedCustomRules");
     const Statement statement = prepareStatement(dataDatabase_, kDeleteCustomRulesSql, kLog);
     if (!statement) return;
-    if (sqlite3_step(statement.get()) != SQLITE_DONE) {
-        logError(errorText(dataDatabase_, kDeleteCustomRulesSql));
-    }
+    stepToDone(statement.get(), kLog);
 }
 
 void SharedDatabase::removeSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
@@ -443,29 +431,20 @@ void SharedDatabase::removeSharedCustomRules(const std::vector<SharedCustomRule>
         bindInt(statement, 2, rule.action);
         bindString(statement, 3, rule.blockerProfileID);
         bindString(statement, 4, rule.domains);
-        armDeadline();
-        if (sqlite3_step(statement) != SQLITE_DONE) {
-            logError(errorText(dataDatabase_, kDeleteCustomRuleSql));
-        }
-        sqlite3_reset(statement);
+        stepToDone(statement, kLog);
     }
 }
 
 bool SharedDatabase::beginTransactionSharedDatabase() {
-    const auto failure = executeStatement(dataDatabase_, kBeginSql);
-    if (failure) logError(*failure);
-    return !failure;
+    return executeStatement(dataDatabase_, kBeginSql, kLog);
 }
 
 bool SharedDatabase::commitTransactionSharedDatabase() {
-    const auto failure = executeStatement(dataDatabase_, kCommitSql);
-    if (failure) logError(*failure);
-    return !failure;
+    return executeStatement(dataDatabase_, kCommitSql, kLog);
 }
 
 void SharedDatabase::logError(std::string_view message) {
-    platform::log(platform::LogLevel::Debug, std::string("SharedDatabase: ").append(message));
-    StorageEvents::report(StorageEvents::Kind::Failure, message);
+    StorageEvents::reportFailure("SharedDatabase", message);
 }
 
 }  // namespace stonewall

@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "platform/Platform.h"
+
 namespace stonewall::StorageEvents {
 
 namespace {
@@ -26,6 +28,11 @@ void report(Kind kind, std::string_view message) {
         current = observer();
     }
     if (current) current(kind, message);
+}
+
+void reportFailure(std::string_view component, std::string_view message) {
+    platform::log(platform::LogLevel::Debug, std::string(component).append(": ").append(message));
+    report(Kind::Failure, message);
 }
 
 }  // namespace stonewall::StorageEvents

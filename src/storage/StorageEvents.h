@@ -24,4 +24,8 @@ using Observer = std::function<void(Kind kind, std::string_view message)>;
 void setObserver(Observer observer);
 void report(Kind kind, std::string_view message);
 
+// A storage class's logError: a debug line "<component>: <message>" and a
+// Failure report.
+void reportFailure(std::string_view component, std::string_view message);
+
 }  // namespace stonewall::StorageEvents
