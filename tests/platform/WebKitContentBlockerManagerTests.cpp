@@ -56,42 +56,25 @@ class WebKitContentBlockerManagerTest : public ::testing::Test {
     }
 };
 
-TEST_F(WebKitContentBlockerManagerTest, AValidListCompilesAndLoadsUnderItsIdentifier) {
+TEST_F(WebKitContentBlockerManagerTest, CompilesValidListsAndReportsWebKitsOwnErrors) {
     const std::string store = platform.rootPath() + "/store";
-    EXPECT_EQ(Manager::compileRuleList(store, "com.example.blocker", kBlockRule), std::nullopt);
+    const std::pair<std::string, std::optional<std::string>> cases[] = {
+        {kBlockRule, std::nullopt},
+        {R"([{"trigger":{"url-filter":".*"},"action":{}}])", "Invalid action type."},
+        {R"([{"trigger":{"url-filter":".*","resource-type":["bogus"]},"action":{"type":"block"}}])",
+         "Invalid string in the trigger flags array."},
+        {"[{", "Failed to parse the JSON String."},
+        {"[]", "Empty extension."},
+    };
+    for (const auto& [json, message] : cases) {
+        // WEBKIT_USER_CONTENT_FILTER_ERROR_INVALID_SOURCE is code 0.
+        EXPECT_EQ(Manager::compileRuleList(store, "com.example.blocker", json),
+                  message ? std::optional(Error{kWebKitDomain, 0, *message}) : std::nullopt);
+    }
     std::string loaded;
     EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.blocker", &loaded), std::nullopt);
     EXPECT_EQ(loaded, "com.example.blocker");
-
-    const auto missing = Manager::lookUpRuleList(store, "com.example.other");
-    ASSERT_TRUE(missing.has_value());
-    EXPECT_EQ(missing->domain, kWebKitDomain);
-}
-
-TEST_F(WebKitContentBlockerManagerTest, ListsWebKitRejectsReportWebKitsOwnError) {
-    struct Case {
-        const char* name;
-        std::string json;
-        std::string message;  // WebKit's text
-    };
-    const std::vector<Case> cases = {
-        {"empty action", R"([{"trigger":{"url-filter":".*"},"action":{}}])",
-         "Invalid action type."},
-        {"bogus resource type",
-         R"([{"trigger":{"url-filter":".*","resource-type":["bogus"]},"action":{"type":"block"}}])",
-         "Invalid string in the trigger flags array."},
-        {"not JSON", "[{", "Failed to parse the JSON String."},
-        {"no rules", "[]", "Empty extension."},
-    };
-    const std::string store = platform.rootPath() + "/store";
-    for (const auto& testCase : cases) {
-        SCOPED_TRACE(testCase.name);
-        const auto error = Manager::compileRuleList(store, "com.example.blocker", testCase.json);
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->domain, kWebKitDomain);
-        EXPECT_EQ(error->code, 0);  // WEBKIT_USER_CONTENT_FILTER_ERROR_INVALID_SOURCE
-        EXPECT_EQ(error->message, testCase.message);
-    }
+    EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.other")->domain, kWebKitDomain);
 }
 
 TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThreadManyTimesInARow) {
@@ -114,18 +97,6 @@ TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThreadMa
     EXPECT_EQ(Manager::compileRuleList(store, "", kBlockRule)->domain, Manager::kErrorDomain);
 }
 
-TEST_F(WebKitContentBlockerManagerTest, ReloadCompilesTheActiveProfilesList) {
-    setDefaults("a1b2c3d4e5", 1);
-    writeRuleList("a1b2c3d4e5", kBlockRule);
-    EXPECT_EQ(reload(), std::nullopt);
-    EXPECT_EQ(manager.storePath(), container + "/Library/ContentBlockers");
-    std::string loaded;
-    EXPECT_EQ(
-        Manager::lookUpRuleList(manager.storePath(), Manager::kContentBlockerIdentifier, &loaded),
-        std::nullopt);
-    EXPECT_EQ(loaded, Manager::kContentBlockerIdentifier);
-}
-
 TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByTheIdentifier) {
     // The cache relies on WebKit's file names: the current list must be the
     // very file WebKit wrote for the entry, and load as the identifier's.
@@ -143,62 +114,53 @@ TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByT
     }
 }
 
-TEST_F(WebKitContentBlockerManagerTest, ReloadWithBlockingOffCompilesTheAllowEverythingList) {
-    setDefaults("a1b2c3d4e5", 2);
-    writeRuleList("a1b2c3d4e5", R"([{"action":{}}])");  // would fail: not read at all
-    EXPECT_EQ(reload(), std::nullopt);
-    // No profile needed either.
-    fs::remove(defaultsPath);
-    setDefaults(std::nullopt, 2);
-    EXPECT_EQ(reload(), std::nullopt);
-}
-
-TEST_F(WebKitContentBlockerManagerTest, ReloadReportsWebKitsErrorForABadList) {
-    setDefaults("p", 1);
-    writeRuleList("p", R"([{"trigger":{"url-filter":".*"},"action":{}}])");
-    const auto error = reload();
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(*error, (Error{kWebKitDomain, 0, "Invalid action type."}));
-}
-
-TEST_F(WebKitContentBlockerManagerTest, ReloadFailuresOfOurOwnAreClear) {
+TEST_F(WebKitContentBlockerManagerTest, ReloadOutcomes) {
+    const std::string id = Manager::kContentBlockerIdentifier;
+    const std::string badList = R"([{"trigger":{"url-filter":".*"},"action":{}}])";
     struct Case {
         const char* name;
         std::optional<std::string> profile;
-        bool writeList;
+        std::optional<int64_t> status;
+        std::optional<std::string> list;  // written for the profile
         std::string identifier;
-        int64_t code;
-        std::string messagePart;
+        std::optional<Error> error;  // a message part of ours, WebKit's whole
     };
-    const std::vector<Case> cases = {
-        {"unknown identifier", "p", true, "com.example.unknown", Manager::kUnknownIdentifier,
-         "com.example.unknown"},
-        {"no active profile", std::nullopt, false, Manager::kContentBlockerIdentifier,
-         Manager::kNoActiveProfile, "No active profile"},
-        {"missing list", "absent", false, Manager::kContentBlockerIdentifier,
-         Manager::kRuleListMissing, "profile_absent_unarchive.json does not exist"},
-        {"profile naming a path", "../../etc", false, Manager::kContentBlockerIdentifier,
-         Manager::kNoActiveProfile, "cannot name a rule list"},
+    const auto our = [](int64_t code, std::string part) {
+        return Error{Manager::kErrorDomain, code, std::move(part)};
     };
-    for (const auto& testCase : cases) {
-        SCOPED_TRACE(testCase.name);
+    const Case cases[] = {
+        {"active profile's list", "a1b2c3d4e5", 1, kBlockRule, id, std::nullopt},
+        // Blocking off: the list would fail, it is not read at all, nor a profile needed.
+        {"blocking off", "a1b2c3d4e5", 2, R"([{"action":{}}])", id, std::nullopt},
+        {"blocking off, no profile", std::nullopt, 2, std::nullopt, id, std::nullopt},
+        {"bad list", "p", 1, badList, id, Error{kWebKitDomain, 0, "Invalid action type."}},
+        {"unknown identifier", "p", std::nullopt, kBlockRule, "com.example.unknown",
+         our(Manager::kUnknownIdentifier, "com.example.unknown")},
+        {"no active profile", std::nullopt, std::nullopt, std::nullopt, id,
+         our(Manager::kNoActiveProfile, "No active profile")},
+        {"missing list", "absent", std::nullopt, std::nullopt, id,
+         our(Manager::kRuleListMissing, "profile_absent_unarchive.json does not exist")},
+        {"profile naming a path", "../../etc", std::nullopt, std::nullopt, id,
+         our(Manager::kNoActiveProfile, "cannot name a rule list")},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
         fs::remove(defaultsPath);
-        setDefaults(testCase.profile, std::nullopt);
-        if (testCase.writeList) writeRuleList(*testCase.profile, kBlockRule);
-        const auto error = reload(testCase.identifier);
+        setDefaults(test.profile, test.status);
+        if (test.list) writeRuleList(*test.profile, *test.list);
+        // Only what was synchronised counts.
+        FileUserDefaults(defaultsPath).setObject("not-yet-synced", "activeProfileID");
+        const auto error = reload(test.identifier);
+        if (!test.error || test.error->domain == kWebKitDomain) {
+            EXPECT_EQ(error, test.error);
+            continue;
+        }
         ASSERT_TRUE(error.has_value());
         EXPECT_EQ(error->domain, Manager::kErrorDomain);
-        EXPECT_EQ(error->code, testCase.code);
-        EXPECT_NE(error->message.find(testCase.messagePart), std::string::npos) << error->message;
+        EXPECT_EQ(error->code, test.error->code);
+        EXPECT_NE(error->message.find(test.error->message), std::string::npos) << error->message;
     }
-}
-
-TEST_F(WebKitContentBlockerManagerTest, ReloadSeesOnlyWhatWasSynchronised) {
-    setDefaults("synced", 1);
-    writeRuleList("synced", kBlockRule);
-    FileUserDefaults writer(defaultsPath);
-    writer.setObject("not-yet-synced", "activeProfileID");  // no synchronize
-    EXPECT_EQ(reload(), std::nullopt);
+    EXPECT_EQ(manager.storePath(), container + "/Library/ContentBlockers");
 }
 
 TEST_F(WebKitContentBlockerManagerTest, ACompletionMayCallTheSynchronousHelper) {
