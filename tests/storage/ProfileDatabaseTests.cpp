@@ -194,68 +194,6 @@ TEST_F(ProfileDatabaseTest, FailedPrepareRollsTheTransactionBack) {
     EXPECT_TRUE(database->commitTransactionProfilesDatabase());
 }
 
-TEST_F(ProfileDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
-    const std::string templateBytes = testing::readBytes(templatePath("profiles"));
-    const std::vector<std::pair<std::string, std::function<void(const std::string&)>>> damages = {
-        {"foreign schema",
-         [](const std::string& path) {
-             RawDatabase raw(path);
-             raw.exec("CREATE TABLE Other (x); INSERT INTO Other VALUES (1)");
-         }},
-        {"random bytes",
-         [](const std::string& path) { writeBytes(path, testing::randomBytes(4096, 7)); }},
-        {"empty file", [](const std::string& path) { writeBytes(path, ""); }},
-        {"truncated",
-         [](const std::string& path) {
-             {
-                 auto database = ProfileDatabase::initWithBlockerProfileID("p1");
-                 std::vector<ProfileRule> many;
-                 for (int i = 0; i < 2000; ++i) {
-                     many.push_back(makeRule("r" + std::to_string(i), 1, 1, std::string(40, 'x')));
-                 }
-                 database->addProfileRules(many);
-             }
-             fs::resize_file(path, fs::file_size(path) / 3);
-         }},
-    };
-    for (const auto& [name, damage] : damages) {
-        SCOPED_TRACE(name);
-        fs::remove_all(platform.containerPath());
-        fs::create_directories(profilesFolder());
-        damage(profilePath("p1"));
-        auto database = open();
-        EXPECT_TRUE(database->checkTablesExist());
-        EXPECT_EQ(database->getProfileRulesCount(), 0);
-        database->addProfileRules({makeRule("after", 1, 1, "f")});
-        EXPECT_EQ(database->getProfileRulesCount(), 1);
-        database.reset();
-        RawDatabase raw(profilePath("p1"));
-        EXPECT_FALSE(raw.hasTable("Other"));
-        EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules"), 1);
-    }
-}
-
-// Another program holding a lock past the busy timeout makes the table
-// unreadable for a moment; that is no damage, and the rules stay.
-TEST_F(ProfileDatabaseTest, ALockedFileIsNotReplacedAndARestoreLosesNoRow) {
-    open()->addProfileRules({makeRule("kept", 1, 1, "f")});
-    storage_detail::setBusyTimeoutForTesting(50);
-    {
-        RawDatabase other(profilePath("p1"));
-        other.exec("BEGIN EXCLUSIVE");
-        auto database = open();
-        EXPECT_TRUE(platform.log->contains("locked by another program"));
-        other.exec("COMMIT");
-        EXPECT_EQ(database->getProfileRulesCount(), 1);
-    }
-    storage_detail::setBusyTimeoutForTesting(-1);
-    // A restore asked for keeps the old file aside and carries its rows over.
-    auto database = open();
-    database->restoreDatabase();
-    EXPECT_EQ(database->getProfileRulesCount(), 1);
-    EXPECT_EQ(std::distance(fs::directory_iterator(profilesFolder()), {}), 2);  // and the one aside
-}
-
 TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {
     const std::vector<std::string> identifiers = {
         "../escape", "a/b", "/abs", "..", ".", "a\\b", std::string("a\0b", 3), "../../../tmp/x",

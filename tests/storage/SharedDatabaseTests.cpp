@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "StorageTestSupport.h"
+#include "storage/ProfileDatabase.h"
 #include "storage/SQLiteSupport.h"
 #include "utilities/Custom.h"
 
@@ -117,38 +118,82 @@ TEST_F(SharedDatabaseTest, ForeignButReadableFilesAreKept) {
     EXPECT_EQ(RawDatabase(sharedPath()).integer("SELECT COUNT(*) FROM SharedData"), 1);
 }
 
-TEST_F(SharedDatabaseTest, DamagedFilesAreReplacedByTheTemplate) {
-    const std::vector<std::pair<std::string, std::function<void()>>> damages = {
-        {"missing SharedData table", [&] { prepareFile("CREATE TABLE Other (x);"); }},
-        {"random bytes", [&] { writeBytes(sharedPath(), testing::randomBytes(3000, 11)); }},
-        {"empty file", [&] { writeBytes(sharedPath(), ""); }},
-        {"truncated",
+// Both databases open through one path: damage of any kind gives the
+// template's fresh file, a lock held past the busy timeout is no damage.
+TEST_F(SharedDatabaseTest, DamagedFilesOfEitherDatabaseAreReplacedButLockedOnesKept) {
+    struct Database {
+        std::string path;
+        std::function<void(int)> add;  // that many rows
+        std::function<int64_t()> rows;
+    };
+    const Database databases[] = {
+        {profilePath("p1"),
+         [](int count) {
+             std::vector<ProfileRule> many(static_cast<size_t>(count));
+             for (auto& rule : many) rule.filter = std::string(40, 'x');
+             ProfileDatabase::initWithBlockerProfileID("p1")->addProfileRules(many);
+         },
+         [] { return ProfileDatabase::initWithBlockerProfileID("p1")->getProfileRulesCount(); }},
+        {sharedPath(),
+         [&](int count) {
+             database().addSharedCustomRulesDetails(
+                 std::vector<SharedCustomRule>(static_cast<size_t>(count), makeCustomRule("r", 1)));
+             SharedDatabase::resetSharedInstanceForTesting();
+         },
          [&] {
-             {
-                 auto& shared = database();
-                 std::vector<SharedCustomRule> many;
-                 for (int i = 0; i < 1500; ++i) {
-                     many.push_back(makeCustomRule("r" + std::to_string(i), 1));
-                 }
-                 shared.addSharedCustomRulesDetails(many);
-                 SharedDatabase::resetSharedInstanceForTesting();
-             }
-             fs::resize_file(sharedPath(), fs::file_size(sharedPath()) / 3);
+             EXPECT_TRUE(database().verifySharedData());
+             const auto count = static_cast<int64_t>(database().getSharedCustomRules().size());
+             SharedDatabase::resetSharedInstanceForTesting();
+             return count;
          }},
     };
-    for (const auto& [name, damage] : damages) {
-        SCOPED_TRACE(name);
-        fs::remove_all(platform.containerPath());
-        fs::create_directories(fs::path(sharedPath()).parent_path());
-        damage();
-        auto& shared = database();
-        EXPECT_TRUE(shared.restored());
-        EXPECT_TRUE(shared.verifySharedData());
-        const auto data = shared.getSharedData();
-        ASSERT_TRUE(data.has_value());
-        EXPECT_EQ(data->activeProfileID, "defaultProfile");
-        EXPECT_TRUE(shared.getSharedCustomRules().empty());
-        SharedDatabase::resetSharedInstanceForTesting();
+    const std::pair<const char*, std::function<void(const Database&)>> damages[] = {
+        {"foreign schema",
+         [](const Database& d) { RawDatabase(d.path).exec("CREATE TABLE Other (x)"); }},
+        {"random bytes",
+         [](const Database& d) { writeBytes(d.path, testing::randomBytes(4096, 7)); }},
+        {"empty file", [](const Database& d) { writeBytes(d.path, ""); }},
+        {"truncated",
+         [](const Database& d) {
+             d.add(1500);
+             fs::resize_file(d.path, fs::file_size(d.path) / 3);
+         }},
+    };
+    for (const Database& db : databases) {
+        for (const auto& [name, damage] : damages) {
+            SCOPED_TRACE(db.path + ": " + name);
+            fs::remove_all(platform.containerPath());
+            fs::create_directories(fs::path(db.path).parent_path());
+            damage(db);
+            EXPECT_EQ(db.rows(), 0);
+            EXPECT_FALSE(RawDatabase(db.path).hasTable("Other"));
+        }
+        SCOPED_TRACE(db.path + ": locked");
+        db.add(1);
+        storage_detail::setBusyTimeoutForTesting(50);
+        {
+            RawDatabase other(db.path);
+            other.exec("BEGIN EXCLUSIVE");
+            if (db.path == sharedPath()) {
+                EXPECT_FALSE(database().restored());
+            } else {
+                (void)ProfileDatabase::initWithBlockerProfileID("p1");
+            }
+            EXPECT_TRUE(platform.log->contains("locked by another program"));
+            other.exec("COMMIT");
+        }
+        storage_detail::setBusyTimeoutForTesting(-1);
+        EXPECT_EQ(db.rows(), 1);
+        if (db.path == sharedPath()) continue;
+        // A restore asked for keeps the old file aside and carries its rows over.
+        const auto files = [&] {
+            return std::distance(fs::directory_iterator(profilesFolder()), {});
+        };
+        const auto before = files();
+        auto profile = ProfileDatabase::initWithBlockerProfileID("p1");
+        profile->restoreDatabase();
+        EXPECT_EQ(profile->getProfileRulesCount(), 1);
+        EXPECT_EQ(files(), before + 1);
     }
 }
 
@@ -282,22 +327,6 @@ TEST_F(SharedDatabaseTest, CloseReleasesEveryConnection) {
         shared.close();
     }
     EXPECT_LE(sqlite3_memory_used(), baseline);
-}
-
-TEST_F(SharedDatabaseTest, ALockedFileIsNotReplaced) {
-    database().addSharedCustomRulesDetails({makeCustomRule("kept", 1)});
-    SharedDatabase::resetSharedInstanceForTesting();
-    storage_detail::setBusyTimeoutForTesting(50);
-    {
-        RawDatabase other(sharedPath());
-        other.exec("BEGIN EXCLUSIVE");
-        auto& shared = database();
-        EXPECT_FALSE(shared.restored());
-        EXPECT_TRUE(platform.log->contains("locked by another program"));
-        other.exec("COMMIT");
-        EXPECT_EQ(shared.getSharedCustomRules().size(), 1u);
-    }
-    storage_detail::setBusyTimeoutForTesting(-1);
 }
 
 TEST_F(SharedDatabaseTest, UnusableContainerGivesEmptyResults) {
