@@ -1,5 +1,3 @@
-#include "storage/FileHandler.h"
-
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -7,6 +5,7 @@
 #include <filesystem>
 
 #include "StorageTestSupport.h"
+#include "storage/FileHandler.h"
 
 namespace stonewall {
 namespace {
@@ -17,7 +16,7 @@ using testing::StorageTest;
 using testing::writeBytes;
 
 class FileHandlerTest : public StorageTest {
-protected:
+  protected:
     // A handler over a fresh folder of the temporary root.
     FileHandler scratch() {
         fs::create_directories(platform.rootPath() + "/scratch");
@@ -66,7 +65,8 @@ TEST_F(FileHandlerTest, HandlersWithoutAFolderReachNoFile) {
         EXPECT_EQ(FileHandler::initWithLocation(location).path(), std::nullopt);
         handlers.push_back(FileHandler::initWithName("x", location));
     }
-    handlers.push_back(FileHandler::initWithNameAndGroup(".Profiles", std::string(kApplicationGroup)));
+    handlers.push_back(
+        FileHandler::initWithNameAndGroup(".Profiles", std::string(kApplicationGroup)));
     for (const FileHandler& handler : handlers) {
         EXPECT_EQ(handler.path(), "");
         EXPECT_FALSE(handler.writeToFile("stonewall-stray", std::string_view("data")));
@@ -110,13 +110,14 @@ TEST_F(FileHandlerTest, WritesReplaceTheFileOnlyWhenComplete) {
                 limit.rlim_cur = limit.rlim_max = test.sizeLimit;
                 if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
             }
-            const bool written =
-                test.streamed ? handler.writeToURL("list.json",
-                                                   [&](const DataSink& sink) {
-                                                       for (int i = 0; i < 4; ++i) (void)sink(piece);
-                                                       return test.producerSucceeds;
-                                                   })
-                              : handler.writeToFile("list.json", piece);
+            const bool written = test.streamed
+                                     ? handler.writeToURL("list.json",
+                                                          [&](const DataSink& sink) {
+                                                              for (int i = 0; i < 4; ++i)
+                                                                  (void)sink(piece);
+                                                              return test.producerSucceeds;
+                                                          })
+                                     : handler.writeToFile("list.json", piece);
             return written ? 1 : 0;
         });
         EXPECT_EQ(result, test.written ? 1 : 0);
@@ -190,10 +191,14 @@ TEST_F(FileHandlerTest, FileOperations) {
 TEST_F(FileHandlerTest, MIMETypesByExtension) {
     const FileHandler handler = scratch();
     const std::pair<std::string, NullableString> cases[] = {
-        {"profile_x_unarchive.json", "application/json"}, {"notes.TXT", "text/plain"},
-        {"image.PNG", "image/png"}, {"rules.sqlite", "application/vnd.sqlite3"},
-        {"profile_x_data", std::nullopt}, {".hidden", std::nullopt},
-        {"trailingdot.", std::nullopt}, {"", std::nullopt},
+        {"profile_x_unarchive.json", "application/json"},
+        {"notes.TXT", "text/plain"},
+        {"image.PNG", "image/png"},
+        {"rules.sqlite", "application/vnd.sqlite3"},
+        {"profile_x_data", std::nullopt},
+        {".hidden", std::nullopt},
+        {"trailingdot.", std::nullopt},
+        {"", std::nullopt},
     };
     for (const auto& [name, type] : cases) EXPECT_EQ(handler.fileMIMEType(name), type) << name;
 }
@@ -202,8 +207,8 @@ TEST_F(FileHandlerTest, ArchivesRoundTripAndWhatCannotBeDecodedGivesNothing) {
     const FileHandler handler = scratch();
     EXPECT_EQ(handler.unarchiveData("state"), std::nullopt);
     EXPECT_FALSE(handler.fileExists("state"));  // reading creates nothing
-    for (const Archive& archive : {Archive{{"statusUpdated", true}, {"blockingCounter", false}},
-                                   Archive{}}) {
+    for (const Archive& archive :
+         {Archive{{"statusUpdated", true}, {"blockingCounter", false}}, Archive{}}) {
         handler.archiveData("state", archive);
         EXPECT_EQ(handler.unarchiveData("state"), archive);
     }

@@ -1,11 +1,10 @@
-#include "storage/ProfileDatabase.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <set>
 
 #include "StorageTestSupport.h"
+#include "storage/ProfileDatabase.h"
 #include "storage/SQLiteSupport.h"
 
 namespace stonewall {
@@ -32,7 +31,7 @@ std::vector<std::string> idsOf(const std::vector<ProfileRule>& rules) {
 }
 
 class ProfileDatabaseTest : public StorageTest {
-protected:
+  protected:
     std::shared_ptr<ProfileDatabase> open(const NullableString& identifier = "p1") {
         return ProfileDatabase::initWithBlockerProfileID(identifier);
     }
@@ -73,7 +72,8 @@ TEST_F(ProfileDatabaseTest, EveryFieldRoundTrips) {
     auto database = open();
     database->addProfileRules({full, sparse, empties, wide});
     // ORDER BY filter: NULL first, then "", then the text.
-    EXPECT_EQ(database->getProfileRulesByAction(2), (std::vector<ProfileRule>{sparse, empties, full}));
+    EXPECT_EQ(database->getProfileRulesByAction(2),
+              (std::vector<ProfileRule>{sparse, empties, full}));
     const auto read = database->getProfileRulesByAction(1);
     ASSERT_EQ(read.size(), 1u);
     EXPECT_EQ(read[0].blocker, 5);
@@ -91,9 +91,9 @@ TEST_F(ProfileDatabaseTest, QueryTypesSelectTheirListsInOrder) {
         for (int64_t action = 1; action <= 8; ++action) {
             // Two filters per pair, inserted in reverse order of the sort.
             for (const char* filter : {"z", "a"}) {
-                rules.push_back(makeRule("b" + std::to_string(blocker) + "a" +
-                                             std::to_string(action) + filter,
-                                         blocker, action, filter));
+                rules.push_back(
+                    makeRule("b" + std::to_string(blocker) + "a" + std::to_string(action) + filter,
+                             blocker, action, filter));
             }
         }
     }
@@ -243,8 +243,9 @@ TEST_F(ProfileDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
             "(X'C328', 1, 1, X'80', CAST(X'F09F9880' AS TEXT), X'EDA080', 'ok', -1, "
             "CAST(X'62C3BC6368' AS TEXT), 0)");
         // A valid UTF-8 blob and a number read as text.
-        raw.exec("INSERT INTO ProfileRules VALUES ('b', 1, 1, X'C3A9', 12, NULL, NULL, -1, "
-                 "NULL, 0)");
+        raw.exec(
+            "INSERT INTO ProfileRules VALUES ('b', 1, 1, X'C3A9', 12, NULL, NULL, -1, "
+            "NULL, 0)");
     }
     const auto rules = database->getProfileRulesByAction(1);
     ASSERT_EQ(rules.size(), 2u);
@@ -256,7 +257,9 @@ TEST_F(ProfileDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
     EXPECT_EQ(rules[1].filter, "\xF0\x9F\x98\x80");
     EXPECT_EQ(rules[1].resources, std::nullopt);  // an encoded surrogate
     EXPECT_EQ(rules[1].loads, "ok");
-    EXPECT_EQ(rules[1].domains, "bü" "ch");
+    EXPECT_EQ(rules[1].domains,
+              "bü"
+              "ch");
 }
 
 TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
@@ -265,8 +268,9 @@ TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
     fs::create_directories(profilesFolder());
     {
         RawDatabase raw(profilePath("p1"));
-        raw.exec("CREATE TABLE ProfileRules (ruleID, blocker, action, filter); "
-                 "INSERT INTO ProfileRules VALUES ('short', 1, 1, 'f')");
+        raw.exec(
+            "CREATE TABLE ProfileRules (ruleID, blocker, action, filter); "
+            "INSERT INTO ProfileRules VALUES ('short', 1, 1, 'f')");
     }
     auto database = open();
     const auto rules = database->getProfileRulesByAction(1);
@@ -297,7 +301,8 @@ TEST_F(ProfileDatabaseTest, UnusableStorageGivesEmptyResults) {
 
     const std::string file = platform.rootPath() + "/not-a-folder";
     writeBytes(file, "x");
-    for (const std::optional<std::string>& container : {std::optional(file), std::optional<std::string>()}) {
+    for (const std::optional<std::string>& container :
+         {std::optional(file), std::optional<std::string>()}) {
         platform.host->setContainerPath(std::string(kApplicationGroup), container);
         auto unusable = open();
         unusable->addProfileRules({makeRule("a", 1, 1, "f")});

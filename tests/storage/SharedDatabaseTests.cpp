@@ -1,5 +1,3 @@
-#include "storage/SharedDatabase.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -7,6 +5,7 @@
 #include "StorageTestSupport.h"
 #include "storage/ProfileDatabase.h"
 #include "storage/SQLiteSupport.h"
+#include "storage/SharedDatabase.h"
 #include "utilities/Custom.h"
 
 namespace stonewall {
@@ -19,7 +18,7 @@ using testing::writeBytes;
 
 // Sets the clock behind currentTimestamp for one scope.
 class FixedClock {
-public:
+  public:
     explicit FixedClock(Custom::Timestamp now) {
         Custom::setClockForTesting([now] { return now; });
     }
@@ -35,7 +34,7 @@ SharedCustomRule makeCustomRule(std::string id, int64_t action) {
 }
 
 class SharedDatabaseTest : public StorageTest {
-protected:
+  protected:
     SharedDatabase& database() { return SharedDatabase::sharedInstance(); }
 
     // Makes the shared file from SQL before the instance opens it.
@@ -86,11 +85,13 @@ TEST_F(SharedDatabaseTest, ForeignButReadableFilesAreKept) {
         {"nine columns",
          "CREATE TABLE SharedData (activeProfileID TEXT, timestamps TEXT, profiles TEXT, "
          "profileIDs TEXT, profileUpdates TEXT, status INTEGER, addDate INTEGER, appVersion TEXT, "
-         "extVersion TEXT);" + row + "('old','1,2','P','p','3',0,9,'0.9','0.8');",
+         "extVersion TEXT);" +
+             row + "('old','1,2','P','p','3',0,9,'0.9','0.8');",
          "old", 0, "-1,-1,-1"},
         {"unknown shape",
-         "CREATE TABLE SharedData (a, b, c);" + row + "('x', 2, 3);"
-         "CREATE TABLE SharedCustomRules (ruleID);",
+         "CREATE TABLE SharedData (a, b, c);" + row +
+             "('x', 2, 3);"
+             "CREATE TABLE SharedCustomRules (ruleID);",
          "defaultProfile", 1, "-1,-1,-1", true},
     };
     for (const Case& test : cases) {
@@ -283,8 +284,9 @@ TEST_F(SharedDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
     {
         RawDatabase raw(sharedPath());
         raw.exec("UPDATE SharedData SET activeProfileID=X'C0AF', profiles=X'E282AC'");
-        raw.exec("INSERT INTO SharedCustomRules (ruleID, ruleName, addDate) "
-                 "VALUES (X'FF', X'F4908080', 1)");
+        raw.exec(
+            "INSERT INTO SharedCustomRules (ruleID, ruleName, addDate) "
+            "VALUES (X'FF', X'F4908080', 1)");
     }
     const auto data = shared.getSharedData();
     ASSERT_TRUE(data.has_value());
