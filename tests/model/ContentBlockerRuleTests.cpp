@@ -197,23 +197,19 @@ TEST(ContentBlockerRule, FromJSONSkipsWhatItCannotUse) {
 }
 
 TEST(ContentBlockerRule, CaseFlagReadsAsAnIntegerValue) {
-    struct Case {
-        const char* value;
-        bool sensitive;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, bool> cases[] = {
         {"true", true},     {"false", false},  {"1", true},
         {"0", false},       {"-2", true},      {"0.5", false},
         {"2.5", true},      {"-1.0", true},    {"\"1\"", true},
         {"\"yes\"", false}, {"\" 3x\"", true}, {"null", false},
         {"[]", false},      {"{}", false},     {"18446744073709551615", true},
     };
-    for (const auto& c : cases) {
+    for (const auto& [value, sensitive] : cases) {
         const std::string json =
-            std::string(R"({"action":{},"trigger":{"url-filter-is-case-sensitive":)") + c.value +
+            std::string(R"({"action":{},"trigger":{"url-filter-is-case-sensitive":)") + value +
             "}}";
-        EXPECT_EQ(ContentBlockerRule::fromJSON(json).trigger.urlFilterIsCaseSensitive, c.sensitive)
-            << c.value;
+        EXPECT_EQ(ContentBlockerRule::fromJSON(json).trigger.urlFilterIsCaseSensitive, sensitive)
+            << value;
     }
 }
 

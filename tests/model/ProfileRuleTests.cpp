@@ -251,10 +251,6 @@ TEST(ProfileRule, MergeAndDescription) {
     merged.mergeProfileRuleDomains(aRule().action(3).domains("a.test,b.test"));
     EXPECT_EQ(merged, aRule().ruleID("keep").action(5).domains("a.test,b.test").build());
 
-    EXPECT_EQ(ProfileRule{}.description(),
-              "ruleID: (null) - blocker: 0 - action: 0 - selector: (null) - filter: (null) - "
-              "resources: (null) - loads: (null) - domains: (null) - domainType: -1 - "
-              "filterSensitive: 0");
     EXPECT_EQ(aRuleFrom(fullRule()).selector("").build().description(),
               "ruleID: id - blocker: 3 - action: 2 - selector:  - filter: .* - resources: image - "
               "loads: third-party - domains: a.test,b.test - domainType: 4 - filterSensitive: 1");
