@@ -137,21 +137,6 @@ TEST_F(WebsiteListsTest, AddingAWebsiteNotifiesUnlessItsStatusIsZero) {
     }
 }
 
-TEST_F(WebsiteListsTest, EachCreateOperationFeedsItsOwnList) {
-    storeSharedData(sharedDataWith("lists"));
-    CompanionController controller;
-    controller.createBlockWebsiteCustomRule(std::string("https://b.example/x"), nullptr);
-    controller.createSecureWebsiteCustomRule(std::string("http://s.example/"), nullptr);
-    controller.createWhitelistWebsiteCustomRule(std::string("https://w.example"), nullptr);
-    controller.createBlockWebsiteCustomRule(std::nullopt, nullptr);
-    EXPECT_TRUE(controller.checkWebsiteExists(std::string("b.example"), 5));
-    EXPECT_TRUE(controller.checkWebsiteExists(std::string("s.example"), 7));
-    EXPECT_TRUE(controller.checkWebsiteExists(std::string("w.example"), 3));
-    EXPECT_FALSE(controller.checkWebsiteExists(std::string("w.example"), 5));
-    // The page without URL still makes a rule, without a domain.
-    EXPECT_EQ(controller.activeDatabase()->getProfileRulesByAction(5).size(), 2u);
-}
-
 TEST(SameSite, SiteKeys) {
     struct Case {
         NullableString host;

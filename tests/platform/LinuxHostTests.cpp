@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <clocale>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,7 +13,6 @@
 #include "platform/linux/LinuxHost.h"
 #include "platform/linux/LinuxServices.h"
 #include "platform/linux/SystemLog.h"
-#include "platform/linux/WebKitContentBlockerManager.h"
 #include "platform/testing/TestPlatform.h"
 
 namespace stonewall::platform::gnulinux {
@@ -186,37 +183,6 @@ TEST(SystemLog, StderrCopiesAndDebugLinesOnlyWhenVerbose) {
     }
     ::close(fds[0]);
     EXPECT_EQ(text, "stonewall: debug: shown %n debug\nstonewall: info: info\n");
-}
-
-TEST(LinuxServices, MakeBuildsACompleteSetOverTheGivenContainer) {
-    testing::TestPlatform scratch;  // its folder; the set below replaces nothing
-    LinuxOptions options;
-    options.containerPath = scratch.rootPath() + "/container";
-    options.resourcePath = scratch.rootPath() + "/resources";
-    options.busAddress = "unix:path=" + scratch.rootPath() + "/no-bus";
-    options.verbose = false;
-    Services services = makeLinuxServices(options);
-    ASSERT_TRUE(services.dispatch && services.defaults && services.notifications &&
-                services.contentBlocker && services.host && services.bundle && services.log);
-    EXPECT_EQ(services.host->containerPathForApplicationGroup(kApplicationGroup),
-              *options.containerPath);
-    EXPECT_EQ(services.bundle->resourcePath(), *options.resourcePath);
-
-    auto suite = services.defaults->suiteNamed(kApplicationGroup);
-    suite->setInteger(2, "blockingStatus");
-    ASSERT_TRUE(suite->synchronize());
-    EXPECT_TRUE(fs::exists(*options.containerPath +
-                           "/Library/Preferences/K7Q2XJ4M9P.com.mapleharbor.Stonewall.json"));
-
-    // The reload reads the same suite file: blocking off needs no rule list.
-    std::promise<std::optional<Error>> completed;
-    auto result = completed.get_future();
-    services.contentBlocker->reloadContentBlockerWithIdentifier(
-        WebKitContentBlockerManager::kContentBlockerIdentifier,
-        [&](std::optional<Error> error) { completed.set_value(std::move(error)); });
-    ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    EXPECT_EQ(result.get(), std::nullopt);
-    EXPECT_TRUE(fs::is_directory(*options.containerPath + "/Library/ContentBlockers"));
 }
 
 }  // namespace
