@@ -20,11 +20,13 @@ namespace stonewall::tool::testing {
 
 struct RunResult {
     int exitCode = -1;  // -1 when killed by a signal or the watchdog
-    int signal = 0;     // the signal that ended it, if any
+    int signal = 0;
     bool timedOut = false;
     std::string out;
     std::string err;
 };
+
+std::string readFile(const std::filesystem::path& path);
 
 // A temporary folder removed with its contents on destruction.
 class TemporaryDirectory {
@@ -39,8 +41,7 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
-// A program started in the background (watch), with its output read line by
-// line from the files its streams go to.
+// A started program whose streams go to files, read line by line while it runs.
 class BackgroundProcess {
   public:
     BackgroundProcess(pid_t pid, std::filesystem::path streams);
@@ -49,17 +50,15 @@ class BackgroundProcess {
     BackgroundProcess(const BackgroundProcess&) = delete;
     BackgroundProcess& operator=(const BackgroundProcess&) = delete;
 
-    // The next line of stdout (or stderr), without its newline; nothing when
-    // none came within the timeout or the stream ended.
+    // The next line without its newline; nothing when none came in time.
     std::optional<std::string> readLine(std::chrono::milliseconds timeout);
     std::optional<std::string> readErrorLine(std::chrono::milliseconds timeout);
     void sendSignal(int signal);
-    // Waits for the end (killing it after the timeout) and collects the rest of its output.
+    // Waits for the end (killing it after the timeout); the output not yet read.
     RunResult wait(std::chrono::milliseconds timeout);
 
   private:
-    std::optional<std::string> readLineFrom(const char* stream, size_t& offset,
-                                            std::chrono::milliseconds timeout);
+    std::optional<std::string> readLineFrom(int stream, std::chrono::milliseconds timeout);
 
     pid_t pid_;
     std::filesystem::path streams_;
@@ -75,27 +74,21 @@ class StonewallRunner {
     const std::filesystem::path& root() const { return root_; }
     std::filesystem::path containerPath() const { return root_ / "container"; }
 
-    // Environment of the runs: the test's own, with the sandbox's folders.
-    // An empty value removes the variable.
-    void setEnvironment(const std::string& name, const std::string& value);
+    // Over the test's own environment; an empty value removes the variable.
+    void setEnvironment(const std::string& name, const std::string& value) {
+        overrides_[name] = value;
+    }
+    // Runs the binary through this prefix (a shell that sets a limit, then execs "$@").
+    void setWrapper(std::vector<std::string> prefix) { wrapper_ = std::move(prefix); }
 
-    // Runs `stonewall args...`, feeding stdinText; with `--container <root>/container`
-    // appended unless withContainer is false.
+    // `stonewall args... --container <root>/container` (unless withContainer is false).
     RunResult run(std::vector<std::string> args, const std::string& stdinText = {},
                   bool withContainer = true,
                   std::chrono::milliseconds timeout = std::chrono::seconds(90)) const;
-    BackgroundProcess start(std::vector<std::string> args, bool withContainer = true) const;
-
-    static std::string binaryPath();
-
-    // Runs the binary through this command prefix from now on (a shell that
-    // sets a resource limit and then execs "$@").
-    void setWrapper(std::vector<std::string> prefix) { wrapper_ = std::move(prefix); }
+    BackgroundProcess start(std::vector<std::string> args, bool withContainer = true,
+                            const std::string& stdinText = {}) const;
 
   private:
-    std::vector<std::string> argumentsFor(std::vector<std::string> args, bool withContainer) const;
-    std::vector<std::string> environment() const;
-
     std::filesystem::path root_;
     std::map<std::string, std::string> overrides_;
     std::vector<std::string> wrapper_;
@@ -103,10 +96,9 @@ class StonewallRunner {
 
 // Starts any program (a private D-Bus daemon) with the test's environment,
 // its output going to files in the streams folder.
-BackgroundProcess startProgram(std::vector<std::string> args,
-                               const std::filesystem::path& streams);
+BackgroundProcess startProgram(std::vector<std::string> args, const std::filesystem::path& streams);
 
-// Renders a command line for failure messages.
+// A command line and its outcome, for failure messages.
 std::string describe(const std::vector<std::string>& args, const RunResult& result);
 
 }  // namespace stonewall::tool::testing

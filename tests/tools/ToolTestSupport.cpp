@@ -3,8 +3,7 @@
 #include <sqlite3.h>
 
 #include <fstream>
-#include <iterator>
-#include <sstream>
+#include <memory>
 #include <stdexcept>
 
 namespace stonewall::tool::testing {
@@ -13,57 +12,32 @@ namespace fs = std::filesystem;
 std::string sqlText(const std::optional<std::string>& text) {
     if (!text) return "NULL";
     std::string quoted = "'";
-    for (char c : *text) {
-        if (c == '\'') quoted += '\'';
-        quoted += c;
-    }
+    for (char c : *text) quoted += c == '\'' ? std::string("''") : std::string(1, c);
     return quoted + "'";
 }
 
-namespace {
-
-struct Connection {
-    sqlite3* handle = nullptr;
-    explicit Connection(const fs::path& path) {
-        if (sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-            std::string message = handle ? sqlite3_errmsg(handle) : "out of memory";
-            sqlite3_close(handle);
-            throw std::runtime_error("cannot open " + path.string() + ": " + message);
-        }
-        sqlite3_busy_timeout(handle, 5000);
-    }
-    ~Connection() { sqlite3_close(handle); }
-};
-
-}  // namespace
-
-void sqlExec(const fs::path& database, const std::string& sql) {
-    Connection connection(database);
-    char* error = nullptr;
-    if (sqlite3_exec(connection.handle, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
-        std::string message = error ? error : "unknown error";
-        sqlite3_free(error);
-        throw std::runtime_error(sql + ": " + message);
-    }
-}
-
 std::vector<Row> sqlQuery(const fs::path& database, const std::string& sql) {
-    Connection connection(database);
+    sqlite3* handle = nullptr;
+    const int opened = sqlite3_open_v2(database.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> connection(handle, sqlite3_close);
+    if (opened != SQLITE_OK) throw std::runtime_error("cannot open " + database.string());
+    sqlite3_busy_timeout(handle, 5000);
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(connection.handle, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-        throw std::runtime_error(sql + ": " + sqlite3_errmsg(connection.handle));
+    if (sqlite3_prepare_v2(handle, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+        throw std::runtime_error(sql + ": " + sqlite3_errmsg(handle));
     }
     std::vector<Row> rows;
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-        Row row;
+    int step = SQLITE_ROW;
+    while ((step = sqlite3_step(statement)) == SQLITE_ROW) {
+        Row& row = rows.emplace_back();
         for (int column = 0; column < sqlite3_column_count(statement); ++column) {
             const auto* text = sqlite3_column_text(statement, column);
             row.push_back(text ? std::optional<std::string>(reinterpret_cast<const char*>(text))
                                : std::nullopt);
         }
-        rows.push_back(std::move(row));
     }
     sqlite3_finalize(statement);
+    if (step != SQLITE_DONE) throw std::runtime_error(sql + ": " + sqlite3_errmsg(handle));
     return rows;
 }
 
@@ -79,14 +53,8 @@ std::map<std::string, std::string> snapshotFiles(const fs::path& folder) {
     return files;
 }
 
-std::string readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-}
-
 void writeFile(const fs::path& path, const std::string& contents) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << contents;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
 }
 
 nlohmann::json ToolTest::runJSON(std::vector<std::string> args, const std::string& input) {
@@ -104,18 +72,6 @@ std::string ToolTest::runOK(const std::vector<std::string>& args, const std::str
     return result.out;
 }
 
-void ToolTest::createContainer() {
-    runOK({"info"});
-    ASSERT_TRUE(fs::exists(sharedDatabase()));
-    ASSERT_TRUE(fs::exists(profileDatabase()));
-}
-
-void ToolTest::addWorkProfile() {
-    sqlExec(sharedDatabase(),
-            "UPDATE SharedData SET profileIDs='defaultProfile,work', "
-            "profiles='Default Profile,Work'");
-}
-
 void ToolTest::addProfileRule(const std::string& profile, int blocker, int action,
                               const std::optional<std::string>& selector,
                               const std::optional<std::string>& filter,
@@ -127,22 +83,6 @@ void ToolTest::addProfileRule(const std::string& profile, int blocker, int actio
                 std::to_string(blocker) + ", " + std::to_string(action) + ", " + sqlText(selector) +
                 ", " + sqlText(filter) + ", " + sqlText(resources) + ", NULL, " +
                 std::to_string(domainType) + ", " + sqlText(domains) + ", 0)");
-}
-
-nlohmann::json ToolTest::ruleList(const std::string& profile) const {
-    return nlohmann::json::parse(readFile(ruleFile(profile)), nullptr,
-                                 /*allow_exceptions=*/false);
-}
-
-std::optional<std::string> ToolTest::sharedValue(const std::string& column) const {
-    const auto rows = sqlQuery(sharedDatabase(), "SELECT " + column + " FROM SharedData");
-    if (rows.empty() || rows.front().empty()) return std::nullopt;
-    return rows.front().front();
-}
-
-int ToolTest::customRuleCount() const {
-    const auto rows = sqlQuery(sharedDatabase(), "SELECT COUNT(*) FROM SharedCustomRules");
-    return std::stoi(*rows.at(0).at(0));
 }
 
 }  // namespace stonewall::tool::testing

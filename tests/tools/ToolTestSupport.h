@@ -21,14 +21,14 @@ using Row = std::vector<std::optional<std::string>>;
 
 // A SQL literal: the quoted text, or NULL.
 std::string sqlText(const std::optional<std::string>& text);
-// One SQLite file, opened for the duration of a call.
-void sqlExec(const std::filesystem::path& database, const std::string& sql);
+// One statement on one SQLite file, opened for the call; throws when it fails.
 std::vector<Row> sqlQuery(const std::filesystem::path& database, const std::string& sql);
+inline void sqlExec(const std::filesystem::path& database, const std::string& sql) {
+    (void)sqlQuery(database, sql);
+}
 
 // Every file under a folder, by relative path, with its bytes.
 std::map<std::string, std::string> snapshotFiles(const std::filesystem::path& folder);
-
-std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& contents);
 
 class ToolTest : public ::testing::Test {
@@ -58,9 +58,13 @@ class ToolTest : public ::testing::Test {
     std::string runOK(const std::vector<std::string>& args, const std::string& input = {});
 
     // A container made by the program (first run), ready for direct edits.
-    void createContainer();
+    void createContainer() { runOK({"info"}); }
     // Adds a second profile "work" ("Work") to the shared record.
-    void addWorkProfile();
+    void addWorkProfile() {
+        sqlExec(sharedDatabase(),
+                "UPDATE SharedData SET profileIDs='defaultProfile,work', "
+                "profiles='Default Profile,Work'");
+    }
     // Inserts a ProfileRules row into the profile's database.
     void addProfileRule(const std::string& profile, int blocker, int action,
                         const std::optional<std::string>& selector,
@@ -68,10 +72,17 @@ class ToolTest : public ::testing::Test {
                         const std::optional<std::string>& resources = std::nullopt,
                         const std::optional<std::string>& domains = std::nullopt,
                         int domainType = -1);
-    nlohmann::json ruleList(const std::string& profile = "defaultProfile") const;
+    nlohmann::json ruleList(const std::string& profile = "defaultProfile") const {
+        return nlohmann::json::parse(readFile(ruleFile(profile)), nullptr, false);
+    }
     // The shared record's column, as text.
-    std::optional<std::string> sharedValue(const std::string& column) const;
-    int customRuleCount() const;
+    std::optional<std::string> sharedValue(const std::string& column) const {
+        return sqlQuery(sharedDatabase(), "SELECT " + column + " FROM SharedData").at(0).at(0);
+    }
+    int customRuleCount() const {
+        return std::stoi(
+            *sqlQuery(sharedDatabase(), "SELECT COUNT(*) FROM SharedCustomRules")[0][0]);
+    }
 
   private:
     TemporaryDirectory directory_;
