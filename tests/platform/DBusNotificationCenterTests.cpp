@@ -1,14 +1,8 @@
-#include <fcntl.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,74 +11,14 @@
 #include "platform/linux/LinuxDispatch.h"
 #include "platform/testing/TestPlatform.h"
 #include "support/MainLoopWatchdog.h"
-
-extern char** environ;
+#include "support/PrivateBus.h"
 
 namespace stonewall::platform::gnulinux {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
 
 constexpr auto kWatchdog = 10s;
-
-// A dbus-daemon of the test's own, listening in the test's temporary folder.
-class PrivateBus {
-  public:
-    explicit PrivateBus(const std::string& folder) {
-        const std::string socket = folder + "/bus";
-        const std::string config = folder + "/bus.conf";
-        std::ofstream(config) << R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=)" << socket
-                              << R"(</listen>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-        std::vector<std::string> arguments = {"dbus-daemon", "--nofork", "--nosyslog",
-                                              "--config-file=" + config};
-        std::vector<char*> argv;
-        for (auto& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        // Its chatter (it cannot raise its file limit without privileges)
-        // goes to a file of its own rather than into the test output.
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, (folder + "/bus.log").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int spawned =
-            posix_spawnp(&pid_, "dbus-daemon", &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0) {
-            pid_ = -1;
-            return;
-        }
-        const auto deadline = std::chrono::steady_clock::now() + kWatchdog;
-        while (!fs::exists(socket) && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(5ms);
-        }
-        if (fs::exists(socket)) address_ = "unix:path=" + socket;
-    }
-    ~PrivateBus() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            int status = 0;
-            ::waitpid(pid_, &status, 0);
-        }
-    }
-    const std::string& address() const { return address_; }
-
-  private:
-    pid_t pid_ = -1;
-    std::string address_;
-};
 
 // A plain GDBus client on the test thread, with a context of its own.
 class Subscriber {
@@ -165,7 +99,7 @@ class Subscriber {
 class DBusNotificationCenterTest : public ::testing::Test {
   protected:
     testing::TestPlatform platform;  // temporary folder and a capturing log
-    PrivateBus bus{platform.rootPath()};
+    test_support::PrivateBus bus{platform.rootPath() + "/bus"};
     std::shared_ptr<LinuxDispatch> dispatch = std::make_shared<LinuxDispatch>();
 
     void SetUp() override { ASSERT_FALSE(bus.address().empty()) << "dbus-daemon did not start"; }

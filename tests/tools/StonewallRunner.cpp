@@ -29,14 +29,14 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
     return result;
 }
 
-// Spawns the program with stdin from streams/in (or nothing) and stdout and
-// stderr into streams/out and streams/err: plain files never fill up and
+// Spawns the program with stdin from streams/in and stdout and stderr into
+// streams/out and streams/err: plain files never fill up and
 // block the program, and can be read while it runs.
 BackgroundProcess spawn(std::vector<std::string> args, std::vector<std::string> env,
-                        const fs::path& streams, const std::optional<std::string>& input) {
+                        const fs::path& streams, const std::string& input) {
     fs::create_directories(streams);
-    const fs::path in = input ? streams / "in" : fs::path("/dev/null");
-    if (input) std::ofstream(in, std::ios::binary) << *input;
+    const fs::path in = streams / "in";
+    std::ofstream(in, std::ios::binary) << input;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
@@ -202,10 +202,6 @@ RunResult BackgroundProcess::wait(std::chrono::milliseconds timeout) {
     result.out = readFile(streams_ / "out").substr(read_[0]);
     result.err = readFile(streams_ / "err").substr(read_[1]);
     return result;
-}
-
-BackgroundProcess startProgram(std::vector<std::string> args, const fs::path& streams) {
-    return spawn(std::move(args), environmentOf({}), streams, std::nullopt);
 }
 
 std::string describe(const std::vector<std::string>& args, const RunResult& result) {

@@ -94,10 +94,6 @@ class StonewallRunner {
     std::vector<std::string> wrapper_;
 };
 
-// Starts any program (a private D-Bus daemon) with the test's environment,
-// its output going to files in the streams folder.
-BackgroundProcess startProgram(std::vector<std::string> args, const std::filesystem::path& streams);
-
 // A command line and its outcome, for failure messages.
 std::string describe(const std::vector<std::string>& args, const RunResult& result);
 

@@ -2,46 +2,22 @@
 // private D-Bus session bus started by the test.
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <filesystem>
 
 #include "ToolTestSupport.h"
+#include "support/PrivateBus.h"
 
 namespace stonewall::tool::testing {
 namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-// A dbus-daemon of our own, so that the test neither needs nor disturbs a
-// desktop session.
-class PrivateBus {
-  public:
-    explicit PrivateBus(const std::filesystem::path& streams) {
-        if (::access("/usr/bin/dbus-daemon", X_OK) != 0) return;
-        daemon_.emplace(startProgram(
-            {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"},
-            streams));
-        if (auto line = daemon_->readLine(10s); line && !line->empty()) address_ = *line;
-    }
-    ~PrivateBus() {
-        if (daemon_) {
-            daemon_->sendSignal(SIGTERM);
-            daemon_->wait(5s);
-        }
-    }
-    const std::optional<std::string>& address() const { return address_; }
-
-  private:
-    std::optional<BackgroundProcess> daemon_;
-    std::optional<std::string> address_;
-};
-
 class WatchCommandTest : public ToolTest {
   protected:
     void SetUp() override {
-        if (!bus_.address()) GTEST_SKIP() << "no dbus-daemon to start a private bus with";
-        runner().setEnvironment("DBUS_SESSION_BUS_ADDRESS", *bus_.address());
+        if (bus_.address().empty()) GTEST_SKIP() << "no dbus-daemon to start a private bus with";
+        runner().setEnvironment("DBUS_SESSION_BUS_ADDRESS", bus_.address());
         createContainer();
     }
 
@@ -56,7 +32,7 @@ class WatchCommandTest : public ToolTest {
         return watch;
     }
 
-    PrivateBus bus_{scratch("bus")};
+    test_support::PrivateBus bus_{scratch("bus")};
 };
 
 TEST_F(WatchCommandTest, PrintsEachNotificationUntilInterrupted) {
