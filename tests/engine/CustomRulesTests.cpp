@@ -107,8 +107,9 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
         int64_t active;
         bool sharedStored;
         // The domains of the profile rules of that action afterwards; the
-        // existing list rule holds "a.com".
+        // existing list rule holds "a.com" unless there is none.
         std::vector<std::string> profileDomains;
+        bool listRule = true;
     };
     const Case cases[] = {
         {"-1 active adds a list rule", "-1,-1,-1", 5, 1, true, {"a.com", "b.com"}},
@@ -125,6 +126,7 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
         {"a short status reads as no list rule", "1", 7, 1, true, {"a.com", "b.com"}},
         {"other actions ignore the status", "2,2,2", 1, 1, true, {"a.com", "b.com"}},
         {"other actions store inactive rules only shared", "2,2,2", 1, 0, true, {"a.com"}},
+        {"1 without a list rule starts the list", "1,-1,-1", 5, 1, true, {"b.com"}, false},
     };
     int index = 0;
     for (const Case& c : cases) {
@@ -134,7 +136,7 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
         ProfileRule listRule = makeRule(c.action, ".*", BlockerCode::kCustom, "list");
         listRule.domains = "a.com";
         listRule.domainType = 1;
-        openProfile(profileID)->addProfileRules({listRule});
+        if (c.listRule) openProfile(profileID)->addProfileRules({listRule});
         SharedDatabase::sharedInstance().removeSharedCustomRulesDetails();
 
         SharedCustomRule custom;
@@ -158,16 +160,6 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
             EXPECT_EQ(stored[0].domains, "b.com");
         }
     }
-}
-
-TEST_F(ProcessCustomRulesTest, AStatusOfOneWithoutAListRuleStartsTheList) {
-    storeSharedData(sharedDataWith("nolist", "1,-1,-1"));
-    CompanionController controller;
-    controller.processCustomRules({controller.blockWebsiteCustomRule(std::string("b.com"))});
-    const auto rules = controller.activeDatabase()->getProfileRulesByAction(5);
-    ASSERT_EQ(rules.size(), 1u);
-    EXPECT_EQ(rules[0].domains, "b.com");
-    EXPECT_EQ(rules[0].blocker, BlockerCode::kCustom);
 }
 
 TEST_F(ProcessCustomRulesTest, SeveralRulesKeepTheirOrderAndAnEmptyListStoresNothing) {
