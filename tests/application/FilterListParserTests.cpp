@@ -86,15 +86,10 @@ TEST(FilterListParserTest, NetworkRulesBecomeWebKitFilters) {
         }
         ASSERT_EQ(list.rules.size(), 1u) << (list.skipped.empty() ? "" : list.skipped.begin()->first);
         const ProfileRule& rule = list.rules.front();
-        EXPECT_EQ(rule.blocker, kList);
-        EXPECT_EQ(rule.action, c.rule->action);
-        EXPECT_EQ(rule.filter, c.rule->filter);
-        EXPECT_EQ(rule.selector, std::nullopt);
-        EXPECT_EQ(rule.resources, c.rule->resources);
-        EXPECT_EQ(rule.loads, c.rule->loads);
-        EXPECT_EQ(rule.domains, c.rule->domains);
-        EXPECT_EQ(rule.domainType, c.rule->domainType);
-        EXPECT_EQ(rule.filterSensitive, c.rule->filterSensitive);
+        const Expected& e = *c.rule;
+        EXPECT_EQ(rule, (ProfileRule{rule.ruleID, kList, e.action, std::nullopt, e.filter,
+                                     e.resources, e.loads, e.domains, e.domainType,
+                                     e.filterSensitive}));
         EXPECT_TRUE(FilterListParser::isWebKitURLFilter(*rule.filter));
     }
 }
@@ -135,11 +130,9 @@ TEST(FilterListParserTest, ElementHidingWithExceptions) {
         ASSERT_EQ(list.rules.size(), c.rules.size());
         for (size_t i = 0; i < c.rules.size(); ++i) {
             const ProfileRule& rule = list.rules[i];
-            EXPECT_EQ(rule.action, ActionCode::kHide);
-            EXPECT_EQ(rule.filter, ".*");
-            EXPECT_EQ(rule.selector, std::get<0>(c.rules[i]));
-            EXPECT_EQ(rule.domains, std::get<1>(c.rules[i]));
-            EXPECT_EQ(rule.domainType, std::get<2>(c.rules[i]));
+            const auto& [selector, domains, domainType] = c.rules[i];
+            EXPECT_EQ(rule, (ProfileRule{rule.ruleID, kList, ActionCode::kHide, selector, ".*",
+                                         std::nullopt, std::nullopt, domains, domainType, 0}));
         }
         if (!c.reason.empty()) {
             EXPECT_GE(list.skipped.count(c.reason), 1u);
@@ -152,14 +145,10 @@ TEST(FilterListParserTest, CountsCommentsRulesAndSkipsOfAWholeList) {
         "\xEF\xBB\xBF[Adblock Plus 2.0]\r\n! Title: test\r\n\r\n||a.test^\r\n##.ad\r\n"
         "@@||a.test/ok^\r\n||a.test^\r\n||b.test^$rewrite=x\r\n",
         kList);
-    EXPECT_EQ(list.lines, 7);
-    EXPECT_EQ(list.comments, 2);
-    EXPECT_EQ(list.rulesByAction[1], 1);
-    EXPECT_EQ(list.rulesByAction[2], 1);
-    EXPECT_EQ(list.rulesByAction[6], 1);
-    EXPECT_EQ(list.skippedCount(), 2);
-    EXPECT_EQ(list.skipped.at(std::string(SkipReason::kDuplicate)), 1);
-    EXPECT_EQ(list.skipped.at(std::string(SkipReason::kUnsupportedOption)), 1);
+    EXPECT_EQ(std::tie(list.lines, list.comments), std::make_tuple(7, 2));
+    EXPECT_EQ(list.rulesByAction, (std::array<int64_t, 9>{0, 1, 1, 0, 0, 0, 1, 0, 0}));
+    EXPECT_EQ(list.skipped, (decltype(list.skipped){{std::string(SkipReason::kDuplicate), 1},
+                                                    {std::string(SkipReason::kUnsupportedOption), 1}}));
 }
 
 TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
