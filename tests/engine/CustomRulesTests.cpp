@@ -70,16 +70,13 @@ TEST(PickedElementRules, MediaSourcesBlockEverythingElseHides) {
         ASSERT_EQ(rule.has_value(), c.filter.has_value());
         if (!rule) continue;
         const bool hides = c.filter == ".*";
-        EXPECT_EQ(rule->action, hides ? ActionCode::kHide : ActionCode::kBlock);
-        EXPECT_EQ(rule->selector, hides ? NullableString("#picked") : std::nullopt);
-        EXPECT_EQ(rule->filter, c.filter);
-        EXPECT_EQ(rule->filterDomain, c.filterDomain);
-        EXPECT_EQ(rule->filterSensitive, hides ? 0 : 1);
-        EXPECT_EQ(rule->filterInfo, hides ? 4 : 1);
-        EXPECT_EQ(rule->blocker, BlockerCode::kCustom);
-        EXPECT_EQ(rule->domains, kHost);
-        EXPECT_EQ(rule->domainType, DomainTypeCode::kIfTopURL);
-        EXPECT_EQ(rule->active, 1);
+        EXPECT_EQ(std::tie(rule->action, rule->selector, rule->filter, rule->filterDomain,
+                           rule->filterSensitive, rule->filterInfo),
+                  std::make_tuple(hides ? ActionCode::kHide : ActionCode::kBlock,
+                                  hides ? NullableString("#picked") : std::nullopt, c.filter,
+                                  c.filterDomain, hides ? 0 : 1, hides ? 4 : 1));
+        EXPECT_EQ(std::tie(rule->blocker, rule->domains, rule->domainType, rule->active),
+                  std::make_tuple(BlockerCode::kCustom, kHost, DomainTypeCode::kIfTopURL, 1));
         EXPECT_EQ(rule->ruleID.value_or("").size(), 10u);
     }
     // An element of the wrong size hides, without a selector.
