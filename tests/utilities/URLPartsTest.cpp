@@ -38,16 +38,12 @@ TEST(URLParts, SplitTable) {
         // original text at the folded position.
         {"\uFF48ttp://x", {"http", "://", "x", "", {}, {}, {}}},
     };
+    const auto fields = [](const URLPartsDictionary& p) {
+        return std::tie(p.scheme, p.delim, p.host, p.path, p.username, p.password, p.fragment);
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.url.substr(0, 40));
         const URLPartsDictionary parts = URLParts(c.url);
-        EXPECT_EQ(parts.scheme, c.parts.scheme);
-        EXPECT_EQ(parts.delim, c.parts.delim);
-        EXPECT_EQ(parts.host, c.parts.host);
-        EXPECT_EQ(parts.path, c.parts.path);
-        EXPECT_EQ(parts.username, c.parts.username);
-        EXPECT_EQ(parts.password, c.parts.password);
-        EXPECT_EQ(parts.fragment, c.parts.fragment);
+        EXPECT_EQ(fields(parts), fields(c.parts)) << c.url.substr(0, 40);
     }
 }
 
