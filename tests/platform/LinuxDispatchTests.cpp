@@ -54,13 +54,18 @@ TEST(LinuxDispatch, MainQueueRunsItemsInOrderOnTheLoopThreadUntilStopped) {
     runMain(dispatch);
     EXPECT_EQ(order.back(), -1);
 
-    // A stop from another thread wakes an idle loop.
-    std::thread stopper([&] {
+    // A sync onto main from another thread waits for the loop; a stop from
+    // another thread wakes the idle loop.
+    std::atomic<bool> ranOnMainQueue{false};
+    std::thread worker([&] {
+        std::this_thread::sleep_for(20ms);
+        dispatch.mainQueue().sync([&] { ranOnMainQueue = dispatch.mainQueue().isCurrent(); });
         std::this_thread::sleep_for(20ms);
         dispatch.stopMain();
     });
     runMain(dispatch);
-    stopper.join();
+    worker.join();
+    EXPECT_TRUE(ranOnMainQueue);
 }
 
 TEST(LinuxDispatch, DelayedItemsRunNoEarlierThanAskedAndInDueOrder) {
@@ -195,18 +200,6 @@ TEST(LinuxDispatch, ManyPoolItemsSyncingOntoOneSerialQueueDoNotStarve) {
     }
     waitFor(allDone);
     serial->sync([&] { EXPECT_EQ(counter, kItems); });
-}
-
-TEST(LinuxDispatch, SyncOntoMainFromAnotherThreadWaitsForTheLoop) {
-    LinuxDispatch dispatch;
-    std::atomic<bool> ranOnMainQueue{false};
-    std::thread worker([&] {
-        dispatch.mainQueue().sync([&] { ranOnMainQueue = dispatch.mainQueue().isCurrent(); });
-        dispatch.stopMain();
-    });
-    runMain(dispatch);
-    worker.join();
-    EXPECT_TRUE(ranOnMainQueue);
 }
 
 TEST(LinuxDispatch, DroppedSerialQueuesFinishTheirItems) {
