@@ -71,7 +71,7 @@ std::shared_ptr<FakePage> page(int id, std::optional<std::string> url = std::nul
     return std::make_shared<FakePage>(id, std::move(url), hasTab);
 }
 
-TEST(BlockingStatController, CountsPerPageWithDuplicates) {
+TEST(BlockingStatController, CountsPerPageWithDuplicatesUntilResetOrRemoved) {
     BlockingStatController stats;
     auto first = page(1);
     stats.addURLsForPage({"https://a/x.js"}, first);
@@ -87,12 +87,6 @@ TEST(BlockingStatController, CountsPerPageWithDuplicates) {
     ASSERT_EQ(table.size(), 2u);
     EXPECT_EQ(table[0].second,
               (std::vector<std::string>{"https://a/x.js", "https://a/x.js", "https://b/y.gif"}));
-}
-
-TEST(BlockingStatController, ResetRemoveAndUnknownPages) {
-    BlockingStatController stats;
-    stats.addURLsForPage({"u1", "u2"}, page(1));
-    stats.addURLsForPage({"u3"}, page(2));
 
     stats.resetURLsForPage(page(1));
     EXPECT_EQ(stats.URLsCountForPage(page(1)), 0);
