@@ -1,11 +1,9 @@
-#include "application/FilterListParser.h"
-
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <filesystem>
 
+#include "application/FilterListParser.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall {
@@ -59,13 +57,15 @@ TEST(FilterListParserTest, NetworkRulesBecomeWebKitFilters) {
         {"||shop.test^$csp=script-src 'none'", std::nullopt, SkipReason::kUnsupportedOption},
         {"@@||good.test/ads.js$script", Expected{6, kHost + "good\\.test/ads\\.js", "script"}},
         {"@@||good.test^$document",
-         Expected{6, ".*", {}, {}, kHost + "good\\.test" + kEnd, DomainTypeCode::kIfTopURLVerbatim}},
+         Expected{
+             6, ".*", {}, {}, kHost + "good\\.test" + kEnd, DomainTypeCode::kIfTopURLVerbatim}},
         {"@@||good.test^$elemhide", std::nullopt, SkipReason::kUnsupportedOption},
         {"||x.test^$important,all", Expected{1, kHost + "x\\.test" + kEnd}},
         {"||x.test^$object", std::nullopt, SkipReason::kUnsupportedResourceType},
         {"||x.test^$object,image", Expected{1, kHost + "x\\.test" + kEnd, "image"}},
         {"||x.test^$redirect=noop.js", std::nullopt, SkipReason::kUnsupportedOption},
-        {"/^https?:\\/\\/[a-z]+\\.ads\\.test\\//", Expected{1, "^https?:\\/\\/[a-z]+\\.ads\\.test\\/"}},
+        {"/^https?:\\/\\/[a-z]+\\.ads\\.test\\//",
+         Expected{1, "^https?:\\/\\/[a-z]+\\.ads\\.test\\/"}},
         {"/ads$/", Expected{1, "ads$"}},
         {"/\\d+\\.gif/", std::nullopt, SkipReason::kRegularExpression},
         {"/(ad|banner)s/", std::nullopt, SkipReason::kRegularExpression},
@@ -84,12 +84,13 @@ TEST(FilterListParserTest, NetworkRulesBecomeWebKitFilters) {
             EXPECT_EQ(list.skipped.count(c.reason), 1u) << "skipped for another reason";
             continue;
         }
-        ASSERT_EQ(list.rules.size(), 1u) << (list.skipped.empty() ? "" : list.skipped.begin()->first);
+        ASSERT_EQ(list.rules.size(), 1u)
+            << (list.skipped.empty() ? "" : list.skipped.begin()->first);
         const ProfileRule& rule = list.rules.front();
         const Expected& e = *c.rule;
-        EXPECT_EQ(rule, (ProfileRule{rule.ruleID, kList, e.action, std::nullopt, e.filter,
-                                     e.resources, e.loads, e.domains, e.domainType,
-                                     e.filterSensitive}));
+        EXPECT_EQ(rule,
+                  (ProfileRule{rule.ruleID, kList, e.action, std::nullopt, e.filter, e.resources,
+                               e.loads, e.domains, e.domainType, e.filterSensitive}));
         EXPECT_TRUE(FilterListParser::isWebKitURLFilter(*rule.filter));
     }
 }
@@ -106,7 +107,8 @@ TEST(FilterListParserTest, ElementHidingWithExceptions) {
     };
     const std::vector<HideCase> cases = {
         {"generic", "##.ad-box", {{".ad-box", std::nullopt, -1}}},
-        {"on sites", "a.test,B.test##div[id^=\"ad\"] > img",
+        {"on sites",
+         "a.test,B.test##div[id^=\"ad\"] > img",
          {{"div[id^=\"ad\"] > img", "*a.test,*b.test", 1}}},
         {"but sites", "~a.test##.ad", {{".ad", "*a.test", 2}}},
         {"excepted on a site", "##.ad\na.test#@#.ad", {{".ad", "*a.test", 2}}},
@@ -114,10 +116,14 @@ TEST(FilterListParserTest, ElementHidingWithExceptions) {
         {"site removed", "a.test,b.test##.ad\nb.test#@#.ad", {{".ad", "*a.test", 1}}},
         {"last site removed", "x.b.test##.ad\nb.test#@#.ad", {}},
         {"excepted everywhere", "##.ad\na.test##.ad\n#@#.ad", {}},
-        {"nothing to except", "##.ad\n#@#.other", {{".ad", std::nullopt, -1}},
+        {"nothing to except",
+         "##.ad\n#@#.other",
+         {{".ad", std::nullopt, -1}},
          SkipReason::kUnmatchedHideException},
         {"duplicate", "##.ad\n##.ad", {{".ad", std::nullopt, -1}}, SkipReason::kDuplicate},
-        {"procedural", "a.test#?#div:-abp-has(.ad)\na.test##div:has-text(Ad)", {},
+        {"procedural",
+         "a.test#?#div:-abp-has(.ad)\na.test##div:has-text(Ad)",
+         {},
          SkipReason::kExtendedSyntax},
         {"scriptlet", "a.test##+js(set-constant, x, 1)", {}, SkipReason::kExtendedSyntax},
         {"style injection", "a.test##.ad { color: red }", {}, SkipReason::kExtendedSyntax},
@@ -147,8 +153,9 @@ TEST(FilterListParserTest, CountsCommentsRulesAndSkipsOfAWholeList) {
         kList);
     EXPECT_EQ(std::tie(list.lines, list.comments), std::make_tuple(7, 2));
     EXPECT_EQ(list.rulesByAction, (std::array<int64_t, 9>{0, 1, 1, 0, 0, 0, 1, 0, 0}));
-    EXPECT_EQ(list.skipped, (decltype(list.skipped){{std::string(SkipReason::kDuplicate), 1},
-                                                    {std::string(SkipReason::kUnsupportedOption), 1}}));
+    EXPECT_EQ(list.skipped,
+              (decltype(list.skipped){{std::string(SkipReason::kDuplicate), 1},
+                                      {std::string(SkipReason::kUnsupportedOption), 1}}));
 }
 
 TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
@@ -171,14 +178,30 @@ TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
 
 TEST(FilterListParserTest, KnowsWebKitsRegularExpressionSubset) {
     const std::vector<std::pair<const char*, bool>> cases = {
-        {".*", true},          {"^https?://a\\.test/", true}, {"([^:/]+\\.)?x[0-9a-f]+$", true},
-        {"a(b(c)?)*", true},   {"[]a]", false},               {"", false},
-        {"*a", false},         {"a**", false},                {"a+?", false},
-        {"a|b", false},        {"a{2}", false},               {"\\d", false},
-        {"\\1", false},        {"(?:a)", false},              {"a^", false},
-        {"a$b", false},        {"(a$)", false},               {"(a", false},
-        {"a)", false},         {"()", false},                 {"[a", false},
-        {"[[:alpha:]]", false}, {"caf\xc3\xa9", false},       {"a\\", false},
+        {".*", true},
+        {"^https?://a\\.test/", true},
+        {"([^:/]+\\.)?x[0-9a-f]+$", true},
+        {"a(b(c)?)*", true},
+        {"[]a]", false},
+        {"", false},
+        {"*a", false},
+        {"a**", false},
+        {"a+?", false},
+        {"a|b", false},
+        {"a{2}", false},
+        {"\\d", false},
+        {"\\1", false},
+        {"(?:a)", false},
+        {"a^", false},
+        {"a$b", false},
+        {"(a$)", false},
+        {"(a", false},
+        {"a)", false},
+        {"()", false},
+        {"[a", false},
+        {"[[:alpha:]]", false},
+        {"caf\xc3\xa9", false},
+        {"a\\", false},
     };
     for (const auto& [expression, accepted] : cases) {
         EXPECT_EQ(FilterListParser::isWebKitURLFilter(expression), accepted) << expression;
@@ -206,15 +229,16 @@ TEST(FilterListParserTest, WebKitAcceptsEveryRuleOfARepresentativeList) {
     ASSERT_GE(list.rules.size(), 20u);
     EXPECT_EQ(list.skippedCount(), 0) << list.skipped.begin()->first;
 
-    const std::string store =
-        (std::filesystem::temp_directory_path() / ("stonewall-import-" + std::to_string(::getpid())))
-            .string();
+    const std::string store = (std::filesystem::temp_directory_path() /
+                               ("stonewall-import-" + std::to_string(::getpid())))
+                                  .string();
     auto compile = [&](const std::vector<ProfileRule>& rules) {
         std::string json;
         ContentBlockerRuleListWriter writer(json);
         for (const ProfileRule& rule : rules) writer.add(rule.convertToSafariData2());
         writer.finish();
-        return platform::gnulinux::WebKitContentBlockerManager::compileRuleList(store, "import", json);
+        return platform::gnulinux::WebKitContentBlockerManager::compileRuleList(store, "import",
+                                                                                json);
     };
     if (const auto error = compile(list.rules)) {
         // Name the rules WebKit refuses, one by one.

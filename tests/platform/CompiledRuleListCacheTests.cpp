@@ -61,14 +61,13 @@ TEST_F(CompiledRuleListCacheTest, ListsCompiledBeforeAreServedWithoutCompiling) 
         size_t entries;  // kept afterwards, with at most 3
     };
     const std::vector<Step> steps = {
-        {"[a]", true, 1},   // first reload phase
-        {"[a]", false, 1},  // second phase
-        {"[off]", true, 2}, // blocking off
-        {"[a]", false, 2},  // and on again
-        {"[b]", true, 3},   // another profile
-        {"[c]", true, 3},   // a fourth list: the least recently used ("[off]") goes
-        {"[a]", false, 3},
-        {"[off]", true, 3}, // so it is compiled again
+        {"[a]", true, 1},    // first reload phase
+        {"[a]", false, 1},   // second phase
+        {"[off]", true, 2},  // blocking off
+        {"[a]", false, 2},   // and on again
+        {"[b]", true, 3},    // another profile
+        {"[c]", true, 3},    // a fourth list: the least recently used ("[off]") goes
+        {"[a]", false, 3},  {"[off]", true, 3},  // so it is compiled again
     };
     auto cache = makeCache({.entries = 3});
     for (size_t i = 0; i < steps.size(); ++i) {

@@ -36,7 +36,7 @@ std::vector<Rule> batch(const std::string& writer, int number) {
 }
 
 class ConcurrencyTest : public StorageTest {
-protected:
+  protected:
     // Both files exist before the writers start, as they do once the main
     // application has run; the parent's connections are closed so that no
     // child inherits one.
@@ -52,8 +52,7 @@ protected:
         EXPECT_EQ(profile.integer("SELECT COUNT(DISTINCT ruleID) FROM ProfileRules"), expected);
         EXPECT_EQ(profile.integer("SELECT COUNT(*) FROM ProfileRules"), expected);
         RawDatabase shared(sharedPath());
-        EXPECT_EQ(shared.integer("SELECT COUNT(DISTINCT ruleID) FROM SharedCustomRules"),
-                  expected);
+        EXPECT_EQ(shared.integer("SELECT COUNT(DISTINCT ruleID) FROM SharedCustomRules"), expected);
         EXPECT_EQ(shared.integer("SELECT COUNT(*) FROM SharedCustomRules"), expected);
     }
 };

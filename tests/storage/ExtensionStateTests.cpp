@@ -1,14 +1,12 @@
-#include "storage/ExtensionState.h"
-
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <csignal>
-
 #include <filesystem>
 #include <thread>
 
 #include "StorageTestSupport.h"
+#include "storage/ExtensionState.h"
 
 namespace stonewall {
 namespace {
@@ -18,7 +16,7 @@ using testing::StorageTest;
 using testing::writeBytes;
 
 class ExtensionStateTest : public StorageTest {
-protected:
+  protected:
     std::string statePath() const { return platform.rootPath() + "/config/Stonewall/.Data/state"; }
     FileHandler stateFolder() const {
         return FileHandler::initWithName(".Data", FileLocation::kApplicationSupport);
@@ -48,7 +46,8 @@ TEST_F(ExtensionStateTest, FirstRunSavesTheDefaultsForTheBrowserVersion) {
 TEST_F(ExtensionStateTest, ASavedStateWinsOverTheDefaultsAndMissingKeysAreFalse) {
     platform.host->setSafariServicesVersion(6);  // default counter: on
     const std::pair<Archive, const char*> cases[] = {
-        {{{"statusUpdated", true}, {"blockingCounter", false}}, "statusUpdated: 1, blockingCounter: 0"},
+        {{{"statusUpdated", true}, {"blockingCounter", false}},
+         "statusUpdated: 1, blockingCounter: 0"},
         {{{"somethingElse", true}}, "statusUpdated: 0, blockingCounter: 0"},
     };
     for (const auto& [saved, description] : cases) {
@@ -114,17 +113,23 @@ TEST_F(ExtensionStateTest, SafariVersionLevels) {
         bool expected;
     };
     const Case cases[] = {
-        {true, 5, 0, true},        {false, 5, 0, false},      {true, 5, 5, true},
-        {true, 5, 6, false},       {true, 5, 2, true},        {true, std::nullopt, 2, false},
-        {true, std::nullopt, 0, true}, {false, std::nullopt, 5, false}, {true, 5, -1, true},
+        {true, 5, 0, true},
+        {false, 5, 0, false},
+        {true, 5, 5, true},
+        {true, 5, 6, false},
+        {true, 5, 2, true},
+        {true, std::nullopt, 2, false},
+        {true, std::nullopt, 0, true},
+        {false, std::nullopt, 5, false},
+        {true, 5, -1, true},
         {true, -3, 1, false},
     };
     for (const auto& c : cases) {
         platform.host->setSafariServicesAvailable(c.available);
         platform.host->setSafariServicesVersion(c.version);
         EXPECT_EQ(ExtensionState::isSafariVersionAvailable(c.asked), c.expected)
-            << "available " << c.available << " version " << c.version.value_or(-100)
-            << " asked " << c.asked;
+            << "available " << c.available << " version " << c.version.value_or(-100) << " asked "
+            << c.asked;
     }
 }
 

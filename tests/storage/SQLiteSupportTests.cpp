@@ -1,8 +1,8 @@
-#include "storage/SQLiteSupport.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
+
+#include "storage/SQLiteSupport.h"
 
 namespace stonewall::storage_detail {
 namespace {
@@ -11,27 +11,29 @@ TEST(SQLiteSupportTest, UTF8Validation) {
     const std::pair<std::string, bool> cases[] = {
         {"", true},
         {"plain ascii, long enough to take the eight-byte path", true},
-        {"caf\xC3\xA9", true},                       // é
-        {"\xE2\x82\xAC", true},                      // €
-        {"\xF0\x9F\x98\x80", true},                  // 😀
-        {"\xF4\x8F\xBF\xBF", true},                  // U+10FFFF
-        {"\xEF\xBF\xBF", true},                      // U+FFFF
-        {std::string("a\0b", 3), true},              // NUL is a character
-        {"\x80", false},                             // lone continuation
-        {"\xC3", false},                             // cut short
-        {"abcdefgh\xC3", false},                     // cut short after the fast path
-        {"\xC3\x28", false},                         // bad continuation
-        {"\xC0\xAF", false},                         // overlong "/"
-        {"\xC1\xBF", false},                         // overlong
-        {"\xE0\x80\xAF", false},                     // overlong three-byte
-        {"\xF0\x80\x80\xAF", false},                 // overlong four-byte
-        {"\xED\xA0\x80", false},                     // surrogate U+D800
-        {"\xED\xBF\xBF", false},                     // surrogate U+DFFF
-        {"\xF4\x90\x80\x80", false},                 // above U+10FFFF
+        {"caf\xC3\xA9", true},           // é
+        {"\xE2\x82\xAC", true},          // €
+        {"\xF0\x9F\x98\x80", true},      // 😀
+        {"\xF4\x8F\xBF\xBF", true},      // U+10FFFF
+        {"\xEF\xBF\xBF", true},          // U+FFFF
+        {std::string("a\0b", 3), true},  // NUL is a character
+        {"\x80", false},                 // lone continuation
+        {"\xC3", false},                 // cut short
+        {"abcdefgh\xC3", false},         // cut short after the fast path
+        {"\xC3\x28", false},             // bad continuation
+        {"\xC0\xAF", false},             // overlong "/"
+        {"\xC1\xBF", false},             // overlong
+        {"\xE0\x80\xAF", false},         // overlong three-byte
+        {"\xF0\x80\x80\xAF", false},     // overlong four-byte
+        {"\xED\xA0\x80", false},         // surrogate U+D800
+        {"\xED\xBF\xBF", false},         // surrogate U+DFFF
+        {"\xF4\x90\x80\x80", false},     // above U+10FFFF
         {"\xF5\x80\x80\x80", false},
         {"\xFF", false},
         {"\xE2\x82", false},
-        {"0123456789abcdef\xE2\x82\xAC" "0123456789abcdef", true},
+        {"0123456789abcdef\xE2\x82\xAC"
+         "0123456789abcdef",
+         true},
     };
     for (const auto& [bytes, valid] : cases) {
         EXPECT_EQ(isValidUTF8(bytes), valid) << ::testing::PrintToString(bytes);

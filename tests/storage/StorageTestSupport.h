@@ -25,7 +25,7 @@ namespace stonewall::testing {
 // A direct connection to a database file, for setting up and checking rows
 // without going through the code under test.
 class RawDatabase {
-public:
+  public:
     explicit RawDatabase(const std::string& path) {
         if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
             ADD_FAILURE() << "cannot open " << path;
@@ -59,12 +59,12 @@ public:
     }
 
     bool hasTable(const std::string& table) {
-        return integer("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND name='" +
-                       table + "'")
+        return integer("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND name='" + table +
+                       "'")
                    .value_or(0) == 1;
     }
 
-private:
+  private:
     sqlite3* database_ = nullptr;
 };
 
@@ -104,7 +104,7 @@ inline int runInChild(const std::function<int()>& body) {
 // Every storage test runs over its own temporary container, with no process
 // instance left over from another test.
 class StorageTest : public ::testing::Test {
-protected:
+  protected:
     StorageTest() {
         SharedDatabase::resetSharedInstanceForTesting();
         ExtensionState::resetSharedInstanceForTesting();

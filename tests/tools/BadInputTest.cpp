@@ -30,13 +30,16 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         {"nodata", "{\"status\": 1}"},
         {"eight", "[[\"\", \"div\", \"d\", \"\", \"\", \"\", \"\", \"\"]]"},
         {"object", "[{\"tag\": \"div\"}]"},
-        {"number", R"([["", "div", "d", "", "", "", "", "", ""], ["", "img", "i", 42, "", "", "", "", ""]])"},
+        {"number",
+         R"([["", "div", "d", "", "", "", "", "", ""], ["", "img", "i", 42, "", "", "", "", ""]])"},
         {"badjson", "[{\"action\": }]"},
         {"badutf8", "[\"\xff\"]"},
         {"toplevel", "{\"action\": {}}"},
         {"rules", R"([{"trigger":{"url-filter":".*"},"action":{"type":"block"}}])"},
         {"hosts", "127.0.0.1 localhost\n0.0.0.0 ads.test\n0.0.0.0 b.test\n"},
-        {"binary", std::string("\x7f" "ELF\0\0\x01", 7)},
+        {"binary", std::string("\x7f"
+                               "ELF\0\0\x01",
+                               7)},
         {"comments", "! nothing but comments\n"},
         {"nothing", "||x.test^$redirect=noop.js\n/(a|b)/\n"},
         {"list", "||a.test^\n"},
@@ -50,7 +53,8 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         std::string message;  // the start of the line after "stonewall: "
     };
     const std::vector<Case> cases = {
-        {{"block", "example.com"}, 2,
+        {{"block", "example.com"},
+         2,
          "URL \"example.com\": has no host (give a full URL such as https://example.com/)"},
         {{"secure", "file:///etc/hosts"}, 2, "URL \"file:///etc/hosts\": has no host"},
         {{"allow", ""}, 2, "URL \"\": has no host"},
@@ -63,35 +67,44 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         {{"block", "https://a)b.example/"}, 2, "URL \"https://a)b.example/\": has no valid host"},
         {{"secure", "https://a$b.example/"}, 2, "URL \"https://a$b.example/\": has no valid host"},
         {{"allow", "https://a%00b.example/"}, 2, "URL \"https://a%00b.example/\": has no valid"},
-        {{"block", "https://a.example,b.example/"}, 2,
+        {{"block", "https://a.example,b.example/"},
+         2,
          "URL \"https://a.example,b.example/\": has no valid host name"},
-        {{"block", "https://host.example/\xff"}, 2,
+        {{"block", "https://host.example/\xff"},
+         2,
          "URL \"https://host.example/\\xff\": is not valid UTF-8"},
-        {{"pick", "--page", page, "@quantifier"}, 2,
+        {{"pick", "--page", page, "@quantifier"},
+         2,
          "@quantifier: element 0: its source holds a character a rule cannot match exactly"},
         {{"pick", "--page", page, "@backslash"}, 2, "@backslash: element 0: its source holds"},
-        {{"pick", "--page", page, "@huge"}, 2,
+        {{"pick", "--page", page, "@huge"},
+         2,
          "@huge: element 0: its source is longer than 8192 bytes"},
         {{"pick", "--page", "about:blank", "@nine"}, 2, "URL \"about:blank\": has no host"},
-        {{"pick", "--page", page, "missing.json"}, 2,
+        {{"pick", "--page", page, "missing.json"},
+         2,
          "missing.json: cannot be read: No such file or directory"},
         {{"pick", "--page", page, "."}, 2, ".: cannot be read: it is a directory"},
         {{"pick", "--page", page, "@cut"}, 2, "@cut: not JSON: parse error at line 1, column 7"},
-        {{"pick", "--page", page, "@string"}, 2,
+        {{"pick", "--page", page, "@string"},
+         2,
          "@string: not a JSON array of elements (it is a string)"},
         {{"pick", "--page", page, "@empty"}, 2, "@empty: holds no elements"},
         {{"pick", "--page", page, "@nodata"}, 2, "@nodata: an object without \"data\""},
         {{"pick", "--page", page, "@eight"}, 2, "@eight: element 0: expected 9 strings, found 8"},
-        {{"pick", "--page", page, "@object"}, 2,
+        {{"pick", "--page", page, "@object"},
+         2,
          "@object: element 0: expected an array of 9 strings, found an object"},
-        {{"pick", "--page", page, "@number"}, 2,
+        {{"pick", "--page", page, "@number"},
+         2,
          "@number: element 1, field 3: expected a string, found a number"},
         {{"validate", "@deep"}, 2, "@deep: nested deeper than 100 levels"},
         {{"validate", "missing.json"}, 2, "missing.json: cannot be read"},
         {{"validate", "@badjson"}, 2, "@badjson: not JSON: parse error at line 1, column 13"},
         {{"validate", "@badutf8"}, 2, "@badutf8: not JSON: "},
         {{"validate", "@toplevel"}, 2, "@toplevel: not a JSON array (it is an object)"},
-        {{"profile", "activate", "nosuch"}, 2,
+        {{"profile", "activate", "nosuch"},
+         2,
          "profile \"nosuch\": unknown profile identifier (known: defaultProfile"},
         {{"compile", "--profile", "../../etc"}, 2, "profile \"../../etc\": unknown profile"},
         {{"compile", "--profile", ""}, 2, "profile \"\": unknown profile identifier"},
@@ -110,7 +123,8 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         {{"profile", "import", "work", "@hosts"}, 2, "@hosts: is a hosts file"},
         {{"profile", "import", "work", "@binary"}, 2, "@binary: is not a text file"},
         {{"profile", "import", "work", "@comments"}, 2, "@comments: holds no filter rules"},
-        {{"profile", "import", "work", "@nothing"}, 2,
+        {{"profile", "import", "work", "@nothing"},
+         2,
          "@nothing: no line could be imported (2 skipped)"},
         {{"open-url", "stonewall://nowhere"}, 2, "URL \"stonewall://nowhere\": is not one of"},
         {{"status", "maybe"}, 1, "usage: "},
@@ -145,8 +159,9 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
     runJSON({"profile", "remove", "defaultProfile"});
     const RunResult last = run({"profile", "remove", "work"});
     EXPECT_EQ(last.exitCode, 2);
-    EXPECT_EQ(last.err, "stonewall: profile \"work\": is the active profile (activate another "
-                        "one first)\n");
+    EXPECT_EQ(last.err,
+              "stonewall: profile \"work\": is the active profile (activate another "
+              "one first)\n");
 }
 
 TEST_F(BadInputTest, AContainerOrResourcesThatCannotBeUsedAreAStorageError) {
@@ -155,8 +170,8 @@ TEST_F(BadInputTest, AContainerOrResourcesThatCannotBeUsedAreAStorageError) {
     const fs::path beneath = scratch("plain-file") / "container";
     const std::pair<fs::path, std::string> cases[] = {
         {beneath, "container " + beneath.string() + ": cannot be created: Not a directory"},
-        {scratch("plain-file"), "container " + scratch("plain-file").string() +
-                                        ": not a directory"},
+        {scratch("plain-file"),
+         "container " + scratch("plain-file").string() + ": not a directory"},
     };
     for (const auto& [path, message] : cases) {
         for (const char* command : {"compile", "info", "status"}) {

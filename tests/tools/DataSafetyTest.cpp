@@ -60,9 +60,9 @@ class DataSafetyTest : public ToolTest {
     }
     std::set<std::string> listed(int action) {
         std::set<std::string> hosts;
-        for (const Row& row : sqlQuery(profileDatabase(),
-                                       "SELECT domains FROM ProfileRules WHERE action = " +
-                                           std::to_string(action))) {
+        for (const Row& row :
+             sqlQuery(profileDatabase(), "SELECT domains FROM ProfileRules WHERE action = " +
+                                             std::to_string(action))) {
             if (!row[0]) continue;
             std::string domains = *row[0];
             for (size_t start = 0, comma = 0; comma != std::string::npos; start = comma + 1) {
@@ -168,7 +168,7 @@ TEST_F(DataSafetyTest, DamagedOrMisplacedFilesAreMovedAsideNeverDeleted) {
     struct Case {
         const char* name;
         bool ruleList;  // the rule file, else the profile database
-        bool folder;  // a folder with a file in it, instead of damage
+        bool folder;    // a folder with a file in it, instead of damage
         size_t offset;
     };
     const Case cases[] = {
@@ -220,8 +220,8 @@ TEST_F(DataSafetyTest, RowsStillReadableAreRecoveredFromADamagedDatabase) {
     // An unreadable index: the table's own rows stay readable, the file
     // fails SQLite's check.
     sqlExec(profileDatabase(), "CREATE INDEX byFilter ON ProfileRules(action, filter)");
-    const auto pages = sqlQuery(profileDatabase(),
-                                "SELECT rootpage FROM sqlite_master WHERE name = 'byFilter'");
+    const auto pages =
+        sqlQuery(profileDatabase(), "SELECT rootpage FROM sqlite_master WHERE name = 'byFilter'");
     ASSERT_EQ(pages.size(), 1u);
     const size_t page = std::stoul(*pages[0][0]);
     std::string bytes = readFile(profileDatabase());
@@ -257,9 +257,9 @@ TEST_F(DataSafetyTest, UnusableProfileIdentifiersCanAlwaysBeRepaired) {
     for (const char* planted : {"..", ".", "a\\b"}) {
         SCOPED_TRACE(planted);
         createContainer();
-        sqlExec(sharedDatabase(),
-                std::string("UPDATE SharedData SET activeProfileID = ") + sqlText(planted) +
-                    ", profileIDs = 'defaultProfile,' || " + sqlText(planted));
+        sqlExec(sharedDatabase(), std::string("UPDATE SharedData SET activeProfileID = ") +
+                                      sqlText(planted) + ", profileIDs = 'defaultProfile,' || " +
+                                      sqlText(planted));
         const RunResult list = run({"profile", "list"});
         EXPECT_EQ(list.exitCode, 0) << list.err;
         EXPECT_NE(list.out.find("Ignored the unusable profile identifier"), std::string::npos);
@@ -288,7 +288,10 @@ TEST(TableOutputTest, ControlCharactersFromOutsideAreEscaped) {
         {"one\nstonewall: fake", "one\\nstonewall: fake"},
         {"tab\tand\rreturn", "tab\\tand\\rreturn"},
         {std::string("nul\0del\x7f", 8), "nul\\x00del\\x7f"},
-        {"b\xc3\xbc" "cher", "b\xc3\xbc" "cher"},
+        {"b\xc3\xbc"
+         "cher",
+         "b\xc3\xbc"
+         "cher"},
     };
     for (const auto& [text, shown] : cases) EXPECT_EQ(withoutControls(text), shown) << shown;
 }

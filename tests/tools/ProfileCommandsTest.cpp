@@ -38,8 +38,8 @@ TEST_F(ProfileCommandsTest, SwitchingStoresAndReloadsWithoutRewritingTheRuleFile
         const char* stored;
         int defaultsValue;  // what the content blocker reads on its next load
     };
-    for (const Step& step : {Step{"off", true, "0", 2}, Step{"off", false, "0", 2},
-                             Step{"on", true, "1", 1}}) {
+    for (const Step& step :
+         {Step{"off", true, "0", 2}, Step{"off", false, "0", 2}, Step{"on", true, "1", 1}}) {
         SCOPED_TRACE(step.state);
         const auto before = snapshotFiles(container());
         const json report = runJSON({"status", step.state});
@@ -63,8 +63,9 @@ TEST_F(ProfileCommandsTest, SwitchingStoresAndReloadsWithoutRewritingTheRuleFile
 TEST_F(ProfileCommandsTest, ActivateSwitchesCompilesAndReloadsTheNewProfile) {
     createContainer();
     addWorkProfile();
-    EXPECT_EQ(runOK({"profile", "list"}), "* defaultProfile  Default Profile\n"
-                                          "  work            Work\n");
+    EXPECT_EQ(runOK({"profile", "list"}),
+              "* defaultProfile  Default Profile\n"
+              "  work            Work\n");
     runJSON({"compile", "--profile", "work", "--no-reload"});
     addProfileRule("work", 1, 1, std::nullopt, "work-ads\\.example\\.com");
     const json report = runJSON({"profile", "activate", "work"});
@@ -100,8 +101,8 @@ TEST_F(ProfileCommandsTest, AProfileFromAFilterListThenBlockAndUnblock) {
          {std::pair{"block", 2}, {"hide", 2}, {"block cookies", 1}, {"exception", 1}}) {
         EXPECT_EQ(imported["rulesByKind"][kind], count) << kind;
     }
-    EXPECT_EQ(imported["skipped"], (json{{"extended CSS, scriptlet or HTML filter", 1},
-                                         {"unsupported option", 1}}));
+    EXPECT_EQ(imported["skipped"],
+              (json{{"extended CSS, scriptlet or HTML filter", 1}, {"unsupported option", 1}}));
     EXPECT_EQ(runJSON({"profile", "import", work, scratch("list.txt").string()})["added"], 0);
     const json activated = runJSON({"profile", "activate", work});
     EXPECT_EQ(activated["reload"], "done");

@@ -10,8 +10,9 @@ using nlohmann::json;
 class WebsiteCommandsTest : public ToolTest {
   protected:
     std::vector<Row> listRows(int action) {
-        return sqlQuery(profileDatabase(), "SELECT ruleID, domains FROM ProfileRules WHERE action=" +
-                                               std::to_string(action));
+        return sqlQuery(
+            profileDatabase(),
+            "SELECT ruleID, domains FROM ProfileRules WHERE action=" + std::to_string(action));
     }
     json check(const std::string& url) { return runJSON({"check", url}); }
 };
@@ -22,8 +23,8 @@ TEST_F(WebsiteCommandsTest, EachListTakesTheHostOnlyOnceAndReloads) {
         int action;
         const char* actionType;  // in the compiled list
     };
-    const List lists[] = {{"block", 5, "block"}, {"secure", 7, "make-https"},
-                          {"allow", 3, "ignore-previous-rules"}};
+    const List lists[] = {
+        {"block", 5, "block"}, {"secure", 7, "make-https"}, {"allow", 3, "ignore-previous-rules"}};
     for (const List& list : lists) {
         SCOPED_TRACE(list.command);
         const std::string undo = std::string("un") + list.command;
@@ -32,7 +33,8 @@ TEST_F(WebsiteCommandsTest, EachListTakesTheHostOnlyOnceAndReloads) {
         EXPECT_EQ(report["host"], "news.example.org");
         EXPECT_EQ(report["changed"], true);
         EXPECT_EQ(report["reload"], "done");
-        const auto rows = sqlQuery(sharedDatabase(), "SELECT action, domains FROM SharedCustomRules");
+        const auto rows =
+            sqlQuery(sharedDatabase(), "SELECT action, domains FROM SharedCustomRules");
         ASSERT_EQ(rows.size(), 1u);
         EXPECT_EQ(rows[0], (Row{std::to_string(list.action), "news.example.org"}));
         const json rules = ruleList();
@@ -82,8 +84,10 @@ TEST_F(WebsiteCommandsTest, TidyMergesListRulesAndTheEngineThenMergesIntoTheOne)
     createContainer();
     // As the engine leaves a list while its status is -1: one rule per host.
     for (const char* domains : {"one.test", "two.test,one.test", "three.test"}) {
-        sqlExec(profileDatabase(), "INSERT INTO ProfileRules VALUES ('5b0d32f4c8',4,5,NULL,'.*',"
-                                   "NULL,NULL,1,'" + std::string(domains) + "',0)");
+        sqlExec(profileDatabase(),
+                "INSERT INTO ProfileRules VALUES ('5b0d32f4c8',4,5,NULL,'.*',"
+                "NULL,NULL,1,'" +
+                    std::string(domains) + "',0)");
     }
     EXPECT_EQ(check("https://two.test/")["block"], false);  // only the first rule is read
 
