@@ -285,8 +285,8 @@ TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
     EXPECT_EQ(database->getProfileRulesCount(), 1);
 }
 
-// A container that is a file, is gone, vanishes while open, or a closed
-// database: calls give empty results and nothing stops the process.
+// A container that vanishes while open, or a closed database: calls give
+// empty results and nothing stops the process.
 TEST_F(ProfileDatabaseTest, UnusableStorageGivesEmptyResults) {
     auto database = open();
     database->addProfileRules({makeRule("a", 1, 1, "f")});
@@ -298,17 +298,6 @@ TEST_F(ProfileDatabaseTest, UnusableStorageGivesEmptyResults) {
     EXPECT_TRUE(database->getProfileRulesByAction(1).empty());
     EXPECT_FALSE(database->beginTransactionProfilesDatabase());
     EXPECT_EQ(open()->getProfileRulesCount(), 0);  // made again from the template
-
-    const std::string file = platform.rootPath() + "/not-a-folder";
-    writeBytes(file, "x");
-    for (const std::optional<std::string>& container :
-         {std::optional(file), std::optional<std::string>()}) {
-        platform.host->setContainerPath(std::string(kApplicationGroup), container);
-        auto unusable = open();
-        unusable->addProfileRules({makeRule("a", 1, 1, "f")});
-        EXPECT_TRUE(unusable->getProfileRulesByQueryType(1).empty());
-        EXPECT_EQ(unusable->getProfileRulesCount(), 0);
-    }
 }
 
 }  // namespace

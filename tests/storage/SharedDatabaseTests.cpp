@@ -320,24 +320,30 @@ TEST_F(SharedDatabaseTest, ReconnectRepairsAndCloseReleasesEveryConnection) {
     EXPECT_LE(sqlite3_memory_used(), baseline);
 }
 
+// A container that is a file, or none at all: calls of either database give
+// empty results and nothing stops the process.
 TEST_F(SharedDatabaseTest, UnusableContainerGivesEmptyResults) {
     const std::string file = platform.rootPath() + "/not-a-folder";
     writeBytes(file, "x");
-    platform.host->setContainerPath(std::string(kApplicationGroup), file);
-    auto& shared = database();
-    EXPECT_EQ(shared.getSharedData(), std::nullopt);
-    EXPECT_FALSE(shared.verifySharedData());
-    shared.addSharedDataDetails(SharedData());
-    shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
-    shared.updateSharedDataDetails(SharedData());
-    shared.removeSharedCustomRulesDetails();
-    EXPECT_TRUE(shared.getSharedCustomRules().empty());
-    shared.reconnectDatabase();
-    EXPECT_EQ(shared.getSharedData(), std::nullopt);
-
-    SharedDatabase::resetSharedInstanceForTesting();
-    platform.host->setContainerPath(std::string(kApplicationGroup), std::nullopt);
-    EXPECT_EQ(database().getSharedData(), std::nullopt);
+    for (const auto& container : {std::optional(file), std::optional<std::string>()}) {
+        SCOPED_TRACE(container.value_or("no container"));
+        SharedDatabase::resetSharedInstanceForTesting();
+        platform.host->setContainerPath(std::string(kApplicationGroup), container);
+        auto& shared = database();
+        EXPECT_EQ(shared.getSharedData(), std::nullopt);
+        EXPECT_FALSE(shared.verifySharedData());
+        shared.addSharedDataDetails(SharedData());
+        shared.addSharedCustomRulesDetails({makeCustomRule("a", 1)});
+        shared.updateSharedDataDetails(SharedData());
+        shared.removeSharedCustomRulesDetails();
+        EXPECT_TRUE(shared.getSharedCustomRules().empty());
+        shared.reconnectDatabase();
+        EXPECT_EQ(shared.getSharedData(), std::nullopt);
+        auto profile = ProfileDatabase::initWithBlockerProfileID("p1");
+        profile->addProfileRules({ProfileRule{}});
+        EXPECT_TRUE(profile->getProfileRulesByQueryType(1).empty());
+        EXPECT_EQ(profile->getProfileRulesCount(), 0);
+    }
     EXPECT_TRUE(database().dataPath().empty());
 }
 
