@@ -168,9 +168,10 @@ TEST_F(SharedDatabaseTest, DamagedFilesOfEitherDatabaseAreReplacedButLockedOnesK
             damage(db);
             EXPECT_EQ(db.rows(), 0);
             EXPECT_FALSE(RawDatabase(db.path).hasTable("Other"));
+            db.add(1);  // the fresh file takes rows
+            EXPECT_EQ(db.rows(), 1);
         }
         SCOPED_TRACE(db.path + ": locked");
-        db.add(1);
         storage_detail::setBusyTimeoutForTesting(50);
         {
             RawDatabase other(db.path);
