@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -262,6 +263,10 @@ class CompanionController {
 
     // Exact membership: a plain entry of the list equal to the host.
     [[nodiscard]] bool checkWebsiteExists(const NullableString& host, int64_t action) const;
+    // The same for several lists, one answer per action, from one read of
+    // the profile.
+    [[nodiscard]] std::vector<bool> checkWebsiteExists(const NullableString& host,
+                                                       std::span<const int64_t> actions) const;
     // Membership with "*" entries as reversed-label prefixes. The first
     // argument is unused.
     [[nodiscard]] bool checkDomainInWebsiteList(const NullableString& website,

@@ -166,15 +166,35 @@ void CompanionController::updateWebsitesStatusShared(int64_t action) {
 
 // --- Membership -------------------------------------------------------------------------
 
+namespace {
+
+// Only the first rule of an action is its list; pattern entries never count.
+bool listRuleHolds(const ProfileRule& listRule, const std::string& host) {
+    if (!listRule.domains) return false;
+    for (const std::string& entry :
+         engine_detail::componentsSeparatedByString(*listRule.domains, ",")) {
+        if (!startsWith(entry, "*") && entry == host) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 bool CompanionController::checkWebsiteExists(const NullableString& host, int64_t action) const {
     if (!host || !activeDatabase_) return false;
     const std::vector<ProfileRule> rules = activeDatabase_->getProfileRulesByAction(action);
-    if (rules.empty() || !rules.front().domains) return false;
-    for (const std::string& entry :
-         engine_detail::componentsSeparatedByString(*rules.front().domains, ",")) {
-        if (!startsWith(entry, "*") && entry == *host) return true;
+    return !rules.empty() && listRuleHolds(rules.front(), *host);
+}
+
+std::vector<bool> CompanionController::checkWebsiteExists(const NullableString& host,
+                                                          std::span<const int64_t> actions) const {
+    std::vector<bool> exists(actions.size(), false);
+    if (!host || !activeDatabase_) return exists;
+    const auto listRules = activeDatabase_->getFirstProfileRulesByActions(actions);
+    for (size_t i = 0; i < actions.size(); ++i) {
+        exists[i] = listRules[i] && listRuleHolds(*listRules[i], *host);
     }
-    return false;
+    return exists;
 }
 
 bool CompanionController::checkDomainInWebsiteList(const NullableString& /*website*/,

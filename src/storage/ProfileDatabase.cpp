@@ -21,6 +21,10 @@ constexpr char kProfileRulesTable[] = "ProfileRules";
 constexpr char kSelectByActionSql[] = "SELECT * FROM ProfileRules WHERE action=? ORDER BY filter";
 constexpr char kSelectByActionAndTypeSql[] =
     "SELECT * FROM ProfileRules WHERE action=? AND blocker=?";
+// ORDER BY action, filter keeps, within each action, the order of
+// kSelectByActionSql; the IN list gets one "?" per action asked for.
+constexpr char kSelectFirstByActionsSqlHead[] = "SELECT * FROM ProfileRules WHERE action IN (";
+constexpr char kSelectFirstByActionsSqlTail[] = ") ORDER BY action, filter";
 constexpr char kCountSql[] = "SELECT COUNT(*) FROM ProfileRules";
 constexpr char kInsertSql[] = "INSERT INTO ProfileRules VALUES (?,?,?,?,?,?,?,?,?,?)";
 constexpr char kUpdateSql[] =
@@ -223,6 +227,33 @@ int64_t ProfileDatabase::getProfileRulesCount() {
         count = sqlite3_column_int64(statement.get(), 0);
     }
     return count;
+}
+
+std::vector<std::optional<ProfileRule>> ProfileDatabase::getFirstProfileRulesByActions(
+    std::span<const int64_t> actions) {
+    std::vector<std::optional<ProfileRule>> firsts(actions.size());
+    if (actions.empty()) return firsts;
+    std::string sql = kSelectFirstByActionsSqlHead;
+    for (size_t i = 0; i < actions.size(); ++i) sql.append(i == 0 ? "?" : ",?");
+    sql.append(kSelectFirstByActionsSqlTail);
+    const Statement statement = prepareStatement(profilesDatabase_, sql.c_str(), kLog);
+    if (!statement) return firsts;
+    for (size_t i = 0; i < actions.size(); ++i) {
+        bindInt(statement.get(), static_cast<int>(i + 1), actions[i]);
+    }
+    // Actions are stored and bound as 32-bit values, so a row matches an
+    // action by its 32-bit value too.
+    size_t missing = actions.size();
+    while (missing > 0 && sqlite3_step(statement.get()) == SQLITE_ROW) {
+        const int64_t action = columnInt(statement.get(), 2);
+        for (size_t i = 0; i < actions.size(); ++i) {
+            if (!firsts[i] && static_cast<int32_t>(actions[i]) == action) {
+                firsts[i] = getProfileRuleFromStatement(statement.get());
+                --missing;
+            }
+        }
+    }
+    return firsts;
 }
 
 bool ProfileDatabase::forEachProfileRuleByAction(

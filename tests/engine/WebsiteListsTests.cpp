@@ -18,7 +18,13 @@ class WebsiteListsTest : public EngineTest {
         first.domains = list;
         ProfileRule second = makeRule(5, "~later", BlockerCode::kCustom, "second");
         second.domains = "second.com";
-        openProfile("sites")->addProfileRules({second, first});
+        // Secure list: two rules with the same filter; the one stored first
+        // is the list.
+        ProfileRule secure = makeRule(7, ".*", BlockerCode::kCustom, "secure");
+        secure.domains = "exact.org";
+        ProfileRule secureTwin = makeRule(7, ".*", BlockerCode::kCustom, "secureTwin");
+        secureTwin.domains = "www.example.com";
+        openProfile("sites")->addProfileRules({second, first, secure, secureTwin});
         return std::make_unique<CompanionController>();
     }
 };
@@ -45,16 +51,24 @@ TEST_F(WebsiteListsTest, ExactMembershipAgainstPatternMembership) {
         // a string with the pattern's prefix.
         {"*.example.com", false, true},
     };
+    constexpr int64_t kLists[] = {5, 7, 3};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.host);
         EXPECT_EQ(controller->checkWebsiteExists(std::string(c.host), 5), c.exists);
+        // All lists from one read answer as each list on its own does.
+        const std::vector<bool> each = {controller->checkWebsiteExists(std::string(c.host), 5),
+                                        controller->checkWebsiteExists(std::string(c.host), 7),
+                                        controller->checkWebsiteExists(std::string(c.host), 3)};
+        EXPECT_EQ(controller->checkWebsiteExists(std::string(c.host), kLists), each);
         EXPECT_EQ(controller->checkDomainInWebsiteList(std::nullopt, std::string(c.host), 5),
                   c.inList);
     }
     EXPECT_FALSE(controller->checkWebsiteExists(std::nullopt, 5));
     EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::nullopt, 5));
-    EXPECT_FALSE(controller->checkWebsiteExists(std::string("exact.org"), 7));
-    EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::string("exact.org"), 7));
+    EXPECT_TRUE(controller->checkWebsiteExists(std::string("exact.org"), 7));
+    EXPECT_FALSE(controller->checkWebsiteExists(std::string("exact.org"), 3));
+    EXPECT_EQ(controller->checkWebsiteExists(std::nullopt, kLists), std::vector<bool>(3, false));
+    EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::string("exact.org"), 3));
 }
 
 TEST_F(WebsiteListsTest, StatusReadsItsPositionAsAnInteger) {

@@ -1,6 +1,9 @@
 // block, secure, allow and check: the popover's website view.
 
 #include <algorithm>
+#include <array>
+#include <iterator>
+#include <vector>
 
 #include "ApplicationCommands.h"
 #include "CommandSupport.h"
@@ -85,9 +88,12 @@ void runCheck(const CommonOptions& common, const std::string& url, Report& repor
     const NullableString& active = engine->sharedData()->activeProfileID;
     report.add("host", "host", host);
     report.add("profile", active ? Json(*active) : Json(nullptr), "profile", textOrNull(active));
-    for (const WebsiteListNames& info : kWebsiteLists) {
-        const bool listed = engine->checkWebsiteExists(host, info.action);
-        report.add(info.name, listed, info.name, yesNo(listed));
+    std::array<int64_t, std::size(kWebsiteLists)> actions{};
+    for (size_t i = 0; i < actions.size(); ++i) actions[i] = kWebsiteLists[i].action;
+    const std::vector<bool> listed = engine->checkWebsiteExists(host, actions);
+    for (size_t i = 0; i < actions.size(); ++i) {
+        report.add(kWebsiteLists[i].name, static_cast<bool>(listed[i]), kWebsiteLists[i].name,
+                   yesNo(listed[i]));
     }
 }
 
