@@ -104,18 +104,21 @@ bool hasColumn(sqlite3_stmt* statement, int column) {
 }  // namespace
 
 void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out) {
-    if (!hasColumn(statement, column) || sqlite3_column_type(statement, column) == SQLITE_NULL) {
+    if (!hasColumn(statement, column)) {
+        out.reset();
+        return;
+    }
+    // No sqlite3_column_type first: the text call answers null for SQL NULL
+    // as for a failed conversion, both read as absent, and every call takes
+    // the connection's mutex (the compiler makes sixty of them per row).
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    if (!text) {
         out.reset();
         return;
     }
     // sqlite3_column_bytes must follow sqlite3_column_text: the text call may
     // convert the value, and the length is that of the converted text.
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
     const int length = sqlite3_column_bytes(statement, column);
-    if (!text) {  // out of memory while converting
-        out.reset();
-        return;
-    }
     const std::string_view bytes(text, static_cast<size_t>(length));
     if (!isValidUTF8(bytes)) {
         out.reset();
