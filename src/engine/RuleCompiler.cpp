@@ -108,9 +108,12 @@ class PipelinedRuleListBuilder {
     // Only stops the helper (when the reading side failed before finish).
     ~PipelinedRuleListBuilder() { stopWorker(); }
 
-    // On the reading thread.
-    void add(const ProfileRule& rule) {
-        filling_[filled_++] = rule;  // assignment reuses the strings' buffers
+    // On the reading thread. The row's strings move into the batch, and the
+    // reader gets the slot's old strings back to fill with the next row:
+    // once the batches have gone round, a row costs no allocation and no
+    // copy beyond SQLite's.
+    void add(ProfileRule& rule) {
+        std::swap(filling_[filled_++], rule);
         if (filled_ == kBatchSize) submit();
     }
 
@@ -225,23 +228,29 @@ std::optional<size_t> compileInto(ProfileDatabase* database, ContentBlockerRuleL
                                   CompileReport* report) {
     if (!database) return 0;
     PipelinedRuleListBuilder pipeline(writer);
-    for (int64_t action : kCompileOrder) {
-        int64_t read = 0;
-        const bool complete =
-            database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
-                ++read;
-                pipeline.add(rule);
-            });
-        if (report) report->rulesReadByAction[static_cast<size_t>(action)] = read;
-        if (!complete) {
-            if (report) {
-                report->failure =
-                    database->lastReadFailure() == ProfileDatabase::ReadFailure::Locked
-                        ? CompileReport::Failure::DatabaseBusy
-                        : CompileReport::Failure::DatabaseUnreadable;
+    bool readAll = true;
+    database->readAlone([&] {
+        for (int64_t action : kCompileOrder) {
+            int64_t read = 0;
+            const bool complete =
+                database->forEachProfileRuleByAction(action, [&](ProfileRule& rule) {
+                    ++read;
+                    pipeline.add(rule);
+                });
+            if (report) report->rulesReadByAction[static_cast<size_t>(action)] = read;
+            if (!complete) {
+                readAll = false;
+                return;
             }
-            return std::nullopt;
         }
+    });
+    if (!readAll) {
+        if (report) {
+            report->failure = database->lastReadFailure() == ProfileDatabase::ReadFailure::Locked
+                                  ? CompileReport::Failure::DatabaseBusy
+                                  : CompileReport::Failure::DatabaseUnreadable;
+        }
+        return std::nullopt;
     }
     const bool complete = pipeline.finish();
     if (report) {

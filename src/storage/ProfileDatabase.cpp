@@ -256,12 +256,42 @@ std::vector<std::optional<ProfileRule>> ProfileDatabase::getFirstProfileRulesByA
     return firsts;
 }
 
+void ProfileDatabase::readAlone(const std::function<void()>& read) {
+    sqlite3* alone = nullptr;
+    // Read-write without create, as the usual connection: a hot journal
+    // left by a crashed writer must be rolled back, not refused.
+    if (usable_ && profilesDatabase_ && !aloneDatabase_ &&
+        sqlite3_open_v2(profilesDataPath_.c_str(), &alone,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) == SQLITE_OK) {
+        configureConnection(alone);
+        aloneDatabase_ = alone;
+        aloneThread_ = std::this_thread::get_id();
+    } else if (alone) {
+        sqlite3_close_v2(alone);
+        alone = nullptr;
+    }
+    struct Closer {
+        ProfileDatabase& database;
+        sqlite3* connection;
+        ~Closer() {
+            if (!connection) return;
+            database.aloneDatabase_ = nullptr;
+            database.aloneThread_ = {};
+            sqlite3_close_v2(connection);
+        }
+    } closer{*this, alone};
+    read();
+}
+
 bool ProfileDatabase::forEachProfileRuleByAction(
-    int64_t action, const std::function<void(const ProfileRule&)>& visit) {
+    int64_t action, const std::function<void(ProfileRule&)>& visit) {
     lastReadFailure_ = ReadFailure::None;
-    const Statement statement = prepareStatement(profilesDatabase_, kSelectByActionSql, kLog);
+    sqlite3* const connection =
+        aloneDatabase_ && aloneThread_ == std::this_thread::get_id() ? aloneDatabase_
+                                                                      : profilesDatabase_;
+    const Statement statement = prepareStatement(connection, kSelectByActionSql, kLog);
     if (!statement) {
-        lastReadFailure_ = readFailure(profilesDatabase_);
+        lastReadFailure_ = readFailure(connection);
         return false;
     }
     bindInt(statement.get(), 1, action);
@@ -277,8 +307,8 @@ bool ProfileDatabase::forEachProfileRuleByAction(
     // failure, not a short list: the caller must not take it for all rules.
     const bool complete = result == SQLITE_DONE;
     if (!complete) {
-        logError(errorText(profilesDatabase_, std::string("step ") + kSelectByActionSql));
-        lastReadFailure_ = readFailure(profilesDatabase_);
+        logError(errorText(connection, std::string("step ") + kSelectByActionSql));
+        lastReadFailure_ = readFailure(connection);
     }
     return complete;
 }
