@@ -127,6 +127,22 @@ TEST_F(ProfileDatabaseTest, QueryTypesSelectTheirListsInOrder) {
     ASSERT_TRUE(database->forEachProfileRuleByAction(
         5, [&](const ProfileRule& rule) { streamed.push_back(rule); }));
     EXPECT_EQ(streamed, byAction);
+    // Alike on a connection of its own, with the visitor taking each row.
+    std::vector<ProfileRule> taken;
+    database->readAlone([&] {
+        ASSERT_TRUE(database->forEachProfileRuleByAction(5, [&](ProfileRule& rule) {
+            taken.emplace_back();
+            std::swap(taken.back(), rule);
+        }));
+    });
+    EXPECT_EQ(taken, byAction);
+    // The first rule of each action from one read; none for an action without rows.
+    const int64_t actions[] = {5, 99, 5};
+    const auto firsts = database->getFirstProfileRulesByActions(actions);
+    ASSERT_EQ(firsts.size(), 3u);
+    EXPECT_EQ(firsts[0], byAction.front());
+    EXPECT_FALSE(firsts[1]);
+    EXPECT_EQ(firsts[2], byAction.front());
 
     std::vector<std::string> ids = idsOf(database->getProfileRulesByActionAndType(7, 4));
     std::sort(ids.begin(), ids.end());
