@@ -283,12 +283,12 @@ void ProfileDatabase::readAlone(const std::function<void()>& read) {
     read();
 }
 
-bool ProfileDatabase::forEachProfileRuleByAction(
-    int64_t action, const std::function<void(ProfileRule&)>& visit) {
+bool ProfileDatabase::forEachProfileRuleByAction(int64_t action,
+                                                 const std::function<void(ProfileRule&)>& visit) {
     lastReadFailure_ = ReadFailure::None;
-    sqlite3* const connection =
-        aloneDatabase_ && aloneThread_ == std::this_thread::get_id() ? aloneDatabase_
-                                                                      : profilesDatabase_;
+    sqlite3* const connection = aloneDatabase_ && aloneThread_ == std::this_thread::get_id()
+                                    ? aloneDatabase_
+                                    : profilesDatabase_;
     const Statement statement = prepareStatement(connection, kSelectByActionSql, kLog);
     if (!statement) {
         lastReadFailure_ = readFailure(connection);

@@ -66,8 +66,8 @@ public:
     // the rows could not all be read (the statement failed, or the read
     // stopped part-way on a lock or a damaged page); the rules visited are
     // then only some of them.
-    [[nodiscard]] bool forEachProfileRuleByAction(
-        int64_t action, const std::function<void(ProfileRule&)>& visit);
+    [[nodiscard]] bool forEachProfileRuleByAction(int64_t action,
+                                                  const std::function<void(ProfileRule&)>& visit);
     // Runs `read`, during which forEachProfileRuleByAction calls from this
     // thread read through a connection of their own, opened for the call
     // and closed after it. No other thread can reach that connection, so it

@@ -110,7 +110,7 @@ void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out) 
     }
     // No sqlite3_column_type first: the text call answers null for SQL NULL
     // as for a failed conversion, both read as absent, and every call takes
-    // the connection's mutex (the compiler makes sixty of them per row).
+    // the connection's mutex (six more per row of the compiler's read).
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
     if (!text) {
         out.reset();
