@@ -10,6 +10,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "platform/testing/TestPlatform.h"
 #include "storage/ProfileDatabase.h"
@@ -77,11 +78,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 sink = sink + touch(rule.filter) + touch(rule.selector);
             }
         }
-        for (int64_t action = 0; action <= 8; ++action) {
-            sink = sink + database->getProfileRulesByAction(action).size();
-            (void)database->forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
-                sink = sink + touch(rule.domains) + touch(rule.ruleID);
-            });
+        // The compiler's read: on a connection of its own, the rows taken.
+        database->readAlone([&] {
+            for (int64_t action = 0; action <= 8; ++action) {
+                sink = sink + database->getProfileRulesByAction(action).size();
+                ProfileRule taken;
+                (void)database->forEachProfileRuleByAction(action, [&](ProfileRule& rule) {
+                    std::swap(taken, rule);
+                    sink = sink + touch(taken.domains) + touch(taken.ruleID);
+                });
+            }
+        });
+        const int64_t lists[] = {5, 7, 3};
+        for (const auto& first : database->getFirstProfileRulesByActions(lists)) {
+            if (first) sink = sink + touch(first->domains);
         }
         sink = sink + database->getProfileRulesByActionAndType(1, 1).size();
         sink = sink + static_cast<size_t>(database->getProfileRulesCount());
