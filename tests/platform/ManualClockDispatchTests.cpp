@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -103,86 +102,6 @@ TEST(ManualClockDispatch, MainQueueIsCurrentOnTheCreatingThreadOutsideOtherQueue
     bool mainOnOtherThread = true;
     std::thread([&] { mainOnOtherThread = main.isCurrent(); }).join();
     EXPECT_FALSE(mainOnOtherThread);
-}
-
-TEST(ManualClockDispatch, SyncFromRealThreadsRunsInlineAndOneAtATimeOnASerialQueue) {
-    ManualClockDispatch dispatch;
-    auto serial = dispatch.createSerialQueue("com.example.serial");
-    std::atomic<int> inside{0};
-    std::atomic<bool> overlapped{false};
-    std::atomic<bool> notCurrent{false};
-    int counter = 0;  // deliberately unsynchronised: the queue must serialise it
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i) {
-                serial->sync([&] {
-                    if (inside.fetch_add(1) != 0) overlapped = true;
-                    if (!serial->isCurrent()) notCurrent = true;
-                    ++counter;
-                    inside.fetch_sub(1);
-                });
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_FALSE(overlapped);
-    EXPECT_FALSE(notCurrent);
-    EXPECT_EQ(counter, 800);
-    EXPECT_EQ(dispatch.pendingCount(), 0u);
-}
-
-TEST(ManualClockDispatchDeathTest, SyncOntoASerialQueueFromInsideItAbortsNamingTheQueue) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            ManualClockDispatch dispatch;
-            auto serial = dispatch.createSerialQueue("com.mapleharbor.Stonewall.SharedDataQueue");
-            serial->async([&] { serial->sync([] {}); });
-            dispatch.runUntilIdle();
-        },
-        "com.mapleharbor.Stonewall.SharedDataQueue");
-    EXPECT_DEATH(
-        {
-            ManualClockDispatch dispatch;
-            dispatch.mainQueue().sync([] {});  // the test thread plays the main thread
-        },
-        "com.apple.main-thread");
-}
-
-TEST(ManualClockDispatch, RunMainReturnsWhenStoppedOrIdle) {
-    ManualClockDispatch dispatch;
-    std::vector<int> ran;
-    dispatch.mainQueue().async([&] { ran.push_back(1); });
-    dispatch.mainQueue().async([&] {
-        ran.push_back(2);
-        dispatch.stopMain();
-    });
-    dispatch.mainQueue().async([&] { ran.push_back(3); });
-    dispatch.runMain();
-    EXPECT_EQ(ran, (std::vector<int>{1, 2}));
-    EXPECT_EQ(dispatch.pendingCount(), 1u);
-    dispatch.runMain();  // the stop was used up: this run goes on until idle
-    EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
-}
-
-TEST(ManualClockDispatch, QueuesAndTheirDispatchMayGoInEitherOrder) {
-    std::shared_ptr<Queue> serial;
-    {
-        ManualClockDispatch dispatch;
-        bool ran = false;
-        dispatch.createSerialQueue("short-lived")->async([&] { ran = true; });
-        dispatch.runUntilIdle();
-        EXPECT_TRUE(ran) << "a dropped serial queue still runs its work";
-        serial = dispatch.createSerialQueue("survivor");
-        // Captures the queue itself: must not keep the dispatch's state alive.
-        serial->async([serial] {});
-    }
-    // A queue outliving its dispatch drops work but still syncs.
-    serial->async([] { FAIL() << "nobody runs this"; });
-    bool ran = false;
-    serial->sync([&] { ran = true; });
-    EXPECT_TRUE(ran);
 }
 
 }  // namespace
