@@ -131,20 +131,6 @@ TEST(ContentBlockerRule, StringEscaping) {
     }
 }
 
-TEST(ContentBlockerRule, EscapedTextRoundTrips) {
-    const auto escaped = ContentBlockerRule::fromJSON(
-        R"({"action":{"selector":"a\"b\\c\u0000d\u00fc\ud83d\ude00"},"trigger":{}})");
-    EXPECT_EQ(escaped.action.selector, std::string("a\"b\\c\0d\xC3\xBC\xF0\x9F\x98\x80", 13));
-    EXPECT_EQ(ContentBlockerRule::fromJSON(escaped.toJSON()), escaped);
-
-    std::string all;
-    for (int c = 0; c < 0x80; ++c) all.push_back(static_cast<char>(c));
-    ContentBlockerRule rule;
-    rule.trigger.urlFilter = all;
-    rule.trigger.ifDomain = Strings{all, "", all};
-    EXPECT_EQ(ContentBlockerRule::fromJSON(rule.toJSON()), rule);
-}
-
 TEST(ContentBlockerRule, FromJSONOfBadInputGivesTheEmptyRule) {
     const std::string inputs[] = {
         "",

@@ -46,21 +46,13 @@ TEST(ProfileRule, ActionCodeTable) {
 }
 
 TEST(ProfileRule, SelectorOfHideAgainstExceptionRules) {
+    // The action table has the rows with a selector; here null against empty.
     const std::tuple<int64_t, NullableString, NullableString> cases[] = {
         {2, std::nullopt, std::nullopt},
         {2, "", ""},
-        {2, "div.ad", "div.ad"},
         {3, std::nullopt, std::nullopt},
         {3, "", {}},
-        {3, "div.ad", "div.ad"},
-        {6, "", std::nullopt},
-        {6, "div.ad", "div.ad"},
-        {1, "div.ad", std::nullopt},
-        {4, "div.ad", {}},
-        {5, "div.ad", {}},
-        {7, "div.ad", std::nullopt},
-        {8, "div.ad", {}},
-        {0, "div.ad", {}}};
+        {6, "", std::nullopt}};
     for (const auto& [action, selector, expected] : cases) {
         const ProfileRule rule = aRule().action(action).selector(selector);
         EXPECT_EQ(rule.convertToSafariData2().action.selector, expected)
@@ -203,28 +195,6 @@ TEST(ProfileRule, InitWithRuleTagsByReloadType) {
     }
 }
 
-TEST(ProfileRule, InitWithCustomRuleCarriesTheRuleFieldsOnly) {
-    const ProfileRule rule = fullRule();
-    SharedCustomRule custom;
-    custom.ruleID = rule.ruleID;
-    custom.blocker = 1;  // overridden: a rule made from a custom rule is always list 4
-    custom.action = rule.action;
-    custom.selector = rule.selector;
-    custom.filter = rule.filter;
-    custom.resources = rule.resources;
-    custom.loads = rule.loads;
-    custom.domains = rule.domains;
-    custom.domainType = rule.domainType;
-    custom.filterSensitive = rule.filterSensitive;
-    custom.ruleName = "name";
-    custom.filterDomain = "https://a.test";
-    custom.active = 0;
-    ProfileRule expected = rule;
-    expected.blocker = BlockerCode::kCustom;
-    EXPECT_EQ(ProfileRule::initWithCustomRule(custom), expected);
-    EXPECT_EQ(ProfileRule::initWithSharedCustomRule(custom), expected);
-}
-
 TEST(ProfileRule, HashKeyTable) {
     // ruleID, blocker and filterSensitive take no part; null equals empty.
     const std::pair<ProfileRule, const char*> cases[] = {
@@ -242,18 +212,6 @@ TEST(ProfileRule, HashKeyTable) {
     EXPECT_EQ(buffer, "prefix|" + fullRule().computeHash());
     EXPECT_EQ(ProfileRule::validateData(std::nullopt), "");
     EXPECT_EQ(ProfileRule::validateData(" "), " ");
-}
-
-TEST(ProfileRule, MergeAndDescription) {
-    // mergeDomains itself is tested with RuleText: here only that the merge
-    // changes nothing but the receiver's domains.
-    ProfileRule merged = aRule().ruleID("keep").action(5).domains("b.test");
-    merged.mergeProfileRuleDomains(aRule().action(3).domains("a.test,b.test"));
-    EXPECT_EQ(merged, aRule().ruleID("keep").action(5).domains("a.test,b.test").build());
-
-    EXPECT_EQ(aRuleFrom(fullRule()).selector("").build().description(),
-              "ruleID: id - blocker: 3 - action: 2 - selector:  - filter: .* - resources: image - "
-              "loads: third-party - domains: a.test,b.test - domainType: 4 - filterSensitive: 1");
 }
 
 }  // namespace

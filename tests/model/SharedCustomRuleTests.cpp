@@ -3,7 +3,6 @@
 #include "RuleTestSupport.h"
 #include "model/SharedCustomRule.h"
 #include "utilities/Custom.h"
-#include "utilities/Generator.h"
 
 namespace stonewall {
 namespace {
@@ -20,106 +19,6 @@ class SharedCustomRuleTest : public ::testing::Test {
 
     static constexpr Custom::Timestamp kNow = 1700000000.25;
 };
-
-TEST_F(SharedCustomRuleTest, InitWithRuleDataTable) {
-    // [action, filter, selector, resources, loads, domains, domainType,
-    // filterSensitive, filterDomain]; a hide rule gets a random identifier.
-    const Strings full = {
-        "2", "^https?://a\\.test/", "div.ad", "image,media", "third-party", "a.test,*.b.test", "2",
-        "1", "https://a.test"};
-    struct Case {
-        Strings data;
-        SharedCustomRule expected;  // ruleID aside
-        size_t ruleIDSize;          // 0: none
-    };
-    const Case cases[] = {
-        {full,
-         aCustomRule()
-             .blockerProfileID("p")
-             .action(2)
-             .filter("^https?://a\\.test/")
-             .selector("div.ad")
-             .resources("image,media")
-             .loads("third-party")
-             .domains("a.test,*.b.test")
-             .domainType(2)
-             .filterSensitive(1)
-             .filterDomain("https://a.test"),
-         10},
-        // Empty entries read as null text and 0; any other size gives the defaults.
-        {Strings(9, ""), aCustomRule().blockerProfileID("p").domainType(0), 10},
-        {Strings(0), SharedCustomRule{}, 0},
-        {Strings(8, "5"), SharedCustomRule{}, 0},
-        {Strings(10, "5"), SharedCustomRule{}, 0},
-        // The website lists get the profile's fixed 40-character identifier.
-        {{"5", "", "", "", "", "", "", "", ""},
-         aCustomRule().blockerProfileID("p").action(5).domainType(0),
-         40},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.data.size() ? c.data[0] + "/" + std::to_string(c.data.size()) : "empty");
-        SharedCustomRule rule = SharedCustomRule::initWithRuleData(c.data, "p");
-        EXPECT_EQ(rule.ruleID.value_or("").size(), c.ruleIDSize);
-        if (c.ruleIDSize == 40) {
-            EXPECT_EQ(rule.ruleID, Generator::customRuleID(5, "p"));
-        }
-        rule.ruleID.reset();
-        EXPECT_EQ(rule, c.expected);
-    }
-    for (int64_t action : {3, 7}) {
-        Strings data(9, "");
-        data[0] = std::to_string(action);
-        EXPECT_EQ(SharedCustomRule::initWithRuleData(data, "p").ruleID,
-                  Generator::customRuleID(action, "p"));
-    }
-    // Integer entries are read as RuleText reads them, not strictly.
-    const auto lenient =
-        SharedCustomRule::initWithRuleData({"3rd", "", "", "", "", "", " 7", "+1", ""}, "p");
-    EXPECT_EQ(std::tuple(lenient.action, lenient.domainType, lenient.filterSensitive),
-              std::tuple(3, 7, 1));
-    EXPECT_EQ(SharedCustomRule::dataOrNil({"a", ""}, 1), std::nullopt);
-    EXPECT_EQ(SharedCustomRule::dataOrNil({"a", ""}, 2), std::nullopt);  // out of range
-}
-
-TEST_F(SharedCustomRuleTest, InitWithSafariDataTable) {
-    const std::pair<const char*, SharedCustomRule> cases[] = {
-        {R"({"action":{"type":"make-https"},"trigger":{"url-filter":".*"}})",
-         aCustomRule().filter(".*")},
-        {R"({"action":{"type":"block"},"trigger":{"url-filter":"ads","url-filter-is-case-sensitive":true,
-             "resource-type":["image","script"],"load-type":["third-party"],"if-domain":["a.test","*.b.test"]}})",
-         aCustomRule()
-             .action(1)
-             .filter("ads")
-             .filterSensitive(1)
-             .resources("image,script")
-             .loads("third-party")
-             .domains("a.test,*.b.test")},
-        {R"({"action":{"type":"css-display-none","selector":"div.ad"},"trigger":{"url-filter":".*",
-             "unless-domain":["a.test"]}})",
-         aCustomRule().action(2).selector("div.ad").filter(".*").domainType(2).domains("a.test")},
-        {R"({"action":{"type":"ignore-previous-rules","selector":"x"},"trigger":{"url-filter":".*",
-             "if-domain":[],"unless-domain":["b.test"]}})",
-         aCustomRule().action(3).selector("x").filter(".*").domains("")},
-        {R"({"action":{"type":"block-cookies"},"trigger":{"url-filter":".*","resource-type":[""],
-             "if-top-url":["^[^:]+://+a\\.test[:/]"],"unless-top-url":["x"]}})",
-         aCustomRule().filter(".*").resources("")},
-        {R"({"action":{},"trigger":{}})", aCustomRule()},
-        // Wrong types read as absent fields; non-string members are skipped.
-        {R"({"action":{"type":["block"],"selector":7},"trigger":{"url-filter":false,
-             "url-filter-is-case-sensitive":"yes","resource-type":"image",
-             "load-type":[1,"first-party",null],"if-domain":"a.test","unless-domain":[{}]}})",
-         aCustomRule().loads("first-party").domainType(2).domains("")},
-        {R"({"action":"block","trigger":"ads"})", aCustomRule()},
-        {"not json", aCustomRule()},
-    };
-    for (const auto& [json, expected] : cases) {
-        SharedCustomRule withFlag = expected;
-        withFlag.regularExpression = 1;
-        EXPECT_EQ(SharedCustomRule::initWithSafariData(ContentBlockerRule::fromJSON(json)),
-                  withFlag)
-            << json;
-    }
-}
 
 TEST_F(SharedCustomRuleTest, ConvertToSafariDataTable) {
     const std::tuple<int64_t, int64_t, NullableString, const char*> cases[] = {
@@ -184,24 +83,6 @@ TEST_F(SharedCustomRuleTest, HashEqualsTheHashOfItsProfileRule) {
         EXPECT_EQ(rule.computeHash(), hash);
         EXPECT_EQ(rule.computeHash(), ProfileRule::initWithSharedCustomRule(rule).computeHash());
     }
-}
-
-TEST_F(SharedCustomRuleTest, DefaultsMergeAndDescription) {
-    EXPECT_EQ(SharedCustomRule{}.addDate, kNow);  // stamped when made
-
-    SharedCustomRule merged = aCustomRule().action(3).domains("b.test");
-    merged.mergeWhitelistCustomRule(aCustomRule().domains("a.test,b.test"));
-    EXPECT_EQ(merged, aCustomRule().action(3).domains("a.test,b.test").build());
-
-    // "%f" of any magnitude is written whole, never cut.
-    SharedCustomRule rule;
-    rule.addDate = -1e300;
-    const std::string text = rule.description();
-    const size_t start = text.find(" - addDate: -1");
-    const size_t end = text.find(".000000 - blockerProfileID: ");
-    ASSERT_NE(start, std::string::npos);
-    ASSERT_NE(end, std::string::npos);
-    EXPECT_EQ(end - start, std::string_view(" - addDate: -").size() + 301);
 }
 
 }  // namespace
