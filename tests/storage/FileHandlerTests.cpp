@@ -188,21 +188,6 @@ TEST_F(FileHandlerTest, FileOperations) {
     EXPECT_FALSE(fs::exists(*handler.path()));
 }
 
-TEST_F(FileHandlerTest, MIMETypesByExtension) {
-    const FileHandler handler = scratch();
-    const std::pair<std::string, NullableString> cases[] = {
-        {"profile_x_unarchive.json", "application/json"},
-        {"notes.TXT", "text/plain"},
-        {"image.PNG", "image/png"},
-        {"rules.sqlite", "application/vnd.sqlite3"},
-        {"profile_x_data", std::nullopt},
-        {".hidden", std::nullopt},
-        {"trailingdot.", std::nullopt},
-        {"", std::nullopt},
-    };
-    for (const auto& [name, type] : cases) EXPECT_EQ(handler.fileMIMEType(name), type) << name;
-}
-
 TEST_F(FileHandlerTest, ArchivesRoundTripAndWhatCannotBeDecodedGivesNothing) {
     const FileHandler handler = scratch();
     EXPECT_EQ(handler.unarchiveData("state"), std::nullopt);

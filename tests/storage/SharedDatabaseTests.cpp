@@ -50,18 +50,6 @@ class SharedDatabaseTest : public StorageTest {
         "appVersion TEXT, extVersion TEXT, domainStatus TEXT, reload INTEGER);";
 };
 
-TEST_F(SharedDatabaseTest, MissingFileIsCopiedAndHoldsTheDefaultState) {
-    auto& shared = database();
-    EXPECT_TRUE(shared.restored());
-    EXPECT_EQ(testing::readBytes(sharedPath()), testing::readBytes(templatePath("shared_data")));
-    const auto data = shared.getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, "defaultProfile");
-    EXPECT_EQ(data->domainStatus, "-1,-1,-1");
-    EXPECT_TRUE(shared.getSharedCustomRules().empty());
-    EXPECT_TRUE(shared.verifySharedData());
-}
-
 // Files of other versions are read as they stand; only an unknown shape is replaced.
 TEST_F(SharedDatabaseTest, ForeignButReadableFilesAreKept) {
     const std::string row = "INSERT INTO SharedData VALUES ";
@@ -278,25 +266,6 @@ TEST_F(SharedDatabaseTest, AFailingCustomRuleDoesNotStopTheOthers) {
     EXPECT_TRUE(platform.log->contains("SharedDatabase"));
     RawDatabase raw(sharedPath());
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM SharedCustomRules WHERE action=2"), 0);
-}
-
-TEST_F(SharedDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
-    auto& shared = database();
-    {
-        RawDatabase raw(sharedPath());
-        raw.exec("UPDATE SharedData SET activeProfileID=X'C0AF', profiles=X'E282AC'");
-        raw.exec(
-            "INSERT INTO SharedCustomRules (ruleID, ruleName, addDate) "
-            "VALUES (X'FF', X'F4908080', 1)");
-    }
-    const auto data = shared.getSharedData();
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(data->activeProfileID, std::nullopt);
-    EXPECT_EQ(data->profiles, "\xE2\x82\xAC");
-    const auto rules = shared.getSharedCustomRules();
-    ASSERT_EQ(rules.size(), 1u);
-    EXPECT_EQ(rules[0].ruleID, std::nullopt);
-    EXPECT_EQ(rules[0].ruleName, std::nullopt);  // above U+10FFFF
 }
 
 // A reconnect repairs a file damaged or removed meanwhile. The custom-rule
