@@ -166,20 +166,6 @@ TEST_F(RuleCompilerTest, WritesOnlyTheNamedFileAndReplacesAnOldOne) {
     EXPECT_FALSE(std::filesystem::exists(profilesFolder() + "/../escape_unarchive.json"));
 }
 
-TEST_F(RuleCompilerTest, ReadWebsitesRulesSplitsOnlyTheFirstRule) {
-    auto database = openProfile("sites");
-    EXPECT_TRUE(CompanionController::readWebsitesRules(std::nullopt, 5, database).empty());
-    EXPECT_TRUE(CompanionController::readWebsitesRules(std::nullopt, 5, nullptr).empty());
-    ProfileRule first = makeRule(5, "a-first", BlockerCode::kCustom);
-    first.domains = "a.com,*b.com";
-    ProfileRule second = makeRule(5, "b-second", BlockerCode::kCustom);
-    second.domains = "c.com";
-    database->addProfileRules({second, first});
-    EXPECT_THAT(CompanionController::readWebsitesRules(std::nullopt, 5, database),
-                ElementsAre("a.com", "*b.com"));
-    EXPECT_TRUE(CompanionController::readWebsitesRules(std::nullopt, 7, database).empty());
-}
-
 // --- Reload ------------------------------------------------------------------
 
 struct Completion {
@@ -326,13 +312,6 @@ TEST_F(ReloadTest, SuccessComesOnceOnTheMainQueueAfterTheHostsSettleDelay) {
         platform.dispatch->advanceBy(10s);
         EXPECT_EQ(completion.calls, 1);
     }
-}
-
-TEST_F(ReloadTest, AbsentHandlerStillReloads) {
-    CompanionController::reloadBlockerRules(std::string("quiet"), nullptr, nullptr);
-    platform.dispatch->advanceBy(5s);
-    EXPECT_EQ(platform.contentBlocker->calls().size(), 2u);
-    EXPECT_TRUE(ruleFileExists("quiet"));
 }
 
 }  // namespace

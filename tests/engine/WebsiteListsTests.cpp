@@ -3,7 +3,6 @@
 #include <array>
 
 #include "EngineTestSupport.h"
-#include "utilities/Generator.h"
 
 namespace stonewall::testing {
 namespace {
@@ -89,44 +88,6 @@ TEST_F(WebsiteListsTest, StatusReadsItsPositionAsAnInteger) {
     }
 }
 
-TEST_F(WebsiteListsTest, UpdateStatusSetsOnePositionAndAlwaysStores) {
-    const std::tuple<const char*, int64_t, const char*> cases[] = {{"-1,0,-1", 7, "-1,0,1"},
-                                                                   {"-1,0,-1", 5, "1,0,-1"},
-                                                                   {"-1,0,-1", 3, "-1,1,-1"},
-                                                                   {"-1,0,-1", 4, "-1,0,-1"},
-                                                                   {"0", 7, "0,-1,1"}};
-    for (const auto& [before, action, after] : cases) {
-        SCOPED_TRACE(std::string(before) + " / " + std::to_string(action));
-        CompanionController controller;
-        SharedData data = sharedDataWith("s", before);
-        data.profiles = "changed " + std::to_string(action);  // shows that it was stored
-        controller.setSharedData(data);
-        controller.updateWebsitesStatusShared(action);
-        EXPECT_EQ(controller.sharedData()->domainStatus, after);
-        const auto stored = SharedDatabase::sharedInstance().getSharedData();
-        ASSERT_TRUE(stored);
-        EXPECT_EQ(stored->domainStatus, after);
-        EXPECT_EQ(stored->profiles, data.profiles);
-    }
-}
-
-TEST_F(WebsiteListsTest, WebsiteRulesCarryTheListIdentifierOfTheProfile) {
-    storeSharedData(sharedDataWith("prof"));
-    CompanionController controller;
-    const SharedCustomRule block = controller.blockWebsiteCustomRule(std::string("a.com"));
-    const SharedCustomRule secure = controller.secureWebsiteCustomRule(std::string("a.com"));
-    const SharedCustomRule allow = controller.whitelistWebsiteCustomRule(std::string("a.com"));
-    for (const auto& [rule, action] : {std::pair{&block, 5}, {&secure, 7}, {&allow, 3}}) {
-        EXPECT_EQ(rule->action, action);
-        EXPECT_EQ(
-            std::tie(rule->blocker, rule->filter, rule->domains, rule->domainType, rule->active),
-            std::make_tuple(4, ".*", "a.com", 1, 1));
-        EXPECT_EQ(rule->ruleID, Generator::customRuleID(action, std::string("prof")));
-    }
-    EXPECT_NE(block.ruleID, secure.ruleID);
-    EXPECT_EQ(controller.blockWebsiteCustomRule(std::string("b.com")).ruleID, block.ruleID);
-}
-
 TEST_F(WebsiteListsTest, AddingAWebsiteNotifiesUnlessItsStatusIsZero) {
     struct Case {
         const char* status;
@@ -148,30 +109,6 @@ TEST_F(WebsiteListsTest, AddingAWebsiteNotifiesUnlessItsStatusIsZero) {
         EXPECT_EQ(completions, 1);
         EXPECT_EQ(updateNotificationCount() - before, c.notifications);
         EXPECT_EQ(controller.activeDatabase()->getProfileRulesCount(), c.profileRules);
-    }
-}
-
-TEST(SameSite, SiteKeys) {
-    struct Case {
-        NullableString host;
-        NullableString key;
-    };
-    const Case cases[] = {
-        {"www.example.com", "com.example"},
-        {"example.com", "com.example"},
-        {"www.example.co.uk", "uk.co.example"},
-        {"www.example.de", "de.example.www"},
-        {"example.de", "de.example"},
-        {"localhost", std::nullopt},
-        {"example.info", std::nullopt},
-        {"a.b", std::nullopt},
-        {"", std::nullopt},
-        {std::nullopt, std::nullopt},
-        {"xn--bcher-kva.de", "de.xn--bcher-kva"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.host.value_or("<null>"));
-        EXPECT_EQ(CompanionController::extractDomainData(c.host), c.key);
     }
 }
 
@@ -199,37 +136,6 @@ TEST(SameSite, DomainsShareOrigin) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.host.value_or("<null>") + " / " + c.child.value_or("<null>"));
         EXPECT_EQ(CompanionController::checkDomainsShareOrigin(c.host, c.child), c.shared);
-    }
-}
-
-TEST(SameSite, WholeWebsiteBlockTest) {
-    auto rule = [](NullableString filter, NullableString domains, NullableString filterDomain) {
-        SharedCustomRule r;
-        r.filter = std::move(filter);
-        r.domains = std::move(domains);
-        r.filterDomain = std::move(filterDomain);
-        return r;
-    };
-    const std::string filter = "^[^:]+://+([^:/]+\\.)?ads\\.net";
-    struct Case {
-        const char* name;
-        SharedCustomRule r;
-        int64_t total;
-        bool expected;
-    };
-    const Case cases[] = {
-        {"host only", rule(filter, std::nullopt, "https://ads.net"), 1, true},
-        {"empty domains", rule(filter, "", "https://ads.net"), 1, true},
-        {"two rules", rule(filter, std::nullopt, "https://ads.net"), 2, false},
-        {"with path", rule(filter, std::nullopt, "https://ads.net/x.gif"), 1, false},
-        {"root path", rule(filter, std::nullopt, "https://ads.net/"), 1, false},
-        {"with domains", rule(filter, "a.com", "https://ads.net"), 1, false},
-        {"other filter", rule(".*", std::nullopt, "https://ads.net"), 1, false},
-        {"no filter domain", rule(filter, std::nullopt, std::nullopt), 1, false},
-        {"unparsable", rule(filter, std::nullopt, "https://a b.net"), 1, false},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(CompanionController::checkBlockWebsite(c.r, c.total), c.expected) << c.name;
     }
 }
 
