@@ -15,7 +15,7 @@ constexpr int64_t kInt64Min = std::numeric_limits<int64_t>::min();
 constexpr int64_t kInt64Max = std::numeric_limits<int64_t>::max();
 
 // Every action code: the type, whether the selector goes along, and which
-// codes IDNA-encode the filter (1 and 5 only). Both conversions agree here.
+// codes IDNA-encode the filter (1 and 5 only).
 TEST(ProfileRule, ActionCodeTable) {
     const std::pair<int64_t, const char*> cases[] = {
         {0, R"({"action":{},"trigger":{}})"},
@@ -37,7 +37,6 @@ TEST(ProfileRule, ActionCodeTable) {
         const ProfileRule rule =
             aRule().action(action).filter("bücher.test/ads").selector("div.ad");
         EXPECT_EQ(written(rule.convertToSafariData2()), parsed(json)) << action;
-        EXPECT_EQ(written(rule.convertToSafariData()), parsed(json)) << action;
     }
     // A null filter writes no url-filter; an empty one writes "".
     for (int64_t action = 0; action <= 9; ++action)
@@ -60,7 +59,7 @@ TEST(ProfileRule, SelectorOfHideAgainstExceptionRules) {
     }
 }
 
-// The triggers of both conversions (action 0: no url-filter), as JSON text
+// The triggers (action 0: no url-filter), as JSON text
 // in which "H:" stands for the any-host prefix of the top-URL patterns and
 // "S:" for it with the optional subdomains.
 Json trigger(std::string text) {
@@ -73,51 +72,41 @@ Json trigger(std::string text) {
 }
 
 TEST(ProfileRule, DomainTypeTable) {
-    const std::tuple<int64_t, NullableString, const char*, const char*> cases[] = {
-        {1, "*.shop.test", R"({"if-top-url":["S:shop\\.test[:/]"]})",
-         R"({"if-domain":["*.shop.test"]})"},
+    const std::tuple<int64_t, NullableString, const char*> cases[] = {
+        {1, "*.shop.test", R"({"if-top-url":["S:shop\\.test[:/]"]})"},
         {2, "shop.test,*.cdn.test",
-         R"({"unless-top-url":["H:shop\\.test[:/]","S:cdn\\.test[:/]"]})",
-         R"({"unless-domain":["shop.test","*.cdn.test"]})"},
-        {1, "*.bücher.test", R"({"if-top-url":["S:xn--bcher-kva\\.test[:/]"]})",
-         R"({"if-domain":["*.xn--bcher-kva.test"]})"},
-        {4, "*.shop.test,bücher.test", R"({"if-top-url":["*.shop.test","xn--bcher-kva.test"]})",
-         "{}"},
-        {5, "*.shop.test,bücher.test", R"({"unless-top-url":["*.shop.test","xn--bcher-kva.test"]})",
-         "{}"},
+         R"({"unless-top-url":["H:shop\\.test[:/]","S:cdn\\.test[:/]"]})"},
+        {1, "*.bücher.test", R"({"if-top-url":["S:xn--bcher-kva\\.test[:/]"]})"},
+        {4, "*.shop.test,bücher.test", R"({"if-top-url":["*.shop.test","xn--bcher-kva.test"]})"},
+        {5, "*.shop.test,bücher.test",
+         R"({"unless-top-url":["*.shop.test","xn--bcher-kva.test"]})"},
         // Only a leading "*" is special; the escape set is exactly . ? ^ + |
-        {1, "a*b.test", R"({"if-top-url":["H:a*b\\.test[:/]"]})", R"({"if-domain":["a*b.test"]})"},
-        {1, "**.test", R"({"if-top-url":["S:*\\.test[:/]"]})", R"({"if-domain":["**.test"]})"},
-        {1, "a?b^c+d|e$f(g)", R"({"if-top-url":["H:a\\?b\\^c\\+d\\|e$f(g)[:/]"]})",
-         R"j({"if-domain":["a?b^c+d|e$f(g)"]})j"},
-        {1, "*", R"({"if-top-url":["S:[:/]"]})", R"({"if-domain":["*"]})"},
-        {1, "*.", R"({"if-top-url":["S:[:/]"]})", R"({"if-domain":["*."]})"},
+        {1, "a*b.test", R"({"if-top-url":["H:a*b\\.test[:/]"]})"},
+        {1, "**.test", R"({"if-top-url":["S:*\\.test[:/]"]})"},
+        {1, "a?b^c+d|e$f(g)", R"({"if-top-url":["H:a\\?b\\^c\\+d\\|e$f(g)[:/]"]})"},
+        {1, "*", R"({"if-top-url":["S:[:/]"]})"},
+        {1, "*.", R"({"if-top-url":["S:[:/]"]})"},
         // Without the dot the "*" still stands for the domain and its subdomains.
-        {1, "*shop.test", R"({"if-top-url":["S:shop\\.test[:/]"]})",
-         R"({"if-domain":["*shop.test"]})"},
-        {1, "*..shop.test", R"({"if-top-url":["S:\\.shop\\.test[:/]"]})",
-         R"({"if-domain":["*..shop.test"]})"},
-        // The pattern of an empty domain is not empty, so it is written; the
-        // verbatim lists drop the key when the first entry is empty.
-        {1, "", R"({"if-top-url":["H:[:/]"]})", "{}"},
-        {1, ",shop.test", R"({"if-top-url":["H:[:/]","H:shop\\.test[:/]"]})", "{}"},
-        {1, "a.test,,b.test", R"({"if-top-url":["H:a\\.test[:/]","H:[:/]","H:b\\.test[:/]"]})",
-         R"({"if-domain":["a.test","","b.test"]})"},
-        {4, "", "{}", "{}"},
-        {4, ",shop.test", "{}", "{}"},
-        {5, "a.test,,b.test", R"({"unless-top-url":["a.test","","b.test"]})", "{}"},
-        {-1, "shop.test", "{}", "{}"},
-        {3, "shop.test", "{}", "{}"},
-        {0, "shop.test", "{}", "{}"},
-        {6, "shop.test", "{}", "{}"},
-        {1, std::nullopt, "{}", "{}"},
-        {2, std::nullopt, "{}", "{}"},
-        {4, std::nullopt, "{}", "{}"}};
-    for (const auto& [domainType, domains, topURL, domain] : cases) {
+        {1, "*shop.test", R"({"if-top-url":["S:shop\\.test[:/]"]})"},
+        {1, "*..shop.test", R"({"if-top-url":["S:\\.shop\\.test[:/]"]})"},
+        // The pattern of an empty domain is not empty, so it is written.
+        {1, "", R"({"if-top-url":["H:[:/]"]})"},
+        {1, ",shop.test", R"({"if-top-url":["H:[:/]","H:shop\\.test[:/]"]})"},
+        {1, "a.test,,b.test", R"({"if-top-url":["H:a\\.test[:/]","H:[:/]","H:b\\.test[:/]"]})"},
+        {4, "", "{}"},
+        {4, ",shop.test", "{}"},
+        {5, "a.test,,b.test", R"({"unless-top-url":["a.test","","b.test"]})"},
+        {-1, "shop.test", "{}"},
+        {3, "shop.test", "{}"},
+        {0, "shop.test", "{}"},
+        {6, "shop.test", "{}"},
+        {1, std::nullopt, "{}"},
+        {2, std::nullopt, "{}"},
+        {4, std::nullopt, "{}"}};
+    for (const auto& [domainType, domains, topURL] : cases) {
         SCOPED_TRACE(std::to_string(domainType) + " " + textOrNull(domains));
         const ProfileRule rule = aRule().domainType(domainType).domains(domains);
         EXPECT_EQ(written(rule.convertToSafariData2())["trigger"], trigger(topURL));
-        EXPECT_EQ(written(rule.convertToSafariData())["trigger"], trigger(domain));
     }
 }
 
@@ -165,34 +154,6 @@ TEST(ProfileRule, ExactTextOfTheWrittenObject) {
 // Every field away from its default, in declaration order.
 ProfileRule fullRule() {
     return {"id", 3, 2, "div", ".*", "image", "third-party", "a.test,b.test", 4, 1};
-}
-
-TEST(ProfileRule, InitWithRuleTagsByReloadType) {
-    const std::pair<int64_t, NullableString> cases[] = {{kInt64Min, {}},
-                                                        {-2, {}},
-                                                        {0, {}},
-                                                        {1, {}},
-                                                        {2, "ad"},
-                                                        {3, "ad"},
-                                                        {4, "tr"},
-                                                        {5, "sm"},
-                                                        {6, "sm"},
-                                                        {7, "wr_images"},
-                                                        {8, "wr_media"},
-                                                        {9, "wr_scripts"},
-                                                        {10, "wr_stylesheets"},
-                                                        {11, "wr_svgs"},
-                                                        {12, {}},
-                                                        {13, "bn"},
-                                                        {14, "bn"},
-                                                        {15, {}},
-                                                        {kInt64Max, {}}};
-    for (const auto& [reloadType, tag] : cases) {
-        ProfileRule expected = fullRule();
-        expected.ruleID = tag;  // the source's own ruleID is never carried
-        EXPECT_EQ(ProfileRule::initWithRule(fullRule(), reloadType), expected) << reloadType;
-        EXPECT_EQ(ruleIDForReloadType(reloadType), tag) << reloadType;
-    }
 }
 
 TEST(ProfileRule, HashKeyTable) {

@@ -9,7 +9,6 @@
 
 #include "model/ContentBlockerRule.h"
 #include "model/ProfileRule.h"
-#include "model/SharedCustomRule.h"
 
 namespace stonewall::test_support {
 
@@ -42,21 +41,7 @@ class RecordBuilder {
 
 struct ProfileRuleBuilder : RecordBuilder<ProfileRule, ProfileRuleBuilder> {};
 
-struct CustomRuleBuilder : RecordBuilder<SharedCustomRule, CustomRuleBuilder> {
-    CustomRuleBuilder& blockerProfileID(NullableString v) {
-        return set(&SharedCustomRule::blockerProfileID, std::move(v));
-    }
-    CustomRuleBuilder& regularExpression(int64_t v) {
-        return set(&SharedCustomRule::regularExpression, v);
-    }
-    CustomRuleBuilder& active(int64_t v) { return set(&SharedCustomRule::active, v); }
-    CustomRuleBuilder& filterDomain(NullableString v) {
-        return set(&SharedCustomRule::filterDomain, std::move(v));
-    }
-};
-
 inline ProfileRuleBuilder aRule() { return {}; }
-inline CustomRuleBuilder aCustomRule() { return {}; }
 inline ProfileRuleBuilder aRuleFrom(ProfileRule rule) {
     ProfileRuleBuilder builder;
     builder.record() = std::move(rule);
