@@ -129,9 +129,7 @@ TEST_F(WebKitContentBlockerManagerTest, ReloadOutcomes) {
         return Error{Manager::kErrorDomain, code, std::move(part)};
     };
     const Case cases[] = {
-        {"active profile's list", "a1b2c3d4e5", 1, kBlockRule, id, std::nullopt},
-        // Blocking off: the list would fail, it is not read at all, nor a profile needed.
-        {"blocking off", "a1b2c3d4e5", 2, R"([{"action":{}}])", id, std::nullopt},
+        // Blocking off: no list is read, nor a profile needed.
         {"blocking off, no profile", std::nullopt, 2, std::nullopt, id, std::nullopt},
         {"bad list", "p", 1, badList, id, Error{kWebKitDomain, 0, "Invalid action type."}},
         {"unknown identifier", "p", std::nullopt, kBlockRule, "com.example.unknown",
