@@ -70,25 +70,6 @@ TEST_F(ExtensionStateTest, AnUndecodableFileLeavesNoInstanceForTheProcess) {
     EXPECT_NE(ExtensionState::sharedInstance(), nullptr);
 }
 
-TEST_F(ExtensionStateTest, SaveThenLoadLeavesTheReceiverAlone) {
-    ExtensionState* state = ExtensionState::sharedInstance();
-    ASSERT_NE(state, nullptr);
-    state->setStatusUpdated(true);
-    state->saveData();
-    state->setStatusUpdated(false);
-    const auto loaded = state->loadData();
-    ASSERT_TRUE(loaded.has_value());
-    EXPECT_TRUE(loaded->statusUpdated());
-    EXPECT_FALSE(state->statusUpdated());
-    ExtensionState::resetSharedInstanceForTesting();
-    state = ExtensionState::sharedInstance();  // the old instance is gone
-    EXPECT_TRUE(state->statusUpdated());
-
-    state->removeData();
-    EXPECT_FALSE(state->checkDataExists());
-    EXPECT_EQ(state->loadData(), std::nullopt);
-}
-
 // When the first save cannot complete (a full disk, simulated with a file
 // size limit in a child process), no empty file may stay behind: it would
 // make every later start find an undecodable state.
