@@ -104,5 +104,11 @@ TEST(ManualClockDispatch, MainQueueIsCurrentOnTheCreatingThreadOutsideOtherQueue
     EXPECT_FALSE(mainOnOtherThread);
 }
 
+// Production code, but the doubles are how a test installs services.
+TEST(PlatformRegistryDeathTest, UsingAServiceThatIsNotInstalledAbortsNamingIt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH((void)platform::contentBlocker(), "contentBlocker");
+}
+
 }  // namespace
 }  // namespace stonewall::platform::testing
