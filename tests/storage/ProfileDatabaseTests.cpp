@@ -114,7 +114,6 @@ TEST_F(ProfileDatabaseTest, RulesOfAnActionComeFromEveryListInFilterOrder) {
     EXPECT_EQ(firsts[0], byAction.front());
     EXPECT_FALSE(firsts[1]);
     EXPECT_EQ(firsts[2], byAction.front());
-
 }
 
 TEST_F(ProfileDatabaseTest, UpdatesAndRemovalsTouchTheMatchingRowsOnly) {
