@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <string>
 
 #include "BlockedLoad.h"
-#include "KnobGeometry.h"
 #include "PageMessage.h"
 
 namespace stonewall::browser {
@@ -93,32 +91,6 @@ TEST(BlockedLoadTest, RecognisesOnlyWebKitsOwnReport) {
     };
     for (const auto& c : cases) {
         EXPECT_EQ(blockedURLFromConsoleMessage(c.source, c.level, c.text), c.url) << c.label;
-    }
-}
-
-TEST(KnobGeometryTest, KnobSitsAndStretchesByStateAndDirection) {
-    const double rest = 46 / 1.6180340051651;
-    const double pressed = 46 / 1.38;
-    struct Case {
-        bool checked, active;
-        LayoutDirection direction;
-        double x, width;
-    };
-    const Case cases[] = {
-        {false, false, LayoutDirection::LeftToRight, 2, rest},
-        {false, true, LayoutDirection::LeftToRight, 2, pressed},
-        {true, false, LayoutDirection::LeftToRight, 50 - rest - 2, rest},
-        {true, false, LayoutDirection::RightToLeft, 2, rest},
-        {false, false, LayoutDirection::RightToLeft, 50 - rest - 2, rest},
-        // The right-to-left pressed knob keeps its narrower width.
-        {false, true, LayoutDirection::RightToLeft, 50 - 10 / 1.38 - 2, 10 / 1.38},
-    };
-    for (const auto& c : cases) {
-        const KnobRect knob = rectForKnob(50, 30, c.checked, c.active, c.direction);
-        EXPECT_DOUBLE_EQ(knob.x, c.x);
-        EXPECT_DOUBLE_EQ(knob.width, c.width);
-        EXPECT_DOUBLE_EQ(knob.y, 2);
-        EXPECT_DOUBLE_EQ(knob.height, 26);
     }
 }
 

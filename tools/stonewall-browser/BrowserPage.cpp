@@ -1,29 +1,12 @@
 #include "BrowserPage.h"
 
 #include "BrowserProtocol.h"
+#include "BrowserServices.h"
+#include "GtkViews.h"
 #include "PageMessage.h"
 #include "platform/Platform.h"
 
 namespace stonewall::browser {
-
-namespace {
-
-// The tab of a page: one page per tab, for the tab's life.
-class BrowserTab : public SFSafariTab {
-  public:
-    explicit BrowserTab(std::shared_ptr<BrowserPage> page) : page_(std::move(page)) {}
-    void getActivePageWithCompletionHandler(PageHandler completionHandler) override {
-        if (!completionHandler) return;
-        platform::dispatch().mainQueue().async([page = page_, handler = std::move(completionHandler)] {
-            handler(page->view() ? page : nullptr);
-        });
-    }
-
-  private:
-    std::shared_ptr<BrowserPage> page_;
-};
-
-}  // namespace
 
 BrowserPage::BrowserPage(WebKitWebView* view, std::function<bool(const BrowserPage&)> isActive)
     : view_(WEBKIT_WEB_VIEW(g_object_ref(view))), isActive_(std::move(isActive)) {}
@@ -63,15 +46,20 @@ void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHan
 }
 
 void BrowserPage::reload() {
-    if (view_) webkit_web_view_reload(view_);
+    onMainThread([self = shared_from_this()] {
+        if (!self->view_) return;
+        webkit_web_view_reload(self->view_);
+        if (self->onReload_) self->onReload_();
+    });
 }
 
 void BrowserPage::dispatchMessageToScriptWithName(const std::string& name,
                                                   const nlohmann::json& userInfo) {
-    if (!view_) return;
-    const std::string call = pageScriptCall(name, userInfo);
-    webkit_web_view_evaluate_javascript(view_, call.c_str(), static_cast<gssize>(call.size()),
-                                        kScriptWorldName, nullptr, nullptr, nullptr, nullptr);
+    onMainThread([self = shared_from_this(), call = pageScriptCall(name, userInfo)] {
+        if (!self->view_) return;
+        webkit_web_view_evaluate_javascript(self->view_, call.c_str(), static_cast<gssize>(call.size()),
+                                            kScriptWorldName, nullptr, nullptr, nullptr, nullptr);
+    });
 }
 
 }  // namespace stonewall::browser

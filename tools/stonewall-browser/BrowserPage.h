@@ -5,7 +5,8 @@
 // drops the page's counts), closing the tab detaches it.
 //
 // Questions are answered on the main thread, asynchronously, whichever
-// thread asks; everything else is main-thread only.
+// thread asks; reloads and script messages from other threads are passed to
+// the main thread; url() and isActive() are main-thread only.
 
 #include <webkit/webkit.h>
 
@@ -41,14 +42,13 @@ class BrowserPage : public SFSafariPage, public std::enable_shared_from_this<Bro
     // info arrives as null.
     void dispatchMessageToScriptWithName(const std::string& name,
                                          const nlohmann::json& userInfo) override;
-    void dispatchMessageToScript(const std::string& name,
-                                 const nlohmann::json& userInfo = nullptr) {
-        dispatchMessageToScriptWithName(name, userInfo);
-    }
+    // Called on the main thread when the extension reloads the page.
+    void setOnReload(std::function<void()> onReload) { onReload_ = std::move(onReload); }
 
   private:
     WebKitWebView* view_;  // strong until detach()
     std::function<bool(const BrowserPage&)> isActive_;
+    std::function<void()> onReload_;
 };
 
 }  // namespace stonewall::browser

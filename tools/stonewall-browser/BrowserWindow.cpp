@@ -6,6 +6,9 @@
 
 #include "BrowserProtocol.h"
 #include "PageMessage.h"
+#include "extension/SafariExtensionHandler.h"
+#include "extension/platform/FrontServices.h"
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 
 namespace stonewall::browser {
@@ -17,11 +20,6 @@ std::string readText(const std::string& path) {
     std::ostringstream text;
     text << stream.rdbuf();
     return std::move(text).str();
-}
-
-bool isArabic() {
-    const char* const* languages = g_get_language_names();
-    return languages && languages[0] && g_str_has_prefix(languages[0], "ar");
 }
 
 // What a typed location means: a URL with a scheme as it stands, anything
@@ -37,8 +35,12 @@ std::string normalizedLocation(const std::string& text) {
 }  // namespace
 
 BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options,
-                             std::shared_ptr<ContentFilters> filters)
-    : options_(std::move(options)), filters_(std::move(filters)) {
+                             std::shared_ptr<ContentFilters> filters,
+                             std::shared_ptr<BrowserApplication> browserApplication)
+    : options_(std::move(options)),
+      application_(std::move(browserApplication)),
+      handle_(std::make_shared<BrowserWindowHandle>(this)),
+      filters_(std::move(filters)) {
     pickerSource_ = readText(options_.resources + "/picker.js");
     context_ = webkit_web_context_new();
     // The web processes run sandboxed and see the extension's folder only
@@ -104,15 +106,28 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     gtk_header_bar_pack_end(GTK_HEADER_BAR(header), toolbarButton_);
     gtk_window_set_titlebar(GTK_WINDOW(window_), header);
 
-    views_ = buildPopoverViews(
-        [](const std::string& key) { return platform::bundle().localizedString(key); });
-    if (isArabic()) gtk_widget_add_css_class(views_.root, "arabic");
+    toolbarItem_ = std::make_shared<BrowserToolbarItem>(toolbarImage_, badge_, options_.events);
+    toolbarItem_->setOnBadgeChanged([this] {
+        if (!blockedReportArrived_) return;
+        afterNextPaint("badge-shown", blockedReportArrived_);
+        blockedReportArrived_ = 0;
+    });
+    application_->setActiveWindow(handle_);
+
+    // The popover shows the controller's view tree, built once with the
+    // controller and kept for the life of the process.
+    popoverView_ = std::dynamic_pointer_cast<GtkPopoverView>(
+        SafariExtensionHandler().popoverViewController().popoverView());
     popover_ = gtk_popover_new();
-    gtk_popover_set_child(GTK_POPOVER(popover_), views_.root);
+    if (popoverView_) {
+        gtk_popover_set_child(GTK_POPOVER(popover_), popoverView_->root());
+        popoverView_->setPopover(popover_);
+        popoverView_->setOnViewShown(
+            [this](int64_t code) { event("view " + std::to_string(code)); });
+    }
     gtk_menu_button_set_popover(GTK_MENU_BUTTON(toolbarButton_), popover_);
-    bridge_ = std::make_unique<ExtensionBridge>(*this, views_, options_.resources);
     g_signal_connect(popover_, "show", G_CALLBACK(+[](GtkWidget*, BrowserWindow* self) {
-                         self->bridge_->popoverWillShow();
+                         SafariExtensionHandler().popoverWillShowInWindow(self->handle_);
                          self->afterNextPaint("popover-shown", self->popupStarted_
                                                                    ? self->popupStarted_
                                                                    : g_get_monotonic_time());
@@ -120,22 +135,10 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                      }),
                      this);
     g_signal_connect(popover_, "closed", G_CALLBACK(+[](GtkPopover*, BrowserWindow* self) {
-                         self->bridge_->popoverDidClose();
+                         SafariExtensionHandler().popoverDidCloseInWindow(self->handle_);
                          self->event("popover-closed");
                      }),
                      this);
-
-    // Follow the desktop's colour scheme.
-    AdwStyleManager* style = adw_style_manager_get_default();
-    const auto applyScheme = +[](AdwStyleManager* style, GParamSpec*, BrowserWindow* self) {
-        if (adw_style_manager_get_dark(style)) {
-            gtk_widget_add_css_class(self->views_.root, "stonewall-dark");
-        } else {
-            gtk_widget_remove_css_class(self->views_.root, "stonewall-dark");
-        }
-    };
-    g_signal_connect(style, "notify::dark", G_CALLBACK(applyScheme), this);
-    applyScheme(style, nullptr, this);
 
     notebook_ = gtk_notebook_new();
     gtk_notebook_set_scrollable(GTK_NOTEBOOK(notebook_), TRUE);
@@ -175,6 +178,13 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
 
 BrowserWindow::~BrowserWindow() {
     if (validationSource_) g_source_remove(validationSource_);
+    application_->setActiveWindow(nullptr);
+    handle_->detach();
+    toolbarItem_->detach();
+    if (popoverView_) {
+        popoverView_->setPopover(nullptr);
+        popoverView_->setOnViewShown({});
+    }
     for (auto& tab : tabs_) {
         filters_->removeContentManager(tab->contentManager);
         tab->page->detach();
@@ -209,6 +219,7 @@ void BrowserWindow::openTab(const std::string& url) {
         Tab* current = currentTab();
         return current && current->page.get() == &page;
     });
+    tab->page->setOnReload([this] { event("page-reload"); });
     g_signal_connect(tab->view, "load-changed", G_CALLBACK(onLoadChanged), this);
     g_signal_connect(tab->view, "notify::uri", G_CALLBACK(onURIChanged), this);
     g_signal_connect(tab->view, "user-message-received", G_CALLBACK(onUserMessage), this);
@@ -296,10 +307,13 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent
                                   BrowserWindow* self) {
     Tab* tab = self->tabForView(view);
     if (!tab) return;
-    if (loadEvent == WEBKIT_LOAD_STARTED) tab->loadStarted = g_get_monotonic_time();
-    if (loadEvent == WEBKIT_LOAD_COMMITTED) {
+    if (loadEvent == WEBKIT_LOAD_STARTED) {
+        tab->loadStarted = g_get_monotonic_time();
+        // Told at the start, not at the commit: the web process reports the
+        // new document's blocked loads on its own channel, which can
+        // overtake the commit.
         const char* uri = webkit_web_view_get_uri(view);
-        self->bridge_->willNavigate(tab->page, uri ? std::optional<std::string>(uri) : std::nullopt);
+        SafariExtensionHandler().page(tab->page, uri ? NullableString(uri) : std::nullopt);
     }
     if (loadEvent == WEBKIT_LOAD_FINISHED) {
         const char* uri = webkit_web_view_get_uri(view);
@@ -322,7 +336,7 @@ void BrowserWindow::onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow
     // Same-document navigations change the URL without a new load.
     if (!webkit_web_view_is_loading(view)) {
         const char* uri = webkit_web_view_get_uri(view);
-        self->bridge_->willNavigate(tab->page, uri ? std::optional<std::string>(uri) : std::nullopt);
+        SafariExtensionHandler().page(tab->page, uri ? NullableString(uri) : std::nullopt);
     }
     if (tab == self->currentTab()) self->updateNavigationControls();
 }
@@ -333,9 +347,11 @@ gboolean BrowserWindow::onUserMessage(WebKitWebView* view, WebKitUserMessage* me
     GVariant* parameters = webkit_user_message_get_parameters(message);
     Tab* tab = self->tabForView(view);
     if (!tab || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_STRING)) return TRUE;
+    const std::string url = g_variant_get_string(parameters, nullptr);
     self->blockedReportArrived_ = g_get_monotonic_time();
-    self->bridge_->blockedResources({g_variant_get_string(parameters, nullptr)}, tab->page);
-    self->event(std::string("blocked ") + g_variant_get_string(parameters, nullptr));
+    self->event("blocked " + url);
+    SafariExtensionHandler().contentBlockerWithIdentifier(ContainerLayout::kContentBlockerIdentifier,
+                                                          {url}, tab->page);
     return TRUE;
 }
 
@@ -354,66 +370,30 @@ void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue*
         self->event("message-rejected");
         return;
     }
-    self->bridge_->messageReceived(message->name, sender->page, message->userInfo);
+    self->event("message " + message->name);
+    SafariExtensionHandler().messageReceivedWithName(message->name, sender->page, message->userInfo);
 }
 
 gboolean BrowserWindow::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
-                                       WebKitPolicyDecisionType type, BrowserWindow* self) {
+                                       WebKitPolicyDecisionType type, BrowserWindow*) {
     if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) return FALSE;
     WebKitNavigationAction* action =
         webkit_navigation_policy_decision_get_navigation_action(WEBKIT_NAVIGATION_POLICY_DECISION(decision));
     const char* uri = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
     // The application's own links open the application, not a page.
     if (uri && g_str_has_prefix(uri, "stonewall:")) {
-        self->openURL(uri);
+        (void)platform::sharedWorkspace().openURL(uri);
         webkit_policy_decision_ignore(decision);
         return TRUE;
     }
     return FALSE;
 }
 
-// --- BrowserUi ------------------------------------------------------------------
+// --- What the extension asks -----------------------------------------------------
 
 std::shared_ptr<BrowserPage> BrowserWindow::activePage() {
     Tab* tab = currentTab();
     return tab ? tab->page : nullptr;
-}
-
-void BrowserWindow::setToolbarImage(const std::string& name) {
-    if (name == toolbarImageName_) return;
-    toolbarImageName_ = name;
-    gtk_image_set_from_file(GTK_IMAGE(toolbarImage_), (options_.resources + "/" + name + ".svg").c_str());
-    event("image " + name);
-}
-
-void BrowserWindow::setBadgeText(const std::optional<std::string>& text) {
-    const bool changed = text != badgeText_;
-    badgeText_ = text;
-    gtk_label_set_text(GTK_LABEL(badge_), text.value_or("").c_str());
-    gtk_widget_set_visible(badge_, text.has_value());
-    if (!changed) return;
-    event("badge " + text.value_or("none"));
-    if (blockedReportArrived_) {
-        afterNextPaint("badge-shown", blockedReportArrived_);
-        blockedReportArrived_ = 0;
-    }
-}
-
-void BrowserWindow::dismissPopover() { gtk_popover_popdown(GTK_POPOVER(popover_)); }
-
-void BrowserWindow::openURL(const std::string& url) {
-    event("open-url " + url);
-    g_app_info_launch_default_for_uri_async(
-        url.c_str(), nullptr, nullptr,
-        +[](GObject*, GAsyncResult* result, gpointer) {
-            GError* error = nullptr;
-            if (!g_app_info_launch_default_for_uri_finish(result, &error)) {
-                platform::log(platform::LogLevel::Debug,
-                              std::string("No handler opened the link: ") + error->message);
-                g_error_free(error);
-            }
-        },
-        nullptr);
 }
 
 void BrowserWindow::toolbarItemsNeedUpdate() {
@@ -422,19 +402,20 @@ void BrowserWindow::toolbarItemsNeedUpdate() {
         +[](gpointer data) {
             auto* self = static_cast<BrowserWindow*>(data);
             self->validationSource_ = 0;
-            self->bridge_->validateToolbarItem();
+            self->validateToolbarItem();
         },
         this);
 }
 
-void BrowserWindow::event(const std::string& line) {
-    if (!options_.control) return;
-    std::string clean = line;
-    for (char& c : clean) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    std::fprintf(stdout, "%s\n", clean.c_str());
-    std::fflush(stdout);
+void BrowserWindow::validateToolbarItem() {
+    SafariExtensionHandler().validateToolbarItemInWindow(
+        handle_, [item = toolbarItem_](bool, std::optional<std::string> badgeText) {
+            item->setBadgeText(badgeText);
+        });
+}
+
+void BrowserWindow::event(const std::string& line) const {
+    if (options_.events) options_.events(line);
 }
 
 // Reports, once the window has painted the next frame, the time since `since`.

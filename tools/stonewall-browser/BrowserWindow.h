@@ -2,9 +2,11 @@
 
 // The browser window: location entry, back, forward, reload, tabs of web
 // views, and the extension's toolbar button with its badge and popover. It
-// wires WebKit to the extension: the page script in its own world with its
-// message handler, the web-process extension's blocked-load reports,
-// navigation, and the content filters.
+// delivers the browser's events to the extension's handler (a new
+// SafariExtensionHandler per event): toolbar validation, the popover
+// opening and closing, page-script messages from our own script world,
+// the web-process extension's blocked-load reports and navigation. The
+// popover shows the view tree of the extension's popover controller.
 //
 // With a control channel (--control) it reads commands from stdin and writes
 // events to stdout, one line each, so tests and benchmarks can drive the
@@ -21,9 +23,9 @@
 #include <vector>
 
 #include "BrowserPage.h"
+#include "BrowserServices.h"
 #include "ContentFilters.h"
-#include "ExtensionBridge.h"
-#include "PopoverViews.h"
+#include "GtkPopoverView.h"
 
 namespace stonewall::browser {
 
@@ -31,31 +33,33 @@ struct BrowserOptions {
     std::string resources;         // images, page script, style sheet
     std::string extensionsFolder;  // the web-process extension
     bool control = false;          // stdin/stdout control channel
+    EventSink events;              // control-channel event lines
 };
 
-class BrowserWindow : public BrowserUi {
+class BrowserWindow {
   public:
+    // The front services (FrontServices.h) must be installed, with
+    // `application` as the application; the window becomes its active one.
     BrowserWindow(GtkApplication* application, BrowserOptions options,
-                  std::shared_ptr<ContentFilters> filters);
-    ~BrowserWindow() override;
+                  std::shared_ptr<ContentFilters> filters,
+                  std::shared_ptr<BrowserApplication> browserApplication);
+    ~BrowserWindow();
+    BrowserWindow(const BrowserWindow&) = delete;
+    BrowserWindow& operator=(const BrowserWindow&) = delete;
 
     void openTab(const std::string& url);
     void load(const std::string& url);
     GtkWidget* window() const { return window_; }
 
-    // BrowserUi
-    std::shared_ptr<BrowserPage> activePage() override;
-    void setToolbarImage(const std::string& name) override;
-    void setBadgeText(const std::optional<std::string>& text) override;
-    void dismissPopover() override;
-    void openURL(const std::string& url) override;
-    void toolbarItemsNeedUpdate() override;
-    void event(const std::string& line) override;
+    // What the extension asks of the window (main thread).
+    std::shared_ptr<BrowserPage> activePage();
+    std::shared_ptr<BrowserToolbarItem> toolbarItem() const { return toolbarItem_; }
+    // Validates the toolbar item soon (once for any number of requests).
+    void toolbarItemsNeedUpdate();
+    void event(const std::string& line) const;
 
     // For the control channel.
     void popupFromToolbar();
-    bool press(const std::string& outlet);
-    void selectProfile(unsigned index);
     void showViewForTesting(int code);
     void setDarkForTesting(bool dark);
     bool snapshotPopover(const std::string& path);
@@ -87,8 +91,11 @@ class BrowserWindow : public BrowserUi {
                                 BrowserWindow* self);
     static gboolean onDecidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
                                    WebKitPolicyDecisionType type, BrowserWindow* self);
+    void validateToolbarItem();
 
     BrowserOptions options_;
+    std::shared_ptr<BrowserApplication> application_;
+    std::shared_ptr<BrowserWindowHandle> handle_;
     std::shared_ptr<ContentFilters> filters_;
     WebKitWebContext* context_ = nullptr;
     std::string pickerSource_;
@@ -101,10 +108,8 @@ class BrowserWindow : public BrowserUi {
     GtkWidget* toolbarImage_ = nullptr;
     GtkWidget* badge_ = nullptr;
     GtkWidget* popover_ = nullptr;
-    std::string toolbarImageName_ = "ToolbarItemIcon";
-    std::optional<std::string> badgeText_;
-    PopoverViews views_;
-    std::unique_ptr<ExtensionBridge> bridge_;
+    std::shared_ptr<BrowserToolbarItem> toolbarItem_;
+    std::shared_ptr<GtkPopoverView> popoverView_;
     std::vector<std::unique_ptr<Tab>> tabs_;
     guint validationSource_ = 0;
     gint64 popupStarted_ = 0;

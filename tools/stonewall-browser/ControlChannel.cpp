@@ -14,7 +14,7 @@
 //   snapshot-popover P  render the popover's view to the PNG file P
 //   snapshot-window P   render the window with the open popover to P
 //   validate            run toolbar validation now
-//   state               answers "state {json}"
+//   state               answers "state {json}" once the main queue is idle
 //   quit
 //
 // Events: ready, loaded URL, image NAME, badge TEXT|none, view N, message
@@ -29,6 +29,7 @@
 #include <nlohmann/json.hpp>
 
 #include "BrowserWindow.h"
+#include "extension/SafariExtensionHandler.h"
 
 namespace stonewall::browser {
 
@@ -97,9 +98,9 @@ void BrowserWindow::startControlChannel() {
                     if (command == "load") self->load(argument);
                     else if (command == "tab") self->openTab(argument);
                     else if (command == "popup") self->popupFromToolbar();
-                    else if (command == "popdown") self->dismissPopover();
-                    else if (command == "press") ok = self->press(argument);
-                    else if (command == "select-profile") self->selectProfile(static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
+                    else if (command == "popdown") gtk_popover_popdown(GTK_POPOVER(self->popover_));
+                    else if (command == "press") ok = self->popoverView_ && self->popoverView_->press(argument);
+                    else if (command == "select-profile" && self->popoverView_) self->popoverView_->selectProfile(static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
                     else if (command == "js") self->evaluateInPage(argument);
                     else if (command == "show-view") self->showViewForTesting(std::atoi(argument.c_str()));
                     else if (command == "dark") self->setDarkForTesting(argument == "1");
@@ -140,8 +141,22 @@ void BrowserWindow::startControlChannel() {
                         next(self);
                         return;
                     }
-                    else if (command == "validate") self->bridge_->validateToolbarItem();
-                    else if (command == "state") self->event("state " + self->stateLine());
+                    else if (command == "validate") self->validateToolbarItem();
+                    else if (command == "state") {
+                        // After the work the last command started on the
+                        // main queue (its answers come at default priority).
+                        g_idle_add_full(
+                            G_PRIORITY_LOW,
+                            +[](gpointer data) -> gboolean {
+                                auto* self = static_cast<BrowserWindow*>(data);
+                                self->event("state " + self->stateLine());
+                                self->event("done state");
+                                return G_SOURCE_REMOVE;
+                            },
+                            self, nullptr);
+                        next(self);
+                        return;
+                    }
                     else if (command == "quit") {
                         g_application_quit(g_application_get_default());
                         return;
@@ -181,7 +196,7 @@ void BrowserWindow::afterNextFrame(std::function<void()> work) {
         }),
         pending);
     gtk_widget_queue_draw(window_);
-    gtk_widget_queue_draw(views_.root);
+    if (popoverView_) gtk_widget_queue_draw(popoverView_->root());
 }
 
 void BrowserWindow::popupFromToolbar() {
@@ -189,18 +204,10 @@ void BrowserWindow::popupFromToolbar() {
     gtk_menu_button_popup(GTK_MENU_BUTTON(toolbarButton_));
 }
 
-bool BrowserWindow::press(const std::string& outlet) {
-    const auto found = views_.pressables.find(outlet);
-    if (found == views_.pressables.end()) return false;
-    found->second();
-    return true;
+void BrowserWindow::showViewForTesting(int code) {
+    SafariExtensionHandler().popoverViewController().showExtensionView(
+        code, SafariExtensionViewController::Animated::No);
 }
-
-void BrowserWindow::selectProfile(unsigned index) {
-    gtk_drop_down_set_selected(GTK_DROP_DOWN(views_.profilePopupButton), index);
-}
-
-void BrowserWindow::showViewForTesting(int code) { bridge_->showExtensionView(code, false); }
 
 void BrowserWindow::setDarkForTesting(bool dark) {
     adw_style_manager_set_color_scheme(adw_style_manager_get_default(),
@@ -233,10 +240,11 @@ void BrowserWindow::evaluateInPage(const std::string& script) {
 }
 
 bool BrowserWindow::snapshotPopover(const std::string& path) {
-    if (!gtk_widget_get_mapped(views_.root)) return false;
-    const int width = gtk_widget_get_width(views_.root);
-    const int height = gtk_widget_get_height(views_.root);
-    return renderToPNG(views_.root, snapshotOf(views_.root, width, height), width, height, path);
+    if (!popoverView_ || !gtk_widget_get_mapped(popoverView_->root())) return false;
+    GtkWidget* root = popoverView_->root();
+    const int width = gtk_widget_get_width(root);
+    const int height = gtk_widget_get_height(root);
+    return renderToPNG(root, snapshotOf(root, width, height), width, height, path);
 }
 
 bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page) {
@@ -254,11 +262,12 @@ bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView,
     }
     // The popover is a surface of its own; draw it where it hangs, under the
     // toolbar button.
-    if (gtk_widget_get_mapped(views_.root)) {
+    GtkWidget* root = popoverView_ ? popoverView_->root() : nullptr;
+    if (root && gtk_widget_get_mapped(root)) {
         graphene_rect_t button;
         if (gtk_widget_compute_bounds(toolbarButton_, window_, &button)) {
-            const int popoverWidth = gtk_widget_get_width(views_.root);
-            const int popoverHeight = gtk_widget_get_height(views_.root);
+            const int popoverWidth = gtk_widget_get_width(root);
+            const int popoverHeight = gtk_widget_get_height(root);
             float x = button.origin.x + button.size.width / 2 - popoverWidth / 2.0f;
             if (x + popoverWidth > width - 4) x = static_cast<float>(width - 4 - popoverWidth);
             const float y = button.origin.y + button.size.height + 6;
@@ -272,7 +281,7 @@ bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView,
             gtk_snapshot_save(snapshot);
             graphene_point_t at = GRAPHENE_POINT_INIT(x, y);
             gtk_snapshot_translate(snapshot, &at);
-            GskRenderNode* popoverNode = snapshotOf(views_.root, popoverWidth, popoverHeight);
+            GskRenderNode* popoverNode = snapshotOf(root, popoverWidth, popoverHeight);
             if (popoverNode) {
                 gtk_snapshot_append_node(snapshot, popoverNode);
                 gsk_render_node_unref(popoverNode);
@@ -285,19 +294,24 @@ bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView,
 }
 
 std::string BrowserWindow::stateLine() {
+    SafariExtensionViewController& controller = SafariExtensionHandler().popoverViewController();
+    auto page = activePage();
+    const GtkPopoverView* views = popoverView_.get();
+    const auto title = [views](const char* outlet) { return views ? views->rowTitle(outlet) : std::string(); };
     nlohmann::json state = {
-        {"image", toolbarImageName_},
-        {"badge", badgeText_ ? nlohmann::json(*badgeText_) : nlohmann::json(nullptr)},
-        {"view", views_.shownView},
+        {"image", toolbarItem_->imageName()},
+        {"badge", toolbarItem_->badgeText() ? nlohmann::json(*toolbarItem_->badgeText())
+                                            : nlohmann::json(nullptr)},
+        {"view", views ? views->shownView() : 0},
         {"popover", gtk_widget_get_visible(popover_) ? true : false},
-        {"reloading", bridge_->reloading()},
-        {"blocked", bridge_->blockedCountForActivePage()},
+        {"reloading", controller.reloading()},
+        {"blocked", page ? controller.blockingStatController().URLsCountForPage(page) : 0},
         {"tabs", tabs_.size()},
-        {"website", views_.blockButton->title()},
-        {"blockEnabled", views_.blockButton->isEnabled()},
-        {"profile", views_.profileButton->title()},
-        {"status", views_.statusButton->title()},
-        {"counter", views_.counterButton->title()},
+        {"website", title("blockButton")},
+        {"blockEnabled", views && views->rowEnabled("blockButton")},
+        {"profile", title("profileButton")},
+        {"status", title("statusButton")},
+        {"counter", title("counterButton")},
     };
     return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

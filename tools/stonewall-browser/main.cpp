@@ -13,10 +13,13 @@
 #include <memory>
 #include <string>
 
+#include "BrowserServices.h"
 #include "BrowserWindow.h"
 #include "ContentFilters.h"
 #include "GtkMainDispatch.h"
+#include "GtkToolkit.h"
 #include "engine/CompanionController.h"
+#include "extension/platform/FrontServices.h"
 #include "platform/linux/DBusNotificationCenter.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/LinuxServices.h"
@@ -29,8 +32,19 @@ struct Program {
     browser::BrowserOptions options;
     std::string url = "about:blank";
     std::shared_ptr<browser::ContentFilters> filters;
+    std::shared_ptr<browser::BrowserApplication> application;
     std::unique_ptr<browser::BrowserWindow> window;
 };
+
+// Control-channel events: one line each on stdout.
+void writeEvent(const std::string& line) {
+    std::string clean = line;
+    for (char& c : clean) {
+        if (c == '\n' || c == '\r') c = ' ';
+    }
+    std::fprintf(stdout, "%s\n", clean.c_str());
+    std::fflush(stdout);
+}
 
 std::string extensionsFolder() {
     if (const char* folder = std::getenv("STONEWALL_BROWSER_EXTENSIONS"); folder && *folder) return folder;
@@ -43,8 +57,13 @@ void activate(GtkApplication* application, Program* program) {
         gtk_window_present(GTK_WINDOW(program->window->window()));
         return;
     }
+    // The toolkit follows libadwaita's style manager, which needs the
+    // display GTK opens at start-up.
+    platform::FrontServices front = platform::installedFront();
+    front.toolkit = std::make_shared<browser::GtkToolkit>(program->options.resources);
+    platform::installFront(std::move(front));
     program->window = std::make_unique<browser::BrowserWindow>(application, program->options,
-                                                               program->filters);
+                                                               program->filters, program->application);
     program->filters->setFilterChanged([window = program->window.get()](bool filtering) {
         window->event(filtering ? "filter on" : "filter off");
     });
@@ -95,7 +114,12 @@ int main(int argc, char** argv) {
     services.contentBlocker = program.filters;
     program.options.resources = services.bundle->resourcePath() + "/browser";
     program.options.extensionsFolder = extensionsFolder();
+    program.options.events = program.options.control ? browser::EventSink(writeEvent)
+                                                     : browser::EventSink([](const std::string&) {});
     platform::install(services);
+    program.application = std::make_shared<browser::BrowserApplication>();
+    platform::installFront(
+        {program.application, std::make_shared<browser::GioWorkspace>(program.options.events), nullptr});
 
     if (!std::filesystem::exists(program.options.resources + "/picker.js")) {
         std::fprintf(stderr, "stonewall-browser: the browser resources are missing from %s\n",

@@ -1,0 +1,90 @@
+#pragma once
+
+// The popover's layout in GTK: the six views as pages of a GtkStack, with
+// every outlet of extension/PopoverOutlets.h. Built once, when the popover
+// controller is made; the controller sets every text, colour and state.
+//
+// Main thread for building and the control-channel helpers; the outlets
+// follow GtkViews.h.
+
+#include <gtk/gtk.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "GtkViews.h"
+#include "extension/ExtensionButton.h"
+#include "extension/platform/Toolkit.h"
+
+namespace stonewall::browser {
+
+class GtkPopoverView : public PopoverView {
+  public:
+    // `localized` gives the texts the layout itself fixes (cancel titles).
+    explicit GtkPopoverView(const std::function<std::string(const std::string&)>& localized);
+    ~GtkPopoverView() override;
+
+    // The popover's content; the window puts it into its GtkPopover.
+    GtkWidget* root() const { return root_; }
+    void setPopover(GtkWidget* popover) { popover_ = popover; }
+
+    std::shared_ptr<NSView> view(std::string_view outlet) override;
+    std::shared_ptr<NSTextField> textField(std::string_view outlet) override;
+    std::shared_ptr<NSImageView> imageView(std::string_view outlet) override;
+    std::shared_ptr<NSButton> button(std::string_view outlet) override;
+    std::shared_ptr<ExtensionButton> extensionButton(std::string_view outlet) override;
+    std::shared_ptr<NSPopUpButton> popUpButton(std::string_view outlet) override;
+    std::shared_ptr<NSProgressIndicator> progressIndicator(std::string_view outlet) override;
+    std::shared_ptr<NSStackView> stackView(std::string_view outlet) override;
+    std::shared_ptr<NSLayoutConstraint> constraint(std::string_view outlet) override;
+    void setPreferredContentSize(Size size) override;
+    bool respondsToDismissPopover() const override { return true; }
+    void dismissPopover() override;
+
+    // Draws every view again in the current appearance.
+    void refreshAppearance();
+
+    // --- For the control channel ------------------------------------------------
+    // Presses a row (a click released in its middle: flash, then act) or a
+    // push button; false for an unknown outlet.
+    bool press(const std::string& outlet);
+    void selectProfile(unsigned index);
+    // Called with the view code each time a view is shown.
+    void setOnViewShown(std::function<void(int64_t)> onViewShown) { onViewShown_ = std::move(onViewShown); }
+    int64_t shownView() const { return shownView_; }
+    std::string rowTitle(std::string_view outlet) const;
+    bool rowEnabled(std::string_view outlet) const;
+
+  private:
+    GtkWidget* label(std::string_view outlet, const char* cssClass);
+    GtkWidget* row(std::string_view outlet, std::string_view imageOutlet = {});
+    GtkWidget* separator(std::string_view outlet, std::string_view leading, std::string_view trailing);
+    GtkWidget* pushButton(std::string_view outlet, const std::string& title, bool suggested);
+    GtkWidget* messageStack(std::string_view outlet, std::string_view centerY, GtkWidget* title,
+                            GtkWidget* message);
+    void addPage(std::string_view outlet, GtkWidget* box, int64_t code);
+
+    template <typename T>
+    using Outlets = std::map<std::string, std::shared_ptr<T>, std::less<>>;
+
+    GtkWidget* root_ = nullptr;
+    GtkWidget* stack_ = nullptr;
+    GtkWidget* popover_ = nullptr;
+    Outlets<GtkTextField> textFields_;
+    Outlets<GtkImageView> imageViews_;
+    Outlets<GtkPushButton> buttons_;
+    Outlets<ExtensionButton> rows_;
+    Outlets<GtkView> views_;
+    Outlets<GtkStackView> stacks_;
+    Outlets<NSLayoutConstraint> constraints_;
+    std::shared_ptr<GtkPopUpButton> popup_;
+    std::shared_ptr<GtkProgressIndicator> progress_;
+    std::vector<std::shared_ptr<AppearanceDependent>> drawn_;
+    std::function<void(int64_t)> onViewShown_;
+    int64_t shownView_ = 0;
+};
+
+}  // namespace stonewall::browser
