@@ -29,7 +29,7 @@ bool BrowserPage::isActive() const { return view_ && isActive_ && isActive_(*thi
 
 void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler completionHandler) {
     if (!completionHandler) return;
-    platform::dispatch().mainQueue().async([self = shared_from_this(), handler = std::move(completionHandler)] {
+    answerSoon([self = shared_from_this(), handler = std::move(completionHandler)] {
         if (!self->view_) {
             handler(std::nullopt);
             return;
@@ -40,7 +40,7 @@ void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler compl
 
 void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
-    platform::dispatch().mainQueue().async([self = shared_from_this(), handler = std::move(completionHandler)] {
+    answerSoon([self = shared_from_this(), handler = std::move(completionHandler)] {
         handler(self->view_ ? std::make_shared<BrowserTab>(self) : nullptr);
     });
 }

@@ -8,13 +8,22 @@ namespace stonewall::browser {
 
 namespace {
 
-void later(platform::Work work) { platform::dispatch().mainQueue().async(std::move(work)); }
-
 }  // namespace
+
+void answerSoon(std::function<void()> answer) {
+    g_idle_add_full(
+        G_PRIORITY_DEFAULT,
+        +[](gpointer data) -> gboolean {
+            (*static_cast<std::function<void()>*>(data))();
+            return G_SOURCE_REMOVE;
+        },
+        new std::function<void()>(std::move(answer)),
+        +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+}
 
 void BrowserTab::getActivePageWithCompletionHandler(PageHandler completionHandler) {
     if (!completionHandler) return;
-    later([page = page_, handler = std::move(completionHandler)] { handler(page->view() ? page : nullptr); });
+    answerSoon([page = page_, handler = std::move(completionHandler)] { handler(page->view() ? page : nullptr); });
 }
 
 // --- BrowserToolbarItem -------------------------------------------------------------
@@ -54,7 +63,7 @@ void BrowserToolbarItem::setImage(std::shared_ptr<NSImage> image) {
 
 void BrowserWindowHandle::getActiveTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
-    later([this, handler = std::move(completionHandler)] {
+    answerSoon([this, handler = std::move(completionHandler)] {
         auto page = window_ ? window_->activePage() : nullptr;
         handler(page ? std::make_shared<BrowserTab>(page) : nullptr);
     });
@@ -62,7 +71,7 @@ void BrowserWindowHandle::getActiveTabWithCompletionHandler(TabHandler completio
 
 void BrowserWindowHandle::getToolbarItemWithCompletionHandler(ToolbarItemHandler completionHandler) {
     if (!completionHandler) return;
-    later([this, handler = std::move(completionHandler)] {
+    answerSoon([this, handler = std::move(completionHandler)] {
         handler(window_ ? window_->toolbarItem() : nullptr);
     });
 }
@@ -81,14 +90,14 @@ std::shared_ptr<BrowserWindowHandle> BrowserApplication::activeWindow() const {
 
 void BrowserApplication::getActiveWindowWithCompletionHandler(WindowHandler completionHandler) {
     if (!completionHandler) return;
-    later([this, handler = std::move(completionHandler)] {
+    answerSoon([this, handler = std::move(completionHandler)] {
         auto window = activeWindow();
         handler(window && window->window() ? window : nullptr);
     });
 }
 
 void BrowserApplication::setToolbarItemsNeedUpdate() {
-    later([this] {
+    platform::dispatch().mainQueue().async([this] {
         auto window = activeWindow();
         if (window && window->window()) window->window()->toolbarItemsNeedUpdate();
     });
@@ -102,7 +111,7 @@ bool GioWorkspace::openURL(const std::string& url) {
     g_free(scheme);
     const bool taken = handler != nullptr;
     if (handler) g_object_unref(handler);
-    later([this, url] {
+    platform::dispatch().mainQueue().async([this, url] {
         events_("open-url " + url);
         g_app_info_launch_default_for_uri_async(
             url.c_str(), nullptr, nullptr,

@@ -27,6 +27,12 @@ class BrowserWindow;
 // Receives a control-channel event line.
 using EventSink = std::function<void(const std::string& line)>;
 
+// Runs `answer` on the main thread, later, ahead of the extension's queued
+// work (which runs at idle priority): the browser answers its questions
+// promptly, as its replies would come over IPC, so that a chain of them
+// (window, tab, page, toolbar item) does not wait a frame per step.
+void answerSoon(std::function<void()> answer);
+
 // The tab of a page: one page per tab, for the tab's life.
 class BrowserTab : public SFSafariTab {
   public:

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "BrowserProtocol.h"
+#include "GtkMainDispatch.h"
 #include "PageMessage.h"
 #include "extension/SafariExtensionHandler.h"
 #include "extension/platform/FrontServices.h"
@@ -127,6 +128,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     }
     gtk_menu_button_set_popover(GTK_MENU_BUTTON(toolbarButton_), popover_);
     g_signal_connect(popover_, "show", G_CALLBACK(+[](GtkWidget*, BrowserWindow* self) {
+                         self->holdMainQueueUntilPainted();
                          SafariExtensionHandler().popoverWillShowInWindow(self->handle_);
                          self->afterNextPaint("popover-shown", self->popupStarted_
                                                                    ? self->popupStarted_
@@ -178,6 +180,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
 
 BrowserWindow::~BrowserWindow() {
     if (validationSource_) g_source_remove(validationSource_);
+    releaseMainQueue();
     application_->setActiveWindow(nullptr);
     handle_->detach();
     toolbarItem_->detach();
@@ -389,6 +392,26 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* dec
     return FALSE;
 }
 
+// The popover's views ask the engine for the page's website lists as they
+// open, which takes a while with a large profile; held back, that follows
+// the popover's first frame instead of delaying it. A popover that never
+// paints releases the queue after a few frames.
+void BrowserWindow::holdMainQueueUntilPainted() {
+    auto* dispatch = dynamic_cast<GtkMainDispatch*>(&platform::dispatch());
+    if (!dispatch || releaseSource_) return;
+    dispatch->holdMainQueue();
+    releaseSource_ = g_timeout_add_once(
+        kMainQueueHoldLimitMs, +[](gpointer data) { static_cast<BrowserWindow*>(data)->releaseMainQueue(); },
+        this);
+}
+
+void BrowserWindow::releaseMainQueue() {
+    if (!releaseSource_) return;
+    g_source_remove(releaseSource_);
+    releaseSource_ = 0;
+    if (auto* dispatch = dynamic_cast<GtkMainDispatch*>(&platform::dispatch())) dispatch->releaseMainQueue();
+}
+
 // --- What the extension asks -----------------------------------------------------
 
 std::shared_ptr<BrowserPage> BrowserWindow::activePage() {
@@ -438,6 +461,7 @@ void BrowserWindow::afterNextPaint(std::string timingName, gint64 since) {
             char text[64];
             std::snprintf(text, sizeof text, "%.2f", ms);
             pending->self->event("timing " + pending->name + " " + text);
+            if (pending->name == "popover-shown") pending->self->releaseMainQueue();
             g_signal_handler_disconnect(clock, pending->handler);
             g_idle_add_once(+[](gpointer data) { delete static_cast<Pending*>(data); }, pending);
         }),

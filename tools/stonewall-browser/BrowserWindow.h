@@ -92,6 +92,10 @@ class BrowserWindow {
     static gboolean onDecidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
                                    WebKitPolicyDecisionType type, BrowserWindow* self);
     void validateToolbarItem();
+    void holdMainQueueUntilPainted();
+    void releaseMainQueue();
+    static constexpr guint kMainQueueHoldLimitMs = 100;
+    guint releaseSource_ = 0;
 
     BrowserOptions options_;
     std::shared_ptr<BrowserApplication> application_;

@@ -30,6 +30,7 @@
 
 #include "BrowserWindow.h"
 #include "extension/SafariExtensionHandler.h"
+#include "platform/Platform.h"
 
 namespace stonewall::browser {
 
@@ -133,19 +134,36 @@ void BrowserWindow::startControlChannel() {
                     }
                     else if (command == "snapshot-popover" || command == "snapshot-window") {
                         // Rendered after the next frame, when layout and
-                        // style are settled; answered from there.
-                        self->afterNextFrame([self, command, argument] {
-                            const bool saved = self->snapshotPopover(argument);
-                            self->event((saved ? "done " : "error ") + command);
-                        });
+                        // style are settled and the queued work of the
+                        // view switch is done; a popover still opening gets
+                        // a few more frames.
+                        struct Snapshot {
+                            static void attempt(BrowserWindow* self, std::string command,
+                                                std::string path, int framesLeft) {
+                                self->afterNextFrame([self, command, path, framesLeft] {
+                                    platform::dispatch().mainQueue().async([=] {
+                                        if (self->snapshotPopover(path)) {
+                                            self->event("done " + command);
+                                        } else if (framesLeft > 0) {
+                                            attempt(self, command, path, framesLeft - 1);
+                                        } else {
+                                            self->event("error " + command);
+                                        }
+                                    });
+                                });
+                            }
+                        };
+                        Snapshot::attempt(self, command, argument, /*framesLeft=*/10);
                         next(self);
                         return;
                     }
                     else if (command == "validate") self->validateToolbarItem();
                     else if (command == "state") {
                         // After the work the last command started on the
-                        // main queue (its answers come at default priority).
-                        g_idle_add_full(
+                        // main queue, held or not (the queue runs at idle
+                        // priority, above this).
+                        platform::dispatch().mainQueue().async([self] {
+                          g_idle_add_full(
                             G_PRIORITY_LOW,
                             +[](gpointer data) -> gboolean {
                                 auto* self = static_cast<BrowserWindow*>(data);
@@ -154,6 +172,7 @@ void BrowserWindow::startControlChannel() {
                                 return G_SOURCE_REMOVE;
                             },
                             self, nullptr);
+                        });
                         next(self);
                         return;
                     }

@@ -23,6 +23,12 @@ class GtkMainDispatch : public platform::Dispatch {
     void runMain() override;
     void stopMain() override;
 
+    // Holds work posted to the main queue until releaseMainQueue(), which
+    // posts it in order: the popover's first frame is drawn before the
+    // engine reads its views ask for. Main thread; holds do not nest.
+    void holdMainQueue();
+    void releaseMainQueue();
+
   private:
     std::shared_ptr<platform::Dispatch> workers_;
     std::unique_ptr<platform::Queue> main_;

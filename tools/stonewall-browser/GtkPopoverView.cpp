@@ -43,6 +43,11 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
     gtk_widget_add_css_class(root_, "stonewall-popover");
     stack_ = gtk_stack_new();
     gtk_stack_set_transition_type(GTK_STACK(stack_), GTK_STACK_TRANSITION_TYPE_CROSSFADE);
+    // The popover has a fixed size: measuring the five hidden views (their
+    // wrapped labels are the costliest part of a layout) on every show
+    // would only delay the first frame.
+    gtk_stack_set_hhomogeneous(GTK_STACK(stack_), FALSE);
+    gtk_stack_set_vhomogeneous(GTK_STACK(stack_), FALSE);
     gtk_widget_set_vexpand(stack_, TRUE);
     gtk_box_append(GTK_BOX(root_), stack_);
 
