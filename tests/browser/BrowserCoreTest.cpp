@@ -28,9 +28,12 @@ TEST(PageMessageTest, AcceptsOnlyTheShapesTheHandlerRelieson) {
         {"no user info at all", R"({"name":"VisualStatus"})", false},
         {"data", R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings() + "]}}", true},
         {"data empty", R"({"name":"VisualData","userInfo":{"data":[]}})", true},
-        {"data of eight", R"({"name":"VisualData","userInfo":{"data":[["a","b","c","d","e","f","g","h"]]}})", false},
-        {"data with a number", R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings("9") + "]}}", false},
-        {"data with null", R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings("null") + "]}}", false},
+        {"data of eight",
+         R"({"name":"VisualData","userInfo":{"data":[["a","b","c","d","e","f","g","h"]]}})", false},
+        {"data with a number",
+         R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings("9") + "]}}", false},
+        {"data with null",
+         R"({"name":"VisualData","userInfo":{"data":[)" + nineStrings("null") + "]}}", false},
         {"data not an array", R"({"name":"VisualData","userInfo":{"data":"x"}})", false},
         {"unknown name passes to be logged", R"({"name":"Hello","userInfo":{"x":[1,2]}})", true},
         {"user info not an object", R"({"name":"Hello","userInfo":[1]})", false},
@@ -40,7 +43,8 @@ TEST(PageMessageTest, AcceptsOnlyTheShapesTheHandlerRelieson) {
         {"not an object", R"(["VisualStatus"])", false},
         {"not JSON", R"({"name":"VisualStatus",)", false},
         {"nested too deep", R"({"name":"X","userInfo":{"a":[[[[[[[[[1]]]]]]]]]}})", false},
-        {"brackets inside text do not count", R"({"name":"X","userInfo":{"a":"[[[[[[[[[[[["}})", true},
+        {"brackets inside text do not count", R"({"name":"X","userInfo":{"a":"[[[[[[[[[[[["}})",
+         true},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(checkPageMessage(c.json).has_value(), c.accepted) << c.label;
@@ -55,8 +59,9 @@ TEST(PageMessageTest, RefusesMoreElementsThanAPersonPicks) {
 
 TEST(PageMessageTest, ScriptCallQuotesWhatAPageCouldHaveChosen) {
     const std::string call = pageScriptCall("Visual\"Done</script>\n", nullptr);
-    EXPECT_EQ(call, "window.__stonewallPicker && window.__stonewallPicker.receive("
-                    "\"Visual\\\"Done</script>\\n\", null);");
+    EXPECT_EQ(call,
+              "window.__stonewallPicker && window.__stonewallPicker.receive("
+              "\"Visual\\\"Done</script>\\n\", null);");
     // Invalid UTF-8 is replaced, not thrown on.
     EXPECT_NE(pageScriptCall("\xff", {{"k", "\xfe"}}).find("\\ufffd"), std::string::npos);
 }
@@ -74,8 +79,10 @@ TEST(BlockedLoadTest, RecognisesOnlyWebKitsOwnReport) {
     };
     const Case cases[] = {
         {"report", ConsoleSource::Other, ConsoleLevel::Info, report, "http://ads.test/banner.png"},
-        {"console.info of a page", ConsoleSource::ConsoleAPI, ConsoleLevel::Info, report, std::nullopt},
-        {"console.log of a page", ConsoleSource::JavaScript, ConsoleLevel::Log, report, std::nullopt},
+        {"console.info of a page", ConsoleSource::ConsoleAPI, ConsoleLevel::Info, report,
+         std::nullopt},
+        {"console.log of a page", ConsoleSource::JavaScript, ConsoleLevel::Log, report,
+         std::nullopt},
         {"other level", ConsoleSource::Other, ConsoleLevel::Warning, report, std::nullopt},
         {"other text", ConsoleSource::Other, ConsoleLevel::Info, "Blocked a frame", std::nullopt},
         {"no separator", ConsoleSource::Other, ConsoleLevel::Info,
@@ -83,7 +90,8 @@ TEST(BlockedLoadTest, RecognisesOnlyWebKitsOwnReport) {
         {"empty URL", ConsoleSource::Other, ConsoleLevel::Info,
          "Content blocker prevented frame displaying http://a.test/ from loading a resource from ",
          std::nullopt},
-        {"trailing words", ConsoleSource::Other, ConsoleLevel::Info, report + " twice", std::nullopt},
+        {"trailing words", ConsoleSource::Other, ConsoleLevel::Info, report + " twice",
+         std::nullopt},
         {"page URL with the phrase in its query", ConsoleSource::Other, ConsoleLevel::Info,
          "Content blocker prevented frame displaying http://a.test/?q=from%20loading from loading "
          "a resource from http://t.test/x.js",

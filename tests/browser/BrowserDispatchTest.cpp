@@ -1,9 +1,8 @@
 // The browser's main queue: work held while the popover opens runs after the
 // release, in the order it was posted, from whichever thread posted it.
 
-#include <gtest/gtest.h>
-
 #include <glib.h>
+#include <gtest/gtest.h>
 
 #include <string>
 #include <thread>

@@ -57,8 +57,9 @@ void BrowserPage::dispatchMessageToScriptWithName(const std::string& name,
                                                   const nlohmann::json& userInfo) {
     onMainThread([self = shared_from_this(), call = pageScriptCall(name, userInfo)] {
         if (!self->view_) return;
-        webkit_web_view_evaluate_javascript(self->view_, call.c_str(), static_cast<gssize>(call.size()),
-                                            kScriptWorldName, nullptr, nullptr, nullptr, nullptr);
+        webkit_web_view_evaluate_javascript(self->view_, call.c_str(),
+                                            static_cast<gssize>(call.size()), kScriptWorldName,
+                                            nullptr, nullptr, nullptr, nullptr);
     });
 }
 

@@ -6,9 +6,7 @@
 
 namespace stonewall::browser {
 
-namespace {
-
-}  // namespace
+namespace {}  // namespace
 
 void answerSoon(std::function<void()> answer) {
     g_idle_add_full(
@@ -23,7 +21,9 @@ void answerSoon(std::function<void()> answer) {
 
 void BrowserTab::getActivePageWithCompletionHandler(PageHandler completionHandler) {
     if (!completionHandler) return;
-    answerSoon([page = page_, handler = std::move(completionHandler)] { handler(page->view() ? page : nullptr); });
+    answerSoon([page = page_, handler = std::move(completionHandler)] {
+        handler(page->view() ? page : nullptr);
+    });
 }
 
 // --- BrowserToolbarItem -------------------------------------------------------------
@@ -69,7 +69,8 @@ void BrowserWindowHandle::getActiveTabWithCompletionHandler(TabHandler completio
     });
 }
 
-void BrowserWindowHandle::getToolbarItemWithCompletionHandler(ToolbarItemHandler completionHandler) {
+void BrowserWindowHandle::getToolbarItemWithCompletionHandler(
+    ToolbarItemHandler completionHandler) {
     if (!completionHandler) return;
     answerSoon([this, handler = std::move(completionHandler)] {
         handler(window_ ? window_->toolbarItem() : nullptr);
@@ -103,7 +104,8 @@ void BrowserApplication::setToolbarItemsNeedUpdate() {
     });
 }
 
-// --- GioWorkspace ---------------------------------------------------------------------------------
+// --- GioWorkspace
+// ---------------------------------------------------------------------------------
 
 bool GioWorkspace::openURL(const std::string& url) {
     char* scheme = g_uri_parse_scheme(url.c_str());

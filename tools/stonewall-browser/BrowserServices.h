@@ -55,7 +55,9 @@ class BrowserToolbarItem : public SFSafariToolbarItem {
     const std::string& imageName() const { return imageName_; }
     const std::optional<std::string>& badgeText() const { return badgeText_; }
     // Called on the main thread after the badge text changed.
-    void setOnBadgeChanged(std::function<void()> observer) { onBadgeChanged_ = std::move(observer); }
+    void setOnBadgeChanged(std::function<void()> observer) {
+        onBadgeChanged_ = std::move(observer);
+    }
     // Forgets the widgets (the window is going).
     void detach() { image_ = badge_ = nullptr; }
 

@@ -349,12 +349,13 @@ gboolean BrowserWindow::onUserMessage(WebKitWebView* view, WebKitUserMessage* me
     if (g_strcmp0(webkit_user_message_get_name(message), kBlockedLoadMessage) != 0) return FALSE;
     GVariant* parameters = webkit_user_message_get_parameters(message);
     Tab* tab = self->tabForView(view);
-    if (!tab || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_STRING)) return TRUE;
+    if (!tab || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_STRING))
+        return TRUE;
     const std::string url = g_variant_get_string(parameters, nullptr);
     self->blockedReportArrived_ = g_get_monotonic_time();
     self->event("blocked " + url);
-    SafariExtensionHandler().contentBlockerWithIdentifier(ContainerLayout::kContentBlockerIdentifier,
-                                                          {url}, tab->page);
+    SafariExtensionHandler().contentBlockerWithIdentifier(
+        ContainerLayout::kContentBlockerIdentifier, {url}, tab->page);
     return TRUE;
 }
 
@@ -369,19 +370,21 @@ void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue*
     auto message = json ? checkPageMessage(json) : std::nullopt;
     g_free(json);
     if (!message) {
-        platform::log(platform::LogLevel::Debug, "A page-script message of an unexpected shape was dropped.");
+        platform::log(platform::LogLevel::Debug,
+                      "A page-script message of an unexpected shape was dropped.");
         self->event("message-rejected");
         return;
     }
     self->event("message " + message->name);
-    SafariExtensionHandler().messageReceivedWithName(message->name, sender->page, message->userInfo);
+    SafariExtensionHandler().messageReceivedWithName(message->name, sender->page,
+                                                     message->userInfo);
 }
 
 gboolean BrowserWindow::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
                                        WebKitPolicyDecisionType type, BrowserWindow*) {
     if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) return FALSE;
-    WebKitNavigationAction* action =
-        webkit_navigation_policy_decision_get_navigation_action(WEBKIT_NAVIGATION_POLICY_DECISION(decision));
+    WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(
+        WEBKIT_NAVIGATION_POLICY_DECISION(decision));
     const char* uri = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
     // The application's own links open the application, not a page.
     if (uri && g_str_has_prefix(uri, "stonewall:")) {
@@ -401,15 +404,16 @@ void BrowserWindow::holdMainQueueUntilPainted() {
     if (!dispatch || releaseSource_) return;
     dispatch->holdMainQueue();
     releaseSource_ = g_timeout_add_once(
-        kMainQueueHoldLimitMs, +[](gpointer data) { static_cast<BrowserWindow*>(data)->releaseMainQueue(); },
-        this);
+        kMainQueueHoldLimitMs,
+        +[](gpointer data) { static_cast<BrowserWindow*>(data)->releaseMainQueue(); }, this);
 }
 
 void BrowserWindow::releaseMainQueue() {
     if (!releaseSource_) return;
     g_source_remove(releaseSource_);
     releaseSource_ = 0;
-    if (auto* dispatch = dynamic_cast<GtkMainDispatch*>(&platform::dispatch())) dispatch->releaseMainQueue();
+    if (auto* dispatch = dynamic_cast<GtkMainDispatch*>(&platform::dispatch()))
+        dispatch->releaseMainQueue();
 }
 
 // --- What the extension asks -----------------------------------------------------
@@ -463,7 +467,8 @@ void BrowserWindow::afterNextPaint(std::string timingName, gint64 since) {
             pending->self->event("timing " + pending->name + " " + text);
             if (pending->name == "popover-shown") pending->self->releaseMainQueue();
             g_signal_handler_disconnect(clock, pending->handler);
-            g_idle_add_once(+[](gpointer data) { delete static_cast<Pending*>(data); }, pending);
+            g_idle_add_once(
+                +[](gpointer data) { delete static_cast<Pending*>(data); }, pending);
         }),
         pending);
     gdk_frame_clock_request_phase(clock, GDK_FRAME_CLOCK_PHASE_PAINT);

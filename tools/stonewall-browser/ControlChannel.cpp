@@ -55,7 +55,8 @@ bool renderToPNG(GtkWidget* widget, GskRenderNode* node, int width, int height,
         gsk_render_node_unref(node);
         return false;
     }
-    graphene_rect_t bounds = GRAPHENE_RECT_INIT(0, 0, static_cast<float>(width), static_cast<float>(height));
+    graphene_rect_t bounds =
+        GRAPHENE_RECT_INIT(0, 0, static_cast<float>(width), static_cast<float>(height));
     GdkTexture* texture = gsk_renderer_render_texture(renderer, node, &bounds);
     const bool saved = texture && gdk_texture_save_to_png(texture, path.c_str());
     if (texture) g_object_unref(texture);
@@ -96,15 +97,25 @@ void BrowserWindow::startControlChannel() {
                     const std::string argument = parts.second;
                     g_free(line);
                     bool ok = true;
-                    if (command == "load") self->load(argument);
-                    else if (command == "tab") self->openTab(argument);
-                    else if (command == "popup") self->popupFromToolbar();
-                    else if (command == "popdown") gtk_popover_popdown(GTK_POPOVER(self->popover_));
-                    else if (command == "press") ok = self->popoverView_ && self->popoverView_->press(argument);
-                    else if (command == "select-profile" && self->popoverView_) self->popoverView_->selectProfile(static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
-                    else if (command == "js") self->evaluateInPage(argument);
-                    else if (command == "show-view") self->showViewForTesting(std::atoi(argument.c_str()));
-                    else if (command == "dark") self->setDarkForTesting(argument == "1");
+                    if (command == "load")
+                        self->load(argument);
+                    else if (command == "tab")
+                        self->openTab(argument);
+                    else if (command == "popup")
+                        self->popupFromToolbar();
+                    else if (command == "popdown")
+                        gtk_popover_popdown(GTK_POPOVER(self->popover_));
+                    else if (command == "press")
+                        ok = self->popoverView_ && self->popoverView_->press(argument);
+                    else if (command == "select-profile" && self->popoverView_)
+                        self->popoverView_->selectProfile(
+                            static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
+                    else if (command == "js")
+                        self->evaluateInPage(argument);
+                    else if (command == "show-view")
+                        self->showViewForTesting(std::atoi(argument.c_str()));
+                    else if (command == "dark")
+                        self->setDarkForTesting(argument == "1");
                     else if (command == "snapshot-window") {
                         // The page is drawn by the web process: ask it for
                         // its picture first, then compose the window.
@@ -112,9 +123,13 @@ void BrowserWindow::startControlChannel() {
                         if (!tab) {
                             self->event("error snapshot-window");
                         } else {
-                            struct Request { BrowserWindow* self; std::string path; };
+                            struct Request {
+                                BrowserWindow* self;
+                                std::string path;
+                            };
                             webkit_web_view_get_snapshot(
-                                tab->view, WEBKIT_SNAPSHOT_REGION_VISIBLE, WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
+                                tab->view, WEBKIT_SNAPSHOT_REGION_VISIBLE,
+                                WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
                                 +[](GObject* view, GAsyncResult* result, gpointer data) {
                                     std::unique_ptr<Request> request(static_cast<Request*>(data));
                                     GdkTexture* page = webkit_web_view_get_snapshot_finish(
@@ -122,17 +137,18 @@ void BrowserWindow::startControlChannel() {
                                     BrowserWindow* self = request->self;
                                     std::string path = request->path;
                                     self->afterNextFrame([self, path, page, view] {
-                                        const bool saved = self->snapshotWindow(path, GTK_WIDGET(view), page);
+                                        const bool saved =
+                                            self->snapshotWindow(path, GTK_WIDGET(view), page);
                                         if (page) g_object_unref(page);
-                                        self->event(saved ? "done snapshot-window" : "error snapshot-window");
+                                        self->event(saved ? "done snapshot-window"
+                                                          : "error snapshot-window");
                                     });
                                 },
                                 new Request{self, argument});
                         }
                         next(self);
                         return;
-                    }
-                    else if (command == "snapshot-popover" || command == "snapshot-window") {
+                    } else if (command == "snapshot-popover" || command == "snapshot-window") {
                         // Rendered after the next frame, when layout and
                         // style are settled and the queued work of the
                         // view switch is done; a popover still opening gets
@@ -156,30 +172,30 @@ void BrowserWindow::startControlChannel() {
                         Snapshot::attempt(self, command, argument, /*framesLeft=*/10);
                         next(self);
                         return;
-                    }
-                    else if (command == "validate") self->validateToolbarItem();
+                    } else if (command == "validate")
+                        self->validateToolbarItem();
                     else if (command == "state") {
                         // After the work the last command started on the
                         // main queue, held or not (the queue runs at idle
                         // priority, above this).
                         platform::dispatch().mainQueue().async([self] {
-                          g_idle_add_full(
-                            G_PRIORITY_LOW,
-                            +[](gpointer data) -> gboolean {
-                                auto* self = static_cast<BrowserWindow*>(data);
-                                self->event("state " + self->stateLine());
-                                self->event("done state");
-                                return G_SOURCE_REMOVE;
-                            },
-                            self, nullptr);
+                            g_idle_add_full(
+                                G_PRIORITY_LOW,
+                                +[](gpointer data) -> gboolean {
+                                    auto* self = static_cast<BrowserWindow*>(data);
+                                    self->event("state " + self->stateLine());
+                                    self->event("done state");
+                                    return G_SOURCE_REMOVE;
+                                },
+                                self, nullptr);
                         });
                         next(self);
                         return;
-                    }
-                    else if (command == "quit") {
+                    } else if (command == "quit") {
                         g_application_quit(g_application_get_default());
                         return;
-                    } else ok = false;
+                    } else
+                        ok = false;
                     self->event(ok ? "done " + command : "error " + command + " " + argument);
                     next(self);
                 },
@@ -229,8 +245,9 @@ void BrowserWindow::showViewForTesting(int code) {
 }
 
 void BrowserWindow::setDarkForTesting(bool dark) {
-    adw_style_manager_set_color_scheme(adw_style_manager_get_default(),
-                                       dark ? ADW_COLOR_SCHEME_FORCE_DARK : ADW_COLOR_SCHEME_FORCE_LIGHT);
+    adw_style_manager_set_color_scheme(
+        adw_style_manager_get_default(),
+        dark ? ADW_COLOR_SCHEME_FORCE_DARK : ADW_COLOR_SCHEME_FORCE_LIGHT);
 }
 
 void BrowserWindow::evaluateInPage(const std::string& script) {
@@ -244,7 +261,8 @@ void BrowserWindow::evaluateInPage(const std::string& script) {
         +[](GObject* view, GAsyncResult* result, gpointer data) {
             auto* self = static_cast<BrowserWindow*>(data);
             GError* error = nullptr;
-            JSCValue* value = webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(view), result, &error);
+            JSCValue* value =
+                webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(view), result, &error);
             if (!value) {
                 self->event(std::string("js-error ") + error->message);
                 g_error_free(error);
@@ -316,7 +334,9 @@ std::string BrowserWindow::stateLine() {
     SafariExtensionViewController& controller = SafariExtensionHandler().popoverViewController();
     auto page = activePage();
     const GtkPopoverView* views = popoverView_.get();
-    const auto title = [views](const char* outlet) { return views ? views->rowTitle(outlet) : std::string(); };
+    const auto title = [views](const char* outlet) {
+        return views ? views->rowTitle(outlet) : std::string();
+    };
     nlohmann::json state = {
         {"image", toolbarItem_->imageName()},
         {"badge", toolbarItem_->badgeText() ? nlohmann::json(*toolbarItem_->badgeText())

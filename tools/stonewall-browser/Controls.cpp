@@ -13,7 +13,8 @@ void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton
     gtk_widget_set_focusable(row, button->canBecomeKeyView());
 
     GtkEventController* motion = gtk_event_controller_motion_new();
-    g_signal_connect_data(motion, "enter", G_CALLBACK(+[](GtkEventController*, double, double, Weak* weak) {
+    g_signal_connect_data(motion, "enter",
+                          G_CALLBACK(+[](GtkEventController*, double, double, Weak* weak) {
                               if (auto self = weak->lock()) self->mouseEntered();
                           }),
                           new Weak(button), destroyWeak, GConnectFlags(0));
@@ -35,8 +36,8 @@ void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton
 
     GtkEventController* keys = gtk_event_controller_key_new();
     g_signal_connect_data(keys, "key-pressed",
-                          G_CALLBACK(+[](GtkEventControllerKey*, guint keyval, guint, GdkModifierType,
-                                         Weak* weak) -> gboolean {
+                          G_CALLBACK(+[](GtkEventControllerKey*, guint keyval, guint,
+                                         GdkModifierType, Weak* weak) -> gboolean {
                               auto self = weak->lock();
                               if (!self || keyval != GDK_KEY_space) return FALSE;
                               return self->performKeyEquivalent(kSpaceKeyCode);
@@ -86,9 +87,9 @@ class SwitchView : public stonewall::CustomSwitchView {
 
     stonewall::Rect drawnKnob() const {
         const double p = progress_;
-        return stonewall::Rect{{from_.origin.x + (to_.origin.x - from_.origin.x) * p, to_.origin.y},
-                               {from_.size.width + (to_.size.width - from_.size.width) * p,
-                                to_.size.height}};
+        return stonewall::Rect{
+            {from_.origin.x + (to_.origin.x - from_.origin.x) * p, to_.origin.y},
+            {from_.size.width + (to_.size.width - from_.size.width) * p, to_.size.height}};
     }
     void stopTicking() {
         if (tick_) gtk_widget_remove_tick_callback(widget_, tick_);
@@ -148,24 +149,25 @@ StonewallSwitch* asSwitch(GtkWidget* widget) {
 }
 
 GskRoundedRect rounded(const stonewall::Rect& rect, double radius) {
-    const graphene_rect_t bounds =
-        GRAPHENE_RECT_INIT(static_cast<float>(rect.origin.x), static_cast<float>(rect.origin.y),
-                           static_cast<float>(rect.size.width), static_cast<float>(rect.size.height));
+    const graphene_rect_t bounds = GRAPHENE_RECT_INIT(
+        static_cast<float>(rect.origin.x), static_cast<float>(rect.origin.y),
+        static_cast<float>(rect.size.width), static_cast<float>(rect.size.height));
     GskRoundedRect result;
     gsk_rounded_rect_init_from_rect(&result, &bounds, static_cast<float>(radius));
     return result;
 }
 
 // One layer: its shadow, its fill, its border.
-void drawLayer(GtkSnapshot* snapshot, const stonewall::SwitchLayer& layer, const stonewall::Rect& frame,
-               bool dark) {
+void drawLayer(GtkSnapshot* snapshot, const stonewall::SwitchLayer& layer,
+               const stonewall::Rect& frame, bool dark) {
     using stonewall::browser::resolveColor;
     const GskRoundedRect shape = rounded(frame, layer.cornerRadius);
     if (layer.shadowOpacity > 0) {
         GdkRGBA shadow = resolveColor(layer.shadowColor, dark);
         shadow.alpha *= static_cast<float>(layer.shadowOpacity);
         // The layer's shadow offset points up the screen for negative y.
-        gtk_snapshot_append_outset_shadow(snapshot, &shape, &shadow, static_cast<float>(layer.shadowOffset.width),
+        gtk_snapshot_append_outset_shadow(snapshot, &shape, &shadow,
+                                          static_cast<float>(layer.shadowOffset.width),
                                           static_cast<float>(-layer.shadowOffset.height), 0,
                                           static_cast<float>(layer.shadowRadius));
     }
@@ -197,7 +199,8 @@ void snapshotSwitch(GtkWidget* widget, GtkSnapshot* snapshot) {
 }
 
 void allocateSwitch(GtkWidget* widget, int width, int height, int) {
-    (*asSwitch(widget)->control)->setFrame(stonewall::Rect{{0, 0}, {double(width), double(height)}});
+    (*asSwitch(widget)->control)
+        ->setFrame(stonewall::Rect{{0, 0}, {double(width), double(height)}});
 }
 
 }  // namespace
@@ -211,16 +214,18 @@ static void stonewall_switch_init(StonewallSwitch* self) {
         stonewall::CustomSwitch::initWithFrame(*self->view, stonewall::Rect{{0, 0}, {50, 30}}));
 
     GtkGesture* click = gtk_gesture_click_new();
-    g_signal_connect(click, "pressed", G_CALLBACK(+[](GtkGestureClick*, int, double x, double y,
-                                                      StonewallSwitch* self) {
-                         (*self->control)->mouseDown(stonewall::Point{x, y});
-                     }),
-                     self);
-    g_signal_connect(click, "released", G_CALLBACK(+[](GtkGestureClick*, int, double x, double y,
-                                                       StonewallSwitch* self) {
-                         (*self->control)->mouseUp(stonewall::Point{x, y});
-                     }),
-                     self);
+    g_signal_connect(
+        click, "pressed",
+        G_CALLBACK(+[](GtkGestureClick*, int, double x, double y, StonewallSwitch* self) {
+            (*self->control)->mouseDown(stonewall::Point{x, y});
+        }),
+        self);
+    g_signal_connect(
+        click, "released",
+        G_CALLBACK(+[](GtkGestureClick*, int, double x, double y, StonewallSwitch* self) {
+            (*self->control)->mouseUp(stonewall::Point{x, y});
+        }),
+        self);
     gtk_widget_add_controller(widget, GTK_EVENT_CONTROLLER(click));
 
     GtkEventController* keys = gtk_event_controller_key_new();
@@ -256,7 +261,9 @@ static void stonewall_switch_class_init(StonewallSwitchClass* klass) {
 
 namespace stonewall::browser {
 
-GtkWidget* customSwitchNew() { return GTK_WIDGET(g_object_new(stonewall_switch_get_type(), nullptr)); }
+GtkWidget* customSwitchNew() {
+    return GTK_WIDGET(g_object_new(stonewall_switch_get_type(), nullptr));
+}
 
 CustomSwitch& customSwitchOf(GtkWidget* widget) { return **asSwitch(widget)->control; }
 

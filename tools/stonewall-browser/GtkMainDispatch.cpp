@@ -60,9 +60,10 @@ class MainContextQueue : public platform::Queue {
     }
     void sync(platform::Work work) override {
         if (isCurrent()) {
-            std::fputs("stonewall-browser: sync onto the main queue from the main queue; "
-                       "running the work in place\n",
-                       stderr);
+            std::fputs(
+                "stonewall-browser: sync onto the main queue from the main queue; "
+                "running the work in place\n",
+                stderr);
             work();
             return;
         }
@@ -75,7 +76,8 @@ class MainContextQueue : public platform::Queue {
     }
     void asyncAfter(platform::Nanoseconds delay, platform::Work work) override {
         const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(delay).count();
-        attach(g_timeout_source_new(static_cast<guint>(ms < 0 ? 0 : ms)), std::move(work), G_PRIORITY_DEFAULT);
+        attach(g_timeout_source_new(static_cast<guint>(ms < 0 ? 0 : ms)), std::move(work),
+               G_PRIORITY_DEFAULT);
     }
     bool isCurrent() const override { return g_main_context_is_owner(g_main_context_default()); }
 

@@ -54,26 +54,32 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
     // 1: main.
     GtkWidget* main = gtk_box_new(GTK_ORIENTATION_VERTICAL, 2);
     gtk_widget_add_css_class(main, "main-view");
-    constraints_.emplace("mainStackViewLeadingConstraint",
-                         std::make_shared<GtkMarginConstraint>(main, GtkMarginConstraint::Edge::Start, 0));
-    constraints_.emplace("mainStackViewTrailingConstraint",
-                         std::make_shared<GtkMarginConstraint>(main, GtkMarginConstraint::Edge::End, 0));
+    constraints_.emplace(
+        "mainStackViewLeadingConstraint",
+        std::make_shared<GtkMarginConstraint>(main, GtkMarginConstraint::Edge::Start, 0));
+    constraints_.emplace(
+        "mainStackViewTrailingConstraint",
+        std::make_shared<GtkMarginConstraint>(main, GtkMarginConstraint::Edge::End, 0));
     const auto append = [main](GtkWidget* child) { gtk_box_append(GTK_BOX(main), child); };
     append(label("statusHeaderLabel", "extension-header"));
     append(row("statusButton", "statusImageView"));
     append(row("counterButton", "counterImageView"));
-    append(separator("statusLineView", "statusLineLeadingConstraint", "statusLineTrailingConstraint"));
+    append(
+        separator("statusLineView", "statusLineLeadingConstraint", "statusLineTrailingConstraint"));
     append(label("visualHeaderLabel", "extension-header"));
     append(row("visualBlockButton"));
-    append(separator("visualLineView", "webpageLineLeadingConstraint", "webpageLineTrailingConstraint"));
+    append(separator("visualLineView", "webpageLineLeadingConstraint",
+                     "webpageLineTrailingConstraint"));
     append(label("customRulesHeaderLabel", "extension-header"));
     append(row("blockButton"));
     append(row("secureButton"));
     append(row("whitelistButton"));
-    append(separator("customRulesLineView", "websiteLineLeadingConstraint", "websiteLineTrailingConstraint"));
+    append(separator("customRulesLineView", "websiteLineLeadingConstraint",
+                     "websiteLineTrailingConstraint"));
     append(label("activeProfileHeaderLabel", "extension-header"));
     append(row("profileButton"));
-    append(separator("profileLineView", "profileLineLeadingConstraint", "profileLineTrailingConstraint"));
+    append(separator("profileLineView", "profileLineLeadingConstraint",
+                     "profileLineTrailingConstraint"));
     append(label("appHeaderLabel", "extension-header"));
     append(row("appButton"));
     addPage("mainStackView", main, 1);
@@ -120,7 +126,8 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
     gtk_box_append(GTK_BOX(error), label("errorTitleLabel", "extension-title"));
     gtk_box_append(GTK_BOX(error), label("errorMessageLabel", "extension-message"));
     addPage("errorMessageStackView",
-            dialogView(error, nullptr, buttonRow(nullptr, pushButton("errorDoneButton", L("OK"), true))),
+            dialogView(error, nullptr,
+                       buttonRow(nullptr, pushButton("errorDoneButton", L("OK"), true))),
             6);
 }
 
@@ -173,14 +180,17 @@ GtkWidget* GtkPopoverView::separator(std::string_view outlet, std::string_view l
     views_.emplace(std::string(outlet), view);
     drawn_.push_back(view);
     constexpr double kResourceInset = 10;
-    constraints_.emplace(std::string(leading), std::make_shared<GtkMarginConstraint>(
-                                                   line, GtkMarginConstraint::Edge::Start, kResourceInset));
-    constraints_.emplace(std::string(trailing), std::make_shared<GtkMarginConstraint>(
-                                                    line, GtkMarginConstraint::Edge::End, kResourceInset));
+    constraints_.emplace(std::string(leading),
+                         std::make_shared<GtkMarginConstraint>(
+                             line, GtkMarginConstraint::Edge::Start, kResourceInset));
+    constraints_.emplace(std::string(trailing),
+                         std::make_shared<GtkMarginConstraint>(line, GtkMarginConstraint::Edge::End,
+                                                               kResourceInset));
     return line;
 }
 
-GtkWidget* GtkPopoverView::pushButton(std::string_view outlet, const std::string& title, bool suggested) {
+GtkWidget* GtkPopoverView::pushButton(std::string_view outlet, const std::string& title,
+                                      bool suggested) {
     GtkWidget* widget = gtk_button_new_with_label(title.c_str());
     if (suggested) gtk_widget_add_css_class(widget, "suggested-action");
     gtk_widget_set_hexpand(widget, TRUE);
@@ -194,8 +204,8 @@ GtkWidget* GtkPopoverView::messageStack(std::string_view outlet, std::string_vie
     gtk_box_append(GTK_BOX(box), title);
     gtk_box_append(GTK_BOX(box), message);
     stacks_.emplace(std::string(outlet), std::make_shared<GtkStackView>(box));
-    constraints_.emplace(std::string(centerY),
-                         std::make_shared<GtkMarginConstraint>(box, GtkMarginConstraint::Edge::Top, 0));
+    constraints_.emplace(std::string(centerY), std::make_shared<GtkMarginConstraint>(
+                                                   box, GtkMarginConstraint::Edge::Top, 0));
     return box;
 }
 
@@ -209,14 +219,18 @@ void GtkPopoverView::addPage(std::string_view outlet, GtkWidget* box, int64_t co
     stacks_.emplace(std::string(outlet), std::move(page));
 }
 
-std::shared_ptr<NSView> GtkPopoverView::view(std::string_view outlet) { return lookup(views_, outlet); }
+std::shared_ptr<NSView> GtkPopoverView::view(std::string_view outlet) {
+    return lookup(views_, outlet);
+}
 std::shared_ptr<NSTextField> GtkPopoverView::textField(std::string_view outlet) {
     return lookup(textFields_, outlet);
 }
 std::shared_ptr<NSImageView> GtkPopoverView::imageView(std::string_view outlet) {
     return lookup(imageViews_, outlet);
 }
-std::shared_ptr<NSButton> GtkPopoverView::button(std::string_view outlet) { return lookup(buttons_, outlet); }
+std::shared_ptr<NSButton> GtkPopoverView::button(std::string_view outlet) {
+    return lookup(buttons_, outlet);
+}
 std::shared_ptr<ExtensionButton> GtkPopoverView::extensionButton(std::string_view outlet) {
     return lookup(rows_, outlet);
 }
@@ -235,7 +249,8 @@ std::shared_ptr<NSLayoutConstraint> GtkPopoverView::constraint(std::string_view 
 
 void GtkPopoverView::setPreferredContentSize(Size size) {
     onMainThread([root = root_, size] {
-        gtk_widget_set_size_request(root, static_cast<int>(size.width), static_cast<int>(size.height));
+        gtk_widget_set_size_request(root, static_cast<int>(size.width),
+                                    static_cast<int>(size.height));
     });
 }
 

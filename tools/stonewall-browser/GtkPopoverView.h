@@ -53,7 +53,9 @@ class GtkPopoverView : public PopoverView {
     bool press(const std::string& outlet);
     void selectProfile(unsigned index);
     // Called with the view code each time a view is shown.
-    void setOnViewShown(std::function<void(int64_t)> onViewShown) { onViewShown_ = std::move(onViewShown); }
+    void setOnViewShown(std::function<void(int64_t)> onViewShown) {
+        onViewShown_ = std::move(onViewShown);
+    }
     int64_t shownView() const { return shownView_; }
     std::string rowTitle(std::string_view outlet) const;
     bool rowEnabled(std::string_view outlet) const;
@@ -61,7 +63,8 @@ class GtkPopoverView : public PopoverView {
   private:
     GtkWidget* label(std::string_view outlet, const char* cssClass);
     GtkWidget* row(std::string_view outlet, std::string_view imageOutlet = {});
-    GtkWidget* separator(std::string_view outlet, std::string_view leading, std::string_view trailing);
+    GtkWidget* separator(std::string_view outlet, std::string_view leading,
+                         std::string_view trailing);
     GtkWidget* pushButton(std::string_view outlet, const std::string& title, bool suggested);
     GtkWidget* messageStack(std::string_view outlet, std::string_view centerY, GtkWidget* title,
                             GtkWidget* message);

@@ -56,13 +56,14 @@ void GtkToolkit::runAnimationGroup(double duration, const std::function<void()>&
     if (changes) changes();
     setAnimationDurationInEffect(outer);
     if (!completion) return;
-    const auto delay = std::chrono::duration_cast<platform::Nanoseconds>(std::chrono::duration<double>(duration));
+    const auto delay =
+        std::chrono::duration_cast<platform::Nanoseconds>(std::chrono::duration<double>(duration));
     platform::dispatch().mainQueue().asyncAfter(delay, std::move(completion));
 }
 
 LayoutDirection GtkToolkit::userInterfaceLayoutDirection() const {
     return gtk_widget_get_default_direction() == GTK_TEXT_DIR_RTL ? LayoutDirection::RightToLeft
-                                                                   : LayoutDirection::LeftToRight;
+                                                                  : LayoutDirection::LeftToRight;
 }
 
 std::string GtkToolkit::preferredLocalization() const {

@@ -20,9 +20,9 @@ G_DEFINE_TYPE(StonewallLayerBox, stonewall_layer_box, GTK_TYPE_BOX)
 static void stonewall_layer_box_snapshot(GtkWidget* widget, GtkSnapshot* snapshot) {
     auto* self = reinterpret_cast<StonewallLayerBox*>(widget);
     if (self->background.alpha > 0) {
-        const graphene_rect_t bounds = GRAPHENE_RECT_INIT(
-            0, 0, static_cast<float>(gtk_widget_get_width(widget)),
-            static_cast<float>(gtk_widget_get_height(widget)));
+        const graphene_rect_t bounds =
+            GRAPHENE_RECT_INIT(0, 0, static_cast<float>(gtk_widget_get_width(widget)),
+                               static_cast<float>(gtk_widget_get_height(widget)));
         GskRoundedRect rounded;
         gsk_rounded_rect_init_from_rect(&rounded, &bounds, self->cornerRadius);
         gtk_snapshot_push_rounded_clip(snapshot, &rounded);
@@ -60,15 +60,24 @@ bool darkAppearance() {
 
 PangoWeight pangoWeight(FontWeight weight) {
     switch (weight) {
-        case FontWeight::UltraLight: return PANGO_WEIGHT_ULTRALIGHT;
-        case FontWeight::Thin: return PANGO_WEIGHT_THIN;
-        case FontWeight::Light: return PANGO_WEIGHT_LIGHT;
-        case FontWeight::Regular: return PANGO_WEIGHT_NORMAL;
-        case FontWeight::Medium: return PANGO_WEIGHT_MEDIUM;
-        case FontWeight::Semibold: return PANGO_WEIGHT_SEMIBOLD;
-        case FontWeight::Bold: return PANGO_WEIGHT_BOLD;
-        case FontWeight::Heavy: return PANGO_WEIGHT_ULTRABOLD;
-        case FontWeight::Black: return PANGO_WEIGHT_HEAVY;
+        case FontWeight::UltraLight:
+            return PANGO_WEIGHT_ULTRALIGHT;
+        case FontWeight::Thin:
+            return PANGO_WEIGHT_THIN;
+        case FontWeight::Light:
+            return PANGO_WEIGHT_LIGHT;
+        case FontWeight::Regular:
+            return PANGO_WEIGHT_NORMAL;
+        case FontWeight::Medium:
+            return PANGO_WEIGHT_MEDIUM;
+        case FontWeight::Semibold:
+            return PANGO_WEIGHT_SEMIBOLD;
+        case FontWeight::Bold:
+            return PANGO_WEIGHT_BOLD;
+        case FontWeight::Heavy:
+            return PANGO_WEIGHT_ULTRABOLD;
+        case FontWeight::Black:
+            return PANGO_WEIGHT_HEAVY;
     }
     return PANGO_WEIGHT_NORMAL;
 }
@@ -99,15 +108,21 @@ GdkRGBA resolveColor(const NSColor& color, bool dark) {
     // draws them, light and dark.
     const float ink = dark ? 1.0f : 0.0f;
     switch (*color.system) {
-        case SystemColor::Label: return {ink, ink, ink, 0.85f};
-        case SystemColor::SecondaryLabel: return {ink, ink, ink, dark ? 0.55f : 0.5f};
-        case SystemColor::TertiaryLabel: return {ink, ink, ink, dark ? 0.25f : 0.26f};
-        case SystemColor::Separator: return {ink, ink, ink, 0.1f};
-        case SystemColor::DisabledControlText: return {ink, ink, ink, 0.25f};
+        case SystemColor::Label:
+            return {ink, ink, ink, 0.85f};
+        case SystemColor::SecondaryLabel:
+            return {ink, ink, ink, dark ? 0.55f : 0.5f};
+        case SystemColor::TertiaryLabel:
+            return {ink, ink, ink, dark ? 0.25f : 0.26f};
+        case SystemColor::Separator:
+            return {ink, ink, ink, 0.1f};
+        case SystemColor::DisabledControlText:
+            return {ink, ink, ink, 0.25f};
         case SystemColor::SelectedContentBackground:
         case SystemColor::SelectedMenuItem:
             return dark ? GdkRGBA{0.21f, 0.52f, 0.89f, 1} : GdkRGBA{0.11f, 0.44f, 0.85f, 1};
-        case SystemColor::SelectedMenuItemText: return {1, 1, 1, 1};
+        case SystemColor::SelectedMenuItemText:
+            return {1, 1, 1, 1};
         case SystemColor::WindowBackground:
             return dark ? GdkRGBA{0.14f, 0.14f, 0.14f, 1} : GdkRGBA{0.98f, 0.98f, 0.98f, 1};
         case SystemColor::ControlAccent:
@@ -233,13 +248,15 @@ void GtkTextField::applyAttributes() {
         PangoAttrList* attributes = pango_attr_list_new();
         if (color) {
             const GdkRGBA rgba = resolveColor(*color, darkAppearance());
-            pango_attr_list_insert(attributes, pango_attr_foreground_new(channel(rgba.red), channel(rgba.green),
-                                                                         channel(rgba.blue)));
-            pango_attr_list_insert(attributes, pango_attr_foreground_alpha_new(channel(rgba.alpha)));
+            pango_attr_list_insert(attributes,
+                                   pango_attr_foreground_new(channel(rgba.red), channel(rgba.green),
+                                                             channel(rgba.blue)));
+            pango_attr_list_insert(attributes,
+                                   pango_attr_foreground_alpha_new(channel(rgba.alpha)));
         }
         if (font) {
-            pango_attr_list_insert(attributes,
-                                   pango_attr_size_new_absolute(static_cast<int>(font->size * PANGO_SCALE)));
+            pango_attr_list_insert(attributes, pango_attr_size_new_absolute(
+                                                   static_cast<int>(font->size * PANGO_SCALE)));
             pango_attr_list_insert(attributes, pango_attr_weight_new(pangoWeight(font->weight)));
         }
         gtk_label_set_attributes(GTK_LABEL(widget), attributes);
@@ -281,7 +298,8 @@ void GtkPushButton::setTitle(const std::string& title) {
         std::lock_guard lock(mutex_);
         title_ = title;
     }
-    onMainThread([widget = widget_, title] { gtk_button_set_label(GTK_BUTTON(widget), title.c_str()); });
+    onMainThread(
+        [widget = widget_, title] { gtk_button_set_label(GTK_BUTTON(widget), title.c_str()); });
 }
 
 std::string GtkPushButton::title() const {
@@ -321,7 +339,8 @@ void GtkPopUpButton::addItem(const NSMenuItem& item) {
         std::lock_guard lock(mutex_);
         items_.push_back(item);
     }
-    onMainThread([model = model_, title = item.title] { gtk_string_list_append(model, title.c_str()); });
+    onMainThread(
+        [model = model_, title = item.title] { gtk_string_list_append(model, title.c_str()); });
 }
 
 int64_t GtkPopUpButton::numberOfItems() const {
@@ -339,7 +358,8 @@ void GtkPopUpButton::selectItemAtIndex(int64_t index) {
 
 int64_t GtkPopUpButton::indexOfSelectedItem() const {
     const guint selected = gtk_drop_down_get_selected(GTK_DROP_DOWN(widget_));
-    if (selected == GTK_INVALID_LIST_POSITION || static_cast<int64_t>(selected) >= numberOfItems()) {
+    if (selected == GTK_INVALID_LIST_POSITION ||
+        static_cast<int64_t>(selected) >= numberOfItems()) {
         return -1;
     }
     return static_cast<int64_t>(selected);
@@ -409,9 +429,15 @@ void GtkMarginConstraint::setConstant(double constant) {
         // Margins cannot be negative; a negative offset moves nothing.
         const int margin = std::max(0, static_cast<int>(std::lround(constant)));
         switch (edge) {
-            case Edge::Start: gtk_widget_set_margin_start(widget, margin); break;
-            case Edge::End: gtk_widget_set_margin_end(widget, margin); break;
-            case Edge::Top: gtk_widget_set_margin_top(widget, margin); break;
+            case Edge::Start:
+                gtk_widget_set_margin_start(widget, margin);
+                break;
+            case Edge::End:
+                gtk_widget_set_margin_end(widget, margin);
+                break;
+            case Edge::Top:
+                gtk_widget_set_margin_top(widget, margin);
+                break;
         }
     });
 }

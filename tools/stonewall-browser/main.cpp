@@ -47,8 +47,10 @@ void writeEvent(const std::string& line) {
 }
 
 std::string extensionsFolder() {
-    if (const char* folder = std::getenv("STONEWALL_BROWSER_EXTENSIONS"); folder && *folder) return folder;
-    if (std::filesystem::exists(STONEWALL_BROWSER_BUILD_EXTENSIONS)) return STONEWALL_BROWSER_BUILD_EXTENSIONS;
+    if (const char* folder = std::getenv("STONEWALL_BROWSER_EXTENSIONS"); folder && *folder)
+        return folder;
+    if (std::filesystem::exists(STONEWALL_BROWSER_BUILD_EXTENSIONS))
+        return STONEWALL_BROWSER_BUILD_EXTENSIONS;
     return STONEWALL_BROWSER_INSTALL_EXTENSIONS;
 }
 
@@ -62,8 +64,8 @@ void activate(GtkApplication* application, Program* program) {
     platform::FrontServices front = platform::installedFront();
     front.toolkit = std::make_shared<browser::GtkToolkit>(program->options.resources);
     platform::installFront(std::move(front));
-    program->window = std::make_unique<browser::BrowserWindow>(application, program->options,
-                                                               program->filters, program->application);
+    program->window = std::make_unique<browser::BrowserWindow>(
+        application, program->options, program->filters, program->application);
     program->filters->setFilterChanged([window = program->window.get()](bool filtering) {
         window->event(filtering ? "filter on" : "filter off");
     });
@@ -107,19 +109,23 @@ int main(int argc, char** argv) {
     services.notifications =
         std::make_shared<platform::gnulinux::DBusNotificationCenter>(dispatch, services.log);
     const std::string container =
-        services.host->containerPathForApplicationGroup(platform::gnulinux::kApplicationGroup).value_or("");
-    auto defaults = std::dynamic_pointer_cast<platform::gnulinux::FileUserDefaultsService>(services.defaults);
+        services.host->containerPathForApplicationGroup(platform::gnulinux::kApplicationGroup)
+            .value_or("");
+    auto defaults =
+        std::dynamic_pointer_cast<platform::gnulinux::FileUserDefaultsService>(services.defaults);
     program.filters = std::make_shared<browser::ContentFilters>(
         container, defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : "");
     services.contentBlocker = program.filters;
     program.options.resources = services.bundle->resourcePath() + "/browser";
     program.options.extensionsFolder = extensionsFolder();
-    program.options.events = program.options.control ? browser::EventSink(writeEvent)
-                                                     : browser::EventSink([](const std::string&) {});
+    program.options.events = program.options.control
+                                 ? browser::EventSink(writeEvent)
+                                 : browser::EventSink([](const std::string&) {});
     platform::install(services);
     program.application = std::make_shared<browser::BrowserApplication>();
-    platform::installFront(
-        {program.application, std::make_shared<browser::GioWorkspace>(program.options.events), nullptr});
+    platform::installFront({program.application,
+                            std::make_shared<browser::GioWorkspace>(program.options.events),
+                            nullptr});
 
     if (!std::filesystem::exists(program.options.resources + "/picker.js")) {
         std::fprintf(stderr, "stonewall-browser: the browser resources are missing from %s\n",
