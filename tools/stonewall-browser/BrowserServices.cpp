@@ -34,7 +34,7 @@ BrowserToolbarItem::BrowserToolbarItem(GtkWidget* image, GtkWidget* badge, Event
 }
 
 void BrowserToolbarItem::setBadgeText(const std::optional<std::string>& badgeText) {
-    onMainThread([this, badgeText] {
+    onMainThread([self = shared_from_this(), this, badgeText] {
         if (!badge_ || badgeText == badgeText_) return;
         badgeText_ = badgeText;
         gtk_label_set_text(GTK_LABEL(badge_), badgeText.value_or("").c_str());
@@ -45,7 +45,7 @@ void BrowserToolbarItem::setBadgeText(const std::optional<std::string>& badgeTex
 }
 
 void BrowserToolbarItem::setImage(std::shared_ptr<NSImage> image) {
-    onMainThread([this, image = std::move(image)] {
+    onMainThread([self = shared_from_this(), this, image = std::move(image)] {
         const std::string name = image ? image->name() : std::string();
         if (!image_ || name == imageName_) return;
         imageName_ = name;
@@ -63,7 +63,7 @@ void BrowserToolbarItem::setImage(std::shared_ptr<NSImage> image) {
 
 void BrowserWindowHandle::getActiveTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
-    answerSoon([this, handler = std::move(completionHandler)] {
+    answerSoon([self = shared_from_this(), this, handler = std::move(completionHandler)] {
         auto page = window_ ? window_->activePage() : nullptr;
         handler(page ? std::make_shared<BrowserTab>(page) : nullptr);
     });
@@ -72,7 +72,7 @@ void BrowserWindowHandle::getActiveTabWithCompletionHandler(TabHandler completio
 void BrowserWindowHandle::getToolbarItemWithCompletionHandler(
     ToolbarItemHandler completionHandler) {
     if (!completionHandler) return;
-    answerSoon([this, handler = std::move(completionHandler)] {
+    answerSoon([self = shared_from_this(), this, handler = std::move(completionHandler)] {
         handler(window_ ? window_->toolbarItem() : nullptr);
     });
 }

@@ -44,7 +44,8 @@ class BrowserTab : public SFSafariTab {
 };
 
 // The toolbar button's image and badge.
-class BrowserToolbarItem : public SFSafariToolbarItem {
+class BrowserToolbarItem : public SFSafariToolbarItem,
+                           public std::enable_shared_from_this<BrowserToolbarItem> {
   public:
     // `image` (a GtkImage) and `badge` (a GtkLabel) belong to the window.
     BrowserToolbarItem(GtkWidget* image, GtkWidget* badge, EventSink events);
@@ -71,7 +72,8 @@ class BrowserToolbarItem : public SFSafariToolbarItem {
 };
 
 // The window as the extension sees it.
-class BrowserWindowHandle : public SFSafariWindow {
+class BrowserWindowHandle : public SFSafariWindow,
+                            public std::enable_shared_from_this<BrowserWindowHandle> {
   public:
     explicit BrowserWindowHandle(BrowserWindow* window) : window_(window) {}
     void getActiveTabWithCompletionHandler(TabHandler completionHandler) override;
