@@ -36,8 +36,8 @@ class Random {
 };
 
 std::string word(Random& random) {
-    static const char* kParts[] = {"ad", "track", "pixel", "banner", "stat", "cdn", "media",
-                                   "promo", "click", "serve", "metrics", "tag", "view", "net"};
+    static const char* kParts[] = {"ad",    "track", "pixel", "banner",  "stat", "cdn",  "media",
+                                   "promo", "click", "serve", "metrics", "tag",  "view", "net"};
     std::string text = kParts[random.below(std::size(kParts))];
     text += kParts[random.below(std::size(kParts))];
     text += std::to_string(random.below(1000));
@@ -50,9 +50,14 @@ std::string host(Random& random) {
 }
 
 std::string generateList(size_t lines) {
-    static const char* kOptions[] = {"$third-party", "$script,third-party", "$image",
-                                     "$xmlhttprequest", "$script,domain=news.com|blog.net",
-                                     "$~third-party", "$popup", "$subdocument,third-party"};
+    static const char* kOptions[] = {"$third-party",
+                                     "$script,third-party",
+                                     "$image",
+                                     "$xmlhttprequest",
+                                     "$script,domain=news.com|blog.net",
+                                     "$~third-party",
+                                     "$popup",
+                                     "$subdocument,third-party"};
     Random random;
     std::string list = "[Adblock Plus 2.0]\n! Title: generated\n";
     for (size_t i = 0; i < lines; ++i) {

@@ -17,9 +17,9 @@
 
 #include "BrowserHarness.h"
 #include "ProfileGenerator.h"
+#include "engine/CompanionController.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxServices.h"
-#include "engine/CompanionController.h"
 #include "storage/ProfileDatabase.h"
 
 namespace {
@@ -59,7 +59,9 @@ int runStonewall(const std::map<std::string, std::string>& env, const std::strin
     return std::system((command + STONEWALL_BINARY + " " + args + " >/dev/null").c_str());
 }
 
-double timingOf(const std::string& line) { return std::atof(line.substr(line.rfind(' ') + 1).c_str()); }
+double timingOf(const std::string& line) {
+    return std::atof(line.substr(line.rfind(' ') + 1).c_str());
+}
 
 struct Series {
     std::vector<double> values;
@@ -68,7 +70,9 @@ struct Series {
         std::sort(values.begin(), values.end());
         return values[values.size() / 2];
     }
-    double max() const { return values.empty() ? 0 : *std::max_element(values.begin(), values.end()); }
+    double max() const {
+        return values.empty() ? 0 : *std::max_element(values.begin(), values.end());
+    }
 };
 
 // Loads the page `rounds` times; fills page-load and badge timings.
@@ -82,7 +86,8 @@ void measureLoads(BrowserProcess& browser, const std::string& url, int rounds, S
             browser.send("load " + url);
             line = browser.waitFor("timing page-load", std::chrono::seconds(10));
         }
-        if (!line) std::exit((std::fprintf(stderr, "no page load:\n%s", browser.transcript().c_str()), 1));
+        if (!line)
+            std::exit((std::fprintf(stderr, "no page load:\n%s", browser.transcript().c_str()), 1));
         if (i > 0) loads.values.push_back(timingOf(*line));  // the first warms the caches
         if (badges) {
             if (auto badge = browser.waitFor("timing badge-shown", std::chrono::seconds(5))) {
@@ -98,15 +103,19 @@ int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 20;
     std::signal(SIGPIPE, SIG_IGN);
     if (!std::getenv("DISPLAY")) {
-        std::fprintf(stderr, "browser_timing needs a display: run it through scripts/with-display\n");
+        std::fprintf(stderr,
+                     "browser_timing needs a display: run it through scripts/with-display\n");
         return 1;
     }
-    const fs::path root = fs::temp_directory_path() / ("stonewall-timing-" + std::to_string(getpid()));
-    for (const char* folder : {"home", "data", "config", "cache"}) fs::create_directories(root / folder);
+    const fs::path root =
+        fs::temp_directory_path() / ("stonewall-timing-" + std::to_string(getpid()));
+    for (const char* folder : {"home", "data", "config", "cache"})
+        fs::create_directories(root / folder);
     const auto env = environmentFor(root);
-    HttpServer server({{"/", {"text/html", kNewsPage}},
-                       {"/tracker.js", {"text/javascript", "window.tracked = 1;"}},
-                       {"/ads/banner.svg", {"image/svg+xml", "<svg xmlns='http://www.w3.org/2000/svg'/>"}}});
+    HttpServer server(
+        {{"/", {"text/html", kNewsPage}},
+         {"/tracker.js", {"text/javascript", "window.tracked = 1;"}},
+         {"/ads/banner.svg", {"image/svg+xml", "<svg xmlns='http://www.w3.org/2000/svg'/>"}}});
 
     // The default profile: 50000 generated rules, and the two that block the
     // page's ad and tracker, compiled into the content-filter store.
@@ -115,8 +124,10 @@ int main(int argc, char** argv) {
         stonewall::platform::gnulinux::LinuxOptions options;
         options.containerPath = (root / "container").string();
         options.resourcePath = STONEWALL_BUILD_RESOURCES;
-        stonewall::platform::ScopedServices services(stonewall::platform::gnulinux::makeLinuxServices(options));
-        auto database = stonewall::ProfileDatabase::initWithBlockerProfileID(std::string("defaultProfile"));
+        stonewall::platform::ScopedServices services(
+            stonewall::platform::gnulinux::makeLinuxServices(options));
+        auto database =
+            stonewall::ProfileDatabase::initWithBlockerProfileID(std::string("defaultProfile"));
         stonewall::ProfileGenerator().fillDatabase(*database, stonewall::kMaximumRuleCount);
         std::vector<stonewall::ProfileRule> ours(2);
         ours[0].ruleID = "timing-ad";
@@ -165,7 +176,8 @@ int main(int argc, char** argv) {
                 badges.median(), badges.max(), badges.values.size());
     std::printf("page load, 50000-rule list:     median %6.2f ms\n", filtered.median());
     std::printf("page load, no list:             median %6.2f ms\n", unfiltered.median());
-    std::printf("slowdown with the list:         %+.1f %%\n",
-                unfiltered.median() > 0 ? (filtered.median() / unfiltered.median() - 1) * 100 : 0.0);
+    std::printf(
+        "slowdown with the list:         %+.1f %%\n",
+        unfiltered.median() > 0 ? (filtered.median() / unfiltered.median() - 1) * 100 : 0.0);
     return 0;
 }

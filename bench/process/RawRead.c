@@ -19,8 +19,9 @@ int main(int argc, char** argv) {
     }
     for (int i = 0; i < 8; ++i) {
         sqlite3_stmt* statement = NULL;
-        if (sqlite3_prepare_v2(database, "SELECT * FROM ProfileRules WHERE action=? ORDER BY filter",
-                               -1, &statement, NULL) != SQLITE_OK) {
+        if (sqlite3_prepare_v2(database,
+                               "SELECT * FROM ProfileRules WHERE action=? ORDER BY filter", -1,
+                               &statement, NULL) != SQLITE_OK) {
             return 1;
         }
         sqlite3_bind_int(statement, 1, kActions[i]);

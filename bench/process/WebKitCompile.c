@@ -11,8 +11,8 @@ static int failed = -1;
 
 static void saved(GObject* store, GAsyncResult* result, gpointer loop) {
     GError* error = NULL;
-    WebKitUserContentFilter* filter =
-        webkit_user_content_filter_store_save_finish(WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
+    WebKitUserContentFilter* filter = webkit_user_content_filter_store_save_finish(
+        WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
     if (filter) {
         webkit_user_content_filter_unref(filter);
         failed = 0;

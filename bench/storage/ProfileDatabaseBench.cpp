@@ -33,15 +33,17 @@ void execute(const std::string& path, const std::string& sql) {
 
 // One profile database per size and index set, made on first use.
 class Fixture {
-public:
+  public:
     Fixture(int64_t rules, int64_t indexes) {
         setenv("STONEWALL_RESOURCES", STONEWALL_BENCH_RESOURCES, 0);
         platform_ = std::make_unique<platform::testing::TestPlatform>();
         database_ = ProfileDatabase::initWithBlockerProfileID("bench");
         ProfileGenerator().fillDatabase(*database_, static_cast<size_t>(rules));
-        std::string sql = "DROP INDEX IF EXISTS ProfileRulesByAction;"
-                          "DROP INDEX IF EXISTS ProfileRulesByRuleID;";
-        if (indexes & 1) sql += "CREATE INDEX ProfileRulesByAction ON ProfileRules(action, filter);";
+        std::string sql =
+            "DROP INDEX IF EXISTS ProfileRulesByAction;"
+            "DROP INDEX IF EXISTS ProfileRulesByRuleID;";
+        if (indexes & 1)
+            sql += "CREATE INDEX ProfileRulesByAction ON ProfileRules(action, filter);";
         if (indexes & 2) sql += "CREATE INDEX ProfileRulesByRuleID ON ProfileRules(ruleID);";
         sql += "ANALYZE;";
         execute(database_->profilesDataPath(), sql);
@@ -54,7 +56,7 @@ public:
     ProfileDatabase& database() { return *database_; }
     ProfileRule& websiteRule() { return websiteRule_; }
 
-private:
+  private:
     std::unique_ptr<platform::testing::TestPlatform> platform_;
     std::shared_ptr<ProfileDatabase> database_;
     ProfileRule websiteRule_;
@@ -65,9 +67,8 @@ void BM_CompilerReadStreaming(benchmark::State& state) {
     size_t rows = 0;
     for (auto _ : state) {
         for (int64_t action : kCompilerOrder) {
-            (void)fixture.database().forEachProfileRuleByAction(action, [&](const ProfileRule& rule) {
-                rows += rule.filter ? 1 : 0;
-            });
+            (void)fixture.database().forEachProfileRuleByAction(
+                action, [&](const ProfileRule& rule) { rows += rule.filter ? 1 : 0; });
         }
     }
     benchmark::DoNotOptimize(rows);

@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const auto& rule : list.rules) {
         check(rule.filter && stonewall::FilterListParser::isWebKitURLFilter(*rule.filter));
         check(rule.action >= 1 && rule.action <= 8);
-        check(rule.action != stonewall::ActionCode::kHide || (rule.selector && !rule.selector->empty()));
+        check(rule.action != stonewall::ActionCode::kHide ||
+              (rule.selector && !rule.selector->empty()));
         check(cleanList(rule.resources) && cleanList(rule.domains));
         const auto json = nlohmann::json::parse(rule.convertToSafariData2().toJSON(), nullptr,
                                                 /*allow_exceptions=*/false);

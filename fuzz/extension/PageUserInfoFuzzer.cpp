@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (userInfo.is_discarded()) return 0;
     (void)SafariExtensionHandler::visualStatusFromUserInfo(userInfo);
     const NullableString host = "www.example.com";
-    for (const DataElement& element : SafariExtensionHandler::visualElementsFromUserInfo(userInfo, host)) {
+    for (const DataElement& element :
+         SafariExtensionHandler::visualElementsFromUserInfo(userInfo, host)) {
         check(element.location == host);
     }
     check(SafariExtensionHandler::visualElementsFromUserInfo(userInfo, std::nullopt).size() ==

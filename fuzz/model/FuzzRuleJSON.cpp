@@ -16,14 +16,11 @@
 
 namespace {
 
-void check(bool condition)
-{
-    if (!condition)
-        std::abort();
+void check(bool condition) {
+    if (!condition) std::abort();
 }
 
-void checkWritten(const stonewall::ContentBlockerRule& rule)
-{
+void checkWritten(const stonewall::ContentBlockerRule& rule) {
     const std::string json = rule.toJSON();
     const auto parsed = nlohmann::json::parse(json, nullptr, /*allow_exceptions=*/false);
     check(!parsed.is_discarded());
@@ -35,8 +32,7 @@ void checkWritten(const stonewall::ContentBlockerRule& rule)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     const auto rule = stonewall::ContentBlockerRule::fromJSON(input);
     checkWritten(rule);

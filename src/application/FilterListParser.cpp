@@ -24,18 +24,27 @@ constexpr std::string_view kClosingSeparator = "([^a-zA-Z0-9_.%-].*)?$";
 // WebKit's names for the resource types the syntax's options name.
 const std::unordered_map<std::string_view, std::string_view>& resourceTypeNames() {
     static const std::unordered_map<std::string_view, std::string_view> names = {
-        {"script", "script"},     {"image", "image"},         {"stylesheet", "style-sheet"},
-        {"css", "style-sheet"},   {"font", "font"},           {"media", "media"},
-        {"subdocument", "document"}, {"frame", "document"},   {"xmlhttprequest", "raw"},
-        {"xhr", "raw"},           {"websocket", "raw"},       {"ping", "ping"},
-        {"popup", "popup"},       {"other", "other"},
+        {"script", "script"},
+        {"image", "image"},
+        {"stylesheet", "style-sheet"},
+        {"css", "style-sheet"},
+        {"font", "font"},
+        {"media", "media"},
+        {"subdocument", "document"},
+        {"frame", "document"},
+        {"xmlhttprequest", "raw"},
+        {"xhr", "raw"},
+        {"websocket", "raw"},
+        {"ping", "ping"},
+        {"popup", "popup"},
+        {"other", "other"},
     };
     return names;
 }
 // Every type, in WebKit's order, for "~type" options.
 constexpr std::array<std::string_view, 10> kAllResourceTypes = {
-    "document", "image", "style-sheet", "script", "font",
-    "raw",      "svg-document", "media", "popup", "ping"};
+    "document", "image",        "style-sheet", "script", "font",
+    "raw",      "svg-document", "media",       "popup",  "ping"};
 // Types the syntax knows that WebKit cannot tell apart from others.
 const std::unordered_set<std::string_view> kInexpressibleTypes = {"object", "object-subrequest",
                                                                   "webrtc"};
@@ -80,8 +89,8 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
 // one (a wildcard top-level domain "example.*", a path, a blank).
 std::optional<std::string> normalisedDomain(std::string_view text) {
     if (text.empty()) return std::nullopt;
-    std::string domain = isASCII(text) ? lowered(text)
-                                       : lowered(PunycodeAdditions::IDNAEncodedString(text));
+    std::string domain =
+        isASCII(text) ? lowered(text) : lowered(PunycodeAdditions::IDNAEncodedString(text));
     if (domain.empty() || domain.front() == '.' || domain.back() == '.') return std::nullopt;
     for (char c : domain) {
         const bool ok = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
@@ -140,15 +149,19 @@ std::optional<std::string_view> domainCondition(const std::vector<std::string_vi
 // Pseudo-classes and forms of the extended element-hiding syntaxes that no
 // browser's selector engine knows; WebKit would refuse the whole list.
 constexpr std::string_view kExtendedSelectorMarks[] = {
-    ":-abp-",     ":has-text(",   ":contains(", ":xpath(",        ":matches-css",
-    ":upward(",   ":remove(",     ":style(",    ":min-text-length(", ":watch-attr(",
-    ":others(",   ":matches-path(", ":nth-ancestor(", ":if(",     ":if-not(",
-    ":matches-attr(", ":matches-prop(", ":remove-attr(", ":remove-class(", ":-ext-",
-    ":matches-media(", ":shadow(", ":watch-attrs("};
+    ":-abp-",         ":has-text(",     ":contains(",
+    ":xpath(",        ":matches-css",   ":upward(",
+    ":remove(",       ":style(",        ":min-text-length(",
+    ":watch-attr(",   ":others(",       ":matches-path(",
+    ":nth-ancestor(", ":if(",           ":if-not(",
+    ":matches-attr(", ":matches-prop(", ":remove-attr(",
+    ":remove-class(", ":-ext-",         ":matches-media(",
+    ":shadow(",       ":watch-attrs("};
 
 std::optional<std::string_view> checkSelector(std::string_view selector) {
     if (selector.empty()) return SkipReason::kMalformedSelector;
-    if (startsWith(selector, "+js(") || startsWith(selector, "^")) return SkipReason::kExtendedSyntax;
+    if (startsWith(selector, "+js(") || startsWith(selector, "^"))
+        return SkipReason::kExtendedSyntax;
     for (std::string_view mark : kExtendedSelectorMarks) {
         if (selector.find(mark) != std::string_view::npos) return SkipReason::kExtendedSyntax;
     }
@@ -278,7 +291,7 @@ std::optional<std::string_view> urlFilterFromPattern(std::string_view pattern, s
 struct NetworkOptions {
     std::vector<std::string_view> includedTypes;
     std::vector<std::string_view> excludedTypes;
-    bool droppedType = false;   // a type WebKit cannot express was named
+    bool droppedType = false;  // a type WebKit cannot express was named
     NullableString loads;
     bool matchCase = false;
     bool cookies = false;
@@ -305,7 +318,8 @@ std::optional<std::string_view> parseOptions(std::string_view text, NetworkOptio
             continue;
         }
         if (hasValue) {
-            if (name == "csp" && !negated && lowered(trimmed(value)) == "upgrade-insecure-requests") {
+            if (name == "csp" && !negated &&
+                lowered(trimmed(value)) == "upgrade-insecure-requests") {
                 options.upgrade = true;
                 continue;
             }
@@ -588,10 +602,9 @@ class Parser {
         if (rule.domainType == DomainTypeCode::kIfTopURL) {
             const size_t before = listed.size();
             std::erase_if(listed, [&](const std::string& domain) {
-                return std::any_of(exception.domains.begin(), exception.domains.end(),
-                                   [&](const std::string& out) {
-                                       return isSameOrSubdomain(domain, out);
-                                   });
+                return std::any_of(
+                    exception.domains.begin(), exception.domains.end(),
+                    [&](const std::string& out) { return isSameOrSubdomain(domain, out); });
             });
             if (listed.size() == before) return false;
             if (listed.empty()) {
@@ -678,8 +691,8 @@ std::optional<std::string> FilterListParser::checkFormat(std::string_view text) 
     if (startsWith(text, "\xEF\xBB\xBF")) text.remove_prefix(3);
     const std::string_view start = trimmed(text.substr(0, 256));
     if (startsWith(start, "{") ||
-        (startsWith(start, "[") && !startsWith(start, "[Adblock") && !startsWith(start, "[uBlock") &&
-         !startsWith(start, "[AdGuard"))) {
+        (startsWith(start, "[") && !startsWith(start, "[Adblock") &&
+         !startsWith(start, "[uBlock") && !startsWith(start, "[AdGuard"))) {
         return "is JSON (a content-blocker rule list?), not an adblock filter list";
     }
     int64_t ruleLines = 0, hostsLines = 0;

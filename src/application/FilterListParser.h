@@ -32,7 +32,8 @@ inline constexpr std::string_view kNonASCII = "non-ASCII URL pattern";
 inline constexpr std::string_view kInvalidDomain = "invalid domain";
 inline constexpr std::string_view kMixedDomains = "domain exceptions inside included domains";
 inline constexpr std::string_view kMalformedSelector = "malformed selector";
-inline constexpr std::string_view kUnmatchedHideException = "hiding exception without a rule to except";
+inline constexpr std::string_view kUnmatchedHideException =
+    "hiding exception without a rule to except";
 inline constexpr std::string_view kDuplicate = "duplicate";
 }  // namespace SkipReason
 
@@ -41,8 +42,8 @@ struct FilterListImport {
     std::vector<ProfileRule> rules;
     // Emitted rules by action code (index 1 to 8).
     std::array<int64_t, 9> rulesByAction{};
-    int64_t lines = 0;     // non-blank lines
-    int64_t comments = 0;  // "!" comments and the "[Adblock ...]" header
+    int64_t lines = 0;                  // non-blank lines
+    int64_t comments = 0;               // "!" comments and the "[Adblock ...]" header
     int64_t hideExceptionsApplied = 0;  // "#@#" lines that changed a hide rule
     std::map<std::string, int64_t, std::less<>> skipped;  // by SkipReason text
 

@@ -112,10 +112,10 @@ ApplicationOutcome ProfileManager::createProfile(const std::string& name, std::s
     // The database first: a profile in the record must always have one.
     const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
     if (!databaseUsable(database)) {
-        return storageFailure("profile " + profileID,
-                              "its database could not be made from the template" +
-                                  (database ? " (" + database->profilesDataPath() + ")"
-                                            : std::string()));
+        return storageFailure(
+            "profile " + profileID,
+            "its database could not be made from the template" +
+                (database ? " (" + database->profilesDataPath() + ")" : std::string()));
     }
     names.push_back(name);
     identifiers.push_back(profileID);
@@ -202,10 +202,10 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
 
     const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
     if (!databaseUsable(database)) {
-        return storageFailure("profile " + profileID,
-                              "its database cannot be opened" +
-                                  (database ? " (" + database->profilesDataPath() + ")"
-                                            : std::string()));
+        return storageFailure(
+            "profile " + profileID,
+            "its database cannot be opened" +
+                (database ? " (" + database->profilesDataPath() + ")" : std::string()));
     }
 
     // Importing a list again (or an overlapping one) adds only what is new.
@@ -234,10 +234,10 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
     database->addProfileRules(rows);
     const int64_t after = database->getProfileRulesCount();
     if (after - before != static_cast<int64_t>(rows.size())) {
-        return storageFailure("profile " + profileID,
-                              "its database took " + std::to_string(after - before) + " of " +
-                                  std::to_string(rows.size()) + " rules (" +
-                                  database->profilesDataPath() + ")");
+        return storageFailure("profile " + profileID, "its database took " +
+                                                          std::to_string(after - before) + " of " +
+                                                          std::to_string(rows.size()) + " rules (" +
+                                                          database->profilesDataPath() + ")");
     }
     report.added = static_cast<int64_t>(rows.size());
     CompanionController::sendUpdateNotification();

@@ -32,8 +32,7 @@ class ProfileManager {
     // would split the stored list, control characters), or none.
     static std::optional<std::string> checkProfileName(std::string_view name);
 
-    [[nodiscard]] ApplicationOutcome createProfile(const std::string& name,
-                                                   std::string& profileID);
+    [[nodiscard]] ApplicationOutcome createProfile(const std::string& name, std::string& profileID);
     [[nodiscard]] ApplicationOutcome renameProfile(const std::string& profileID,
                                                    const std::string& name);
     // Neither the active profile nor the last one. Its database, its rule
@@ -41,7 +40,7 @@ class ProfileManager {
     [[nodiscard]] ApplicationOutcome removeProfile(const std::string& profileID);
 
     struct ImportReport {
-        FilterListImport list;      // what the parser made of the text
+        FilterListImport list;       // what the parser made of the text
         int64_t alreadyPresent = 0;  // rules the profile held already (not added again)
         int64_t added = 0;           // rows written
     };

@@ -136,8 +136,9 @@ ApplicationOutcome WebsiteListEditor::removeWebsite(int64_t action, const std::s
         return rule.action != action || rule.blockerProfileID != profileID || rule.domains != host;
     });
     const std::vector<ProfileRule> current = listRules(action);
-    const bool inProfile = std::any_of(current.begin(), current.end(),
-                                       [&](const ProfileRule& rule) { return listHolds(rule, host); });
+    const bool inProfile =
+        std::any_of(current.begin(), current.end(),
+                    [&](const ProfileRule& rule) { return listHolds(rule, host); });
     if (!inProfile && sharedRules.empty()) return std::nullopt;
 
     if (inProfile) {

@@ -181,9 +181,7 @@ bool listRuleHolds(const ProfileRule& listRule, const std::string& host) {
 }  // namespace
 
 bool CompanionController::checkWebsiteExists(const NullableString& host, int64_t action) const {
-    if (!host || !activeDatabase_) return false;
-    const std::vector<ProfileRule> rules = activeDatabase_->getProfileRulesByAction(action);
-    return !rules.empty() && listRuleHolds(rules.front(), *host);
+    return checkWebsiteExists(host, std::span<const int64_t>(&action, 1)).front();
 }
 
 std::vector<bool> CompanionController::checkWebsiteExists(const NullableString& host,

@@ -173,6 +173,8 @@ FocusRingMask CustomSwitch::drawFocusRingMask() const {
     return FocusRingMask{bounds(), bounds().size.height / 2};
 }
 
-bool CustomSwitch::canBecomeKeyView() const { return platform::toolkit().fullKeyboardAccessEnabled(); }
+bool CustomSwitch::canBecomeKeyView() const {
+    return platform::toolkit().fullKeyboardAccessEnabled();
+}
 
 }  // namespace stonewall

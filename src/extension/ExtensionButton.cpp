@@ -36,7 +36,9 @@ void ExtensionButton::setEnabled(bool enabled) {
     updateLayer();
 }
 
-bool ExtensionButton::canBecomeKeyView() const { return platform::toolkit().fullKeyboardAccessEnabled(); }
+bool ExtensionButton::canBecomeKeyView() const {
+    return platform::toolkit().fullKeyboardAccessEnabled();
+}
 
 bool ExtensionButton::acceptsFirstResponder() const { return canBecomeKeyView(); }
 

@@ -14,9 +14,13 @@ AppearanceContext AppearanceContext::current() {
     return context;
 }
 
-bool AppearanceContext::isMojaveOrLater() const { return systemVersion >= platform::OperatingSystemVersion{10, 14, 0}; }
+bool AppearanceContext::isMojaveOrLater() const {
+    return systemVersion >= platform::OperatingSystemVersion{10, 14, 0};
+}
 
-bool AppearanceContext::isBigSurOrLater() const { return systemVersion >= platform::OperatingSystemVersion{11, 0, 0}; }
+bool AppearanceContext::isBigSurOrLater() const {
+    return systemVersion >= platform::OperatingSystemVersion{11, 0, 0};
+}
 
 bool AppearanceContext::isDark() const { return isMojaveOrLater() && darkAppearance; }
 
@@ -25,14 +29,17 @@ bool AppearanceContext::isArabic() const { return preferredLocalization == "ar";
 namespace Custom {
 
 NSColor extensionHeaderColor(const AppearanceContext& context) {
-    return context.isMojaveOrLater() ? NSColor::of(SystemColor::SecondaryLabel) : tableHeaderColor(context);
+    return context.isMojaveOrLater() ? NSColor::of(SystemColor::SecondaryLabel)
+                                     : tableHeaderColor(context);
 }
 
 NSColor tableHeaderColor(const AppearanceContext& context) {
     return context.isDark() ? NSColor::rgb255(155, 162, 167) : NSColor::rgb255(128, 140, 153);
 }
 
-NSColor extensionTitleColor(const AppearanceContext&) { return NSColor::of(SystemColor::SecondaryLabel); }
+NSColor extensionTitleColor(const AppearanceContext&) {
+    return NSColor::of(SystemColor::SecondaryLabel);
+}
 
 NSColor extensionTextColor(const AppearanceContext& context) {
     if (!context.isMojaveOrLater() && context.isArabic()) return NSColor::rgb(0.1, 0.1, 0.2);
@@ -45,7 +52,8 @@ NSColor currentLabelColor(const AppearanceContext& context) {
 }
 
 NSColor extensionSeperatorLine(const AppearanceContext& context) {
-    return context.isMojaveOrLater() ? NSColor::of(SystemColor::Separator) : currentSeperatorColor(context);
+    return context.isMojaveOrLater() ? NSColor::of(SystemColor::Separator)
+                                     : currentSeperatorColor(context);
 }
 
 NSColor currentSeperatorColor(const AppearanceContext& context) {
@@ -83,20 +91,23 @@ std::string currentEffectiveAppearance(const AppearanceContext& context) {
 }
 
 NSColor backgroundColor(const AppearanceContext& context) {
-    return context.isDark() ? NSColor::of(SystemColor::WindowBackground) : NSColor::rgb255(252, 252, 254);
+    return context.isDark() ? NSColor::of(SystemColor::WindowBackground)
+                            : NSColor::rgb255(252, 252, 254);
 }
 
 NSColor currentMainSeperatorColor() { return NSColor::rgb255(197, 197, 199); }
 
 NSColor currentResponderLineColor(const AppearanceContext& context) {
-    return context.isMojaveOrLater() ? NSColor::of(SystemColor::ControlAccent) : selectedMenuItemColor();
+    return context.isMojaveOrLater() ? NSColor::of(SystemColor::ControlAccent)
+                                     : selectedMenuItemColor();
 }
 
 NSColor boxColor(const AppearanceContext& context) {
     return context.isDark() ? NSColor::rgb255(54, 56, 59) : NSColor::white(1.0);
 }
 
-NSFont defaultExtensionFontWithSize(double size, FontWeight weight, const AppearanceContext& context) {
+NSFont defaultExtensionFontWithSize(double size, FontWeight weight,
+                                    const AppearanceContext& context) {
     if (!context.isArabic()) return NSFont{size, weight};
     // Arabic glyphs read small at medium weight and large at semibold.
     switch (weight) {

@@ -17,7 +17,7 @@ namespace stonewall {
 
 struct AppearanceContext {
     platform::OperatingSystemVersion systemVersion;
-    bool darkAppearance = false;       // the toolkit's effective appearance is dark
+    bool darkAppearance = false;        // the toolkit's effective appearance is dark
     std::string preferredLocalization;  // first preferred localisation
 
     // From platform::host() and platform::toolkit().
@@ -61,8 +61,9 @@ NSColor boxColor(const AppearanceContext& context = AppearanceContext::current()
 // The system font at the requested size and weight, adjusted for Arabic:
 // medium becomes regular half a point larger, semibold one point smaller,
 // any other weight one and a half points larger.
-NSFont defaultExtensionFontWithSize(double size, FontWeight weight,
-                                  const AppearanceContext& context = AppearanceContext::current());
+NSFont defaultExtensionFontWithSize(
+    double size, FontWeight weight,
+    const AppearanceContext& context = AppearanceContext::current());
 
 }  // namespace Custom
 

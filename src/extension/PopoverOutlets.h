@@ -15,11 +15,11 @@ inline constexpr std::array<std::string_view, 6> kStackViews = {
 
 // Text fields (labels).
 inline constexpr std::array<std::string_view, 14> kTextFields = {
-    "statusHeaderLabel",   "visualHeaderLabel",   "customRulesHeaderLabel",
-    "activeProfileHeaderLabel", "appHeaderLabel", "visualTitleLabel",
-    "visualMessageLabel",  "profileTitleLabel",   "profileMessageLabel",
-    "websiteTitleLabel",   "websiteMessageLabel", "reloadTitleLabel",
-    "errorTitleLabel",     "errorMessageLabel"};
+    "statusHeaderLabel",        "visualHeaderLabel",   "customRulesHeaderLabel",
+    "activeProfileHeaderLabel", "appHeaderLabel",      "visualTitleLabel",
+    "visualMessageLabel",       "profileTitleLabel",   "profileMessageLabel",
+    "websiteTitleLabel",        "websiteMessageLabel", "reloadTitleLabel",
+    "errorTitleLabel",          "errorMessageLabel"};
 
 // The main view's rows, in the order setupButtons clears them.
 inline constexpr std::array<std::string_view, 8> kExtensionButtons = {
@@ -34,7 +34,7 @@ inline constexpr std::array<std::string_view, 4> kLineViews = {
     "statusLineView", "visualLineView", "customRulesLineView", "profileLineView"};
 
 inline constexpr std::array<std::string_view, 7> kPushButtons = {
-    "visualCancelButton", "visualDoneButton",  "profileCancelButton", "profileDoneButton",
+    "visualCancelButton",  "visualDoneButton",  "profileCancelButton", "profileDoneButton",
     "websiteCancelButton", "websiteDoneButton", "errorDoneButton"};
 
 inline constexpr std::string_view kProfilePopupButton = "profilePopupButton";

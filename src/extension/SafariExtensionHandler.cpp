@@ -81,7 +81,8 @@ int8_t SafariExtensionHandler::visualStatusFromUserInfo(const Json& userInfo) {
     if (status == userInfo.end()) return 0;
     // The page's flag is a boolean carried in a number; only its low byte
     // counts, so 257 reads as 1.
-    return static_cast<int8_t>(static_cast<uint8_t>(static_cast<uint64_t>(integerValue(*status)) & 0xFF));
+    return static_cast<int8_t>(
+        static_cast<uint8_t>(static_cast<uint64_t>(integerValue(*status)) & 0xFF));
 }
 
 std::vector<DataElement> SafariExtensionHandler::visualElementsFromUserInfo(
@@ -192,7 +193,8 @@ void SafariExtensionHandler::validateToolbarItemInWindow(const std::shared_ptr<S
                                     if (!page) return;
                                     const int64_t count =
                                         controller.blockingStatController().URLsCountForPage(page);
-                                    if (validationHandler) validationHandler(true, badgeText(count));
+                                    if (validationHandler)
+                                        validationHandler(true, badgeText(count));
                                 });
                         });
                 });
@@ -219,9 +221,9 @@ SafariExtensionViewController& SafariExtensionHandler::popoverViewController() {
     return useSharedController();
 }
 
-void SafariExtensionHandler::contentBlockerWithIdentifier(const std::string&,
-                                                          const std::vector<std::string>& urls,
-                                                          const std::shared_ptr<SFSafariPage>& page) {
+void SafariExtensionHandler::contentBlockerWithIdentifier(
+    const std::string&, const std::vector<std::string>& urls,
+    const std::shared_ptr<SFSafariPage>& page) {
     useSharedController().blockingStatController().addURLsForPage(urls, page);
     updateBlockingCounter();
 }
@@ -251,8 +253,8 @@ void SafariExtensionHandler::updateBlockingCounter() {
     platform::safariApplication().getActiveWindowWithCompletionHandler(
         [&controller](const std::shared_ptr<SFSafariWindow>& window) {
             if (!window) return;
-            window->getActiveTabWithCompletionHandler([&controller,
-                                                       window](const std::shared_ptr<SFSafariTab>& tab) {
+            window->getActiveTabWithCompletionHandler([&controller, window](
+                                                          const std::shared_ptr<SFSafariTab>& tab) {
                 if (!tab) return;
                 tab->getActivePageWithCompletionHandler(
                     [&controller, window](const std::shared_ptr<SFSafariPage>& page) {
@@ -263,13 +265,14 @@ void SafariExtensionHandler::updateBlockingCounter() {
                                 page->getPagePropertiesWithCompletionHandler(
                                     [&controller, page,
                                      item](std::optional<SFSafariPageProperties> properties) {
-                                        if (!properties || !properties->url || !properties->isActive)
+                                        if (!properties || !properties->url ||
+                                            !properties->isActive)
                                             return;
                                         platform::dispatch().mainQueue().async(
                                             [&controller, page, item] {
-                                                item->setBadgeText(badgeText(
-                                                    controller.blockingStatController()
-                                                        .URLsCountForPage(page)));
+                                                item->setBadgeText(
+                                                    badgeText(controller.blockingStatController()
+                                                                  .URLsCountForPage(page)));
                                             });
                                     });
                             });

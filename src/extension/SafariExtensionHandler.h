@@ -46,7 +46,8 @@ class SafariExtensionHandler {
     // The toolbar item is never disabled; the badge is the active page's
     // blocked count while the counter is on (services level 5). With no
     // active window at that point the handler is left unanswered.
-    using ValidationHandler = std::function<void(bool enabled, std::optional<std::string> badgeText)>;
+    using ValidationHandler =
+        std::function<void(bool enabled, std::optional<std::string> badgeText)>;
     void validateToolbarItemInWindow(const std::shared_ptr<SFSafariWindow>& window,
                                      ValidationHandler validationHandler);
 

@@ -1,5 +1,6 @@
 #include "extension/SafariExtensionViewController.h"
 
+#include <array>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -108,7 +109,7 @@ struct SafariExtensionViewController::Outlets {
     std::array<std::shared_ptr<NSLayoutConstraint>, 2> mainStackConstraints;
 
     std::array<std::shared_ptr<ExtensionButton>*, 8> rows() {
-        return {&statusButton, &counterButton, &visualBlockButton, &blockButton,
+        return {&statusButton, &counterButton,   &visualBlockButton, &blockButton,
                 &secureButton, &whitelistButton, &profileButton,     &appButton};
     }
 };
@@ -169,7 +170,8 @@ void SafariExtensionViewController::loadOutlets() {
     if (!popoverView_) return;
     PopoverView& view = *popoverView_;
     Outlets& o = *outlets_;
-    for (size_t i = 0; i < o.stacks.size(); ++i) o.stacks[i] = view.stackView(outlets::kStackViews[i]);
+    for (size_t i = 0; i < o.stacks.size(); ++i)
+        o.stacks[i] = view.stackView(outlets::kStackViews[i]);
 
     o.statusHeaderLabel = view.textField("statusHeaderLabel");
     o.visualHeaderLabel = view.textField("visualHeaderLabel");
@@ -190,8 +192,10 @@ void SafariExtensionViewController::loadOutlets() {
     o.counterImageView = view.imageView("counterImageView");
 
     auto rows = o.rows();
-    for (size_t i = 0; i < rows.size(); ++i) *rows[i] = view.extensionButton(outlets::kExtensionButtons[i]);
-    for (size_t i = 0; i < o.lineViews.size(); ++i) o.lineViews[i] = view.view(outlets::kLineViews[i]);
+    for (size_t i = 0; i < rows.size(); ++i)
+        *rows[i] = view.extensionButton(outlets::kExtensionButtons[i]);
+    for (size_t i = 0; i < o.lineViews.size(); ++i)
+        o.lineViews[i] = view.view(outlets::kLineViews[i]);
 
     o.visualCancelButton = view.button("visualCancelButton");
     o.visualDoneButton = view.button("visualDoneButton");
@@ -207,13 +211,16 @@ void SafariExtensionViewController::loadOutlets() {
         o.messageStacks[i] = view.stackView(outlets::kMessageStackViews[i]);
         o.centerY[i] = view.constraint(outlets::kCenterYConstraints[i]);
     }
-    for (size_t i = 0; i < 8; ++i) o.separatorConstraints[i] = view.constraint(outlets::kSeparatorConstraints[i]);
-    for (size_t i = 0; i < 2; ++i) o.mainStackConstraints[i] = view.constraint(outlets::kMainStackConstraints[i]);
+    for (size_t i = 0; i < 8; ++i)
+        o.separatorConstraints[i] = view.constraint(outlets::kSeparatorConstraints[i]);
+    for (size_t i = 0; i < 2; ++i)
+        o.mainStackConstraints[i] = view.constraint(outlets::kMainStackConstraints[i]);
 }
 
 void SafariExtensionViewController::connectActions() {
     Outlets& o = *outlets_;
-    const auto wire = [](const std::shared_ptr<ExtensionButton>& button, std::function<void()> action) {
+    const auto wire = [](const std::shared_ptr<ExtensionButton>& button,
+                         std::function<void()> action) {
         if (!button) return;
         // Every row of the popover reacts to clicks.
         button->setMouseUp(true);
@@ -438,12 +445,13 @@ void SafariExtensionViewController::updateWebsiteButtons(const NullableString& u
         setButtonEnabled(o.visualBlockButton, true);
         const NullableString ascii =
             host ? NullableString(PunycodeAdditions::IDNAEncodedString(*host)) : std::nullopt;
-        const CompanionController& engine = *companionController_;
-        setButtonEnabled(o.blockButton, !engine.checkWebsiteExists(ascii, ActionCode::kBlockWebsite));
-        setButtonEnabled(o.secureButton,
-                         !engine.checkWebsiteExists(ascii, ActionCode::kSecureWebsite));
-        setButtonEnabled(o.whitelistButton,
-                         !engine.checkWebsiteExists(ascii, ActionCode::kAllowWebsite));
+        // One read of the profile answers all three lists.
+        static constexpr std::array<int64_t, 3> kLists = {
+            ActionCode::kBlockWebsite, ActionCode::kSecureWebsite, ActionCode::kAllowWebsite};
+        const std::vector<bool> listed = companionController_->checkWebsiteExists(ascii, kLists);
+        setButtonEnabled(o.blockButton, !listed[0]);
+        setButtonEnabled(o.secureButton, !listed[1]);
+        setButtonEnabled(o.whitelistButton, !listed[2]);
         return;
     }
     setButtonTitle(o.blockButton, localized("Block Website"));
@@ -800,8 +808,9 @@ void SafariExtensionViewController::profileDoneAction() {
             CompanionController& activated = *companionController_;
             activated.connectProfileDatabase();
             CompanionController::reloadBlockerRules(
-                identifier, activated.activeDatabase(),
-                [this](std::optional<Error> error) { completeReload(error, InternalURL::kActivate); });
+                identifier, activated.activeDatabase(), [this](std::optional<Error> error) {
+                    completeReload(error, InternalURL::kActivate);
+                });
         });
     });
 }

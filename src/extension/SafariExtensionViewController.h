@@ -173,8 +173,8 @@ class SafariExtensionViewController {
     void setButtonTitle(const std::shared_ptr<ExtensionButton>& button, const std::string& title);
     void setButtonEnabled(const std::shared_ptr<ExtensionButton>& button, bool enabled);
     bool counterOn() const;
-    void askForWebsiteConfirmation(int64_t action, const char* messageFormat,
-                                   const char* title, const char* doneTitle);
+    void askForWebsiteConfirmation(int64_t action, const char* messageFormat, const char* title,
+                                   const char* doneTitle);
 
     bool reloading_ = false;
     bool popoverVisible_ = false;

@@ -21,14 +21,14 @@ struct ContentBlockerAction {
 };
 
 struct ContentBlockerTrigger {
-    NullableString urlFilter;                                // "url-filter"
-    bool urlFilterIsCaseSensitive = false;                   // written only when true
-    std::optional<std::vector<std::string>> resourceType;    // "resource-type"
-    std::optional<std::vector<std::string>> loadType;        // "load-type"
-    std::optional<std::vector<std::string>> ifTopURL;        // "if-top-url"
-    std::optional<std::vector<std::string>> unlessTopURL;    // "unless-top-url"
-    std::optional<std::vector<std::string>> ifDomain;        // "if-domain"
-    std::optional<std::vector<std::string>> unlessDomain;    // "unless-domain"
+    NullableString urlFilter;                              // "url-filter"
+    bool urlFilterIsCaseSensitive = false;                 // written only when true
+    std::optional<std::vector<std::string>> resourceType;  // "resource-type"
+    std::optional<std::vector<std::string>> loadType;      // "load-type"
+    std::optional<std::vector<std::string>> ifTopURL;      // "if-top-url"
+    std::optional<std::vector<std::string>> unlessTopURL;  // "unless-top-url"
+    std::optional<std::vector<std::string>> ifDomain;      // "if-domain"
+    std::optional<std::vector<std::string>> unlessDomain;  // "unless-domain"
     bool operator==(const ContentBlockerTrigger&) const = default;
 };
 
@@ -52,7 +52,7 @@ struct ContentBlockerRule {
 // handed on and emptied whenever it holds flushBytes, so that a list of any
 // length costs one small buffer.
 class ContentBlockerRuleListWriter {
-public:
+  public:
     using Flush = std::function<void(std::string_view)>;
 
     explicit ContentBlockerRuleListWriter(std::string& out);
@@ -63,7 +63,7 @@ public:
     void finish();
     size_t count() const { return count_; }
 
-private:
+  private:
     std::string& out_;
     Flush flush_;
     size_t flushBytes_ = 0;

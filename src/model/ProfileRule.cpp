@@ -21,57 +21,51 @@ enum class DomainScheme {
 
 // The part both conversions share: the action, its url-filter, the case flag
 // and the resource and load types.
-ContentBlockerRule convertActionAndTypes(const ProfileRule& rule)
-{
+ContentBlockerRule convertActionAndTypes(const ProfileRule& rule) {
     ContentBlockerRule result;
     auto& action = result.action;
     auto& trigger = result.trigger;
 
     switch (rule.action) {
-    case ActionCode::kBlock:
-    case ActionCode::kBlockWebsite:
-        action.type = "block";
-        // Deliberately only the block codes IDNA-encode their filter; the
-        // other codes keep it as stored.
-        if (rule.filter)
-            trigger.urlFilter = PunycodeAdditions::IDNAEncodedString(*rule.filter);
-        break;
-    case ActionCode::kHide:
-        action.type = "css-display-none";
-        action.selector = rule.selector;
-        trigger.urlFilter = rule.filter;
-        break;
-    case ActionCode::kBlockCookies:
-        action.type = "block-cookies";
-        trigger.urlFilter = rule.filter;
-        break;
-    case ActionCode::kAllowWebsite:
-    case ActionCode::kException:
-        action.type = "ignore-previous-rules";
-        if (rule.selector && !rule.selector->empty())
+        case ActionCode::kBlock:
+        case ActionCode::kBlockWebsite:
+            action.type = "block";
+            // Deliberately only the block codes IDNA-encode their filter; the
+            // other codes keep it as stored.
+            if (rule.filter) trigger.urlFilter = PunycodeAdditions::IDNAEncodedString(*rule.filter);
+            break;
+        case ActionCode::kHide:
+            action.type = "css-display-none";
             action.selector = rule.selector;
-        trigger.urlFilter = rule.filter;
-        break;
-    case ActionCode::kSecureWebsite:
-    case ActionCode::kUpgradeHTTPS:
-        action.type = "make-https";
-        trigger.urlFilter = rule.filter;
-        break;
-    default:
-        // Unknown codes still produce an object; the browser rejects it.
-        break;
+            trigger.urlFilter = rule.filter;
+            break;
+        case ActionCode::kBlockCookies:
+            action.type = "block-cookies";
+            trigger.urlFilter = rule.filter;
+            break;
+        case ActionCode::kAllowWebsite:
+        case ActionCode::kException:
+            action.type = "ignore-previous-rules";
+            if (rule.selector && !rule.selector->empty()) action.selector = rule.selector;
+            trigger.urlFilter = rule.filter;
+            break;
+        case ActionCode::kSecureWebsite:
+        case ActionCode::kUpgradeHTTPS:
+            action.type = "make-https";
+            trigger.urlFilter = rule.filter;
+            break;
+        default:
+            // Unknown codes still produce an object; the browser rejects it.
+            break;
     }
 
     trigger.urlFilterIsCaseSensitive = rule.filterSensitive != 0;
-    if (rule.resources)
-        trigger.resourceType = RuleText::components(*rule.resources);
-    if (rule.loads)
-        trigger.loadType = RuleText::components(*rule.loads);
+    if (rule.resources) trigger.resourceType = RuleText::components(*rule.resources);
+    if (rule.loads) trigger.loadType = RuleText::components(*rule.loads);
     return result;
 }
 
-std::string topURLPattern(std::string_view encodedDomain)
-{
+std::string topURLPattern(std::string_view encodedDomain) {
     std::string pattern;
     // "*.shop.test" and "*shop.test" both mean the domain and its
     // subdomains. The subdomain group of the pattern brings its own dot, so
@@ -80,8 +74,7 @@ std::string topURLPattern(std::string_view encodedDomain)
     const bool withSubdomains = !encodedDomain.empty() && encodedDomain.front() == '*';
     if (withSubdomains) {
         encodedDomain.remove_prefix(1);
-        if (!encodedDomain.empty() && encodedDomain.front() == '.')
-            encodedDomain.remove_prefix(1);
+        if (!encodedDomain.empty() && encodedDomain.front() == '.') encodedDomain.remove_prefix(1);
     }
     const std::string escaped = PunycodeAdditions::escapeData(encodedDomain);
     const std::string_view prefix = withSubdomains ? kSubdomainsPrefix : kTopURLPrefix;
@@ -92,18 +85,15 @@ std::string topURLPattern(std::string_view encodedDomain)
     return pattern;
 }
 
-void convertDomains(const ProfileRule& rule, DomainScheme scheme, ContentBlockerTrigger& trigger)
-{
-    if (!rule.domains)
-        return;
+void convertDomains(const ProfileRule& rule, DomainScheme scheme, ContentBlockerTrigger& trigger) {
+    if (!rule.domains) return;
     const int64_t type = rule.domainType;
     const bool patterns = scheme == DomainScheme::TopURL && (type == DomainTypeCode::kIfTopURL ||
                                                              type == DomainTypeCode::kUnlessTopURL);
     const bool verbatim = scheme == DomainScheme::Domain ||
                           type == DomainTypeCode::kIfTopURLVerbatim ||
                           type == DomainTypeCode::kUnlessTopURLVerbatim;
-    if (!patterns && !verbatim)
-        return;
+    if (!patterns && !verbatim) return;
     if (scheme == DomainScheme::Domain && type != DomainTypeCode::kIfTopURL &&
         type != DomainTypeCode::kUnlessTopURL)
         return;  // no key to write: skip the encoding work
@@ -115,8 +105,7 @@ void convertDomains(const ProfileRule& rule, DomainScheme scheme, ContentBlocker
     }
     // Only the first entry is looked at: a list that starts empty means "no
     // domains", later empty entries are carried as they are.
-    if (list.empty() || list.front().empty())
-        return;
+    if (list.empty() || list.front().empty()) return;
 
     std::optional<std::vector<std::string>>* key = nullptr;
     if (scheme == DomainScheme::TopURL) {
@@ -131,14 +120,11 @@ void convertDomains(const ProfileRule& rule, DomainScheme scheme, ContentBlocker
         else if (type == DomainTypeCode::kUnlessTopURL)
             key = &trigger.unlessDomain;
     }
-    if (key)
-        *key = std::move(list);
+    if (key) *key = std::move(list);
 }
 
-void appendValidated(std::string& out, const NullableString& text)
-{
-    if (text)
-        out += *text;
+void appendValidated(std::string& out, const NullableString& text) {
+    if (text) out += *text;
 }
 
 // What a rule does and where: the fields a profile rule and a shared custom
@@ -157,18 +143,15 @@ void copyMatchFields(const Rule& from, ProfileRule& to) {
 
 }  // namespace
 
-ProfileRule ProfileRule::initWithRule(const ProfileRule& rule, int64_t reloadType)
-{
+ProfileRule ProfileRule::initWithRule(const ProfileRule& rule, int64_t reloadType) {
     ProfileRule result;
-    if (const auto tag = ruleIDForReloadType(reloadType))
-        result.ruleID = std::string(*tag);
+    if (const auto tag = ruleIDForReloadType(reloadType)) result.ruleID = std::string(*tag);
     result.blocker = rule.blocker;
     copyMatchFields(rule, result);
     return result;
 }
 
-ProfileRule ProfileRule::initWithCustomRule(const SharedCustomRule& rule)
-{
+ProfileRule ProfileRule::initWithCustomRule(const SharedCustomRule& rule) {
     ProfileRule result;
     result.ruleID = rule.ruleID;
     result.blocker = BlockerCode::kCustom;
@@ -176,34 +159,29 @@ ProfileRule ProfileRule::initWithCustomRule(const SharedCustomRule& rule)
     return result;
 }
 
-ProfileRule ProfileRule::initWithSharedCustomRule(const SharedCustomRule& rule)
-{
+ProfileRule ProfileRule::initWithSharedCustomRule(const SharedCustomRule& rule) {
     return initWithCustomRule(rule);
 }
 
-ContentBlockerRule ProfileRule::convertToSafariData2() const
-{
+ContentBlockerRule ProfileRule::convertToSafariData2() const {
     ContentBlockerRule result = convertActionAndTypes(*this);
     convertDomains(*this, DomainScheme::TopURL, result.trigger);
     return result;
 }
 
-ContentBlockerRule ProfileRule::convertToSafariData() const
-{
+ContentBlockerRule ProfileRule::convertToSafariData() const {
     ContentBlockerRule result = convertActionAndTypes(*this);
     convertDomains(*this, DomainScheme::Domain, result.trigger);
     return result;
 }
 
-std::string ProfileRule::computeHash() const
-{
+std::string ProfileRule::computeHash() const {
     std::string hash;
     appendHash(hash);
     return hash;
 }
 
-void ProfileRule::appendHash(std::string& out) const
-{
+void ProfileRule::appendHash(std::string& out) const {
     // "%ld-%@-%@-%@-%@-%ld-%@"; validateData maps null to "", which
     // appendValidated does without the copy.
     RuleText::appendInteger(out, action);
@@ -221,18 +199,15 @@ void ProfileRule::appendHash(std::string& out) const
     appendValidated(out, domains);
 }
 
-std::string ProfileRule::validateData(const NullableString& text)
-{
+std::string ProfileRule::validateData(const NullableString& text) {
     return text ? *text : std::string();
 }
 
-void ProfileRule::mergeProfileRuleDomains(const ProfileRule& other)
-{
+void ProfileRule::mergeProfileRuleDomains(const ProfileRule& other) {
     domains = RuleText::mergeDomains(domains, other.domains);
 }
 
-std::string ProfileRule::description() const
-{
+std::string ProfileRule::description() const {
     std::string text;
     text.reserve(160);
     text += "ruleID: ";

@@ -24,19 +24,15 @@ enum RuleDataIndex : size_t {
     kRuleDataCount,
 };
 
-NullableString joinedOrNull(const std::optional<std::vector<std::string>>& list)
-{
-    if (!list)
-        return std::nullopt;
+NullableString joinedOrNull(const std::optional<std::vector<std::string>>& list) {
+    if (!list) return std::nullopt;
     return RuleText::joinComponents(*list);
 }
 
 // "%f": six decimals, whatever the magnitude.
-void appendFixed(std::string& out, double value)
-{
+void appendFixed(std::string& out, double value) {
     const int length = std::snprintf(nullptr, 0, "%f", value);
-    if (length <= 0)
-        return;
+    if (length <= 0) return;
     const size_t start = out.size();
     out.resize(start + static_cast<size_t>(length) + 1);
     std::snprintf(out.data() + start, static_cast<size_t>(length) + 1, "%f", value);
@@ -46,11 +42,9 @@ void appendFixed(std::string& out, double value)
 }  // namespace
 
 SharedCustomRule SharedCustomRule::initWithRuleData(const std::vector<std::string>& ruleData,
-                                                    const NullableString& blockerProfileID)
-{
+                                                    const NullableString& blockerProfileID) {
     SharedCustomRule rule;
-    if (ruleData.size() != kRuleDataCount)
-        return rule;
+    if (ruleData.size() != kRuleDataCount) return rule;
     rule.blockerProfileID = blockerProfileID;
     rule.action = RuleText::integerValue(ruleData[kActionIndex]);
     rule.filter = dataOrNil(ruleData, kFilterIndex);
@@ -65,15 +59,12 @@ SharedCustomRule SharedCustomRule::initWithRuleData(const std::vector<std::strin
     return rule;
 }
 
-NullableString SharedCustomRule::dataOrNil(const std::vector<std::string>& data, size_t index)
-{
-    if (index >= data.size() || data[index].empty())
-        return std::nullopt;
+NullableString SharedCustomRule::dataOrNil(const std::vector<std::string>& data, size_t index) {
+    if (index >= data.size() || data[index].empty()) return std::nullopt;
     return data[index];
 }
 
-SharedCustomRule SharedCustomRule::initWithSafariData(const ContentBlockerRule& rule)
-{
+SharedCustomRule SharedCustomRule::initWithSafariData(const ContentBlockerRule& rule) {
     SharedCustomRule result;
     result.regularExpression = 1;
     result.blocker = BlockerCode::kCustom;
@@ -104,38 +95,34 @@ SharedCustomRule SharedCustomRule::initWithSafariData(const ContentBlockerRule& 
     return result;
 }
 
-ContentBlockerRule SharedCustomRule::convertToSafariData() const
-{
+ContentBlockerRule SharedCustomRule::convertToSafariData() const {
     ContentBlockerRule result;
     auto& trigger = result.trigger;
     bool withFilter = true;
     switch (action) {
-    case ActionCode::kBlock:
-        result.action.type = "block";
-        break;
-    case ActionCode::kHide:
-        result.action.type = "css-display-none";
-        result.action.selector = selector;
-        break;
-    case ActionCode::kAllowWebsite:
-        result.action.type = "ignore-previous-rules";
-        break;
-    case ActionCode::kBlockCookies:
-        result.action.type = "block-cookies";
-        break;
-    default:
-        // The website codes 5 and 7 and unknown codes: an empty action and
-        // no url-filter, which the browser rejects.
-        withFilter = false;
-        break;
+        case ActionCode::kBlock:
+            result.action.type = "block";
+            break;
+        case ActionCode::kHide:
+            result.action.type = "css-display-none";
+            result.action.selector = selector;
+            break;
+        case ActionCode::kAllowWebsite:
+            result.action.type = "ignore-previous-rules";
+            break;
+        case ActionCode::kBlockCookies:
+            result.action.type = "block-cookies";
+            break;
+        default:
+            // The website codes 5 and 7 and unknown codes: an empty action and
+            // no url-filter, which the browser rejects.
+            withFilter = false;
+            break;
     }
-    if (withFilter)
-        trigger.urlFilter = filter;
+    if (withFilter) trigger.urlFilter = filter;
     trigger.urlFilterIsCaseSensitive = filterSensitive != 0;
-    if (resources)
-        trigger.resourceType = RuleText::components(*resources);
-    if (loads)
-        trigger.loadType = RuleText::components(*loads);
+    if (resources) trigger.resourceType = RuleText::components(*resources);
+    if (loads) trigger.loadType = RuleText::components(*loads);
     if (domains && !domains->empty()) {
         if (domainType == DomainTypeCode::kIfTopURL)
             trigger.ifDomain = RuleText::components(*domains);
@@ -145,8 +132,7 @@ ContentBlockerRule SharedCustomRule::convertToSafariData() const
     return result;
 }
 
-std::string SharedCustomRule::computeHash() const
-{
+std::string SharedCustomRule::computeHash() const {
     // The same key as the profile rule made from this record, so a custom
     // rule and its compiled form dedupe against each other.
     std::string hash;
@@ -154,18 +140,15 @@ std::string SharedCustomRule::computeHash() const
     return hash;
 }
 
-std::string SharedCustomRule::validateData(const NullableString& text)
-{
+std::string SharedCustomRule::validateData(const NullableString& text) {
     return ProfileRule::validateData(text);
 }
 
-void SharedCustomRule::mergeWhitelistCustomRule(const SharedCustomRule& other)
-{
+void SharedCustomRule::mergeWhitelistCustomRule(const SharedCustomRule& other) {
     domains = RuleText::mergeDomains(domains, other.domains);
 }
 
-std::string SharedCustomRule::description() const
-{
+std::string SharedCustomRule::description() const {
     std::string text;
     text.reserve(320);
     auto field = [&text](std::string_view name, const NullableString& value) {

@@ -7,19 +7,16 @@ namespace stonewall {
 
 namespace {
 
-bool bothEmptyOrEqual(const NullableString& a, const NullableString& b)
-{
+bool bothEmptyOrEqual(const NullableString& a, const NullableString& b) {
     const bool aEmpty = !a || a->empty();
     const bool bEmpty = !b || b->empty();
-    if (aEmpty && bEmpty)
-        return true;
+    if (aEmpty && bEmpty) return true;
     return a && b && *a == *b;
 }
 
 }  // namespace
 
-bool SharedData::isEqual(const SharedData& other) const
-{
+bool SharedData::isEqual(const SharedData& other) const {
     if (!activeProfileID || !other.activeProfileID || *activeProfileID != *other.activeProfileID)
         return false;
     return bothEmptyOrEqual(timestamps, other.timestamps) &&
@@ -27,8 +24,7 @@ bool SharedData::isEqual(const SharedData& other) const
            bothEmptyOrEqual(profileIDs, other.profileIDs) && status == other.status;
 }
 
-SharedData SharedData::copy() const
-{
+SharedData SharedData::copy() const {
     // domainStatus and reload are deliberately not copied: the copy keeps
     // "-1,-1,-1" and 0, as the product's other programs expect of a copy.
     SharedData result;
@@ -44,8 +40,7 @@ SharedData SharedData::copy() const
     return result;
 }
 
-std::string SharedData::description() const
-{
+std::string SharedData::description() const {
     std::string text;
     text.reserve(200);
     text += "activeProfileID: ";
@@ -71,9 +66,6 @@ std::string SharedData::description() const
     return text;
 }
 
-std::string SharedData::bundleShortVersionString()
-{
-    return std::string(kShortVersionString);
-}
+std::string SharedData::bundleShortVersionString() { return std::string(kShortVersionString); }
 
 }  // namespace stonewall

@@ -7,7 +7,7 @@ namespace stonewall::platform {
 // The program's own bundle: its resource folder, version and the
 // localisation catalogue, keyed by the English text.
 class Bundle {
-public:
+  public:
     virtual ~Bundle() = default;
     virtual std::string resourcePath() const = 0;
     virtual std::string shortVersionString() const = 0;

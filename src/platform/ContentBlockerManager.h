@@ -11,7 +11,7 @@ namespace stonewall::platform {
 // from any thread; the completion comes on a thread of the service's choosing,
 // once, with no error or with the browser's own error.
 class ContentBlockerManager {
-public:
+  public:
     virtual ~ContentBlockerManager() = default;
     virtual void reloadContentBlockerWithIdentifier(const std::string& identifier,
                                                     CompletionHandler completionHandler) = 0;

@@ -15,7 +15,7 @@ using Nanoseconds = std::chrono::nanoseconds;
 // order; the global queues may run items concurrently; the main queue runs its
 // items one at a time on the thread that runs the main loop.
 class Queue {
-public:
+  public:
     virtual ~Queue() = default;
 
     virtual const std::string& label() const = 0;
@@ -40,7 +40,7 @@ enum class QueuePriority { Default, High };
 
 // The process's queues.
 class Dispatch {
-public:
+  public:
     virtual ~Dispatch() = default;
 
     virtual Queue& mainQueue() = 0;

@@ -21,7 +21,7 @@ enum class SearchPathDirectory { Documents = 1, Caches = 2, ApplicationSupport =
 // What the program knows of the host it runs on: the versions of the system,
 // its toolkit and the browser's extension services, and the user's folders.
 class Host {
-public:
+  public:
     virtual ~Host() = default;
 
     virtual OperatingSystemVersion operatingSystemVersion() const = 0;

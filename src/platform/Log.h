@@ -8,7 +8,7 @@ enum class LogLevel { Debug, Info, Error };
 
 // The system log. Debug lines are invisible unless verbose logging is on.
 class Log {
-public:
+  public:
     virtual ~Log() = default;
     virtual void write(LogLevel level, std::string_view message) = 0;
 };

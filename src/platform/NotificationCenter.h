@@ -10,7 +10,7 @@ namespace stonewall::platform {
 // no user info. Delivery is asynchronous and best effort: a post that cannot
 // reach anyone is dropped, never an error.
 class DistributedNotificationCenter {
-public:
+  public:
     virtual ~DistributedNotificationCenter() = default;
 
     virtual void postNotificationName(const std::string& name, const std::string& object) = 0;

@@ -45,13 +45,13 @@ void log(LogLevel level, std::string_view message);
 // Installs a set for the lifetime of the object and restores the previous
 // one afterwards (tests).
 class ScopedServices {
-public:
+  public:
     explicit ScopedServices(Services services) : previous_(install(std::move(services))) {}
     ~ScopedServices() { install(std::move(previous_)); }
     ScopedServices(const ScopedServices&) = delete;
     ScopedServices& operator=(const ScopedServices&) = delete;
 
-private:
+  private:
     Services previous_;
 };
 

@@ -39,8 +39,8 @@ RuleListRepair dropRejectedRules(size_t ruleCount, const Error& fullListError,
     for (size_t index = 0; index < ruleCount; ++index) repair.kept.push_back(index);
     Error verdict = fullListError;
     while (true) {
-        const RejectedRule rejected = findFirstRejectedRule(
-            repair.kept.size(), verdict, emptyListError, [&](size_t count) {
+        const RejectedRule rejected =
+            findFirstRejectedRule(repair.kept.size(), verdict, emptyListError, [&](size_t count) {
                 return compile(std::vector<size_t>(repair.kept.begin(),
                                                    repair.kept.begin() + static_cast<long>(count)));
             });

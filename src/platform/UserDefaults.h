@@ -12,7 +12,7 @@ namespace stonewall::platform {
 // other processes after synchronize(); synchronize() also takes in what other
 // processes synchronised meanwhile, without losing keys of either side.
 class UserDefaults {
-public:
+  public:
     virtual ~UserDefaults() = default;
 
     // Absent when the key holds no value of that type.
@@ -29,7 +29,7 @@ public:
 };
 
 class UserDefaultsService {
-public:
+  public:
     virtual ~UserDefaultsService() = default;
     // The suite of that name; the same object for the same name.
     virtual std::shared_ptr<UserDefaults> suiteNamed(const std::string& suiteName) = 0;

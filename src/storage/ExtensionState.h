@@ -20,7 +20,7 @@
 namespace stonewall {
 
 class ExtensionState {
-public:
+  public:
     // The process-wide instance: read from the state file when there is one,
     // else made with the defaults and saved. Null for the rest of the process
     // when the file exists but cannot be decoded; callers then act as if
@@ -67,7 +67,7 @@ public:
     // other code: whether their version is known and at least `version`.
     static bool isSafariVersionAvailable(int64_t version);
 
-private:
+  private:
     std::string dataFileName_;
     FileHandler dataFileHandler_;
     std::atomic<bool> statusUpdated_{false};

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -135,7 +135,8 @@ bool writeAtomically(const std::string& path, const DataProducer& produce) {
 bool createAtomically(const std::string& path, std::string_view data) {
     if (path.empty()) return false;
     const auto result = platform::writeFileAtomically(
-        path, [data](const DataSink& sink) { return sink(data); }, platform::FileNaming::CreateOnly);
+        path, [data](const DataSink& sink) { return sink(data); },
+        platform::FileNaming::CreateOnly);
     if (!result.error.empty()) FileHandler::logError(result.error);
     return result.done || result.nameTaken;
 }
@@ -224,12 +225,17 @@ bool copyItem(const std::string& from, const std::string& to) {
 FileHandler FileHandler::initWithLocation(int64_t location) {
     FileHandler handler;
     switch (location) {
-        case FileLocation::kDocuments: handler.path_ = applicationDocumentsDirectory(); break;
-        case FileLocation::kCaches: handler.path_ = applicationCachesDirectory(); break;
+        case FileLocation::kDocuments:
+            handler.path_ = applicationDocumentsDirectory();
+            break;
+        case FileLocation::kCaches:
+            handler.path_ = applicationCachesDirectory();
+            break;
         case FileLocation::kApplicationSupport:
             handler.path_ = applicationApplicationSupportDirectory();
             break;
-        default: break;
+        default:
+            break;
     }
     return handler;
 }
@@ -361,8 +367,7 @@ void FileHandler::createDirectory(const std::string& name) const {
     if (error) logError("cannot create " + target + ": " + error.message());
 }
 
-bool FileHandler::writeToFile(const std::string& name,
-                              std::optional<std::string_view> data) const {
+bool FileHandler::writeToFile(const std::string& name, std::optional<std::string_view> data) const {
     const std::string target = getFilePath(name);
     if (target.empty()) {
         logError("writeToFile: no directory");
@@ -475,7 +480,8 @@ void FileHandler::archiveData(const std::string& name, const Archive& data) cons
 std::optional<Archive> FileHandler::unarchiveData(const std::string& name) const {
     const auto bytes = readFromFile(name);
     if (!bytes) return std::nullopt;
-    const nlohmann::json object = nlohmann::json::parse(*bytes, nullptr, /*allow_exceptions=*/false);
+    const nlohmann::json object =
+        nlohmann::json::parse(*bytes, nullptr, /*allow_exceptions=*/false);
     if (!object.is_object()) {
         logError("cannot decode the archive " + getFilePath(name));
         return std::nullopt;
@@ -535,9 +541,7 @@ bool FileHandler::writeToURL(const std::string& url, std::optional<std::string_v
     return writeAtomically(url, *data);
 }
 
-std::optional<Data> FileHandler::readFromURL(const std::string& url) {
-    return readWholeFile(url);
-}
+std::optional<Data> FileHandler::readFromURL(const std::string& url) { return readWholeFile(url); }
 
 std::FILE* FileHandler::fileHandleForReadingURL(const std::string& url) {
     if (url.empty()) return nullptr;

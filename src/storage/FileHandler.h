@@ -36,7 +36,7 @@ using DataProducer = platform::ByteProducer;
 using Archive = std::map<std::string, bool>;
 
 class FileHandler {
-public:
+  public:
     FileHandler() = default;
 
     static FileHandler initWithLocation(int64_t location);
@@ -105,7 +105,7 @@ public:
 
     static void logError(std::string_view message);
 
-private:
+  private:
     NullableString path_;
 };
 

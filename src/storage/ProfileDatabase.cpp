@@ -65,7 +65,8 @@ void readProfileRule(sqlite3_stmt* statement, ProfileRule& rule) {
 ProfileDatabase::ReadFailure readFailure(sqlite3* database) {
     if (failedOnLock(database)) return ProfileDatabase::ReadFailure::Locked;
     const int code = database ? sqlite3_errcode(database) & 0xff : SQLITE_CANTOPEN;
-    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB) return ProfileDatabase::ReadFailure::Damaged;
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)
+        return ProfileDatabase::ReadFailure::Damaged;
     return ProfileDatabase::ReadFailure::Other;
 }
 

@@ -27,7 +27,7 @@ struct sqlite3_stmt;
 namespace stonewall {
 
 class ProfileDatabase {
-public:
+  public:
     // Opens (or makes from the template) the profile's database. Always returns
     // an object; when the file cannot be opened its queries return nothing and
     // its changes are dropped. An identifier that would leave ".Profiles" (a
@@ -100,7 +100,7 @@ public:
 
     static void logError(std::string_view message);
 
-private:
+  private:
     ProfileDatabase() = default;
 
     // Binds one record's values to the batch statement.
@@ -117,7 +117,8 @@ private:
     std::string profilesFileName_;
     std::string profilesDataPath_;
     bool usable_ = true;
-    ReadFailure lastReadFailure_ = ReadFailure::None;  // false for an identifier that names no file of ours
+    ReadFailure lastReadFailure_ =
+        ReadFailure::None;  // false for an identifier that names no file of ours
 };
 
 }  // namespace stonewall

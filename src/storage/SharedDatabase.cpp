@@ -243,7 +243,8 @@ void SharedDatabase::salvage(const std::string& damagedPath) {
     }
     const int64_t rules = salvageRows(dataDatabase_, damagedPath, "SharedCustomRules");
     StorageEvents::report(StorageEvents::Kind::MovedAside,
-                          "recovered " + std::string(records > 0 ? "the shared record" : "no shared record") +
+                          "recovered " +
+                              std::string(records > 0 ? "the shared record" : "no shared record") +
                               " and " + std::to_string(rules) + " custom rule" +
                               (rules == 1 ? "" : "s") + " from the damaged " + dataFileName_);
 }

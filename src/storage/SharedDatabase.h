@@ -23,7 +23,7 @@ struct sqlite3_stmt;
 namespace stonewall {
 
 class SharedDatabase {
-public:
+  public:
     static SharedDatabase& sharedInstance();
     // Tests: drop the instance so that the next sharedInstance() opens the
     // database of the container then configured.
@@ -66,7 +66,7 @@ public:
 
     static void logError(std::string_view message);
 
-private:
+  private:
     SharedDatabase();
 
     // Connection management from outside the queue runs on it, so that it

@@ -9,7 +9,7 @@ namespace stonewall {
 
 // Identifiers: lower-case hex cut from a SHA-1 digest of a seed text.
 class Generator {
-public:
+  public:
     // New random identifiers, 10 hex characters.
     static std::string profileID();
     static std::string customRuleID();

@@ -47,8 +47,8 @@ class BrowserProcess {
     void send(const std::string& command);
     // The first event line starting with `prefix` (earlier lines are
     // consumed); none after the timeout.
-    std::optional<std::string> waitFor(const std::string& prefix,
-                                       std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    std::optional<std::string> waitFor(
+        const std::string& prefix, std::chrono::milliseconds timeout = std::chrono::seconds(30));
     // Every line seen so far, for failure messages.
     std::string transcript() const;
 

@@ -84,7 +84,8 @@ class BrowserTest : public tool::testing::ToolTest {
     std::string expect(const std::string& prefix) {
         auto line = browser_->waitFor(prefix);
         if (!line) {
-            ADD_FAILURE() << "no \"" << prefix << "\"; the browser said:\n" << browser_->transcript();
+            ADD_FAILURE() << "no \"" << prefix << "\"; the browser said:\n"
+                          << browser_->transcript();
             return {};
         }
         return *line;
@@ -133,8 +134,9 @@ TEST_F(BrowserTest, PickedElementBecomesAHideRuleAndDisappears) {
                        "window.webkit.messageHandlers.stonewall)"),
               "\"undefined\"");
     run({{"popup", "view 1"}, {"press visualBlockButton", "view 2"}});
-    evaluate("['mouseover','click'].forEach(t => document.getElementById('banner')"
-             ".dispatchEvent(new MouseEvent(t, {bubbles: true}))), 1");
+    evaluate(
+        "['mouseover','click'].forEach(t => document.getElementById('banner')"
+        ".dispatchEvent(new MouseEvent(t, {bubbles: true}))), 1");
     run({{"press visualDoneButton", "message VisualData"},
          {"", "image ToolbarItemIconReloading"},
          {"", "filter on"},
@@ -152,10 +154,10 @@ TEST_F(BrowserTest, BadgeCountsBlockedLoadsResetsOnNavigationAndStatusOffLoadsAl
     EXPECT_EQ(server_.requests("/ads/banner.png"), 0);
     EXPECT_EQ(server_.requests("/tracker.js"), 0);
     // A page's own console.info with the same text counts for nothing.
-    evaluate("console.info('Content blocker prevented frame displaying ' + location.href + "
-             "' from loading a resource from http://x.test/y.png'), 1");
-    run({{"load " + server_.url("/plain"), "badge none"},
-         {"load " + server_.url("/"), "badge 2"}});
+    evaluate(
+        "console.info('Content blocker prevented frame displaying ' + location.href + "
+        "' from loading a resource from http://x.test/y.png'), 1");
+    run({{"load " + server_.url("/plain"), "badge none"}, {"load " + server_.url("/"), "badge 2"}});
     run({{"popup", "view 1"},
          {"press statusButton", "image ToolbarItemIconReloading"},
          {"", "filter off"},
@@ -169,7 +171,8 @@ TEST_F(BrowserTest, BadgeCountsBlockedLoadsResetsOnNavigationAndStatusOffLoadsAl
 
 TEST_F(BrowserTest, SwitchingTheProfileCompilesAndAppliesItsList) {
     addWorkProfile();
-    fs::copy_file(fs::path(std::getenv("STONEWALL_RESOURCES")) / "profiles", profileDatabase("work"));
+    fs::copy_file(fs::path(std::getenv("STONEWALL_RESOURCES")) / "profiles",
+                  profileDatabase("work"));
     // Only the work profile blocks the tracker.
     addProfileRule("work", 1, 1, std::nullopt, "tracker\\.js");
     startBrowser(server_.url("/"));
@@ -192,8 +195,10 @@ TEST_F(BrowserTest, SwitchingTheProfileCompilesAndAppliesItsList) {
 std::pair<int, int> pngSize(const std::string& bytes) {
     if (bytes.size() < 24 || bytes.compare(1, 3, "PNG") != 0) return {0, 0};
     const auto at = [&](size_t i) {
-        return (static_cast<unsigned char>(bytes[i]) << 24) | (static_cast<unsigned char>(bytes[i + 1]) << 16) |
-               (static_cast<unsigned char>(bytes[i + 2]) << 8) | static_cast<unsigned char>(bytes[i + 3]);
+        return (static_cast<unsigned char>(bytes[i]) << 24) |
+               (static_cast<unsigned char>(bytes[i + 1]) << 16) |
+               (static_cast<unsigned char>(bytes[i + 2]) << 8) |
+               static_cast<unsigned char>(bytes[i + 3]);
     };
     return {static_cast<int>(at(16)), static_cast<int>(at(20))};
 }
@@ -219,7 +224,8 @@ TEST_F(BrowserTest, EveryPopoverViewRendersInLightAndDark) {
     // in the other scheme.
     EXPECT_EQ(images.size(), 12u);
     const fs::path window = scratch("window.png");
-    run({{"show-view 1", "view 1"}, {"snapshot-window " + window.string(), "done snapshot-window"}});
+    run({{"show-view 1", "view 1"},
+         {"snapshot-window " + window.string(), "done snapshot-window"}});
     EXPECT_GE(pngSize(readFile(window)).first, 800);
     if (const char* docs = std::getenv("STONEWALL_SCREENSHOT_DIR")) {
         fs::copy_file(window, fs::path(docs) / "browser-popover.png",

@@ -40,7 +40,8 @@ TEST_F(ControlsTest, RowButtonFlashesThenActs) {
     platform.dispatch->advanceBy(89ms);
     EXPECT_EQ(row.view->layerBackgroundColor(), NSColor::clear());
     platform.dispatch->advanceBy(1ms);
-    EXPECT_EQ(row.view->layerBackgroundColor(), NSColor::of(SystemColor::SelectedContentBackground));
+    EXPECT_EQ(row.view->layerBackgroundColor(),
+              NSColor::of(SystemColor::SelectedContentBackground));
     EXPECT_EQ(row.name->textColor(), NSColor::of(SystemColor::SelectedMenuItemText));
     platform.dispatch->advanceBy(149ms);
     EXPECT_EQ(row.fired, 0);
@@ -95,12 +96,30 @@ TEST_F(ControlsTest, RowButtonHoverBySystemVersion) {
         const char* image;
     };
     const Case cases[] = {
-        {{10, 14, 0}, true, NSColor::of(SystemColor::SelectedContentBackground), 4,
-         NSColor::of(SystemColor::SelectedMenuItemText), "ext_status_on_selected"},
-        {{10, 13, 0}, true, NSColor::of(SystemColor::SelectedMenuItem), 0,
-         NSColor::of(SystemColor::SelectedMenuItemText), "ext_status_on_selected"},
-        {{10, 14, 0}, false, NSColor::clear(), 0, NSColor::of(SystemColor::DisabledControlText), ""},
-        {{11, 0, 0}, false, NSColor::systemRed(), 0, NSColor::of(SystemColor::DisabledControlText), ""},
+        {{10, 14, 0},
+         true,
+         NSColor::of(SystemColor::SelectedContentBackground),
+         4,
+         NSColor::of(SystemColor::SelectedMenuItemText),
+         "ext_status_on_selected"},
+        {{10, 13, 0},
+         true,
+         NSColor::of(SystemColor::SelectedMenuItem),
+         0,
+         NSColor::of(SystemColor::SelectedMenuItemText),
+         "ext_status_on_selected"},
+        {{10, 14, 0},
+         false,
+         NSColor::clear(),
+         0,
+         NSColor::of(SystemColor::DisabledControlText),
+         ""},
+        {{11, 0, 0},
+         false,
+         NSColor::systemRed(),
+         0,
+         NSColor::of(SystemColor::DisabledControlText),
+         ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.os.majorVersion << "." << c.os.minorVersion
@@ -147,12 +166,16 @@ TEST_F(ControlsTest, SwitchKnobGeometry) {
         {{50, 30}, true, false, rtl, {{2, 2}, {idle, 26}}},
         {{50, 30}, false, false, rtl, {{50 - idle - 2, 2}, {idle, 26}}},
         {{50, 30}, true, true, rtl, {{2, 2}, {10 / 1.38, 26}}},
-        {{80, 20}, true, false, ltr, {{80 - 76 / 1.6180340051651 - 2, 2}, {76 / 1.6180340051651, 16}}},
+        {{80, 20},
+         true,
+         false,
+         ltr,
+         {{80 - 76 / 1.6180340051651 - 2, 2}, {76 / 1.6180340051651, 16}}},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.size.width << "x" << c.size.height << " checked "
-                                          << c.checked << " pressed " << c.pressed << " rtl "
-                                          << (c.direction == rtl));
+        SCOPED_TRACE(::testing::Message()
+                     << c.size.width << "x" << c.size.height << " checked " << c.checked
+                     << " pressed " << c.pressed << " rtl " << (c.direction == rtl));
         toolkit->setLayoutDirection(c.direction);
         auto view = std::make_shared<SwitchView>();
         auto control = CustomSwitch::initWithFrame(view, {{0, 0}, c.size});
@@ -179,22 +202,36 @@ TEST_F(ControlsTest, SwitchEventsBindingAndAnimation) {
         size_t animatedDisplays;
     };
     const Case cases[] = {
-        {"click", true, true, false, [](CustomSwitch& s) { s.mouseDown({5, 5}), s.mouseUp({5, 5}); },
+        {"click", true, true, false,
+         [](CustomSwitch& s) {
+             s.mouseDown({5, 5}), s.mouseUp({5, 5});
+         },
          true, 1, 1, 3},
         {"click without action", false, true, false,
-         [](CustomSwitch& s) { s.mouseDown({5, 5}), s.mouseUp({5, 5}); }, false, 0, 0, 0},
+         [](CustomSwitch& s) {
+             s.mouseDown({5, 5}), s.mouseUp({5, 5});
+         },
+         false, 0, 0, 0},
         {"click while disabled", true, false, false,
-         [](CustomSwitch& s) { s.mouseDown({5, 5}), s.mouseUp({5, 5}); }, false, 0, 0, 0},
+         [](CustomSwitch& s) {
+             s.mouseDown({5, 5}), s.mouseUp({5, 5});
+         },
+         false, 0, 0, 0},
         {"release outside", true, true, false,
-         [](CustomSwitch& s) { s.mouseDown({5, 5}), s.mouseUp({60, 5}); }, false, 0, 0, 1},
+         [](CustomSwitch& s) {
+             s.mouseDown({5, 5}), s.mouseUp({60, 5});
+         },
+         false, 0, 0, 1},
         {"space while focused", true, true, true,
-         [](CustomSwitch& s) { EXPECT_TRUE(s.performKeyEquivalent(kSpaceKeyCode)); }, true, 1, 1, 1},
+         [](CustomSwitch& s) { EXPECT_TRUE(s.performKeyEquivalent(kSpaceKeyCode)); }, true, 1, 1,
+         1},
         {"space unfocused", true, true, false,
-         [](CustomSwitch& s) { EXPECT_FALSE(s.performKeyEquivalent(kSpaceKeyCode)); }, false, 0, 0, 0},
+         [](CustomSwitch& s) { EXPECT_FALSE(s.performKeyEquivalent(kSpaceKeyCode)); }, false, 0, 0,
+         0},
         {"set to the same value", true, true, false, [](CustomSwitch& s) { s.setChecked(false); },
          false, 0, 0, 1},
-        {"set to a new value", true, true, false, [](CustomSwitch& s) { s.setChecked(true); }, true, 0,
-         1, 1},
+        {"set to a new value", true, true, false, [](CustomSwitch& s) { s.setChecked(true); }, true,
+         0, 1, 1},
         {"accessibility press", true, true, false,
          [](CustomSwitch& s) { EXPECT_TRUE(s.accessibilityPerformPress()); }, true, 1, 1, 1},
     };
@@ -255,19 +292,29 @@ TEST_F(ControlsTest, PaletteByVersionAppearanceAndLocalisation) {
     // The switch and start-up tests pin the colours they show; these are the
     // remaining branches.
     const Case cases[] = {
-        {"on switch, light", Custom::onSwitchBackgroundColor, lightMojave, NSColor::rgb(0.24, 0.78, 0.32)},
+        {"on switch, light", Custom::onSwitchBackgroundColor, lightMojave,
+         NSColor::rgb(0.24, 0.78, 0.32)},
         {"on switch, before 10.14", Custom::onSwitchBackgroundColor, darkHighSierra,
          NSColor::rgb(0.24, 0.78, 0.32)},
-        {"header, 10.14", Custom::extensionHeaderColor, darkMojave, NSColor::of(SystemColor::SecondaryLabel)},
-        {"header, before", Custom::extensionHeaderColor, darkHighSierra, NSColor::rgb255(128, 140, 153)},
-        {"table header, dark", Custom::tableHeaderColor, darkMojave, NSColor::rgb255(155, 162, 167)},
-        {"text, Arabic 10.14", Custom::extensionTextColor, arabicMojave, NSColor::of(SystemColor::Label)},
-        {"label, Arabic before", Custom::currentLabelColor, arabicHighSierra, NSColor::rgb(0.2, 0.2, 0.3)},
-        {"label, before", Custom::currentLabelColor, darkHighSierra, NSColor::rgb(0.25, 0.25, 0.35)},
+        {"header, 10.14", Custom::extensionHeaderColor, darkMojave,
+         NSColor::of(SystemColor::SecondaryLabel)},
+        {"header, before", Custom::extensionHeaderColor, darkHighSierra,
+         NSColor::rgb255(128, 140, 153)},
+        {"table header, dark", Custom::tableHeaderColor, darkMojave,
+         NSColor::rgb255(155, 162, 167)},
+        {"text, Arabic 10.14", Custom::extensionTextColor, arabicMojave,
+         NSColor::of(SystemColor::Label)},
+        {"label, Arabic before", Custom::currentLabelColor, arabicHighSierra,
+         NSColor::rgb(0.2, 0.2, 0.3)},
+        {"label, before", Custom::currentLabelColor, darkHighSierra,
+         NSColor::rgb(0.25, 0.25, 0.35)},
         {"separator, dark", Custom::currentSeperatorColor, darkMojave, NSColor::rgb255(70, 70, 70)},
-        {"disabled, before", Custom::disabledColor, darkHighSierra, NSColor::of(SystemColor::TertiaryLabel)},
-        {"off border, dark", Custom::offSwitchBorderColor, darkMojave, NSColor::rgb255(122, 122, 122)},
-        {"off border, light", Custom::offSwitchBorderColor, lightMojave, NSColor::rgb255(220, 220, 220)},
+        {"disabled, before", Custom::disabledColor, darkHighSierra,
+         NSColor::of(SystemColor::TertiaryLabel)},
+        {"off border, dark", Custom::offSwitchBorderColor, darkMojave,
+         NSColor::rgb255(122, 122, 122)},
+        {"off border, light", Custom::offSwitchBorderColor, lightMojave,
+         NSColor::rgb255(220, 220, 220)},
         {"white, dark", Custom::currentWhiteColor, darkMojave, NSColor::of(SystemColor::Label)},
         {"white, light", Custom::currentWhiteColor, lightMojave, NSColor::white(1.0)},
     };

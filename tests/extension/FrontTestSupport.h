@@ -72,7 +72,9 @@ class FrontTest : public ::testing::Test {
     void storeSharedData(const SharedData& data) {
         SharedDatabase::sharedInstance().updateSharedDataDetails(data);
     }
-    SharedData storedSharedData() { return SharedDatabase::sharedInstance().getSharedData().value(); }
+    SharedData storedSharedData() {
+        return SharedDatabase::sharedInstance().getSharedData().value();
+    }
 
     // A window on `url` and the popover opened over it, showing view 1.
     std::shared_ptr<SimulatedPage> openPopoverOn(std::optional<std::string> url) {

@@ -72,15 +72,18 @@ TEST_F(HandlerTest, PickedElementsBecomeRulesAndReload) {
 
     const auto rules = SharedDatabase::sharedInstance().getSharedCustomRules();
     ASSERT_EQ(rules.size(), 3u);
-    for (const auto& rule : rules) EXPECT_EQ(rule.domains, "www.example.com") << rule.selector.value_or("");
+    for (const auto& rule : rules)
+        EXPECT_EQ(rule.domains, "www.example.com") << rule.selector.value_or("");
     EXPECT_EQ(platform.contentBlocker->calls().size(), 2u);
     EXPECT_EQ(page->reloadCount(), 1);
-    EXPECT_TRUE(platform.log->contains("The extension received a message (VisualData) from a script "
-                                       "injected into (https://www.example.com/news) with userInfo ("));
+    EXPECT_TRUE(
+        platform.log->contains("The extension received a message (VisualData) from a script "
+                               "injected into (https://www.example.com/news) with userInfo ("));
 }
 
 TEST_F(HandlerTest, VisualDataWithoutElementsChangesNothing) {
-    const Json userInfos[] = {Json::object(), {{"data", Json::array()}}, {{"data", "text"}}, Json()};
+    const Json userInfos[] = {
+        Json::object(), {{"data", Json::array()}}, {{"data", "text"}}, Json()};
     auto page = openPopoverOn(kPageURL);
     const size_t imagesBefore = browser->toolbarItem()->images.size();
     for (const Json& userInfo : userInfos) {
@@ -103,13 +106,19 @@ TEST_F(HandlerTest, VisualStatusPicksTheView) {
         int64_t view;
     };
     const Case cases[] = {
-        {{{"status", 1}}, false, 2},      {{{"status", 0}}, false, 1},
-        {Json::object(), false, 1},       {{{"status", 257}}, false, 2},
-        {{{"status", 256}}, false, 1},    {{{"status", -255}}, false, 2},
-        {{{"status", "1"}}, false, 2},    {{{"status", 1.9}}, false, 2},
-        {{{"status", true}}, false, 2},   {{{"status", 1e300}}, false, 1},
+        {{{"status", 1}}, false, 2},
+        {{{"status", 0}}, false, 1},
+        {Json::object(), false, 1},
+        {{{"status", 257}}, false, 2},
+        {{{"status", 256}}, false, 1},
+        {{{"status", -255}}, false, 2},
+        {{{"status", "1"}}, false, 2},
+        {{{"status", 1.9}}, false, 2},
+        {{{"status", true}}, false, 2},
+        {{{"status", 1e300}}, false, 1},
         {{{"status", Json::array({1})}}, false, 1},
-        {{{"status", 0}}, true, 5},       {{{"status", 1}}, true, 2},
+        {{{"status", 0}}, true, 5},
+        {{{"status", 1}}, true, 2},
     };
     auto page = openPopoverOn(kPageURL);
     for (const Case& c : cases) {
@@ -185,7 +194,8 @@ TEST_F(HandlerTest, ReloadOutcomeByServicesLevelAndAction) {
         c.act(*this, *page);
         finish();
         const auto opened = browser->workspace()->openedURLs();
-        EXPECT_EQ(std::vector<std::string>(opened.begin() + static_cast<long>(openedBefore), opened.end()),
+        EXPECT_EQ(std::vector<std::string>(opened.begin() + static_cast<long>(openedBefore),
+                                           opened.end()),
                   c.opened);
         EXPECT_EQ(page->reloadCount(), c.reloads);
         EXPECT_FALSE(controller().reloading());
@@ -209,16 +219,13 @@ TEST_F(HandlerTest, ToolbarValidationConsumesTheReloadRequest) {
         const char* image;
     };
     const Case cases[] = {
-        {0, 1, false, 0, false, "ToolbarItemIcon"},
-        {1, 1, false, 1, false, "ToolbarItemIcon"},
-        {1, 1, true, 1, true, "ToolbarItemIcon"},
-        {1, 0, false, 1, true, "ToolbarItemIconOff"},
-        {1, 0, true, 0, true, "ToolbarItemIconOff"},
-        {0, 0, false, 0, false, "ToolbarItemIconOff"},
+        {0, 1, false, 0, false, "ToolbarItemIcon"},  {1, 1, false, 1, false, "ToolbarItemIcon"},
+        {1, 1, true, 1, true, "ToolbarItemIcon"},    {1, 0, false, 1, true, "ToolbarItemIconOff"},
+        {1, 0, true, 0, true, "ToolbarItemIconOff"}, {0, 0, false, 0, false, "ToolbarItemIconOff"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::Message() << "reload " << c.reload << " status " << c.status
-                                        << " statusUpdated " << c.statusUpdated);
+                                          << " statusUpdated " << c.statusUpdated);
         reset();
         auto page = browser->openWindow(kPageURL);
         SharedData data;
@@ -251,8 +258,8 @@ TEST_F(HandlerTest, BadgeCountsAndTheCounterGate) {
         {4, true, 12, std::nullopt, 26},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << "level " << c.servicesVersion << " counter " << c.counter
-                                        << " blocked " << c.blocked);
+        SCOPED_TRACE(::testing::Message() << "level " << c.servicesVersion << " counter "
+                                          << c.counter << " blocked " << c.blocked);
         reset();
         platform.host->setSafariServicesVersion(c.servicesVersion);
         auto page = browser->openWindow(kPageURL);
@@ -262,7 +269,8 @@ TEST_F(HandlerTest, BadgeCountsAndTheCounterGate) {
             controller().blockingStatController().addURLsForPage({"https://t.example/p"}, closed);
         }
         std::vector<std::string> urls;
-        for (int i = 0; i < c.blocked; ++i) urls.push_back("https://ads.example/" + std::to_string(i));
+        for (int i = 0; i < c.blocked; ++i)
+            urls.push_back("https://ads.example/" + std::to_string(i));
         browser->reportBlocked(page, urls);
         run();
         browser->validateToolbar();

@@ -19,7 +19,8 @@ using ::testing::ElementsAre;
 constexpr const char* kPageURL = "https://www.example.com/news";
 
 nlohmann::json pickedElement(const std::string& selector) {
-    return nlohmann::json::array({"ignored.example", "div", selector, "", "", "body", "body", "", ""});
+    return nlohmann::json::array(
+        {"ignored.example", "div", selector, "", "", "body", "body", "", ""});
 }
 
 class ViewControllerTest : public FrontTest {
@@ -77,13 +78,19 @@ TEST_F(ViewControllerTest, StateMachine) {
              page.setPicking(true);
          },
          [](T& t, P&) { t.browser->openPopover(); }, 2, 2, true},
-        {"1: block visually", nothing, [](T& t, P&) { t.controller().visualBlockAction(); }, 2, 2, true},
-        {"1: hide visually", nothing, [](T& t, P&) { t.controller().visualHideAction(); }, 2, 2, true},
-        {"1: profile button", nothing, [](T& t, P&) { t.controller().changeActiveProfile(); }, 3, 3, true},
-        {"1: block website", nothing, [](T& t, P&) { t.controller().blockWebsiteAction(); }, 4, 4, true},
-        {"1: allow website", nothing, [](T& t, P&) { t.controller().whitelistWebsiteAction(); }, 4, 4, true},
+        {"1: block visually", nothing, [](T& t, P&) { t.controller().visualBlockAction(); }, 2, 2,
+         true},
+        {"1: hide visually", nothing, [](T& t, P&) { t.controller().visualHideAction(); }, 2, 2,
+         true},
+        {"1: profile button", nothing, [](T& t, P&) { t.controller().changeActiveProfile(); }, 3, 3,
+         true},
+        {"1: block website", nothing, [](T& t, P&) { t.controller().blockWebsiteAction(); }, 4, 4,
+         true},
+        {"1: allow website", nothing, [](T& t, P&) { t.controller().whitelistWebsiteAction(); }, 4,
+         4, true},
         {"1: counter below services level 5", nothing, toError, 6, 6, true},
-        {"1: status button", nothing, [](T& t, P&) { t.controller().changeStatusAction(); }, 5, 1, false},
+        {"1: status button", nothing, [](T& t, P&) { t.controller().changeStatusAction(); }, 5, 1,
+         false},
         {"1: counter at services level 5", nothing,
          [](T& t, P&) { t.controller().changeCounterAction(); }, 1, 1, false},
         {"2: cancel", toPicking, [](T& t, P&) { t.controller().visualCancelAction(); }, 1, 1, true},
@@ -95,7 +102,8 @@ TEST_F(ViewControllerTest, StateMachine) {
          5, 1, false},
         {"2: done while the page sends nothing", toPicking,
          [](T& t, P&) { t.controller().visualDoneAction(); }, 2, 2, true},
-        {"3: cancel", toProfile, [](T& t, P&) { t.controller().profileCancelAction(); }, 1, 1, true},
+        {"3: cancel", toProfile, [](T& t, P&) { t.controller().profileCancelAction(); }, 1, 1,
+         true},
         {"3: done with another profile", toProfile,
          [](T& t, P&) {
              t.popover()->popup()->selectItemAtIndex(1);
@@ -104,7 +112,8 @@ TEST_F(ViewControllerTest, StateMachine) {
          5, 1, false},
         {"3: done with the same profile", toProfile,
          [](T& t, P&) { t.controller().profileDoneAction(); }, 3, 3, true},
-        {"4: cancel", toWebsite, [](T& t, P&) { t.controller().websiteCancelAction(); }, 1, 1, true},
+        {"4: cancel", toWebsite, [](T& t, P&) { t.controller().websiteCancelAction(); }, 1, 1,
+         true},
         {"4: done", toWebsite, [](T& t, P&) { t.controller().websiteDoneAction(); }, 5, 1, false},
         {"6: OK", toError, [](T& t, P&) { t.controller().errorDoneAction(); }, 1, 1, true},
         {"any: closing drops later switches", toWebsite,
@@ -140,7 +149,8 @@ TEST_F(ViewControllerTest, WebsiteButtonsFollowThePageAndTheLists) {
     };
     const Case cases[] = {
         {"https://www.example.com/a", nullptr, "Block www.example.com", true, true, true, true},
-        {"http://www.example.com/a", "www.example.com", "Block www.example.com", true, false, true, true},
+        {"http://www.example.com/a", "www.example.com", "Block www.example.com", true, false, true,
+         true},
         {"https://xn--bcher-kva.example/", nullptr, "Block bücher.example", true, true, true, true},
         {"file:///home/user/page.html", nullptr, "Block Website", false, false, false, false},
         {"about:blank", nullptr, "Block Website", false, false, false, false},
@@ -167,7 +177,8 @@ TEST_F(ViewControllerTest, WebsiteButtonsFollowThePageAndTheLists) {
 
 TEST_F(ViewControllerTest, ProfileNamesInThePopupAndOnTheButton) {
     const std::string forty(40, 'p');
-    const std::string emojiAcross40 = std::string(39, 'e') + "\xF0\x9F\x98\x80" + "tail";  // U+1F600
+    const std::string emojiAcross40 =
+        std::string(39, 'e') + "\xF0\x9F\x98\x80" + "tail";  // U+1F600
     platform.bundle->setTranslation("Default Profile", "Standardprofil");
     SharedData data;
     data.profiles = "default PROFILE," + forty + "," + forty + "q," + emojiAcross40;
@@ -180,8 +191,8 @@ TEST_F(ViewControllerTest, ProfileNamesInThePopupAndOnTheButton) {
     controller().changeActiveProfile();
     std::vector<std::string> titles;
     for (const NSMenuItem& item : popover()->popup()->items()) titles.push_back(item.title);
-    EXPECT_THAT(titles, ElementsAre("Standardprofil", forty, forty + "...",
-                                    std::string(39, 'e') + "..."));
+    EXPECT_THAT(titles,
+                ElementsAre("Standardprofil", forty, forty + "...", std::string(39, 'e') + "..."));
     EXPECT_EQ(popover()->popup()->indexOfSelectedItem(), 2);
 
     data.activeProfileID = "defaultProfile";
@@ -217,7 +228,8 @@ TEST_F(ViewControllerTest, ActionsThatMustNotStartAReload) {
              t.controller().changeActiveProfile();
              t.controller().profileDoneAction();
          }},
-        {"done with nothing to confirm", [](ViewControllerTest& t) { t.controller().websiteDoneAction(); }},
+        {"done with nothing to confirm",
+         [](ViewControllerTest& t) { t.controller().websiteDoneAction(); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -282,8 +294,10 @@ TEST_F(ViewControllerTest, LayoutBySystemVersionAndDirection) {
         toolkit->setLayoutDirection(c.direction);
         controller();
         EXPECT_EQ(popover()->preferredContentSize(), (Size{c.width, 396}));
-        EXPECT_EQ(popover()->layoutConstraint("mainStackViewLeadingConstraint")->constant(), c.mainInset);
-        EXPECT_EQ(popover()->layoutConstraint("profileLineTrailingConstraint")->constant(), c.separatorInset);
+        EXPECT_EQ(popover()->layoutConstraint("mainStackViewLeadingConstraint")->constant(),
+                  c.mainInset);
+        EXPECT_EQ(popover()->layoutConstraint("profileLineTrailingConstraint")->constant(),
+                  c.separatorInset);
         EXPECT_EQ(popover()->stack("websiteMessageStackView")->spacing(), c.messageSpacing);
         EXPECT_EQ(popover()->layoutConstraint("visualCenterY")->constant(), c.centerY);
     }
@@ -305,7 +319,8 @@ TEST_F(ViewControllerTest, StartUpTextsFontsAndColours) {
     const NSFont body{13.5, FontWeight::Regular};
     const Case cases[] = {
         {"statusHeaderLabel", "Status", header, Custom::tableHeaderColor(arabic)},
-        {"visualTitleLabel", "Block and Hide Visually", title, NSColor::of(SystemColor::SecondaryLabel)},
+        {"visualTitleLabel", "Block and Hide Visually", title,
+         NSColor::of(SystemColor::SecondaryLabel)},
         {"visualMessageLabel", "Select the webpage elements that you want to block or hide.", body,
          NSColor::rgb(0.1, 0.1, 0.2)},
         {"reloadTitleLabel", "Reloading ...", title, NSColor::of(SystemColor::SecondaryLabel)},

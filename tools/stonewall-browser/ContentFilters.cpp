@@ -70,12 +70,12 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
         if (done) done(true);
         return;
     }
-    auto* request = new Request{shared_from_this(), [this, done](WebKitUserContentFilter* filter,
-                                                                 GError*) {
-                                    // No stored list yet: nothing to apply.
-                                    setFilter(filter);
-                                    if (done) done(filter != nullptr);
-                                }};
+    auto* request =
+        new Request{shared_from_this(), [this, done](WebKitUserContentFilter* filter, GError*) {
+                        // No stored list yet: nothing to apply.
+                        setFilter(filter);
+                        if (done) done(filter != nullptr);
+                    }};
     webkit_user_content_filter_store_load(
         store_, WebKitContentBlockerManager::kContentBlockerIdentifier, nullptr,
         +[](GObject* store, GAsyncResult* result, gpointer data) {
@@ -93,7 +93,7 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
 void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& identifier,
                                                         CompletionHandler completionHandler) {
     platform::dispatch().mainQueue().async([self = shared_from_this(), identifier,
-                  handler = std::move(completionHandler)]() mutable {
+                                            handler = std::move(completionHandler)]() mutable {
         const auto complete = [&handler](std::optional<Error> error) {
             if (handler) handler(std::move(error));
         };
@@ -133,8 +133,8 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
         const std::string json = std::move(text).str();
         GBytes* source = g_bytes_new(json.data(), json.size());
         auto* request = new Request{
-            self, [self, handler = std::move(handler)](WebKitUserContentFilter* filter,
-                                                       GError* error) {
+            self,
+            [self, handler = std::move(handler)](WebKitUserContentFilter* filter, GError* error) {
                 if (filter) self->setFilter(filter);
                 if (handler) {
                     handler(error ? std::optional<Error>(Error{g_quark_to_string(error->domain),

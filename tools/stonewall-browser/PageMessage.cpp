@@ -40,9 +40,12 @@ std::optional<PageMessage> checkPageMessage(std::string_view jsonText) {
     bool escaped = false;
     for (char c : jsonText) {
         if (inString) {
-            if (escaped) escaped = false;
-            else if (c == '\\') escaped = true;
-            else if (c == '"') inString = false;
+            if (escaped)
+                escaped = false;
+            else if (c == '\\')
+                escaped = true;
+            else if (c == '"')
+                inString = false;
         } else if (c == '"') {
             inString = true;
         } else if (c == '[' || c == '{') {

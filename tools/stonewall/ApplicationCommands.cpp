@@ -18,9 +18,9 @@ namespace {
 
 void throwIfFailed(const ApplicationOutcome& outcome) {
     if (!outcome) return;
-    throw CommandFailure(outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput
-                                                                           : ExitCode::Storage,
-                         outcome->subject, outcome->reason);
+    throw CommandFailure(
+        outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput : ExitCode::Storage,
+        outcome->subject, outcome->reason);
 }
 
 // Compiles the active profile and reloads, as the front does after a change.
@@ -64,8 +64,7 @@ void describeTidy(const WebsiteListNames& names, const WebsiteListEditor::TidyRe
     if (tidy.leftAloneStatus) {
         report.json["lists"][names.name]["status"] = *tidy.leftAloneStatus;
         if (always) {
-            report.table.add(label, "left alone (status " +
-                                        std::to_string(*tidy.leftAloneStatus) +
+            report.table.add(label, "left alone (status " + std::to_string(*tidy.leftAloneStatus) +
                                         ": kept in the shared database only)");
         }
         return;
@@ -194,7 +193,8 @@ void runProfileRemove(const CommonOptions& common, const std::string& profileID,
     auto engine = session.openEngine();
     throwIfFailed(ProfileManager(*engine).removeProfile(profileID));
     report.add("profile", "removed", profileID);
-    report.table.add("profiles left", std::to_string(splitList(engine->sharedData()->profileIDs).size()));
+    report.table.add("profiles left",
+                     std::to_string(splitList(engine->sharedData()->profileIDs).size()));
 }
 
 void runProfileImport(const CommonOptions& common, const std::string& profileID,
@@ -223,8 +223,8 @@ void runProfileImport(const CommonOptions& common, const std::string& profileID,
     report.json["added"] = import.added;
     report.json["alreadyPresent"] = import.alreadyPresent;
     report.table.add("profile", profileID);
-    report.table.add("lines", std::to_string(list.lines) + " (" + plural(list.comments, "comment") +
-                                  ")");
+    report.table.add("lines",
+                     std::to_string(list.lines) + " (" + plural(list.comments, "comment") + ")");
     report.table.add("imported", plural(import.added, "rule"));
     Json byKind = Json::object();
     for (int64_t action : {ActionCode::kBlock, ActionCode::kHide, ActionCode::kBlockCookies,
@@ -284,7 +284,9 @@ void runOpenURL(const CommonOptions& common, const std::string& url, Report& rep
         for (const auto& host : hosts) array.push_back(host);
         report.json["hosts"] = std::move(array);
         report.table.add("profile", textOrNull(shared.activeProfileID));
-        report.table.add("websites", hosts.empty() ? std::string("none") : plural(static_cast<int64_t>(hosts.size()), "website"));
+        report.table.add("websites", hosts.empty()
+                                         ? std::string("none")
+                                         : plural(static_cast<int64_t>(hosts.size()), "website"));
         for (const auto& host : hosts) report.table.add("", host);
     };
     auto showProfiles = [&] {
@@ -322,11 +324,12 @@ void runOpenURL(const CommonOptions& common, const std::string& url, Report& rep
                 if (rule.blockerProfileID != shared.activeProfileID) continue;
                 if (rule.action != ActionCode::kBlock && rule.action != ActionCode::kHide) continue;
                 ++picked;
-                report.table.add(picked == 1 ? "rules" : "",
-                                 std::string(actionName(rule.action)) + " " +
-                                     textOrNull(rule.action == ActionCode::kHide ? rule.selector
-                                                                                 : rule.filterDomain) +
-                                     " on " + textOrNull(rule.domains));
+                report.table.add(
+                    picked == 1 ? "rules" : "",
+                    std::string(actionName(rule.action)) + " " +
+                        textOrNull(rule.action == ActionCode::kHide ? rule.selector
+                                                                    : rule.filterDomain) +
+                        " on " + textOrNull(rule.domains));
             }
             report.json["pickedRules"] = picked;
             if (picked == 0) report.table.add("rules", "none");

@@ -113,7 +113,8 @@ bool isValidUTF8(std::string_view text) {
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = 0;
     u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &status);
-    return status != U_INVALID_CHAR_FOUND && (U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR);
+    return status != U_INVALID_CHAR_FOUND &&
+           (U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR);
 }
 
 // Text in a message, with bytes that are not printable ASCII escaped.
@@ -163,7 +164,8 @@ PageURL requirePageURL(const std::string& text) {
     if (!isHostName(*host)) {
         throw CommandFailure(ExitCode::BadInput, subject,
                              "has no valid host name (letters, digits, \"-\" and \".\"; "
-                             "international names are encoded): \"" + printable(*host) + "\"");
+                             "international names are encoded): \"" +
+                                 printable(*host) + "\"");
     }
     return PageURL{*absolute, *host};
 }

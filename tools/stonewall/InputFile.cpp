@@ -45,9 +45,9 @@ nlohmann::json parseBounded(std::string_view text, const std::string& name) {
         return nlohmann::json::parse(
             text, [&](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
                 if (depth > kMaximumNesting) {
-                    throw CommandFailure(ExitCode::BadInput, name,
-                                         "nested deeper than " + std::to_string(kMaximumNesting) +
-                                             " levels");
+                    throw CommandFailure(
+                        ExitCode::BadInput, name,
+                        "nested deeper than " + std::to_string(kMaximumNesting) + " levels");
                 }
                 return true;
             });

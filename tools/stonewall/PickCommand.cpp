@@ -42,9 +42,9 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
         if (!source) continue;
         const std::string subject = inputName(file) + ": element " + std::to_string(index);
         if (source->size() > kMaximumSourceLength) {
-            throw CommandFailure(ExitCode::BadInput, subject,
-                                 "its source is longer than " +
-                                     std::to_string(kMaximumSourceLength) + " bytes");
+            throw CommandFailure(
+                ExitCode::BadInput, subject,
+                "its source is longer than " + std::to_string(kMaximumSourceLength) + " bytes");
         }
         if (source->find_first_of(kUnescapedPatternCharacters) != std::string::npos) {
             throw CommandFailure(ExitCode::BadInput, subject,
@@ -88,7 +88,8 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
                      : std::string()));
     // The rules written are shown also when the picked rules turn out unstored.
     describeRuleFile(run, compile, report);
-    requireStored(session, failuresBefore, [] { return true; }, "the picked elements' rules");
+    requireStored(
+        session, failuresBefore, [] { return true; }, "the picked elements' rules");
     finishReload(run, &compile, report);
 }
 

@@ -144,9 +144,8 @@ bool isUsableProfileID(std::string_view identifier) {
     // Control characters are refused on top of the container's rule: they
     // would garble the command's own output.
     if (identifier.empty() || !ContainerLayout::isSafeProfileIdentifier(identifier)) return false;
-    return std::none_of(identifier.begin(), identifier.end(), [](char c) {
-        return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-    });
+    return std::none_of(identifier.begin(), identifier.end(),
+                        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
 }
 
 std::unique_ptr<CompanionController> Session::openEngine(ActiveProfile use) const {
@@ -178,7 +177,8 @@ std::unique_ptr<CompanionController> Session::openEngine(ActiveProfile use) cons
         std::cerr << "stonewall: warning: " << subject << ": " << why << std::endl;
         return engine;
     }
-    if (use == ActiveProfile::Optional && (!database || !fs::is_regular_file(database->profilesDataPath(), error))) {
+    if (use == ActiveProfile::Optional &&
+        (!database || !fs::is_regular_file(database->profilesDataPath(), error))) {
         return engine;
     }
     if (!database || !fs::is_regular_file(database->profilesDataPath(), error)) {

@@ -107,5 +107,4 @@ class Session {
 // "." or "..", no path separator of either kind, no control character.
 [[nodiscard]] bool isUsableProfileID(std::string_view identifier);
 
-
 }  // namespace stonewall::tool

@@ -65,7 +65,7 @@ void runValidate(const CommonOptions& /*common*/, const std::string& file, Repor
     auto compile = [&](const std::string& json) {
         ++compiles;
         return platform::gnulinux::WebKitContentBlockerManager::compileRuleList(store.path(),
-                                                                             kIdentifier, json);
+                                                                                kIdentifier, json);
     };
 
     // The verdict is on the file as it is.

@@ -61,17 +61,20 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
 
     // The engine cannot tell a dropped write from a stored one; a fresh
     // connection reads what another program would now see.
-    requireStored(session, failuresBefore, [&] {
-        if (engine->getWebsitesStatusShared(info.action) == 0) return true;  // shared only
-        // Every rule of the list: without a list status each website gets a
-        // rule of its own.
-        const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
-        for (const ProfileRule& rule : database->getProfileRulesByAction(info.action)) {
-            const auto stored = splitList(rule.domains);
-            if (std::find(stored.begin(), stored.end(), host) != stored.end()) return true;
-        }
-        return false;
-    }, host + " could not be stored in the " + info.name + " list of profile " + profileID);
+    requireStored(
+        session, failuresBefore,
+        [&] {
+            if (engine->getWebsitesStatusShared(info.action) == 0) return true;  // shared only
+            // Every rule of the list: without a list status each website gets a
+            // rule of its own.
+            const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
+            for (const ProfileRule& rule : database->getProfileRulesByAction(info.action)) {
+                const auto stored = splitList(rule.domains);
+                if (std::find(stored.begin(), stored.end(), host) != stored.end()) return true;
+            }
+            return false;
+        },
+        host + " could not be stored in the " + info.name + " list of profile " + profileID);
 
     report.json["changed"] = true;
     report.table.add(info.done, host);

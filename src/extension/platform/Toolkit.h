@@ -83,7 +83,9 @@ struct NSColor {
     static NSColor rgb255(double red, double green, double blue) {
         return rgb(red / 255.0, green / 255.0, blue / 255.0);
     }
-    static NSColor white(double white, double alpha = 1.0) { return rgb(white, white, white, alpha); }
+    static NSColor white(double white, double alpha = 1.0) {
+        return rgb(white, white, white, alpha);
+    }
     static NSColor of(SystemColor system) { return NSColor{system, 0, 0, 0, 1}; }
     static NSColor clear() { return rgb(0, 0, 0, 0); }
     static NSColor black() { return rgb(0, 0, 0); }

@@ -32,19 +32,26 @@ std::optional<NSMenuItem> RecordingPopUpButton::selectedItem() const {
 RecordingPopoverView::RecordingPopoverView()
     : popup_(std::make_shared<RecordingPopUpButton>()),
       progress_(std::make_shared<RecordingProgressIndicator>()) {
-    for (auto name : outlets::kTextFields) labels_.emplace(name, std::make_shared<RecordingTextField>());
-    for (auto name : outlets::kImageViews) images_.emplace(name, std::make_shared<RecordingImageView>());
-    for (auto name : outlets::kPushButtons) buttons_.emplace(name, std::make_shared<RecordingButton>());
+    for (auto name : outlets::kTextFields)
+        labels_.emplace(name, std::make_shared<RecordingTextField>());
+    for (auto name : outlets::kImageViews)
+        images_.emplace(name, std::make_shared<RecordingImageView>());
+    for (auto name : outlets::kPushButtons)
+        buttons_.emplace(name, std::make_shared<RecordingButton>());
     for (auto name : outlets::kLineViews) lines_.emplace(name, std::make_shared<RecordingView>());
     for (auto name : outlets::kStackViews) {
         auto stack = std::make_shared<RecordingStackView>();
         stack->setHidden(true);
         stacks_.emplace(name, stack);
     }
-    for (auto name : outlets::kMessageStackViews) stacks_.emplace(name, std::make_shared<RecordingStackView>());
-    for (auto name : outlets::kCenterYConstraints) constraints_.emplace(name, std::make_shared<RecordingConstraint>());
-    for (auto name : outlets::kSeparatorConstraints) constraints_.emplace(name, std::make_shared<RecordingConstraint>());
-    for (auto name : outlets::kMainStackConstraints) constraints_.emplace(name, std::make_shared<RecordingConstraint>());
+    for (auto name : outlets::kMessageStackViews)
+        stacks_.emplace(name, std::make_shared<RecordingStackView>());
+    for (auto name : outlets::kCenterYConstraints)
+        constraints_.emplace(name, std::make_shared<RecordingConstraint>());
+    for (auto name : outlets::kSeparatorConstraints)
+        constraints_.emplace(name, std::make_shared<RecordingConstraint>());
+    for (auto name : outlets::kMainStackConstraints)
+        constraints_.emplace(name, std::make_shared<RecordingConstraint>());
     for (auto name : outlets::kExtensionButtons) {
         Row row{std::make_shared<RecordingView>(), std::make_shared<RecordingTextField>(),
                 std::make_shared<RecordingImageView>(), nullptr};
@@ -53,18 +60,31 @@ RecordingPopoverView::RecordingPopoverView()
     }
 }
 
-std::shared_ptr<NSView> RecordingPopoverView::view(std::string_view outlet) { return lookup(lines_, outlet); }
-std::shared_ptr<NSTextField> RecordingPopoverView::textField(std::string_view outlet) { return lookup(labels_, outlet); }
-std::shared_ptr<NSImageView> RecordingPopoverView::imageView(std::string_view outlet) { return lookup(images_, outlet); }
-std::shared_ptr<NSButton> RecordingPopoverView::button(std::string_view outlet) { return lookup(buttons_, outlet); }
-std::shared_ptr<ExtensionButton> RecordingPopoverView::extensionButton(std::string_view outlet) { return row(outlet); }
+std::shared_ptr<NSView> RecordingPopoverView::view(std::string_view outlet) {
+    return lookup(lines_, outlet);
+}
+std::shared_ptr<NSTextField> RecordingPopoverView::textField(std::string_view outlet) {
+    return lookup(labels_, outlet);
+}
+std::shared_ptr<NSImageView> RecordingPopoverView::imageView(std::string_view outlet) {
+    return lookup(images_, outlet);
+}
+std::shared_ptr<NSButton> RecordingPopoverView::button(std::string_view outlet) {
+    return lookup(buttons_, outlet);
+}
+std::shared_ptr<ExtensionButton> RecordingPopoverView::extensionButton(std::string_view outlet) {
+    return row(outlet);
+}
 std::shared_ptr<NSPopUpButton> RecordingPopoverView::popUpButton(std::string_view outlet) {
     return outlet == outlets::kProfilePopupButton ? popup_ : nullptr;
 }
-std::shared_ptr<NSProgressIndicator> RecordingPopoverView::progressIndicator(std::string_view outlet) {
+std::shared_ptr<NSProgressIndicator> RecordingPopoverView::progressIndicator(
+    std::string_view outlet) {
     return outlet == outlets::kReloadProgressIndicator ? progress_ : nullptr;
 }
-std::shared_ptr<NSStackView> RecordingPopoverView::stackView(std::string_view outlet) { return lookup(stacks_, outlet); }
+std::shared_ptr<NSStackView> RecordingPopoverView::stackView(std::string_view outlet) {
+    return lookup(stacks_, outlet);
+}
 std::shared_ptr<NSLayoutConstraint> RecordingPopoverView::constraint(std::string_view outlet) {
     return lookup(constraints_, outlet);
 }
@@ -74,9 +94,15 @@ void RecordingPopoverView::dismissPopover() {
     if (onDismiss) onDismiss();
 }
 
-std::shared_ptr<RecordingTextField> RecordingPopoverView::label(std::string_view outlet) const { return lookup(labels_, outlet); }
-std::shared_ptr<RecordingImageView> RecordingPopoverView::image(std::string_view outlet) const { return lookup(images_, outlet); }
-std::shared_ptr<RecordingButton> RecordingPopoverView::pushButton(std::string_view outlet) const { return lookup(buttons_, outlet); }
+std::shared_ptr<RecordingTextField> RecordingPopoverView::label(std::string_view outlet) const {
+    return lookup(labels_, outlet);
+}
+std::shared_ptr<RecordingImageView> RecordingPopoverView::image(std::string_view outlet) const {
+    return lookup(images_, outlet);
+}
+std::shared_ptr<RecordingButton> RecordingPopoverView::pushButton(std::string_view outlet) const {
+    return lookup(buttons_, outlet);
+}
 std::shared_ptr<ExtensionButton> RecordingPopoverView::row(std::string_view outlet) const {
     auto it = rows_.find(outlet);
     return it == rows_.end() ? nullptr : it->second.button;
@@ -93,9 +119,14 @@ std::shared_ptr<RecordingTextField> RecordingPopoverView::rowLabel(std::string_v
     auto it = rows_.find(outlet);
     return it == rows_.end() ? nullptr : it->second.name;
 }
-std::shared_ptr<RecordingView> RecordingPopoverView::separator(std::string_view outlet) const { return lookup(lines_, outlet); }
-std::shared_ptr<RecordingStackView> RecordingPopoverView::stack(std::string_view outlet) const { return lookup(stacks_, outlet); }
-std::shared_ptr<RecordingConstraint> RecordingPopoverView::layoutConstraint(std::string_view outlet) const {
+std::shared_ptr<RecordingView> RecordingPopoverView::separator(std::string_view outlet) const {
+    return lookup(lines_, outlet);
+}
+std::shared_ptr<RecordingStackView> RecordingPopoverView::stack(std::string_view outlet) const {
+    return lookup(stacks_, outlet);
+}
+std::shared_ptr<RecordingConstraint> RecordingPopoverView::layoutConstraint(
+    std::string_view outlet) const {
     return lookup(constraints_, outlet);
 }
 

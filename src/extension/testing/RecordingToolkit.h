@@ -206,7 +206,9 @@ class RecordingToolkit : public Toolkit {
 
     void setDarkAppearance(bool dark) { dark_ = dark; }
     void setLayoutDirection(LayoutDirection direction) { direction_ = direction; }
-    void setPreferredLocalization(std::string localization) { localization_ = std::move(localization); }
+    void setPreferredLocalization(std::string localization) {
+        localization_ = std::move(localization);
+    }
     void setFullKeyboardAccess(bool enabled) { fullKeyboardAccess_ = enabled; }
 
     // The last view tree made.

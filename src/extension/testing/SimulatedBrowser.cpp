@@ -47,7 +47,8 @@ void SimulatedPage::dispatchMessageToScriptWithName(const std::string& messageNa
         if (!self) return;
         auto browser = self->browser_.lock();
         if (messageName == "VisualStatus") {
-            if (browser) browser->deliverMessage("VisualStatus", self, {{"status", self->picking_ ? 1 : 0}});
+            if (browser)
+                browser->deliverMessage("VisualStatus", self, {{"status", self->picking_ ? 1 : 0}});
         } else if (messageName == "BlockVisually") {
             self->picking_ = true;
         } else if (messageName == "VisualCancel") {
@@ -125,7 +126,8 @@ void SimulatedBrowser::validateToolbar() {
     std::weak_ptr<SimulatedBrowser> weakSelf = weak_from_this();
     SafariExtensionHandler().validateToolbarItemInWindow(
         application_->activeWindow, [weakSelf](bool enabled, std::optional<std::string> badge) {
-            if (auto self = weakSelf.lock()) self->validations_.push_back({enabled, std::move(badge)});
+            if (auto self = weakSelf.lock())
+                self->validations_.push_back({enabled, std::move(badge)});
         });
 }
 

@@ -80,7 +80,9 @@ class SimulatedTab : public SFSafariTab {
 
 class SimulatedToolbarItem : public SFSafariToolbarItem {
   public:
-    void setBadgeText(const std::optional<std::string>& badgeText) override { badges.push_back(badgeText); }
+    void setBadgeText(const std::optional<std::string>& badgeText) override {
+        badges.push_back(badgeText);
+    }
     void setImage(std::shared_ptr<NSImage> image) override {
         images.push_back(image ? image->name() : std::string());
     }

@@ -71,12 +71,13 @@ Index readIndex(const fs::path& path) {
     try {
         if (const auto library = json.find("webkitLibrary"); library != json.end()) {
             index.library = LibraryStamp{
-                library->at("path").get<std::string>(),  library->at("device").get<uintmax_t>(),
-                library->at("inode").get<uintmax_t>(),   library->at("size").get<uintmax_t>(),
+                library->at("path").get<std::string>(), library->at("device").get<uintmax_t>(),
+                library->at("inode").get<uintmax_t>(),  library->at("size").get<uintmax_t>(),
                 library->at("modified").get<int64_t>(),
             };
         }
-        for (const auto& entry : json.at("entries")) index.entries.push_back(entry.get<std::string>());
+        for (const auto& entry : json.at("entries"))
+            index.entries.push_back(entry.get<std::string>());
     } catch (const Json::exception&) {
         return Index{};
     }

@@ -58,8 +58,8 @@ class CompiledRuleListCache {
     CompiledRuleListCache(std::string storePath, Compiler compiler, LibraryPath libraryPath,
                           Limits limits);
     CompiledRuleListCache(std::string storePath, Compiler compiler, LibraryPath libraryPath)
-        : CompiledRuleListCache(std::move(storePath), std::move(compiler),
-                                std::move(libraryPath), Limits{}) {}
+        : CompiledRuleListCache(std::move(storePath), std::move(compiler), std::move(libraryPath),
+                                Limits{}) {}
 
     struct Outcome {
         std::optional<Error> error;  // the compiler's; the current list is then unchanged

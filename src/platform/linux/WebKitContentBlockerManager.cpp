@@ -104,7 +104,8 @@ class MappedFile {
     MappedFile& operator=(const MappedFile&) = delete;
 
     std::string_view text() const {
-        return data_ ? std::string_view(static_cast<const char*>(data_), size_) : std::string_view();
+        return data_ ? std::string_view(static_cast<const char*>(data_), size_)
+                     : std::string_view();
     }
 
   private:
@@ -153,7 +154,8 @@ std::optional<Error> loadWithoutRejectedRules(const std::string& storePath,
         json.push_back(']');
         return WebKitContentBlockerManager::compileRuleList(store, identifier, json);
     };
-    const auto emptyVerdict = WebKitContentBlockerManager::compileRuleList(scratch, identifier, "[]");
+    const auto emptyVerdict =
+        WebKitContentBlockerManager::compileRuleList(scratch, identifier, "[]");
     const RuleListRepair repair = dropRejectedRules(
         list.size(), error, emptyVerdict,
         [&](const std::vector<size_t>& indexes) { return compileRules(indexes, scratch); },
@@ -167,10 +169,9 @@ std::optional<Error> loadWithoutRejectedRules(const std::string& storePath,
         std::string rule =
             list[dropped.index].dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         // Both phases of a reload load the same list: one report per rule.
-        const bool known = std::any_of(droppedRules().begin(), droppedRules().end(),
-                                       [&](const auto& seen) {
-                                           return seen.index == dropped.index && seen.rule == rule;
-                                       });
+        const bool known = std::any_of(
+            droppedRules().begin(), droppedRules().end(),
+            [&](const auto& seen) { return seen.index == dropped.index && seen.rule == rule; });
         if (known) continue;
         platform::log(LogLevel::Error, "content blocker " + identifier + ": left out rule " +
                                            std::to_string(dropped.index) + " " +
@@ -207,8 +208,8 @@ std::string WebKitContentBlockerManager::storePathForContainer(const std::string
 
 void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
     const std::string& identifier, CompletionHandler completionHandler) {
-    auto complete = [handler = std::move(completionHandler), log = log_,
-                     identifier](std::optional<Error> error, bool compiled) {
+    auto complete = [handler = std::move(completionHandler), log = log_, identifier](
+                        std::optional<Error> error, bool compiled) {
         if (log) {
             log->write(LogLevel::Debug,
                        "content blocker " + identifier + " reloaded" +
@@ -228,8 +229,7 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
         current = worker_;
     }
     current->thread.invoke([worker = std::weak_ptr<Worker>(current), container = containerPath_,
-                            storePath = storePath_,
-                            defaultsPath = defaultsPath_, identifier,
+                            storePath = storePath_, defaultsPath = defaultsPath_, identifier,
                             complete = std::move(complete)]() mutable {
         if (identifier != kContentBlockerIdentifier) {
             complete(ourError(kUnknownIdentifier,
@@ -276,8 +276,8 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
         if (!owner) return;  // the service is gone
         auto outcome = owner->cache.install(identifier, ruleList);
         if (outcome.error && outcome.error->domain == kWebKitFilterErrorDomain) {
-            outcome.error = loadWithoutRejectedRules(storePath, identifier,
-                                                     std::string(ruleList), *outcome.error);
+            outcome.error = loadWithoutRejectedRules(storePath, identifier, std::string(ruleList),
+                                                     *outcome.error);
         }
         complete(std::move(outcome.error), outcome.compiled);
     });

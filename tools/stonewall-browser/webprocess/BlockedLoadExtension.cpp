@@ -15,22 +15,32 @@ using stonewall::browser::ConsoleSource;
 
 ConsoleSource sourceOf(WebKitConsoleMessageSource source) {
     switch (source) {
-        case WEBKIT_CONSOLE_MESSAGE_SOURCE_JAVASCRIPT: return ConsoleSource::JavaScript;
-        case WEBKIT_CONSOLE_MESSAGE_SOURCE_NETWORK: return ConsoleSource::Network;
-        case WEBKIT_CONSOLE_MESSAGE_SOURCE_CONSOLE_API: return ConsoleSource::ConsoleAPI;
-        case WEBKIT_CONSOLE_MESSAGE_SOURCE_SECURITY: return ConsoleSource::Security;
-        case WEBKIT_CONSOLE_MESSAGE_SOURCE_OTHER: return ConsoleSource::Other;
+        case WEBKIT_CONSOLE_MESSAGE_SOURCE_JAVASCRIPT:
+            return ConsoleSource::JavaScript;
+        case WEBKIT_CONSOLE_MESSAGE_SOURCE_NETWORK:
+            return ConsoleSource::Network;
+        case WEBKIT_CONSOLE_MESSAGE_SOURCE_CONSOLE_API:
+            return ConsoleSource::ConsoleAPI;
+        case WEBKIT_CONSOLE_MESSAGE_SOURCE_SECURITY:
+            return ConsoleSource::Security;
+        case WEBKIT_CONSOLE_MESSAGE_SOURCE_OTHER:
+            return ConsoleSource::Other;
     }
     return ConsoleSource::JavaScript;
 }
 
 ConsoleLevel levelOf(WebKitConsoleMessageLevel level) {
     switch (level) {
-        case WEBKIT_CONSOLE_MESSAGE_LEVEL_INFO: return ConsoleLevel::Info;
-        case WEBKIT_CONSOLE_MESSAGE_LEVEL_LOG: return ConsoleLevel::Log;
-        case WEBKIT_CONSOLE_MESSAGE_LEVEL_WARNING: return ConsoleLevel::Warning;
-        case WEBKIT_CONSOLE_MESSAGE_LEVEL_ERROR: return ConsoleLevel::Error;
-        case WEBKIT_CONSOLE_MESSAGE_LEVEL_DEBUG: return ConsoleLevel::Debug;
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_INFO:
+            return ConsoleLevel::Info;
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_LOG:
+            return ConsoleLevel::Log;
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_WARNING:
+            return ConsoleLevel::Warning;
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_ERROR:
+            return ConsoleLevel::Error;
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_DEBUG:
+            return ConsoleLevel::Debug;
     }
     return ConsoleLevel::Log;
 }

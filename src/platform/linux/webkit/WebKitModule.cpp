@@ -59,8 +59,8 @@ void startCompile(const std::string& storePath, const std::string& identifier,
     std::error_code error;
     fs::create_directories(storePath, error);
     if (error) {
-        finish(ourError(Manager::kStoreUnusable,
-                        "The rule-list store " + storePath + " cannot be made: " + error.message()));
+        finish(ourError(Manager::kStoreUnusable, "The rule-list store " + storePath +
+                                                     " cannot be made: " + error.message()));
         return;
     }
     auto* request =
