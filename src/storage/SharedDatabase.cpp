@@ -340,17 +340,26 @@ void SharedDatabase::checkOnQueue([[maybe_unused]] const char* operation) const 
 #endif
 }
 
-void SharedDatabase::addSharedData(const SharedData& data) {
-    checkOnQueue("addSharedData");
-    const Statement prepared = prepareStatement(dataDatabase_, kInsertSharedDataSql, kLog);
-    if (!prepared) return;
-    sqlite3_stmt* statement = prepared.get();
+namespace {
+
+// The first six columns, in the order the insert and the update share.
+void bindLeadingColumns(sqlite3_stmt* statement, const SharedData& data) {
     bindString(statement, 1, data.activeProfileID);
     bindString(statement, 2, data.timestamps);
     bindString(statement, 3, data.profiles);
     bindString(statement, 4, data.profileIDs);
     bindString(statement, 5, data.profileUpdates);
     bindInt(statement, 6, data.status);
+}
+
+}  // namespace
+
+void SharedDatabase::addSharedData(const SharedData& data) {
+    checkOnQueue("addSharedData");
+    const Statement prepared = prepareStatement(dataDatabase_, kInsertSharedDataSql, kLog);
+    if (!prepared) return;
+    sqlite3_stmt* statement = prepared.get();
+    bindLeadingColumns(statement, data);
     // The time of writing, not the record's own addDate, without its fraction.
     sqlite3_bind_int(statement, 7, truncateTimestampToInt32(Custom::currentTimestamp()));
     bindString(statement, 8, data.appVersion);
@@ -365,12 +374,7 @@ void SharedDatabase::updateSharedData(const SharedData& data) {
     const Statement prepared = prepareStatement(dataDatabase_, kUpdateSharedDataSql, kLog);
     if (!prepared) return;
     sqlite3_stmt* statement = prepared.get();
-    bindString(statement, 1, data.activeProfileID);
-    bindString(statement, 2, data.timestamps);
-    bindString(statement, 3, data.profiles);
-    bindString(statement, 4, data.profileIDs);
-    bindString(statement, 5, data.profileUpdates);
-    bindInt(statement, 6, data.status);
+    bindLeadingColumns(statement, data);
     bindString(statement, 7, data.appVersion);
     bindString(statement, 8, data.extVersion);
     bindString(statement, 9, data.domainStatus);
