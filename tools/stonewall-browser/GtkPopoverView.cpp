@@ -6,12 +6,6 @@ namespace stonewall::browser {
 
 namespace {
 
-template <typename Map>
-auto lookup(const Map& map, std::string_view name) -> typename Map::mapped_type {
-    auto it = map.find(name);
-    return it == map.end() ? typename Map::mapped_type{} : it->second;
-}
-
 GtkWidget* buttonRow(GtkWidget* cancel, GtkWidget* done) {
     GtkWidget* box = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
     gtk_box_set_homogeneous(GTK_BOX(box), TRUE);
@@ -96,6 +90,7 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
 
     // 3: profile choice.
     popup_ = std::make_shared<GtkPopUpButton>();
+    profilePopUp_ = popup_;
     addPage("profileStackView",
             dialogView(messageStack("profileMessageStackView", "profileCenterY",
                                     label("profileTitleLabel", "extension-title"),
@@ -117,6 +112,7 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
 
     // 5: reloading.
     progress_ = std::make_shared<GtkProgressIndicator>();
+    reloadProgress_ = progress_;
     GtkWidget* reloading = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
     gtk_box_append(GTK_BOX(reloading), label("reloadTitleLabel", "extension-title"));
     addPage("reloadStackView", dialogView(reloading, progress_->widget(), nullptr), 5);
@@ -165,7 +161,7 @@ GtkWidget* GtkPopoverView::row(std::string_view outlet, std::string_view imageOu
     auto name = std::make_shared<GtkTextField>(title);
     auto button = ExtensionButton::initWithView(view, name, icon);
     attachExtensionButton(box, button);
-    rows_.emplace(std::string(outlet), button);
+    extensionButtons_.emplace(std::string(outlet), button);
     drawn_.push_back(view);
     drawn_.push_back(name);
     return box;
@@ -203,7 +199,7 @@ GtkWidget* GtkPopoverView::messageStack(std::string_view outlet, std::string_vie
     GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 6);
     gtk_box_append(GTK_BOX(box), title);
     gtk_box_append(GTK_BOX(box), message);
-    stacks_.emplace(std::string(outlet), std::make_shared<GtkStackView>(box));
+    stackViews_.emplace(std::string(outlet), std::make_shared<GtkStackView>(box));
     constraints_.emplace(std::string(centerY), std::make_shared<GtkMarginConstraint>(
                                                    box, GtkMarginConstraint::Edge::Top, 0));
     return box;
@@ -216,35 +212,7 @@ void GtkPopoverView::addPage(std::string_view outlet, GtkWidget* box, int64_t co
         shownView_ = code;
         if (onViewShown_) onViewShown_(code);
     });
-    stacks_.emplace(std::string(outlet), std::move(page));
-}
-
-std::shared_ptr<NSView> GtkPopoverView::view(std::string_view outlet) {
-    return lookup(views_, outlet);
-}
-std::shared_ptr<NSTextField> GtkPopoverView::textField(std::string_view outlet) {
-    return lookup(textFields_, outlet);
-}
-std::shared_ptr<NSImageView> GtkPopoverView::imageView(std::string_view outlet) {
-    return lookup(imageViews_, outlet);
-}
-std::shared_ptr<NSButton> GtkPopoverView::button(std::string_view outlet) {
-    return lookup(buttons_, outlet);
-}
-std::shared_ptr<ExtensionButton> GtkPopoverView::extensionButton(std::string_view outlet) {
-    return lookup(rows_, outlet);
-}
-std::shared_ptr<NSPopUpButton> GtkPopoverView::popUpButton(std::string_view outlet) {
-    return outlet == "profilePopupButton" ? popup_ : nullptr;
-}
-std::shared_ptr<NSProgressIndicator> GtkPopoverView::progressIndicator(std::string_view outlet) {
-    return outlet == "reloadProgressIndicator" ? progress_ : nullptr;
-}
-std::shared_ptr<NSStackView> GtkPopoverView::stackView(std::string_view outlet) {
-    return lookup(stacks_, outlet);
-}
-std::shared_ptr<NSLayoutConstraint> GtkPopoverView::constraint(std::string_view outlet) {
-    return lookup(constraints_, outlet);
+    stackViews_.emplace(std::string(outlet), std::move(page));
 }
 
 void GtkPopoverView::setPreferredContentSize(Size size) {
@@ -265,7 +233,7 @@ void GtkPopoverView::refreshAppearance() {
 }
 
 bool GtkPopoverView::press(const std::string& outlet) {
-    if (auto row = lookup(rows_, outlet)) {
+    if (auto row = find<ExtensionButton>(extensionButtons_, outlet)) {
         // A press right after the popover opened may come before its first
         // layout, when the row has no size for the click to land in: click
         // on the first frame that has one.
@@ -283,7 +251,7 @@ bool GtkPopoverView::press(const std::string& outlet) {
             +[](gpointer data) { delete static_cast<std::weak_ptr<ExtensionButton>*>(data); });
         return true;
     }
-    if (auto button = lookup(buttons_, outlet)) {
+    if (auto button = find<GtkPushButton>(buttons_, outlet)) {
         gtk_widget_activate(button->widget());
         return true;
     }
@@ -293,12 +261,12 @@ bool GtkPopoverView::press(const std::string& outlet) {
 void GtkPopoverView::selectProfile(unsigned index) { popup_->selectItemAtIndex(index); }
 
 std::string GtkPopoverView::rowTitle(std::string_view outlet) const {
-    auto row = lookup(rows_, outlet);
+    auto row = find<ExtensionButton>(extensionButtons_, outlet);
     return row && row->nameTextField() ? row->nameTextField()->stringValue() : std::string();
 }
 
 bool GtkPopoverView::rowEnabled(std::string_view outlet) const {
-    auto row = lookup(rows_, outlet);
+    auto row = find<ExtensionButton>(extensionButtons_, outlet);
     return row && row->isEnabled();
 }
 

@@ -17,11 +17,11 @@
 
 #include "GtkViews.h"
 #include "extension/ExtensionButton.h"
-#include "extension/platform/Toolkit.h"
+#include "extension/OutletPopoverView.h"
 
 namespace stonewall::browser {
 
-class GtkPopoverView : public PopoverView {
+class GtkPopoverView : public OutletPopoverView {
   public:
     // `localized` gives the texts the layout itself fixes (cancel titles).
     explicit GtkPopoverView(const std::function<std::string(const std::string&)>& localized);
@@ -31,15 +31,6 @@ class GtkPopoverView : public PopoverView {
     GtkWidget* root() const { return root_; }
     void setPopover(GtkWidget* popover) { popover_ = popover; }
 
-    std::shared_ptr<NSView> view(std::string_view outlet) override;
-    std::shared_ptr<NSTextField> textField(std::string_view outlet) override;
-    std::shared_ptr<NSImageView> imageView(std::string_view outlet) override;
-    std::shared_ptr<NSButton> button(std::string_view outlet) override;
-    std::shared_ptr<ExtensionButton> extensionButton(std::string_view outlet) override;
-    std::shared_ptr<NSPopUpButton> popUpButton(std::string_view outlet) override;
-    std::shared_ptr<NSProgressIndicator> progressIndicator(std::string_view outlet) override;
-    std::shared_ptr<NSStackView> stackView(std::string_view outlet) override;
-    std::shared_ptr<NSLayoutConstraint> constraint(std::string_view outlet) override;
     void setPreferredContentSize(Size size) override;
     bool respondsToDismissPopover() const override { return true; }
     void dismissPopover() override;
@@ -70,19 +61,9 @@ class GtkPopoverView : public PopoverView {
                             GtkWidget* message);
     void addPage(std::string_view outlet, GtkWidget* box, int64_t code);
 
-    template <typename T>
-    using Outlets = std::map<std::string, std::shared_ptr<T>, std::less<>>;
-
     GtkWidget* root_ = nullptr;
     GtkWidget* stack_ = nullptr;
     GtkWidget* popover_ = nullptr;
-    Outlets<GtkTextField> textFields_;
-    Outlets<GtkImageView> imageViews_;
-    Outlets<GtkPushButton> buttons_;
-    Outlets<ExtensionButton> rows_;
-    Outlets<GtkView> views_;
-    Outlets<GtkStackView> stacks_;
-    Outlets<NSLayoutConstraint> constraints_;
     std::shared_ptr<GtkPopUpButton> popup_;
     std::shared_ptr<GtkProgressIndicator> progress_;
     std::vector<std::shared_ptr<AppearanceDependent>> drawn_;

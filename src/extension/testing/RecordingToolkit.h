@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "extension/ExtensionButton.h"
+#include "extension/OutletPopoverView.h"
 #include "extension/platform/Toolkit.h"
 
 namespace stonewall::testing {
@@ -132,19 +133,10 @@ class RecordingConstraint : public NSLayoutConstraint {
 
 // Every outlet of the popover's layout, each a recording view; the stacks
 // start hidden as a layout's do until the controller shows one.
-class RecordingPopoverView : public PopoverView {
+class RecordingPopoverView : public OutletPopoverView {
   public:
     RecordingPopoverView();
 
-    std::shared_ptr<NSView> view(std::string_view outlet) override;
-    std::shared_ptr<NSTextField> textField(std::string_view outlet) override;
-    std::shared_ptr<NSImageView> imageView(std::string_view outlet) override;
-    std::shared_ptr<NSButton> button(std::string_view outlet) override;
-    std::shared_ptr<ExtensionButton> extensionButton(std::string_view outlet) override;
-    std::shared_ptr<NSPopUpButton> popUpButton(std::string_view outlet) override;
-    std::shared_ptr<NSProgressIndicator> progressIndicator(std::string_view outlet) override;
-    std::shared_ptr<NSStackView> stackView(std::string_view outlet) override;
-    std::shared_ptr<NSLayoutConstraint> constraint(std::string_view outlet) override;
     void setPreferredContentSize(Size size) override { preferredContentSize_ = size; }
     bool respondsToDismissPopover() const override { return respondsToDismiss_; }
     void dismissPopover() override;
@@ -179,13 +171,7 @@ class RecordingPopoverView : public PopoverView {
         std::shared_ptr<RecordingImageView> icon;
         std::shared_ptr<ExtensionButton> button;
     };
-    std::map<std::string, std::shared_ptr<RecordingTextField>, std::less<>> labels_;
-    std::map<std::string, std::shared_ptr<RecordingImageView>, std::less<>> images_;
-    std::map<std::string, std::shared_ptr<RecordingButton>, std::less<>> buttons_;
     std::map<std::string, Row, std::less<>> rows_;
-    std::map<std::string, std::shared_ptr<RecordingView>, std::less<>> lines_;
-    std::map<std::string, std::shared_ptr<RecordingStackView>, std::less<>> stacks_;
-    std::map<std::string, std::shared_ptr<RecordingConstraint>, std::less<>> constraints_;
     std::shared_ptr<RecordingPopUpButton> popup_;
     std::shared_ptr<RecordingProgressIndicator> progress_;
     std::optional<Size> preferredContentSize_;
