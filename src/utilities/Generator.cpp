@@ -2,30 +2,26 @@
 
 #include "utilities/Generator.h"
 
-#include <openssl/rand.h>
-#include <openssl/sha.h>
-
-#include <array>
 #include <cstdio>
-#include <cstring>
+#include <exception>
+#include <random>
 
 #include "utilities/Custom.h"
+#include "utilities/SHA1.h"
 
 namespace stonewall {
 
 namespace {
 
 uint32_t strongRandom32() {
-    uint32_t value = 0;
-    if (RAND_bytes(reinterpret_cast<unsigned char*>(&value), sizeof value) != 1) {
-        // The system's random source is unavailable: fall back to the OS
-        // generator rather than returning a constant.
-        if (FILE* f = std::fopen("/dev/urandom", "rb")) {
-            if (std::fread(&value, sizeof value, 1, f) != 1) value = 0;
-            std::fclose(f);
-        }
+    // The system's non-deterministic source (the CPU's generator or the
+    // kernel's); without one the seed keeps its time stamp to stay apart.
+    try {
+        std::random_device device;
+        return device();
+    } catch (const std::exception&) {
+        return 0;
     }
-    return value;
 }
 
 // "%06x" of 24 random bits, "." and "%f" of the current time.
@@ -37,8 +33,7 @@ std::string randomSeedTail() {
 }
 
 std::string digestHex(const std::string& seed, size_t byteCount) {
-    std::array<unsigned char, SHA_DIGEST_LENGTH> digest{};
-    SHA1(reinterpret_cast<const unsigned char*>(seed.data()), seed.size(), digest.data());
+    const auto digest = sha1(seed);
     static constexpr char kHex[] = "0123456789abcdef";
     std::string out;
     out.reserve(byteCount * 2);

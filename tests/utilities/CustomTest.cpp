@@ -4,6 +4,7 @@
 
 #include "utilities/Custom.h"
 #include "utilities/Generator.h"
+#include "utilities/SHA1.h"
 
 using namespace stonewall;
 
@@ -23,6 +24,28 @@ TEST(Timestamps, PassedOnlyStrictlyAfter) {
 
 bool isLowerHex(const std::string& s) {
     return s.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+TEST(Generator, SHA1MeetsTheStandardsVectorsAcrossBlockBoundaries) {
+    // 55, 56 and 64 bytes: the length fits the last block, spills into a
+    // second one, or follows a whole block.
+    const std::pair<std::string, const char*> cases[] = {
+        {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+        {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+        {std::string(55, 'a'), "c1c8bbdc22796e28c0e15163d20899b65621d65a"},
+        {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+         "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+        {std::string(64, 'a'), "0098ba824b5c16427bd7a1122a5a442a25ec644d"},
+        {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"},
+    };
+    for (const auto& [input, expected] : cases) {
+        std::string hex;
+        for (uint8_t byte : sha1(input)) {
+            hex += "0123456789abcdef"[byte >> 4];
+            hex += "0123456789abcdef"[byte & 15];
+        }
+        EXPECT_EQ(hex, expected) << input.size();
+    }
 }
 
 TEST(Generator, WebsiteListIdentifiersAreTheSHA1OfListAndProfile) {

@@ -1,7 +1,7 @@
 #include "platform/linux/CompiledRuleListCache.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
+#include <glib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -134,17 +134,6 @@ bool isUsableIdentifier(const std::string& identifier) {
            });
 }
 
-std::string hex(const unsigned char* bytes, size_t count) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(count * 2);
-    for (size_t i = 0; i < count; ++i) {
-        text.push_back(kDigits[bytes[i] >> 4]);
-        text.push_back(kDigits[bytes[i] & 15]);
-    }
-    return text;
-}
-
 }  // namespace
 
 CompiledRuleListCache::CompiledRuleListCache(std::string storePath, Compiler compiler,
@@ -156,10 +145,12 @@ CompiledRuleListCache::CompiledRuleListCache(std::string storePath, Compiler com
       limits_(limits) {}
 
 std::string CompiledRuleListCache::contentKey(std::string_view source) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(source.data(), source.size(), digest, &length, EVP_sha256(), nullptr);
-    return hex(digest, std::min<size_t>(length, kKeyDigits / 2));
+    // SHA-256 in lower-case hex digits, of which the key keeps the first.
+    gchar* digest = g_compute_checksum_for_data(
+        G_CHECKSUM_SHA256, reinterpret_cast<const guchar*>(source.data()), source.size());
+    std::string key(digest ? digest : "", 0, kKeyDigits);
+    g_free(digest);
+    return key;
 }
 
 std::string CompiledRuleListCache::currentListPath(const std::string& identifier) const {
