@@ -3,6 +3,7 @@
 // POSIX: O_TMPFILE and linkat give a file no name until it is complete, and
 // an atomic replace needs the data on disk before the rename makes it visible.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,8 +112,9 @@ class PendingFile {
             // An unnamed file gets a name by linkat, which never replaces; a
             // replacement links it under a private name first.
             if (naming == FileNaming::CreateOnly) return linkInto(target_, result);
-            std::string name = directory_ + "/." + fileName_ + "." + std::to_string(::getpid()) +
-                               "-" + std::to_string(++counter_);
+            removeLeftovers();
+            std::string name =
+                privatePrefix() + std::to_string(::getpid()) + "-" + std::to_string(++counter_);
             if (!linkInto(name, result)) return false;
             temporary_ = name;
         }
@@ -128,6 +130,33 @@ class PendingFile {
     }
 
   private:
+    std::string privatePrefix() const { return directory_ + "/." + fileName_ + "."; }
+
+    // A process killed between naming its file privately and the rename
+    // leaves the private name behind; the next replacement of the same file
+    // removes those of processes that are gone.
+    void removeLeftovers() const {
+        std::error_code error;
+        const std::string prefix = privatePrefix();
+        std::filesystem::directory_iterator entry(directory_, error), end;
+        for (; !error && entry != end; entry.increment(error)) {
+            const std::string name = entry->path().string();
+            if (name.compare(0, prefix.size(), prefix) != 0) continue;
+            // <pid>-<counter>, both decimal.
+            const std::string tail = name.substr(prefix.size());
+            const size_t dash = tail.find('-');
+            if (dash == 0 || dash > 9 || dash + 1 >= tail.size() ||
+                tail.find_first_not_of("0123456789", dash + 1) != std::string::npos ||
+                tail.find_first_not_of("0123456789") != dash) {
+                continue;
+            }
+            const auto owner = static_cast<pid_t>(std::stol(tail.substr(0, dash)));
+            if (owner != ::getpid() && ::kill(owner, 0) != 0 && errno == ESRCH) {
+                ::unlink(name.c_str());
+            }
+        }
+    }
+
     bool linkInto(const std::string& name, FileTaskResult& result) {
         const std::string source = "/proc/self/fd/" + std::to_string(fd_);
         if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
