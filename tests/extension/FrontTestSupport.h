@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -21,9 +20,6 @@
 #include "storage/SharedDatabase.h"
 
 namespace stonewall::testing {
-
-// How long the simulated browser takes to close a dismissed popover.
-inline constexpr std::chrono::milliseconds kPopoverCloseAnimation{200};
 
 class FrontTest : public ::testing::Test {
   public:
@@ -43,15 +39,17 @@ class FrontTest : public ::testing::Test {
     }
 
     // The shared controller, made on first use; its popover closes (as the
-    // browser's does) a moment after the controller dismisses it.
+    // browser's does) 200 ms after the controller dismisses it.
     SafariExtensionViewController& controller() {
         auto& shared = SafariExtensionViewController::sharedInstance();
         if (!popover()->onDismiss) {
             std::weak_ptr<SimulatedBrowser> weakBrowser = browser;
             popover()->onDismiss = [weakBrowser] {
-                platform::dispatch().mainQueue().asyncAfter(kPopoverCloseAnimation, [weakBrowser] {
-                    if (auto b = weakBrowser.lock()) b->closePopover();
-                });
+                platform::dispatch().mainQueue().asyncAfter(std::chrono::milliseconds(200),
+                                                            [weakBrowser] {
+                                                                if (auto b = weakBrowser.lock())
+                                                                    b->closePopover();
+                                                            });
             };
         }
         return shared;
@@ -72,6 +70,12 @@ class FrontTest : public ::testing::Test {
     void storeSharedData(const SharedData& data) {
         SharedDatabase::sharedInstance().updateSharedDataDetails(data);
     }
+    void storeTwoProfiles() {
+        SharedData data;
+        data.profiles = "Default Profile,Work";
+        data.profileIDs = "defaultProfile,work";
+        storeSharedData(data);
+    }
     SharedData storedSharedData() {
         return SharedDatabase::sharedInstance().getSharedData().value();
     }
@@ -83,12 +87,6 @@ class FrontTest : public ::testing::Test {
         browser->openPopover();
         run();
         return page;
-    }
-
-    std::string readRuleFile(const std::string& profileID) const {
-        std::ifstream in(platform.containerPath() + "/.Profiles/profile_" + profileID +
-                         "_unarchive.json");
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
 
     std::string lastToolbarImage() const {
