@@ -3,13 +3,13 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 namespace stonewall::browser::testing {
@@ -86,29 +86,29 @@ BrowserProcess::BrowserProcess(const std::filesystem::path& binary,
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe");
     }
-    std::vector<std::string> argv{binary.string()};
+    std::vector<std::string> argv{binary.string()}, envp;
     argv.insert(argv.end(), arguments.begin(), arguments.end());
-    std::vector<std::string> envp;
-    for (const auto& [name, value] : environment) envp.push_back(name + "=" + value);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::dup2(in[0], 0);
-        ::dup2(out[1], 1);
-        std::vector<char*> args, env;
-        for (auto& a : argv) args.push_back(a.data());
-        for (auto& e : envp) env.push_back(e.data());
-        args.push_back(nullptr);
-        env.push_back(nullptr);
-        ::execve(args[0], args.data(), env.data());
-        const char* reason = std::strerror(errno);
-        [[maybe_unused]] ssize_t ignored = ::write(2, reason, std::strlen(reason));
-        ::_exit(127);
+    for (char** entry = environ; *entry; ++entry) {
+        const std::string text(*entry);
+        if (!environment.contains(text.substr(0, text.find('=')))) envp.push_back(text);
     }
+    for (const auto& [name, value] : environment) envp.push_back(name + "=" + value);
+    std::vector<char*> args, env;
+    for (auto& a : argv) args.push_back(a.data());
+    for (auto& e : envp) env.push_back(e.data());
+    args.push_back(nullptr);
+    env.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    const int spawned = ::posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), env.data());
+    posix_spawn_file_actions_destroy(&actions);
     ::close(in[0]);
     ::close(out[1]);
     input_ = in[1];
     output_ = out[0];
-    reader_ = std::thread([this] { readOutput(); });
+    if (spawned != 0) throw std::runtime_error("cannot start " + argv[0]);
 }
 
 BrowserProcess::~BrowserProcess() {
@@ -120,7 +120,6 @@ BrowserProcess::~BrowserProcess() {
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, &status, 0);
     }
-    reader_.join();
     ::close(output_);
 }
 
@@ -129,49 +128,26 @@ void BrowserProcess::send(const std::string& command) {
     [[maybe_unused]] const ssize_t written = ::write(input_, line.data(), line.size());
 }
 
-void BrowserProcess::readOutput() {
-    std::string pending;
-    char buffer[4096];
-    while (true) {
-        const ssize_t got = ::read(output_, buffer, sizeof buffer);
-        if (got <= 0) break;
-        pending.append(buffer, static_cast<size_t>(got));
-        size_t newline;
-        while ((newline = pending.find('\n')) != std::string::npos) {
-            std::lock_guard lock(mutex_);
-            lines_.push_back(pending.substr(0, newline));
-            seen_.push_back(lines_.back());
-            pending.erase(0, newline + 1);
-            arrived_.notify_all();
-        }
-    }
-    std::lock_guard lock(mutex_);
-    ended_ = true;
-    arrived_.notify_all();
-}
-
 std::optional<std::string> BrowserProcess::waitFor(const std::string& prefix,
                                                    std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::unique_lock lock(mutex_);
     while (true) {
-        while (!lines_.empty()) {
-            std::string line = std::move(lines_.front());
-            lines_.pop_front();
-            if (line.rfind(prefix, 0) == 0) return line;
+        for (size_t newline; (newline = pending_.find('\n')) != std::string::npos;) {
+            std::string line = pending_.substr(0, newline);
+            pending_.erase(0, newline + 1);
+            seen_ += "  " + line + "\n";
+            if (line.starts_with(prefix)) return line;
         }
-        if (ended_) return std::nullopt;
-        if (arrived_.wait_until(lock, deadline) == std::cv_status::timeout && lines_.empty()) {
-            return std::nullopt;
-        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd ready{output_, POLLIN, 0};
+        char buffer[4096];
+        if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) break;
+        const ssize_t got = ::read(output_, buffer, sizeof buffer);
+        if (got <= 0) break;
+        pending_.append(buffer, static_cast<size_t>(got));
     }
-}
-
-std::string BrowserProcess::transcript() const {
-    std::lock_guard lock(mutex_);
-    std::string text;
-    for (const auto& line : seen_) text += "  " + line + "\n";
-    return text;
+    return std::nullopt;
 }
 
 }  // namespace stonewall::browser::testing

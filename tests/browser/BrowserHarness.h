@@ -7,8 +7,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -40,6 +38,7 @@ class HttpServer {
 
 class BrowserProcess {
   public:
+    // `environment` is laid over the test's own.
     BrowserProcess(const std::filesystem::path& binary, const std::vector<std::string>& arguments,
                    const std::map<std::string, std::string>& environment);
     ~BrowserProcess();
@@ -49,20 +48,15 @@ class BrowserProcess {
     // consumed); none after the timeout.
     std::optional<std::string> waitFor(
         const std::string& prefix, std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    // Every line seen so far, for failure messages.
-    std::string transcript() const;
+    // Every line read so far, for failure messages.
+    const std::string& transcript() const { return seen_; }
 
   private:
-    void readOutput();
     pid_t pid_ = -1;
     int input_ = -1;
     int output_ = -1;
-    mutable std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::deque<std::string> lines_;
-    std::vector<std::string> seen_;
-    bool ended_ = false;
-    std::thread reader_;
+    std::string pending_;
+    std::string seen_;
 };
 
 }  // namespace stonewall::browser::testing

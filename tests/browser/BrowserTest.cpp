@@ -61,21 +61,16 @@ class BrowserTest : public tool::testing::ToolTest {
     }
 
     void startBrowser(const std::string& url) {
-        std::map<std::string, std::string> env;
-        for (char** entry = environ; *entry; ++entry) {
-            const std::string text(*entry);
-            const size_t equals = text.find('=');
-            if (equals != std::string::npos) env[text.substr(0, equals)] = text.substr(equals + 1);
-        }
         const fs::path root = runner().root();
-        env["HOME"] = (root / "home").string();
-        env["XDG_DATA_HOME"] = (root / "data").string();
-        env["XDG_CONFIG_HOME"] = (root / "config").string();
-        env["XDG_CACHE_HOME"] = (root / "cache").string();
-        env["STONEWALL_CONTAINER"] = container().string();
-        env["GSK_RENDERER"] = "cairo";
-        // GTK and fontconfig keep caches for the life of the process.
-        env["ASAN_OPTIONS"] = "detect_leaks=0";
+        const std::map<std::string, std::string> env = {
+            {"HOME", (root / "home").string()},
+            {"XDG_DATA_HOME", (root / "data").string()},
+            {"XDG_CONFIG_HOME", (root / "config").string()},
+            {"XDG_CACHE_HOME", (root / "cache").string()},
+            {"STONEWALL_CONTAINER", container().string()},
+            {"GSK_RENDERER", "cairo"},
+            // GTK and fontconfig keep caches for the life of the process.
+            {"ASAN_OPTIONS", "detect_leaks=0"}};
         browser_.emplace(STONEWALL_BROWSER_BINARY, std::vector<std::string>{"--control", url}, env);
         expect("ready");
         expect("loaded " + url);
