@@ -34,9 +34,6 @@ TEST_F(ControlsTest, RowButtonFlashesThenActs) {
     Row row;
     row.button->mouseEntered();
     row.button->mouseUp({10, 10});
-    EXPECT_EQ(row.view->layerBackgroundColor(), NSColor::clear());
-    EXPECT_EQ(row.name->textColor(), NSColor::of(SystemColor::Label));
-
     platform.dispatch->advanceBy(89ms);
     EXPECT_EQ(row.view->layerBackgroundColor(), NSColor::clear());
     platform.dispatch->advanceBy(1ms);
@@ -95,16 +92,12 @@ TEST_F(ControlsTest, RowButtonHoverBySystemVersion) {
         NSColor title;
         const char* image;
     };
+    const NSColor selectedBackground = NSColor::of(SystemColor::SelectedContentBackground);
     const NSColor selectedText = NSColor::of(SystemColor::SelectedMenuItemText);
     const NSColor disabledText = NSColor::of(SystemColor::DisabledControlText);
     const char* selected = "ext_status_on_selected";
     const Case cases[] = {
-        {{10, 14, 0},
-         true,
-         NSColor::of(SystemColor::SelectedContentBackground),
-         4,
-         selectedText,
-         selected},
+        {{10, 14, 0}, true, selectedBackground, 4, selectedText, selected},
         {{10, 13, 0}, true, NSColor::of(SystemColor::SelectedMenuItem), 0, selectedText, selected},
         {{10, 14, 0}, false, NSColor::clear(), 0, disabledText, ""},
         {{11, 0, 0}, false, NSColor::systemRed(), 0, disabledText, ""},
@@ -277,24 +270,15 @@ TEST_F(ControlsTest, PaletteByVersionAppearanceAndLocalisation) {
     }
 }
 
+// Semibold and medium for Arabic are pinned by the start-up test; bold takes
+// the remaining branch, and only "ar" itself counts as Arabic.
 TEST_F(ControlsTest, ExtensionFontForArabic) {
-    struct Case {
-        const char* localization;
-        double size;
-        FontWeight weight;
-        NSFont expected;
-    };
-    const Case cases[] = {
-        {"ar", 13, FontWeight::Semibold, {12, FontWeight::Semibold}},
-        {"ar", 13, FontWeight::Medium, {13.5, FontWeight::Regular}},
-        {"ar", 13, FontWeight::Bold, {14.5, FontWeight::Bold}},
-        {"ar-EG", 13, FontWeight::Medium, {13, FontWeight::Medium}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.localization);
-        toolkit->setPreferredLocalization(c.localization);
-        EXPECT_EQ(Custom::defaultExtensionFontWithSize(c.size, c.weight), c.expected);
-    }
+    toolkit->setPreferredLocalization("ar");
+    EXPECT_EQ(Custom::defaultExtensionFontWithSize(13, FontWeight::Bold),
+              (NSFont{14.5, FontWeight::Bold}));
+    toolkit->setPreferredLocalization("ar-EG");
+    EXPECT_EQ(Custom::defaultExtensionFontWithSize(13, FontWeight::Medium),
+              (NSFont{13, FontWeight::Medium}));
 }
 
 }  // namespace

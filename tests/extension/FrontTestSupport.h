@@ -21,6 +21,8 @@
 
 namespace stonewall::testing {
 
+inline constexpr const char* kPageURL = "https://www.example.com/news";
+
 class FrontTest : public ::testing::Test {
   public:
     FrontTest()
@@ -67,17 +69,11 @@ class FrontTest : public ::testing::Test {
         } while (platform.contentBlocker->pendingCount() > 0);
     }
 
-    void storeSharedData(const SharedData& data) {
-        SharedDatabase::sharedInstance().updateSharedDataDetails(data);
-    }
     void storeTwoProfiles() {
         SharedData data;
         data.profiles = "Default Profile,Work";
         data.profileIDs = "defaultProfile,work";
-        storeSharedData(data);
-    }
-    SharedData storedSharedData() {
-        return SharedDatabase::sharedInstance().getSharedData().value();
+        SharedDatabase::sharedInstance().updateSharedDataDetails(data);
     }
 
     // A window on `url` and the popover opened over it, showing view 1.
@@ -87,11 +83,6 @@ class FrontTest : public ::testing::Test {
         browser->openPopover();
         run();
         return page;
-    }
-
-    std::string lastToolbarImage() const {
-        auto item = browser->toolbarItem();
-        return item && !item->images.empty() ? item->images.back() : std::string();
     }
 
     platform::testing::TestPlatform platform;

@@ -14,8 +14,6 @@ namespace {
 
 using ::testing::ElementsAre;
 
-constexpr const char* kPageURL = "https://www.example.com/news";
-
 nlohmann::json pickedElement(const std::string& selector) {
     return nlohmann::json::array(
         {"ignored.example", "div", selector, "", "", "body", "body", "", ""});
@@ -167,7 +165,7 @@ TEST_F(ViewControllerTest, ProfileNamesInThePopupAndOnTheButton) {
     data.profiles = "default PROFILE," + forty + "," + forty + "q," + emojiAcross40;
     data.profileIDs = "defaultProfile,p40,p41,emoji";
     data.activeProfileID = "p41";
-    storeSharedData(data);
+    SharedDatabase::sharedInstance().updateSharedDataDetails(data);
     openPopoverOn(kPageURL);
     EXPECT_EQ(popover()->rowTitle("profileButton"), forty + "q");
 
@@ -179,7 +177,7 @@ TEST_F(ViewControllerTest, ProfileNamesInThePopupAndOnTheButton) {
     EXPECT_EQ(popover()->popup()->indexOfSelectedItem(), 2);
 
     data.activeProfileID = "defaultProfile";
-    storeSharedData(data);
+    SharedDatabase::sharedInstance().updateSharedDataDetails(data);
     controller().profileCancelAction();
     EXPECT_EQ(popover()->rowTitle("profileButton"), "Standardprofil");
 }
