@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <stdexcept>
 
 namespace stonewall::browser::testing {
@@ -42,38 +43,31 @@ std::string HttpServer::url(const std::string& path) const {
 
 int HttpServer::requests(const std::string& path) const {
     std::lock_guard lock(mutex_);
-    const auto found = counts_.find(path);
-    return found == counts_.end() ? 0 : found->second;
+    return counts_.contains(path) ? counts_.at(path) : 0;
 }
 
 void HttpServer::serve() {
-    while (true) {
-        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0) return;
+    for (int client; (client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         std::string request;
         char buffer[4096];
-        while (request.find("\r\n\r\n") == std::string::npos) {
-            const ssize_t got = ::recv(client, buffer, sizeof buffer, 0);
-            if (got <= 0) break;
+        for (ssize_t got; request.find("\r\n\r\n") == std::string::npos &&
+                          (got = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
             request.append(buffer, static_cast<size_t>(got));
         }
-        const size_t start = request.find(' ');
-        const size_t end = start == std::string::npos ? start : request.find(' ', start + 1);
-        const std::string path =
-            end == std::string::npos ? "" : request.substr(start + 1, end - start - 1);
+        std::string method, path;
+        std::istringstream(request) >> method >> path;
         {
             std::lock_guard lock(mutex_);
             ++counts_[path];
         }
         const auto file = files_.find(path);
-        const std::string status = file == files_.end() ? "404 Not Found" : "200 OK";
-        const std::string body = file == files_.end() ? "" : file->second.second;
-        const std::string type = file == files_.end() ? "text/plain" : file->second.first;
+        const auto [type, body] =
+            file == files_.end() ? std::pair<std::string, std::string>() : file->second;
         // No caching: each load must reach us, or be blocked, to be counted.
-        const std::string response = "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
-                                     "\r\nContent-Length: " + std::to_string(body.size()) +
-                                     "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" +
-                                     body;
+        const std::string response =
+            "HTTP/1.1 " + std::string(file == files_.end() ? "404 Not Found" : "200 OK") +
+            "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
+            "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" + body;
         ::send(client, response.data(), response.size(), MSG_NOSIGNAL);
         ::close(client);
     }

@@ -31,10 +31,8 @@ constexpr const char* kPlainPage = "<!doctype html><title>Plain</title><p>Nothin
 constexpr const char* kAdImage =
     R"(<svg xmlns="http://www.w3.org/2000/svg" width="100" height="50"><rect width="100" height="50" fill="red"/></svg>)";
 
-struct Step {
-    std::string command;  // empty: only wait
-    std::string expect;   // an event prefix
-};
+// A command to send (none when empty) and the event prefix to wait for.
+using Step = std::pair<std::string, std::string>;
 
 class BrowserTest : public tool::testing::ToolTest {
   protected:
@@ -50,14 +48,6 @@ class BrowserTest : public tool::testing::ToolTest {
                       "(dbus-run-session and xvfb-run, installed by scripts/setup).";
         }
         createContainer();
-    }
-
-    // The ad image and the tracker script blocked by the default profile,
-    // compiled into the content-filter store by the stonewall command.
-    void blockAdsAndTrackers() {
-        addProfileRule("defaultProfile", 1, 1, std::nullopt, "ads/banner\\.png");
-        addProfileRule("defaultProfile", 1, 1, std::nullopt, "tracker\\.js");
-        runOK({"compile"});
     }
 
     void startBrowser(const std::string& url) {
@@ -87,9 +77,9 @@ class BrowserTest : public tool::testing::ToolTest {
     }
 
     void run(const std::vector<Step>& steps) {
-        for (const auto& step : steps) {
-            if (!step.command.empty()) browser_->send(step.command);
-            if (expect(step.expect).empty()) return;
+        for (const auto& [command, event] : steps) {
+            if (!command.empty()) browser_->send(command);
+            if (expect(event).empty()) return;
         }
     }
 
@@ -142,7 +132,11 @@ TEST_F(BrowserTest, PickedElementBecomesAHideRuleAndDisappears) {
 }
 
 TEST_F(BrowserTest, BadgeCountsBlockedLoadsResetsOnNavigationAndStatusOffLoadsAll) {
-    blockAdsAndTrackers();
+    // The ad image and the tracker script blocked by the default profile,
+    // compiled into the content-filter store by the stonewall command.
+    addProfileRule("defaultProfile", 1, 1, std::nullopt, "ads/banner\\.png");
+    addProfileRule("defaultProfile", 1, 1, std::nullopt, "tracker\\.js");
+    runOK({"compile"});
     startBrowser(server_.url("/"));
     browser_->send("state");
     EXPECT_NE(expect("state").find("\"badge\":\"2\""), std::string::npos);

@@ -246,10 +246,8 @@ TEST_F(ControlsTest, PaletteByVersionAppearanceAndLocalisation) {
         NSColor expected;
     };
     const AppearanceContext darkMojave{{10, 14, 0}, true, "en"};
-    const AppearanceContext lightMojave{{10, 14, 0}, false, "en"};
     const AppearanceContext darkHighSierra{{10, 13, 6}, true, "en"};  // no dark mode yet
     const AppearanceContext arabicHighSierra{{10, 13, 0}, false, "ar"};
-    const AppearanceContext arabicMojave{{10, 14, 0}, false, "ar"};
     // The switch and start-up tests pin the colours they show; these rows
     // take the remaining branches of version, dark mode and Arabic.
     const Case cases[] = {
@@ -257,12 +255,13 @@ TEST_F(ControlsTest, PaletteByVersionAppearanceAndLocalisation) {
          NSColor::rgb(0.24, 0.78, 0.32)},
         {"header, before 10.14", Custom::extensionHeaderColor, darkHighSierra,
          NSColor::rgb255(128, 140, 153)},
-        {"text, Arabic 10.14", Custom::extensionTextColor, arabicMojave,
+        {"text, Arabic 10.14",
+         Custom::extensionTextColor,
+         {{10, 14, 0}, false, "ar"},
          NSColor::of(SystemColor::Label)},
         {"label, Arabic before", Custom::currentLabelColor, arabicHighSierra,
          NSColor::rgb(0.2, 0.2, 0.3)},
         {"white, dark", Custom::currentWhiteColor, darkMojave, NSColor::of(SystemColor::Label)},
-        {"white, light", Custom::currentWhiteColor, lightMojave, NSColor::white(1.0)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -43,15 +43,14 @@ class FrontTest : public ::testing::Test {
     // The shared controller, made on first use; its popover closes (as the
     // browser's does) 200 ms after the controller dismisses it.
     SafariExtensionViewController& controller() {
+        using namespace std::chrono_literals;
         auto& shared = SafariExtensionViewController::sharedInstance();
         if (!popover()->onDismiss) {
             std::weak_ptr<SimulatedBrowser> weakBrowser = browser;
             popover()->onDismiss = [weakBrowser] {
-                platform::dispatch().mainQueue().asyncAfter(std::chrono::milliseconds(200),
-                                                            [weakBrowser] {
-                                                                if (auto b = weakBrowser.lock())
-                                                                    b->closePopover();
-                                                            });
+                platform::dispatch().mainQueue().asyncAfter(200ms, [weakBrowser] {
+                    if (auto b = weakBrowser.lock()) b->closePopover();
+                });
             };
         }
         return shared;
