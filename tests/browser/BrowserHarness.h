@@ -4,13 +4,23 @@
 // 127.0.0.1 that records every request, and the real browser driven through
 // its control channel, with a watchdog on every wait.
 
-#include <sys/types.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,14 +30,65 @@ namespace stonewall::browser::testing {
 class HttpServer {
   public:
     // path -> (content type, body)
-    explicit HttpServer(std::map<std::string, std::pair<std::string, std::string>> files);
-    ~HttpServer();
-    std::string url(const std::string& path) const;
+    explicit HttpServer(std::map<std::string, std::pair<std::string, std::string>> files)
+        : files_(std::move(files)) {
+        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (listener_ < 0 ||
+            ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(listener_, 16) != 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            throw std::runtime_error("cannot listen on 127.0.0.1");
+        }
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~HttpServer() {
+        ::shutdown(listener_, SHUT_RDWR);
+        ::close(listener_);
+        thread_.join();
+    }
+
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    }
     // How often the path was asked for so far.
-    int requests(const std::string& path) const;
+    int requests(const std::string& path) const {
+        std::lock_guard lock(mutex_);
+        return counts_.contains(path) ? counts_.at(path) : 0;
+    }
 
   private:
-    void serve();
+    void serve() {
+        for (int client; (client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            std::string request;
+            char buffer[4096];
+            for (ssize_t got; request.find("\r\n\r\n") == std::string::npos &&
+                              (got = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
+                request.append(buffer, static_cast<size_t>(got));
+            }
+            std::string method, path;
+            std::istringstream(request) >> method >> path;
+            {
+                std::lock_guard lock(mutex_);
+                ++counts_[path];
+            }
+            const auto file = files_.find(path);
+            const auto [type, body] =
+                file == files_.end() ? std::pair<std::string, std::string>() : file->second;
+            // No caching: each load must reach us, or be blocked, to be counted.
+            const std::string response =
+                "HTTP/1.1 " + std::string(file == files_.end() ? "404 Not Found" : "200 OK") +
+                "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
+                "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" + body;
+            ::send(client, response.data(), response.size(), MSG_NOSIGNAL);
+            ::close(client);
+        }
+    }
+
     int listener_ = -1;
     int port_ = 0;
     std::map<std::string, std::pair<std::string, std::string>> files_;
@@ -40,14 +101,78 @@ class BrowserProcess {
   public:
     // `environment` is laid over the test's own.
     BrowserProcess(const std::filesystem::path& binary, const std::vector<std::string>& arguments,
-                   const std::map<std::string, std::string>& environment);
-    ~BrowserProcess();
+                   const std::map<std::string, std::string>& environment) {
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe");
+        }
+        std::vector<std::string> argv{binary.string()}, envp;
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        for (char** entry = environ; *entry; ++entry) {
+            const std::string text(*entry);
+            if (!environment.contains(text.substr(0, text.find('=')))) envp.push_back(text);
+        }
+        for (const auto& [name, value] : environment) envp.push_back(name + "=" + value);
+        std::vector<char*> args, env;
+        for (auto& a : argv) args.push_back(a.data());
+        for (auto& e : envp) env.push_back(e.data());
+        args.push_back(nullptr);
+        env.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        const int spawned =
+            ::posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), env.data());
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(in[0]);
+        ::close(out[1]);
+        input_ = in[1];
+        output_ = out[0];
+        if (spawned != 0) throw std::runtime_error("cannot start " + argv[0]);
+    }
+    ~BrowserProcess() {
+        send("quit");
+        ::close(input_);
+        int status = 0;
+        for (int i = 0; i < 50 && ::waitpid(pid_, &status, WNOHANG) == 0; ++i) ::usleep(100000);
+        if (::waitpid(pid_, &status, WNOHANG) == 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, &status, 0);
+        }
+        ::close(output_);
+    }
 
-    void send(const std::string& command);
+    void send(const std::string& command) {
+        const std::string line = command + "\n";
+        [[maybe_unused]] const ssize_t written = ::write(input_, line.data(), line.size());
+    }
+
     // The first event line starting with `prefix` (earlier lines are
     // consumed); none after the timeout.
     std::optional<std::string> waitFor(
-        const std::string& prefix, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+        const std::string& prefix, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (true) {
+            for (size_t newline; (newline = pending_.find('\n')) != std::string::npos;) {
+                std::string line = pending_.substr(0, newline);
+                pending_.erase(0, newline + 1);
+                seen_ += "  " + line + "\n";
+                if (line.starts_with(prefix)) return line;
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd ready{output_, POLLIN, 0};
+            char buffer[4096];
+            if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) {
+                return std::nullopt;
+            }
+            const ssize_t got = ::read(output_, buffer, sizeof buffer);
+            if (got <= 0) return std::nullopt;
+            pending_.append(buffer, static_cast<size_t>(got));
+        }
+    }
+
     // Every line read so far, for failure messages.
     const std::string& transcript() const { return seen_; }
 
