@@ -69,10 +69,8 @@ class FrontTest : public ::testing::Test {
     }
 
     void storeTwoProfiles() {
-        SharedData data;
-        data.profiles = "Default Profile,Work";
-        data.profileIDs = "defaultProfile,work";
-        SharedDatabase::sharedInstance().updateSharedDataDetails(data);
+        SharedDatabase::sharedInstance().updateSharedDataDetails(
+            {.profiles = "Default Profile,Work", .profileIDs = "defaultProfile,work"});
     }
 
     // A window on `url` and the popover opened over it, showing view 1.

@@ -12,7 +12,6 @@
 namespace stonewall::testing {
 namespace {
 
-using ::testing::ElementsAre;
 using Json = nlohmann::json;
 
 // Picked on a page that claims to be another site.
@@ -141,7 +140,7 @@ TEST_F(HandlerTest, OpenStonewallOpensTheAppAndKeepsThePopover) {
     openPopoverOn(kPageURL);
     popover()->row("appButton")->mouseUp({5, 5});
     platform.dispatch->advanceBy(std::chrono::milliseconds(240));
-    EXPECT_THAT(browser->workspace()->openedURLs(), ElementsAre("stonewall://open"));
+    EXPECT_EQ(browser->workspace()->openedURLs(), std::vector<std::string>{"stonewall://open"});
     EXPECT_TRUE(controller().popoverVisible());
 }
 
@@ -163,10 +162,8 @@ TEST_F(HandlerTest, ToolbarValidationConsumesTheReloadRequest) {
                                           << " statusUpdated " << c.statusUpdated);
         reset();
         auto page = browser->openWindow(kPageURL);
-        SharedData data;
-        data.reload = c.reload;
-        data.status = c.status;
-        SharedDatabase::sharedInstance().updateSharedDataDetails(data);
+        SharedDatabase::sharedInstance().updateSharedDataDetails(
+            {.status = c.status, .reload = c.reload});
         controller().extensionState()->setStatusUpdated(c.statusUpdated);
         browser->validateToolbar();
         run();
