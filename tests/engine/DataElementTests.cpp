@@ -9,31 +9,6 @@
 namespace stonewall {
 namespace {
 
-std::vector<std::string> nine() {
-    return {"loc", "img", "#sel", "src", "cur", "a", "a.sel", "psrc", "pcur"};
-}
-
-TEST(DataElement, NineEntriesAreReadByPositionAnyOtherCountGivesNothing) {
-    const DataElement element = DataElement::initWithElement(nine());
-    EXPECT_EQ(element.description(),
-              "location: loc, tag: img, selector: #sel, source: src, currentSource: cur");
-    ASSERT_TRUE(element.parentElement);
-    EXPECT_EQ(element.parentElement->description(),
-              "location: (null), tag: a, selector: a.sel, source: psrc, currentSource: pcur");
-    EXPECT_FALSE(element.parentElement->parentElement);
-    EXPECT_FALSE(element.childElement);
-
-    // Any other count gives an empty record.
-    for (size_t count : {0u, 1u, 8u, 10u, 18u}) {
-        std::vector<std::string> entries = nine();
-        entries.resize(count, "x");
-        const DataElement other = DataElement::initWithElement(entries);
-        EXPECT_FALSE(other.location || other.tag || other.selector || other.source ||
-                     other.currentSource || other.parentElement)
-            << count;
-    }
-}
-
 TEST(DataElement, MessageDataOfTheWire) {
     const auto elements = DataElement::elementsFromMessageData(std::string_view(
         R"([["l","div","#a","","","body","","",""],

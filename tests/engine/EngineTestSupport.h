@@ -50,9 +50,6 @@ class EngineTest : public ::testing::Test {
     std::string ruleFilePath(const std::string& profileID) const {
         return profilesFolder() + "/profile_" + profileID + "_unarchive.json";
     }
-    bool ruleFileExists(const std::string& profileID) const {
-        return std::filesystem::exists(ruleFilePath(profileID));
-    }
     // The rule file parsed; a JSON parse failure fails the test.
     Json ruleFile(const std::string& profileID) const {
         const std::string text = readText(ruleFilePath(profileID));
@@ -83,12 +80,9 @@ class EngineTest : public ::testing::Test {
         return data;
     }
 
-    std::vector<platform::testing::PostedNotification> notifications() const {
-        return platform.notifications->posted();
-    }
     size_t updateNotificationCount() const {
         size_t count = 0;
-        for (const auto& posted : notifications()) {
+        for (const auto& posted : platform.notifications->posted()) {
             if (posted.name == "extensionUpdate" && posted.object == "StonewallExtension") ++count;
         }
         return count;
