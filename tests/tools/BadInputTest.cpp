@@ -19,11 +19,9 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
     // "@name" in the arguments and the message stands for that scratch file.
     const std::map<std::string, std::string> files = {
         {"quantifier", R"([["", "img", "i", "https://a.example/x{2}.png", "", "", "", "", ""]])"},
-        {"backslash", R"([["", "img", "i", "https://a.example/x\\y$.png", "", "", "", "", ""]])"},
         {"huge", R"([["", "img", "i", "https://a.example/)" + std::string(1 << 20, 'x') +
                      R"(", "", "", "", "", ""]])"},
         {"deep", std::string(100000, '[') + std::string(100000, ']')},
-        {"nine", R"([["", "div", "div.x", "", "", "", "", "", ""]])"},
         {"cut", "[[\"a\","},
         {"string", "\"div\""},
         {"empty", "[]"},
@@ -32,7 +30,6 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         {"object", "[{\"tag\": \"div\"}]"},
         {"number",
          R"([["", "div", "d", "", "", "", "", "", ""], ["", "img", "i", 42, "", "", "", "", ""]])"},
-        {"badjson", "[{\"action\": }]"},
         {"badutf8", "[\"\xff\"]"},
         {"toplevel", "{\"action\": {}}"},
         {"rules", R"([{"trigger":{"url-filter":".*"},"action":{"type":"block"}}])"},
@@ -53,27 +50,18 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
     const std::vector<Case> cases = {
         {{"block", "example.com"},
          "URL \"example.com\": has no host (give a full URL such as https://example.com/)"},
-        {{"secure", "file:///etc/hosts"}, "URL \"file:///etc/hosts\": has no host"},
-        {{"allow", ""}, "URL \"\": has no host"},
         {{"block", "https://"}, "URL \"https://\": has no host"},
-        {{"check", "not a url"}, "URL \"not a url\": has no host"},
-        {{"unblock", "example.com"}, "URL \"example.com\": has no host"},
         // Hosts that are not host names would be stored as broken patterns
         // or split into two entries at the comma.
         {{"block", "https://a(b.example/"}, "URL \"https://a(b.example/\": has no valid host"},
-        {{"block", "https://a)b.example/"}, "URL \"https://a)b.example/\": has no valid host"},
-        {{"secure", "https://a$b.example/"}, "URL \"https://a$b.example/\": has no valid host"},
-        {{"allow", "https://a%00b.example/"}, "URL \"https://a%00b.example/\": has no valid"},
         {{"block", "https://a.example,b.example/"},
          "URL \"https://a.example,b.example/\": has no valid host name"},
         {{"block", "https://host.example/\xff"},
          "URL \"https://host.example/\\xff\": is not valid UTF-8"},
         {{"pick", "--page", page, "@quantifier"},
          "@quantifier: element 0: its source holds a character a rule cannot match exactly"},
-        {{"pick", "--page", page, "@backslash"}, "@backslash: element 0: its source holds"},
         {{"pick", "--page", page, "@huge"},
          "@huge: element 0: its source is longer than 8192 bytes"},
-        {{"pick", "--page", "about:blank", "@nine"}, "URL \"about:blank\": has no host"},
         {{"pick", "--page", page, "missing.json"},
          "missing.json: cannot be read: No such file or directory"},
         {{"pick", "--page", page, "."}, ".: cannot be read: it is a directory"},
@@ -88,15 +76,10 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         {{"pick", "--page", page, "@number"},
          "@number: element 1, field 3: expected a string, found a number"},
         {{"validate", "@deep"}, "@deep: nested deeper than 100 levels"},
-        {{"validate", "missing.json"}, "missing.json: cannot be read"},
-        {{"validate", "@badjson"}, "@badjson: not JSON: parse error at line 1, column 13"},
         {{"validate", "@badutf8"}, "@badutf8: not JSON: "},
         {{"validate", "@toplevel"}, "@toplevel: not a JSON array (it is an object)"},
-        {{"profile", "activate", "nosuch"},
-         "profile \"nosuch\": unknown profile identifier (known: defaultProfile"},
-        {{"compile", "--profile", "../../etc"}, "profile \"../../etc\": unknown profile"},
-        {{"compile", "--profile", ""}, "profile \"\": unknown profile identifier"},
-        {{"profile", "create", ""}, "name \"\": is empty"},
+        {{"compile", "--profile", "../../etc"},
+         "profile \"../../etc\": unknown profile identifier (known: defaultProfile"},
         {{"profile", "create", "  "}, "name \"  \": is empty"},
         {{"profile", "create", fortyOne}, "name \"" + fortyOne + "\": is too long (41"},
         {{"profile", "create", "a,b"}, "name \"a,b\": holds a \",\""},
@@ -104,9 +87,7 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         {{"profile", "rename", "nope", "X"}, "profile \"nope\": unknown profile identifier"},
         {{"profile", "rename", "work", "Default Profile"}, "name \"Default Profile\": another"},
         {{"profile", "remove", "defaultProfile"}, "profile \"defaultProfile\": is the active"},
-        {{"profile", "remove", "nope"}, "profile \"nope\": unknown profile identifier"},
         {{"profile", "import", "nope", "@list"}, "profile \"nope\": unknown"},
-        {{"profile", "import", "work", "@missing"}, "@missing: cannot be read"},
         {{"profile", "import", "work", "@rules"}, "@rules: is JSON"},
         {{"profile", "import", "work", "@hosts"}, "@hosts: is a hosts file"},
         {{"profile", "import", "work", "@binary"}, "@binary: is not a text file"},
@@ -115,12 +96,12 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
          "@nothing: no line could be imported (2 skipped)"},
         {{"open-url", "stonewall://nowhere"}, "URL \"stonewall://nowhere\": is not one of"},
         {{"status", "maybe"}, "usage: "},
+        {{"profile"}, "usage: "},
         {{}, "usage: "},
         {{"block"}, "usage: "},
         {{"compile", "--fast"}, "usage: "},
         {{"watch", "--count", "0"}, "usage: "},
         {{"info", "--container", ""}, "usage: "},
-        {{"compile", "--timeout", "-1"}, "usage: "},
     };
     const auto withFiles = [&](std::string text) {
         if (const auto at = text.find('@'); at != std::string::npos) {
@@ -137,18 +118,14 @@ TEST_F(BadInputTest, IsRefusedWithOneLineAndChangesNothing) {
         SCOPED_TRACE(describe(args, result));
         EXPECT_EQ(result.exitCode, test.message == "usage: " ? 1 : 2);
         EXPECT_EQ(result.err.rfind("stonewall: " + withFiles(test.message), 0), 0u);
+        if (test.message == "usage: ") {  // and whose help to read
+            EXPECT_NE(result.err.find("(see stonewall" + (args.empty() ? "" : " " + args[0])),
+                      std::string::npos);
+        }
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1);
         EXPECT_EQ(result.out, "");
         EXPECT_TRUE(snapshotFiles(container()) == before) << "the container changed";
     }
-    // Nor can the last profile go, which is always the active one.
-    sqlExec(sharedDatabase(), "UPDATE SharedData SET activeProfileID='work'");
-    runJSON({"profile", "remove", "defaultProfile"});
-    const RunResult last = run({"profile", "remove", "work"});
-    EXPECT_EQ(last.exitCode, 2);
-    EXPECT_EQ(last.err,
-              "stonewall: profile \"work\": is the active profile (activate another "
-              "one first)\n");
 }
 
 TEST_F(BadInputTest, AContainerOrResourcesThatCannotBeUsedAreAStorageError) {

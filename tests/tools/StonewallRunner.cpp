@@ -68,12 +68,20 @@ fs::path streamFolder(const fs::path& root) {
     return root / ("streams-" + std::to_string(++next));
 }
 
+// The test's own environment with the changes made (an empty value removes
+// the variable). Of our settings only the resource folder that ctest gives
+// is taken over; every other one (container, host versions) is the test's
+// choice.
 std::vector<std::string> environmentOf(const std::map<std::string, std::string>& changes) {
     std::map<std::string, std::string> env;
     for (char** entry = environ; *entry; ++entry) {
         const std::string text(*entry);
         const auto equals = text.find('=');
-        if (equals != std::string::npos) env[text.substr(0, equals)] = text.substr(equals + 1);
+        const std::string name = text.substr(0, equals);
+        if (equals == std::string::npos) continue;
+        if (!name.starts_with("STONEWALL_") || name == "STONEWALL_RESOURCES") {
+            env[name] = text.substr(equals + 1);
+        }
     }
     for (const auto& [name, value] : changes) {
         if (value.empty()) {
@@ -94,15 +102,10 @@ std::string readFile(const fs::path& path) {
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
-TemporaryDirectory::TemporaryDirectory() {
+fs::path makeTemporaryFolder() {
     std::string pattern = (fs::temp_directory_path() / "stonewall-cli-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) throw std::system_error(errno, std::generic_category());
-    path_ = pattern;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    return pattern;
 }
 
 StonewallRunner::StonewallRunner(fs::path root) : root_(std::move(root)) {
@@ -116,9 +119,7 @@ BackgroundProcess StonewallRunner::start(std::vector<std::string> args, bool wit
     if (withContainer) args.insert(args.end(), {"--container", containerPath().string()});
     args.insert(args.begin(), STONEWALL_BINARY);
     args.insert(args.begin(), wrapper_.begin(), wrapper_.end());
-    // Only the resource folder that ctest gives is taken over; every other
-    // setting of ours (container, host versions) is the test's choice. No
-    // session bus unless a test brings its own: notifications are then
+    // No session bus unless a test brings its own: notifications are then
     // dropped, as documented, and never reach the desktop's bus.
     std::map<std::string, std::string> changes = {
         {"HOME", (root_ / "home").string()},
@@ -128,28 +129,17 @@ BackgroundProcess StonewallRunner::start(std::vector<std::string> args, bool wit
         {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (root_ / "no-bus").string()},
         {"DISPLAY", ""},
         {"WAYLAND_DISPLAY", ""}};
-    for (char** entry = environ; *entry; ++entry) {
-        const std::string name = std::string(*entry).substr(0, std::string(*entry).find('='));
-        if (name.starts_with("STONEWALL_") && name != "STONEWALL_RESOURCES") changes[name] = "";
-    }
     for (const auto& [name, value] : overrides_) changes[name] = value;
     return spawn(std::move(args), environmentOf(changes), streamFolder(root_), stdinText);
 }
 
 RunResult StonewallRunner::run(std::vector<std::string> args, const std::string& stdinText,
-                               bool withContainer, std::chrono::milliseconds timeout) const {
-    BackgroundProcess process = start(std::move(args), withContainer, stdinText);
-    return process.wait(timeout);
+                               bool withContainer) const {
+    return start(std::move(args), withContainer, stdinText).wait(90s);
 }
 
 BackgroundProcess::BackgroundProcess(pid_t pid, fs::path streams)
     : pid_(pid), streams_(std::move(streams)) {}
-
-BackgroundProcess::BackgroundProcess(BackgroundProcess&& other) noexcept
-    : pid_(other.pid_),
-      streams_(std::move(other.streams_)),
-      read_(other.read_),
-      finished_(std::exchange(other.finished_, true)) {}
 
 BackgroundProcess::~BackgroundProcess() {
     if (!finished_) {
@@ -158,12 +148,12 @@ BackgroundProcess::~BackgroundProcess() {
     }
 }
 
-std::optional<std::string> BackgroundProcess::readLineFrom(int stream,
-                                                           std::chrono::milliseconds timeout) {
+std::optional<std::string> BackgroundProcess::readLine(std::chrono::milliseconds timeout,
+                                                       int stream) {
     const auto deadline = Clock::now() + timeout;
-    size_t& offset = read_[static_cast<size_t>(stream)];
+    size_t& offset = read_[stream == 2 ? 1 : 0];
     do {
-        const std::string text = readFile(streams_ / (stream ? "err" : "out"));
+        const std::string text = readFile(streams_ / (stream == 2 ? "err" : "out"));
         if (const auto newline = text.find('\n', offset); newline != std::string::npos) {
             const size_t start = std::exchange(offset, newline + 1);
             return text.substr(start, newline - start);
@@ -171,14 +161,6 @@ std::optional<std::string> BackgroundProcess::readLineFrom(int stream,
         std::this_thread::sleep_for(10ms);
     } while (Clock::now() < deadline);
     return std::nullopt;
-}
-
-std::optional<std::string> BackgroundProcess::readLine(std::chrono::milliseconds timeout) {
-    return readLineFrom(0, timeout);
-}
-
-std::optional<std::string> BackgroundProcess::readErrorLine(std::chrono::milliseconds timeout) {
-    return readLineFrom(1, timeout);
 }
 
 void BackgroundProcess::sendSignal(int signal) { ::kill(pid_, signal); }

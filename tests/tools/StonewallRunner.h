@@ -28,38 +28,26 @@ struct RunResult {
 
 std::string readFile(const std::filesystem::path& path);
 
-// A temporary folder removed with its contents on destruction.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
+// A new empty folder under the system's temporary one.
+std::filesystem::path makeTemporaryFolder();
 
 // A started program whose streams go to files, read line by line while it runs.
 class BackgroundProcess {
   public:
+    // Only ever made in place: a copy would kill the program twice.
     BackgroundProcess(pid_t pid, std::filesystem::path streams);
     ~BackgroundProcess();
-    BackgroundProcess(BackgroundProcess&& other) noexcept;
     BackgroundProcess(const BackgroundProcess&) = delete;
     BackgroundProcess& operator=(const BackgroundProcess&) = delete;
 
-    // The next line without its newline; nothing when none came in time.
-    std::optional<std::string> readLine(std::chrono::milliseconds timeout);
-    std::optional<std::string> readErrorLine(std::chrono::milliseconds timeout);
+    // The next line of stdout (1) or stderr (2) without its newline; nothing
+    // when none came in time.
+    std::optional<std::string> readLine(std::chrono::milliseconds timeout, int stream = 1);
     void sendSignal(int signal);
     // Waits for the end (killing it after the timeout); the output not yet read.
     RunResult wait(std::chrono::milliseconds timeout);
 
   private:
-    std::optional<std::string> readLineFrom(int stream, std::chrono::milliseconds timeout);
-
     pid_t pid_;
     std::filesystem::path streams_;
     std::array<size_t, 2> read_{0, 0};  // of stdout and stderr
@@ -83,8 +71,7 @@ class StonewallRunner {
 
     // `stonewall args... --container <root>/container` (unless withContainer is false).
     RunResult run(std::vector<std::string> args, const std::string& stdinText = {},
-                  bool withContainer = true,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(90)) const;
+                  bool withContainer = true) const;
     BackgroundProcess start(std::vector<std::string> args, bool withContainer = true,
                             const std::string& stdinText = {}) const;
 

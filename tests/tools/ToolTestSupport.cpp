@@ -75,14 +75,12 @@ std::string ToolTest::runOK(const std::vector<std::string>& args, const std::str
 void ToolTest::addProfileRule(const std::string& profile, int blocker, int action,
                               const std::optional<std::string>& selector,
                               const std::optional<std::string>& filter,
-                              const std::optional<std::string>& resources,
-                              const std::optional<std::string>& domains, int domainType) {
+                              const std::optional<std::string>& resources) {
     static int next = 0;
     sqlExec(profileDatabase(profile),
             "INSERT INTO ProfileRules VALUES ('rule" + std::to_string(++next) + "', " +
                 std::to_string(blocker) + ", " + std::to_string(action) + ", " + sqlText(selector) +
-                ", " + sqlText(filter) + ", " + sqlText(resources) + ", NULL, " +
-                std::to_string(domainType) + ", " + sqlText(domains) + ", 0)");
+                ", " + sqlText(filter) + ", " + sqlText(resources) + ", NULL, -1, NULL, 0)");
 }
 
 }  // namespace stonewall::tool::testing

@@ -33,7 +33,11 @@ void writeFile(const std::filesystem::path& path, const std::string& contents);
 
 class ToolTest : public ::testing::Test {
   protected:
-    ToolTest() : runner_(directory_.path()) {}
+    ToolTest() : runner_(makeTemporaryFolder()) {}
+    ~ToolTest() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(runner_.root(), ignored);
+    }
 
     StonewallRunner& runner() { return runner_; }
     std::filesystem::path container() const { return runner_.containerPath(); }
@@ -45,9 +49,7 @@ class ToolTest : public ::testing::Test {
         return container() / ".Profiles" / ("profile_" + profile + "_unarchive.json");
     }
     // A file in the sandbox, outside the container.
-    std::filesystem::path scratch(const std::string& name) const {
-        return directory_.path() / name;
-    }
+    std::filesystem::path scratch(const std::string& name) const { return runner_.root() / name; }
 
     RunResult run(const std::vector<std::string>& args, const std::string& input = {}) {
         return runner_.run(args, input);
@@ -69,9 +71,7 @@ class ToolTest : public ::testing::Test {
     void addProfileRule(const std::string& profile, int blocker, int action,
                         const std::optional<std::string>& selector,
                         const std::optional<std::string>& filter,
-                        const std::optional<std::string>& resources = std::nullopt,
-                        const std::optional<std::string>& domains = std::nullopt,
-                        int domainType = -1);
+                        const std::optional<std::string>& resources = std::nullopt);
     nlohmann::json ruleList(const std::string& profile = "defaultProfile") const {
         return nlohmann::json::parse(readFile(ruleFile(profile)), nullptr, false);
     }
@@ -85,7 +85,6 @@ class ToolTest : public ::testing::Test {
     }
 
   private:
-    TemporaryDirectory directory_;
     StonewallRunner runner_;
 };
 

@@ -21,15 +21,11 @@ class WatchCommandTest : public ToolTest {
         createContainer();
     }
 
-    // Started and subscribed: the command says so on stderr once the match
-    // is in place.
-    BackgroundProcess startWatching(std::vector<std::string> args) {
-        args.insert(args.begin(), "watch");
-        BackgroundProcess watch = runner().start(args);
-        const auto ready = watch.readErrorLine(20s);
+    // The command says so on stderr once its match is in place.
+    static void expectSubscribed(BackgroundProcess& watch) {
+        const auto ready = watch.readLine(20s, 2);
         EXPECT_TRUE(ready && ready->find("watching for \"extensionUpdate\"") != std::string::npos)
             << (ready ? *ready : "no line on stderr");
-        return watch;
     }
 
     test_support::PrivateBus bus_{scratch("bus")};
@@ -38,7 +34,8 @@ class WatchCommandTest : public ToolTest {
 TEST_F(WatchCommandTest, PrintsEachNotificationUntilInterrupted) {
     for (const int signal : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(signal);
-        BackgroundProcess watch = startWatching({"--json"});
+        BackgroundProcess watch = runner().start({"watch", "--json"});
+        expectSubscribed(watch);
         for (const char* state : {"off", "on"}) {
             runJSON({"status", state});
             const auto line = watch.readLine(20s);
@@ -56,7 +53,8 @@ TEST_F(WatchCommandTest, PrintsEachNotificationUntilInterrupted) {
 }
 
 TEST_F(WatchCommandTest, CountEndsTheWatchOnItsOwn) {
-    BackgroundProcess watch = startWatching({"--count", "1"});
+    BackgroundProcess watch = runner().start({"watch", "--count", "1"});
+    expectSubscribed(watch);
     writeFile(scratch("element.json"), R"([["", "div", "div.x", "", "", "", "", "", ""]])");
     // Picked elements notify too.
     runJSON({"pick", "--page", "https://example.com/", scratch("element.json").string()});
