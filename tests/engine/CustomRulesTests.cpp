@@ -98,7 +98,6 @@ TEST_F(ProcessCustomRulesTest, TheDomainStatusDecidesWhatIsStored) {
         {"1 merges even an inactive rule", "1,-1,-1", 5, 0, true, {"b.com,a.com"}},
         {"2 skips the rule", "2,-1,-1", 5, 1, false, {"a.com"}},
         {"allow list merges", "-1,1,-1", 3, 1, true, {"b.com,a.com"}},
-        {"secure list adds", "1,1,-1", 7, 1, true, {"a.com", "b.com"}},
         {"other actions ignore the status", "2,2,2", 1, 1, true, {"a.com", "b.com"}},
         {"other actions store inactive rules only shared", "2,2,2", 1, 0, true, {"a.com"}},
         {"1 without a list rule starts the list", "1,-1,-1", 5, 1, true, {"b.com"}, false},

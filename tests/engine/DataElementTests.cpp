@@ -29,9 +29,8 @@ TEST(DataElement, MessageDataOfTheWire) {
     }
 
     // Message data that is no array of elements.
-    for (std::string_view text :
-         {std::string_view(""), std::string_view("{\"data\":[]}"), std::string_view("[[\"a\""),
-          std::string_view("42"), std::string_view("[\"\xff\xfe\"]"), std::string_view("null")}) {
+    for (std::string_view text : {std::string_view("[[\"a\""), std::string_view("{\"data\":[]}"),
+                                  std::string_view("[\"\xff\xfe\"]")}) {
         EXPECT_FALSE(DataElement::elementsFromMessageData(text)) << text;
     }
     const auto empty = DataElement::elementsFromMessageData(std::string_view("[]"));

@@ -88,7 +88,6 @@ TEST_F(LifecycleTest, ActivateProfileKeepsTheOldDatabaseUntilConnect) {
     EXPECT_EQ(updateNotificationCount(), 1u);
     EXPECT_EQ(stored().activeProfileID, "new");
     EXPECT_EQ(controller.activeDatabase(), oldDatabase);
-    EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_old_data");
 
     controller.connectProfileDatabase();
     EXPECT_EQ(controller.activeDatabase()->profilesFileName(), "profile_new_data");

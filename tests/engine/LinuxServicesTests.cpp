@@ -46,24 +46,12 @@ class LinuxServicesTest : public ::testing::Test {
     platform::ScopedServices scope_;
 };
 
-TEST_F(LinuxServicesTest, WebKitAcceptsARealisticProfileWithEveryKindOfCustomRule) {
+TEST_F(LinuxServicesTest, WebKitAcceptsARealisticProfile) {
     CompanionController controller;
     ASSERT_TRUE(controller.sharedData());
     const NullableString profileID = controller.sharedData()->activeProfileID;
     ProfileGenerator generator;
     generator.fillDatabase(*controller.activeDatabase(), 1500);
-
-    controller.createBlockWebsiteCustomRule(std::string("https://news.example.org/a"), nullptr);
-    controller.createSecureWebsiteCustomRule(std::string("http://plain.example.net/"), nullptr);
-    controller.createWhitelistWebsiteCustomRule(std::string("https://shop.example.com/"), nullptr);
-    auto elements = DataElement::elementsFromMessageData(std::string_view(R"([
-        ["", "div", "div.sponsored > .ad", "", "", "section", "", "", ""],
-        ["", "img", "#b", "https://ads.tracker.net/b/1.gif", "", "a", "",
-         "https://click.tracker.net/go", ""],
-        ["", "img", "#c", "https://cdn.example.org/x.png?v=1+2", "", "a", "", "", ""]])"));
-    ASSERT_TRUE(elements);
-    for (auto& element : *elements) element.location = "news.example.org";
-    controller.createVisualCustomRules(*elements, nullptr);
 
     CompileReport report;
     CompanionController::writeProfileRules(profileID, controller.activeDatabase(), &report);

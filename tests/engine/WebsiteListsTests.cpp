@@ -64,8 +64,6 @@ TEST_F(WebsiteListsTest, ExactMembershipAgainstPatternMembership) {
     EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::nullopt, 5));
     EXPECT_TRUE(controller->checkWebsiteExists(std::string("exact.org"), 7));
     EXPECT_FALSE(controller->checkWebsiteExists(std::string("exact.org"), 3));
-    EXPECT_EQ(controller->checkWebsiteExists(std::nullopt, kLists), std::vector<bool>(3, false));
-    EXPECT_FALSE(controller->checkDomainInWebsiteList(std::nullopt, std::string("exact.org"), 3));
 }
 
 TEST_F(WebsiteListsTest, StatusReadsItsPositionAsAnInteger) {

@@ -25,8 +25,6 @@ TEST_F(CompileCommandTest, FirstRunCreatesTheContainerAndWritesThePlaceholderLis
     runner().setEnvironment("STONEWALL_CONTAINER", root.string());
     const RunResult result = runner().run({"compile", "--json"}, {}, /*withContainer=*/false);
     ASSERT_EQ(result.exitCode, 0) << describe({"compile", "--json"}, result);
-    EXPECT_TRUE(fs::is_regular_file(root / ".Shared" / "shared_data"));
-    EXPECT_TRUE(fs::is_regular_file(root / ".Profiles" / "profile_defaultProfile_data"));
     const fs::path rules = root / ".Profiles" / "profile_defaultProfile_unarchive.json";
     EXPECT_EQ(json::parse(readFile(rules)), kPlaceholder);
     const json report = json::parse(result.out);
@@ -48,7 +46,6 @@ TEST_F(CompileCommandTest, ReportsWhatWasReadDroppedAndWritten) {
     EXPECT_EQ(report["duplicatesDropped"], 1);
     EXPECT_EQ(report["rulesWritten"], 4);
     EXPECT_EQ(report["reload"], "done");
-    EXPECT_EQ(ruleList().size(), 4u);
 }
 
 TEST_F(CompileCommandTest, OnlyAReloadTouchesTheDefaultsTheContentBlockerReads) {

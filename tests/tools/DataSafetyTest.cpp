@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <map>
 #include <set>
 #include <thread>
 
@@ -285,12 +284,8 @@ TEST(TableOutputTest, ControlCharactersFromOutsideAreEscaped) {
     const std::pair<std::string, std::string> cases[] = {
         {"a\x1b[2Jb", "a\\x1b[2Jb"},
         {"one\nstonewall: fake", "one\\nstonewall: fake"},
-        {"tab\tand\rreturn", "tab\\tand\\rreturn"},
         {std::string("nul\0del\x7f", 8), "nul\\x00del\\x7f"},
-        {"b\xc3\xbc"
-         "cher",
-         "b\xc3\xbc"
-         "cher"},
+        {"b\u00fccher", "b\u00fccher"},
     };
     for (const auto& [text, shown] : cases) EXPECT_EQ(withoutControls(text), shown) << shown;
 }
