@@ -173,13 +173,6 @@ TEST(LinuxDispatch, SyncRunsOnTheCallerAfterEarlierItemsAndMarksTheQueueCurrent)
     EXPECT_TRUE(current);
     EXPECT_TRUE(mainCurrent);
     EXPECT_FALSE(serial->isCurrent());
-
-    std::promise<std::pair<bool, bool>> inItem;
-    auto result = inItem.get_future();
-    serial->async([&] {
-        inItem.set_value({serial->isCurrent(), dispatch.mainQueue().isCurrent()});
-    });
-    EXPECT_EQ(waitFor(result), std::make_pair(true, false));
 }
 
 TEST(LinuxDispatch, ManyPoolItemsSyncingOntoOneSerialQueueDoNotStarve) {
