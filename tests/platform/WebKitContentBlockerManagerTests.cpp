@@ -149,19 +149,5 @@ TEST_F(WebKitContentBlockerManagerTest, ReloadOutcomes) {
     EXPECT_EQ(manager.storePath(), container + "/Library/ContentBlockers");
 }
 
-TEST_F(WebKitContentBlockerManagerTest, ACompletionMayCallTheSynchronousHelper) {
-    setDefaults("p", 1);
-    writeRuleList("p", kBlockRule);
-    std::promise<std::optional<Error>> nested;
-    auto result = nested.get_future();
-    const std::string store = platform.rootPath() + "/store";
-    manager.reloadContentBlockerWithIdentifier(
-        Manager::kContentBlockerIdentifier, [&](std::optional<Error>) {
-            nested.set_value(Manager::compileRuleList(store, "nested", kBlockRule));
-        });
-    ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    EXPECT_EQ(result.get(), std::nullopt);
-}
-
 }  // namespace
 }  // namespace stonewall::platform::gnulinux
