@@ -98,9 +98,6 @@ class StorageTest : public ::testing::Test {
         return profilesFolder() + "/profile_" + identifier + "_data";
     }
     std::string sharedPath() const { return platform.containerPath() + "/.Shared/shared_data"; }
-    std::string templatePath(const std::string& name) const {
-        return platform.bundle->resourcePath() + "/" + name;
-    }
 
     platform::testing::TestPlatform platform;
 };
