@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,13 +25,7 @@ class FileUserDefaultsTest : public ::testing::Test {
         fs::create_directories(fs::path(path).parent_path());
         std::ofstream(path, std::ios::binary) << text;
     }
-    std::string readFile() const {
-        std::ifstream stream(path, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
-    }
-    json fileObject() const { return json::parse(readFile()); }
+    json fileObject() const { return json::parse(std::ifstream(path)); }
 };
 
 TEST_F(FileUserDefaultsTest, ValuesRoundTripThroughTheFile) {

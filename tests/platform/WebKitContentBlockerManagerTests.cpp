@@ -19,7 +19,6 @@ using Manager = WebKitContentBlockerManager;
 
 constexpr const char* kBlockRule =
     R"([{"trigger":{"url-filter":"ads\\.example\\.com"},"action":{"type":"block"}}])";
-constexpr const char* kWebKitDomain = "WebKitUserContentFilterError";
 
 class WebKitContentBlockerManagerTest : public ::testing::Test {
   protected:
@@ -55,24 +54,6 @@ class WebKitContentBlockerManagerTest : public ::testing::Test {
         return error;
     }
 };
-
-TEST_F(WebKitContentBlockerManagerTest, CompilesValidListsAndReportsWebKitsOwnErrors) {
-    const std::string store = platform.rootPath() + "/store";
-    const std::pair<std::string, std::optional<std::string>> cases[] = {
-        {kBlockRule, std::nullopt},
-        {R"([{"trigger":{"url-filter":".*"},"action":{}}])", "Invalid action type."},
-        {"[]", "Empty extension."},
-    };
-    for (const auto& [json, message] : cases) {
-        // WEBKIT_USER_CONTENT_FILTER_ERROR_INVALID_SOURCE is code 0.
-        EXPECT_EQ(Manager::compileRuleList(store, "com.example.blocker", json),
-                  message ? std::optional(Error{kWebKitDomain, 0, *message}) : std::nullopt);
-    }
-    std::string loaded;
-    EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.blocker", &loaded), std::nullopt);
-    EXPECT_EQ(loaded, "com.example.blocker");
-    EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.other")->domain, kWebKitDomain);
-}
 
 TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThread) {
     const std::string store = platform.rootPath() + "/store";

