@@ -65,11 +65,8 @@ TEST_F(ProfileDatabaseTest, EveryFieldRoundTrips) {
     // ORDER BY filter: NULL first, then "", then the text.
     EXPECT_EQ(database->getProfileRulesByAction(2),
               (std::vector<ProfileRule>{sparse, empties, full}));
-    const auto read = database->getProfileRulesByAction(1);
-    ASSERT_EQ(read.size(), 1u);
-    EXPECT_EQ(read[0].blocker, 5);
-    EXPECT_EQ(read[0].domainType, -1);
-    EXPECT_EQ(read[0].filterSensitive, 0);
+    EXPECT_EQ(database->getProfileRulesByAction(1),
+              std::vector<ProfileRule>{makeRule("wide", 5, 1, "f")});
     RawDatabase raw(profilePath("p1"));
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules WHERE selector = ''"), 1);
 }
@@ -209,14 +206,11 @@ TEST_F(ProfileDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
             "INSERT INTO ProfileRules VALUES ('b', 1, 1, X'C3A9', 12, NULL, NULL, -1, "
             "NULL, 0)");
     }
-    const auto rules = database->getProfileRulesByAction(1);
-    ASSERT_EQ(rules.size(), 2u);
-    EXPECT_EQ(rules[0].ruleID, "b");
-    EXPECT_EQ(rules[0].selector, "é");
-    EXPECT_EQ(rules[0].filter, "12");
-    EXPECT_EQ(rules[1].ruleID, std::nullopt);
-    EXPECT_EQ(rules[1].selector, std::nullopt);  // an encoded surrogate
-    EXPECT_EQ(rules[1].filter, "\xF0\x9F\x98\x80");
+    ProfileRule valid = makeRule("b", 1, 1, "12");
+    valid.selector = "é";
+    ProfileRule invalid = makeRule("", 1, 1, "\xF0\x9F\x98\x80");
+    invalid.ruleID.reset();  // and the selector, an encoded surrogate
+    EXPECT_EQ(database->getProfileRulesByAction(1), (std::vector<ProfileRule>{valid, invalid}));
 }
 
 TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
@@ -230,14 +224,11 @@ TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
             "INSERT INTO ProfileRules VALUES ('short', 1, 1, 'f')");
     }
     auto database = open();
-    const auto rules = database->getProfileRulesByAction(1);
-    ASSERT_EQ(rules.size(), 1u);
-    EXPECT_EQ(rules[0].ruleID, "short");
-    EXPECT_EQ(rules[0].selector, "f");  // column 3, whatever its name
-    EXPECT_EQ(rules[0].filter, std::nullopt);
-    EXPECT_EQ(rules[0].domains, std::nullopt);
-    EXPECT_EQ(rules[0].filterSensitive, 0);
-    EXPECT_EQ(rules[0].domainType, 0);
+    ProfileRule expected = makeRule("short", 1, 1, "");
+    expected.filter.reset();
+    expected.selector = "f";  // column 3, whatever its name
+    expected.domainType = 0;
+    EXPECT_EQ(database->getProfileRulesByAction(1), std::vector<ProfileRule>{expected});
     database->addProfileRules({makeRule("x", 1, 1, "f")});  // 10 values into 4 columns: dropped
     EXPECT_EQ(database->getProfileRulesCount(), 1);
 }
