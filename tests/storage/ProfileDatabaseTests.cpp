@@ -166,7 +166,6 @@ TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {
                                           fs::recursive_directory_iterator());
         auto database = open(identifier);
         database->addProfileRules({makeRule("a", 1, 1, "f")});
-        database->updateProfileRules({makeRule("a", 1, 1, "g")});
         database->restoreDatabase();
         EXPECT_EQ(database->getProfileRulesCount(), 0);
         EXPECT_FALSE(database->forEachProfileRuleByAction(1, [](const ProfileRule&) {}));
