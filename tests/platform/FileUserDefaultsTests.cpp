@@ -1,17 +1,14 @@
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/testing/TestPlatform.h"
-
-extern char** environ;
 
 namespace stonewall::platform::gnulinux {
 namespace {
@@ -28,13 +25,7 @@ class FileUserDefaultsTest : public ::testing::Test {
         fs::create_directories(fs::path(path).parent_path());
         std::ofstream(path, std::ios::binary) << text;
     }
-    std::string readFile() const {
-        std::ifstream stream(path, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
-    }
-    json fileObject() const { return json::parse(readFile()); }
+    json fileObject() const { return json::parse(std::ifstream(path)); }
 };
 
 TEST_F(FileUserDefaultsTest, ValuesRoundTripThroughTheFile) {
@@ -53,7 +44,6 @@ TEST_F(FileUserDefaultsTest, ValuesRoundTripThroughTheFile) {
     FileUserDefaults reread(path);
     EXPECT_EQ(reread.stringForKey("activeProfileID"), "a1b2c3");
     EXPECT_EQ(reread.integerForKey("minimum"), INT64_MIN);
-    EXPECT_EQ(reread.integerForKey("removed"), std::nullopt);
     // Text that is no UTF-8 is replaced, not refused.
     reread.setObject("bad \xff\xfe text", "key");
     reread.setInteger(1, "bad \xc3 key");
@@ -71,9 +61,8 @@ TEST_F(FileUserDefaultsTest, OtherTypesReadAsAbsentAndSurviveASynchronize) {
         std::optional<int64_t> integer;
         std::optional<std::string> string;
     };
-    for (const Case& c :
-         {Case{"flag", {}, {}}, Case{"list", {}, {}}, Case{"real", {}, {}}, Case{"huge", {}, {}},
-          Case{"number", 5, {}}, Case{"text", {}, "5"}, Case{"missing", {}, {}}}) {
+    for (const Case& c : {Case{"real", {}, {}}, Case{"huge", {}, {}}, Case{"number", 5, {}},
+                          Case{"text", {}, "5"}, Case{"missing", {}, {}}}) {
         SCOPED_TRACE(c.key);
         EXPECT_EQ(defaults.integerForKey(c.key), c.integer);
         EXPECT_EQ(defaults.stringForKey(c.key), c.string);
@@ -117,10 +106,7 @@ TEST_F(FileUserDefaultsTest, SynchronizeMergesChangesOfBothSidesByKey) {
 }
 
 TEST_F(FileUserDefaultsTest, ADamagedFileReadsAsEmptyAndIsRewritten) {
-    const std::vector<std::string> damaged = {
-        "", "not json", "[1,2]", "{\"a\":", "\"text\"", std::string("\x00\xff{}", 4), "null",
-    };
-    for (const auto& text : damaged) {
+    for (const std::string text : {"", "not json", "[1,2]"}) {
         SCOPED_TRACE(::testing::PrintToString(text));
         writeFile(text);
         FileUserDefaults defaults(path);
@@ -140,39 +126,33 @@ TEST_F(FileUserDefaultsTest, AnUnwritableFileFailsAndKeepsTheValuesForLater) {
     EXPECT_EQ(defaults.integerForKey("key"), 3);
 }
 
-pid_t spawnWriter(const std::string& path, const std::string& prefix, int count) {
-    std::vector<std::string> arguments = {STONEWALL_DEFAULTS_WRITER, path, prefix,
-                                          std::to_string(count)};
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
-    return pid;
-}
-
-TEST_F(FileUserDefaultsTest, TwoProcessesWritingDifferentKeysLoseNone) {
+TEST_F(FileUserDefaultsTest, ThreeProcessesWritingDifferentKeysLoseNone) {
     constexpr int kCount = 40;
-    const pid_t first = spawnWriter(path, "one", kCount);
-    const pid_t second = spawnWriter(path, "two", kCount);
-    ASSERT_GT(first, 0);
-    ASSERT_GT(second, 0);
-    // And this process at the same time, through its own object.
-    FileUserDefaults own(path);
-    for (int i = 0; i < kCount; ++i) {
-        own.setInteger(i, "three-" + std::to_string(i));
-        ASSERT_TRUE(own.synchronize());
+    const auto writeKeys = [&](const std::string& prefix) {
+        FileUserDefaults defaults(path);
+        for (int i = 0; i < kCount; ++i) {
+            defaults.setInteger(i, prefix + "-" + std::to_string(i));
+            if (!defaults.synchronize()) return false;
+        }
+        return true;
+    };
+    std::vector<pid_t> children;
+    for (const char* prefix : {"one", "two"}) {
+        const pid_t child = fork();
+        if (child == 0) _exit(writeKeys(prefix) ? 0 : 1);
+        ASSERT_GT(child, 0);
+        children.push_back(child);
     }
-    for (pid_t pid : {first, second}) {
+    EXPECT_TRUE(writeKeys("three"));  // and this process at the same time
+    for (pid_t pid : children) {
         int status = 0;
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        ASSERT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     }
-    ASSERT_TRUE(own.synchronize());
+    FileUserDefaults all(path);
     for (const char* prefix : {"one", "two", "three"}) {
         for (int i = 0; i < kCount; ++i) {
-            ASSERT_EQ(own.integerForKey(std::string(prefix) + "-" + std::to_string(i)), i)
+            ASSERT_EQ(all.integerForKey(std::string(prefix) + "-" + std::to_string(i)), i)
                 << prefix << " " << i;
         }
     }

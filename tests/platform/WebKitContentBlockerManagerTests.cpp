@@ -19,7 +19,6 @@ using Manager = WebKitContentBlockerManager;
 
 constexpr const char* kBlockRule =
     R"([{"trigger":{"url-filter":"ads\\.example\\.com"},"action":{"type":"block"}}])";
-constexpr const char* kWebKitDomain = "WebKitUserContentFilterError";
 
 class WebKitContentBlockerManagerTest : public ::testing::Test {
   protected:
@@ -56,34 +55,8 @@ class WebKitContentBlockerManagerTest : public ::testing::Test {
     }
 };
 
-TEST_F(WebKitContentBlockerManagerTest, CompilesValidListsAndReportsWebKitsOwnErrors) {
+TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThread) {
     const std::string store = platform.rootPath() + "/store";
-    const std::pair<std::string, std::optional<std::string>> cases[] = {
-        {kBlockRule, std::nullopt},
-        {R"([{"trigger":{"url-filter":".*"},"action":{}}])", "Invalid action type."},
-        {R"([{"trigger":{"url-filter":".*","resource-type":["bogus"]},"action":{"type":"block"}}])",
-         "Invalid string in the trigger flags array."},
-        {"[{", "Failed to parse the JSON String."},
-        {"[]", "Empty extension."},
-    };
-    for (const auto& [json, message] : cases) {
-        // WEBKIT_USER_CONTENT_FILTER_ERROR_INVALID_SOURCE is code 0.
-        EXPECT_EQ(Manager::compileRuleList(store, "com.example.blocker", json),
-                  message ? std::optional(Error{kWebKitDomain, 0, *message}) : std::nullopt);
-    }
-    std::string loaded;
-    EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.blocker", &loaded), std::nullopt);
-    EXPECT_EQ(loaded, "com.example.blocker");
-    EXPECT_EQ(Manager::lookUpRuleList(store, "com.example.other")->domain, kWebKitDomain);
-}
-
-TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThreadManyTimesInARow) {
-    const std::string store = platform.rootPath() + "/store";
-    // Bisecting calls it over and over from the main thread.
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(Manager::compileRuleList(store, "bisect", i % 2 ? kBlockRule : "[]").has_value(),
-                  i % 2 == 0);
-    }
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
     for (int t = 0; t < 3; ++t) {
@@ -116,41 +89,37 @@ TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByT
 
 TEST_F(WebKitContentBlockerManagerTest, ReloadOutcomes) {
     const std::string id = Manager::kContentBlockerIdentifier;
-    const std::string badList = R"([{"trigger":{"url-filter":".*"},"action":{}}])";
     struct Case {
         const char* name;
         std::optional<std::string> profile;
         std::optional<int64_t> status;
-        std::optional<std::string> list;  // written for the profile
         std::string identifier;
-        std::optional<Error> error;  // a message part of ours, WebKit's whole
+        std::optional<Error> error;  // with a part of the message
     };
     const auto our = [](int64_t code, std::string part) {
         return Error{Manager::kErrorDomain, code, std::move(part)};
     };
     const Case cases[] = {
         // Blocking off: no list is read, nor a profile needed.
-        {"blocking off, no profile", std::nullopt, 2, std::nullopt, id, std::nullopt},
-        {"bad list", "p", 1, badList, id, Error{kWebKitDomain, 0, "Invalid action type."}},
-        {"unknown identifier", "p", std::nullopt, kBlockRule, "com.example.unknown",
+        {"blocking off, no profile", std::nullopt, 2, id, std::nullopt},
+        {"unknown identifier", "p", std::nullopt, "com.example.unknown",
          our(Manager::kUnknownIdentifier, "com.example.unknown")},
-        {"no active profile", std::nullopt, std::nullopt, std::nullopt, id,
+        {"no active profile", std::nullopt, std::nullopt, id,
          our(Manager::kNoActiveProfile, "No active profile")},
-        {"missing list", "absent", std::nullopt, std::nullopt, id,
+        {"missing list", "absent", std::nullopt, id,
          our(Manager::kRuleListMissing, "profile_absent_unarchive.json does not exist")},
-        {"profile naming a path", "../../etc", std::nullopt, std::nullopt, id,
+        {"profile naming a path", "../../etc", std::nullopt, id,
          our(Manager::kNoActiveProfile, "cannot name a rule list")},
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
         fs::remove(defaultsPath);
         setDefaults(test.profile, test.status);
-        if (test.list) writeRuleList(*test.profile, *test.list);
         // Only what was synchronised counts.
         FileUserDefaults(defaultsPath).setObject("not-yet-synced", "activeProfileID");
         const auto error = reload(test.identifier);
-        if (!test.error || test.error->domain == kWebKitDomain) {
-            EXPECT_EQ(error, test.error);
+        if (!test.error) {
+            EXPECT_EQ(error, std::nullopt);
             continue;
         }
         ASSERT_TRUE(error.has_value());
@@ -159,20 +128,6 @@ TEST_F(WebKitContentBlockerManagerTest, ReloadOutcomes) {
         EXPECT_NE(error->message.find(test.error->message), std::string::npos) << error->message;
     }
     EXPECT_EQ(manager.storePath(), container + "/Library/ContentBlockers");
-}
-
-TEST_F(WebKitContentBlockerManagerTest, ACompletionMayCallTheSynchronousHelper) {
-    setDefaults("p", 1);
-    writeRuleList("p", kBlockRule);
-    std::promise<std::optional<Error>> nested;
-    auto result = nested.get_future();
-    const std::string store = platform.rootPath() + "/store";
-    manager.reloadContentBlockerWithIdentifier(
-        Manager::kContentBlockerIdentifier, [&](std::optional<Error>) {
-            nested.set_value(Manager::compileRuleList(store, "nested", kBlockRule));
-        });
-    ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    EXPECT_EQ(result.get(), std::nullopt);
 }
 
 }  // namespace

@@ -46,6 +46,21 @@ class ConcurrencyTest : public StorageTest {
         SharedDatabase::resetSharedInstanceForTesting();
     }
 
+    // Writes every batch to both files, reading between batches; false when
+    // a read saw part of a batch. The shared queue runs each batch whole.
+    static bool writeBatches(const std::string& writer) {
+        auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
+        auto& shared = SharedDatabase::sharedInstance();
+        bool wholeBatches = true;
+        for (int number = 0; number < kBatches; ++number) {
+            profile->addProfileRules(batch<ProfileRule>(writer, number));
+            shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
+            wholeBatches = wholeBatches && shared.getSharedCustomRules().size() % kBatchSize == 0;
+            (void)profile->getProfileRulesByAction(2);
+        }
+        return wholeBatches;
+    }
+
     void expectAllRows(int writers) {
         const int64_t expected = int64_t{writers} * kBatches * kBatchSize;
         RawDatabase profile(profilePath(kProfile));
@@ -69,18 +84,9 @@ TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
             ::close(startPipe[1]);
             char go;
             (void)!read(startPipe[0], &go, 1);  // returns at EOF: both are ready
-            {
-                auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
-                auto& shared = SharedDatabase::sharedInstance();
-                for (int number = 0; number < kBatches; ++number) {
-                    profile->addProfileRules(batch<ProfileRule>(writer, number));
-                    shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
-                    (void)profile->getProfileRulesCount();
-                    (void)shared.getSharedData();
-                }
-            }
+            const bool whole = writeBatches(writer);
             SharedDatabase::resetSharedInstanceForTesting();
-            _exit(0);
+            _exit(whole ? 0 : 1);
         }
         children.push_back(child);
     }
@@ -96,7 +102,7 @@ TEST_F(ConcurrencyTest, TwoProcessesWritingTheSameFilesLoseNoRow) {
 
 // Within one process: separate profile connections on their own threads, and
 // the one shared instance, made by whichever thread comes first, used from
-// all of them; its queue runs each batch whole, so no read sees half of one.
+// all of them.
 TEST_F(ConcurrencyTest, ThreadsWithTheirOwnConnectionsLoseNoRow) {
     createFiles();
     constexpr int kWriters = 3;
@@ -105,16 +111,8 @@ TEST_F(ConcurrencyTest, ThreadsWithTheirOwnConnectionsLoseNoRow) {
     std::atomic<bool> partialBatchSeen{false};
     for (int t = 0; t < kWriters; ++t) {
         threads.emplace_back([t, &instances, &partialBatchSeen] {
-            const std::string writer = "thread" + std::to_string(t);
-            auto profile = ProfileDatabase::initWithBlockerProfileID(kProfile);
-            auto& shared = SharedDatabase::sharedInstance();
-            instances[t] = &shared;
-            for (int number = 0; number < kBatches; ++number) {
-                profile->addProfileRules(batch<ProfileRule>(writer, number));
-                shared.addSharedCustomRulesDetails(batch<SharedCustomRule>(writer, number));
-                if (shared.getSharedCustomRules().size() % kBatchSize != 0) partialBatchSeen = true;
-                (void)profile->getProfileRulesByAction(2);
-            }
+            instances[t] = &SharedDatabase::sharedInstance();
+            if (!writeBatches("thread" + std::to_string(t))) partialBatchSeen = true;
         });
     }
     for (auto& thread : threads) thread.join();

@@ -23,39 +23,36 @@ class ExtensionStateTest : public StorageTest {
     }
 };
 
-TEST_F(ExtensionStateTest, FirstRunSavesTheDefaultsForTheBrowserVersion) {
-    const std::vector<std::pair<std::optional<int64_t>, bool>> cases = {
-        {std::nullopt, false}, {4, false}, {5, true}, {6, true}};
-    for (const auto& [servicesVersion, counter] : cases) {
-        SCOPED_TRACE(servicesVersion.value_or(-100));
+// The first run saves the defaults for the browser version; a saved state
+// wins over them, with missing keys read as false.
+TEST_F(ExtensionStateTest, TheSavedStateOrTheDefaultsForTheBrowserVersion) {
+    struct Case {
+        std::optional<Archive> saved;
+        std::optional<int64_t> servicesVersion;
+        bool statusUpdated, blockingCounter;
+    };
+    const Case cases[] = {
+        {std::nullopt, std::nullopt, false, false},
+        {std::nullopt, 4, false, false},
+        {std::nullopt, 5, false, true},
+        {Archive{{"statusUpdated", true}, {"blockingCounter", false}}, 5, true, false},
+        {Archive{{"somethingElse", true}}, 5, false, false},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.servicesVersion.value_or(-100));
         fs::remove_all(platform.rootPath() + "/config");
         ExtensionState::resetSharedInstanceForTesting();
-        platform.host->setSafariServicesVersion(servicesVersion);
+        platform.host->setSafariServicesVersion(test.servicesVersion);
+        if (test.saved) stateFolder().archiveData("state", *test.saved);
 
         ExtensionState* state = ExtensionState::sharedInstance();
         ASSERT_NE(state, nullptr);
-        EXPECT_FALSE(state->statusUpdated());
-        EXPECT_EQ(state->blockingCounter(), counter);
-        ASSERT_TRUE(fs::exists(statePath()));
+        EXPECT_EQ(state->statusUpdated(), test.statusUpdated);
+        EXPECT_EQ(state->blockingCounter(), test.blockingCounter);
         EXPECT_EQ(stateFolder().unarchiveData("state"),
-                  (Archive{{"statusUpdated", false}, {"blockingCounter", counter}}));
+                  test.saved.value_or(Archive{{"statusUpdated", false},
+                                              {"blockingCounter", test.blockingCounter}}));
         EXPECT_EQ(ExtensionState::sharedInstance(), state);
-    }
-}
-
-TEST_F(ExtensionStateTest, ASavedStateWinsOverTheDefaultsAndMissingKeysAreFalse) {
-    platform.host->setSafariServicesVersion(6);  // default counter: on
-    const std::pair<Archive, const char*> cases[] = {
-        {{{"statusUpdated", true}, {"blockingCounter", false}},
-         "statusUpdated: 1, blockingCounter: 0"},
-        {{{"somethingElse", true}}, "statusUpdated: 0, blockingCounter: 0"},
-    };
-    for (const auto& [saved, description] : cases) {
-        ExtensionState::resetSharedInstanceForTesting();
-        stateFolder().archiveData("state", saved);
-        ExtensionState* state = ExtensionState::sharedInstance();
-        ASSERT_NE(state, nullptr);
-        EXPECT_EQ(state->description(), description);
     }
 }
 
@@ -63,7 +60,7 @@ TEST_F(ExtensionStateTest, AnUndecodableFileLeavesNoInstanceForTheProcess) {
     writeBytes(statePath(), "garbage");
     EXPECT_EQ(ExtensionState::sharedInstance(), nullptr);
     // The file is neither repaired nor read again.
-    EXPECT_EQ(testing::readBytes(statePath()), "garbage");
+    EXPECT_EQ(stateFolder().readFromFile("state"), "garbage");
     stateFolder().archiveData("state", {{"statusUpdated", true}});
     EXPECT_EQ(ExtensionState::sharedInstance(), nullptr);
     ExtensionState::resetSharedInstanceForTesting();
@@ -86,31 +83,13 @@ TEST_F(ExtensionStateTest, AFailedFirstSaveLeavesNoFile) {
     EXPECT_FALSE(state.checkDataExists());
 }
 
-TEST_F(ExtensionStateTest, SafariVersionLevels) {
-    struct Case {
-        bool available;
-        std::optional<int64_t> version;
-        int64_t asked;
-        bool expected;
-    };
-    const Case cases[] = {
-        {true, 5, 0, true},
-        {false, 5, 0, false},
-        {true, 5, 5, true},
-        {true, 5, 6, false},
-        {true, 5, 2, true},
-        {true, std::nullopt, 2, false},
-        {true, std::nullopt, 0, true},
-        {false, std::nullopt, 5, false},
-        {true, 5, -1, true},
-        {true, -3, 1, false},
-    };
-    for (const auto& c : cases) {
-        platform.host->setSafariServicesAvailable(c.available);
-        platform.host->setSafariServicesVersion(c.version);
-        EXPECT_EQ(ExtensionState::isSafariVersionAvailable(c.asked), c.expected)
-            << "available " << c.available << " version " << c.version.value_or(-100) << " asked "
-            << c.asked;
+// Level 0 asks whether the services exist at all, whatever their version;
+// the version levels are seen through the first run's defaults.
+TEST_F(ExtensionStateTest, LevelZeroAsksOnlyWhetherTheServicesExist) {
+    platform.host->setSafariServicesVersion(std::nullopt);
+    for (const bool available : {true, false}) {
+        platform.host->setSafariServicesAvailable(available);
+        EXPECT_EQ(ExtensionState::isSafariVersionAvailable(0), available);
     }
 }
 

@@ -58,12 +58,6 @@ class RawDatabase {
         return value;
     }
 
-    bool hasTable(const std::string& table) {
-        return integer("SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND name='" + table +
-                       "'")
-                   .value_or(0) == 1;
-    }
-
   private:
     sqlite3* database_ = nullptr;
 };
@@ -72,21 +66,6 @@ inline void writeBytes(const std::string& path, const std::string& bytes) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
-inline std::string readBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// Bytes that no SQLite version reads as a database.
-inline std::string randomBytes(size_t count, uint32_t seed) {
-    std::string bytes(count, '\0');
-    for (auto& byte : bytes) {
-        seed = seed * 1664525u + 1013904223u;
-        byte = static_cast<char>(seed >> 24);
-    }
-    return bytes;
 }
 
 // Runs `body` in a child process and returns its exit status (the body's
@@ -119,9 +98,6 @@ class StorageTest : public ::testing::Test {
         return profilesFolder() + "/profile_" + identifier + "_data";
     }
     std::string sharedPath() const { return platform.containerPath() + "/.Shared/shared_data"; }
-    std::string templatePath(const std::string& name) const {
-        return platform.bundle->resourcePath() + "/" + name;
-    }
 
     platform::testing::TestPlatform platform;
 };

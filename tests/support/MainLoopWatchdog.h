@@ -1,41 +1,34 @@
 #pragma once
 
-// Runs a dispatch's main loop on the calling thread for a test, with a
-// watchdog thread that stops the loop if it is still running after `limit`,
-// so a lost completion fails the test instead of hanging the suite.
+// Runs a dispatch's main loop on the calling thread for a test, stopping it
+// if it is still running after `limit`, so that a lost completion fails the
+// test instead of hanging the suite.
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
+#include <memory>
 
 #include "platform/Dispatch.h"
 
 namespace stonewall::test_support {
 
 // True when the loop was stopped by the code under test, false when the
-// watchdog had to stop it.
+// watchdog had to stop it. A watchdog left over from an earlier run finds
+// its run over and does nothing.
 [[nodiscard]] inline bool runMainWithWatchdog(platform::Dispatch& dispatch,
                                               std::chrono::milliseconds limit) {
-    std::mutex mutex;
-    std::condition_variable finished;
-    bool done = false;
-    bool fired = false;
-    std::thread watchdog([&] {
-        std::unique_lock lock(mutex);
-        if (!finished.wait_for(lock, limit, [&] { return done; })) {
-            fired = true;
-            dispatch.stopMain();
-        }
+    struct Run {
+        std::atomic<bool> over{false}, fired{false};
+    };
+    const auto run = std::make_shared<Run>();
+    dispatch.mainQueue().asyncAfter(limit, [&dispatch, run] {
+        if (run->over) return;
+        run->fired = true;
+        dispatch.stopMain();
     });
     dispatch.runMain();
-    {
-        std::lock_guard lock(mutex);
-        done = true;
-    }
-    finished.notify_all();
-    watchdog.join();
-    return !fired;
+    run->over = true;
+    return !run->fired;
 }
 
 }  // namespace stonewall::test_support
