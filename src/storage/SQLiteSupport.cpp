@@ -19,13 +19,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kStatementTimeLimit = std::chrono::seconds(30);
 // Virtual-machine steps between two looks at the clock.
 constexpr int kProgressInterval = 4096;
-// Reads come straight from the page cache through a mapping rather than
-// being copied into SQLite's own cache: a whole-table scan (the compile, a
-// website check) then costs a fifth fewer page faults and about a tenth less
-// time. Writes still go through write(), so readers in other processes see
-// them as before. 256 MiB covers profiles far past the rule limit; a larger
-// file is mapped up to this size and read as usual beyond it.
-constexpr char kMemoryMapSql[] = "PRAGMA mmap_size=268435456";
 
 thread_local Clock::time_point tDeadline = Clock::time_point::max();
 
@@ -41,8 +34,6 @@ void configureConnection(sqlite3* database) {
     sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, static_cast<int*>(nullptr));
     sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, static_cast<int*>(nullptr));
     sqlite3_progress_handler(database, kProgressInterval, checkDeadline, nullptr);
-    // Without it the connection works as before, only slower.
-    sqlite3_exec(database, kMemoryMapSql, nullptr, nullptr, nullptr);
 }
 
 void setBusyTimeoutForTesting(int milliseconds) {
