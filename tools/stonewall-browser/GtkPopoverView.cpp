@@ -78,37 +78,12 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
     append(row("appButton"));
     addPage("mainStackView", main, 1);
 
-    // 2: picking.
-    addPage("visualStackView",
-            dialogView(messageStack("visualMessageStackView", "visualCenterY",
-                                    label("visualTitleLabel", "extension-title"),
-                                    label("visualMessageLabel", "extension-message")),
-                       nullptr,
-                       buttonRow(pushButton("visualCancelButton", L("Cancel"), false),
-                                 pushButton("visualDoneButton", L("Done"), true))),
-            2);
-
-    // 3: profile choice.
+    // 2: picking, 3: profile choice, 4: website confirmation.
+    confirmationPage("visual", nullptr, L("Cancel"), L("Done"), 2);
     popup_ = std::make_shared<GtkPopUpButton>();
     profilePopUp_ = popup_;
-    addPage("profileStackView",
-            dialogView(messageStack("profileMessageStackView", "profileCenterY",
-                                    label("profileTitleLabel", "extension-title"),
-                                    label("profileMessageLabel", "extension-message")),
-                       popup_->widget(),
-                       buttonRow(pushButton("profileCancelButton", L("Cancel"), false),
-                                 pushButton("profileDoneButton", L("Activate"), true))),
-            3);
-
-    // 4: website confirmation.
-    addPage("websiteStackView",
-            dialogView(messageStack("websiteMessageStackView", "websiteCenterY",
-                                    label("websiteTitleLabel", "extension-title"),
-                                    label("websiteMessageLabel", "extension-message")),
-                       nullptr,
-                       buttonRow(pushButton("websiteCancelButton", L("Cancel"), false),
-                                 pushButton("websiteDoneButton", L("Block"), true))),
-            4);
+    confirmationPage("profile", popup_->widget(), L("Cancel"), L("Activate"), 3);
+    confirmationPage("website", nullptr, L("Cancel"), L("Block"), 4);
 
     // 5: reloading.
     progress_ = std::make_shared<GtkProgressIndicator>();
@@ -194,15 +169,20 @@ GtkWidget* GtkPopoverView::pushButton(std::string_view outlet, const std::string
     return widget;
 }
 
-GtkWidget* GtkPopoverView::messageStack(std::string_view outlet, std::string_view centerY,
-                                        GtkWidget* title, GtkWidget* message) {
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 6);
-    gtk_box_append(GTK_BOX(box), title);
-    gtk_box_append(GTK_BOX(box), message);
-    stackViews_.emplace(std::string(outlet), std::make_shared<GtkStackView>(box));
-    constraints_.emplace(std::string(centerY), std::make_shared<GtkMarginConstraint>(
-                                                   box, GtkMarginConstraint::Edge::Top, 0));
-    return box;
+void GtkPopoverView::confirmationPage(const std::string& name, GtkWidget* control,
+                                      const std::string& cancelTitle, const std::string& doneTitle,
+                                      int64_t code) {
+    GtkWidget* messages = gtk_box_new(GTK_ORIENTATION_VERTICAL, 6);
+    gtk_box_append(GTK_BOX(messages), label(name + "TitleLabel", "extension-title"));
+    gtk_box_append(GTK_BOX(messages), label(name + "MessageLabel", "extension-message"));
+    stackViews_.emplace(name + "MessageStackView", std::make_shared<GtkStackView>(messages));
+    constraints_.emplace(name + "CenterY", std::make_shared<GtkMarginConstraint>(
+                                               messages, GtkMarginConstraint::Edge::Top, 0));
+    addPage(name + "StackView",
+            dialogView(messages, control,
+                       buttonRow(pushButton(name + "CancelButton", cancelTitle, false),
+                                 pushButton(name + "DoneButton", doneTitle, true))),
+            code);
 }
 
 void GtkPopoverView::addPage(std::string_view outlet, GtkWidget* box, int64_t code) {

@@ -57,8 +57,11 @@ class GtkPopoverView : public OutletPopoverView {
     GtkWidget* separator(std::string_view outlet, std::string_view leading,
                          std::string_view trailing);
     GtkWidget* pushButton(std::string_view outlet, const std::string& title, bool suggested);
-    GtkWidget* messageStack(std::string_view outlet, std::string_view centerY, GtkWidget* title,
-                            GtkWidget* message);
+    // A page of title and message (views "<name>TitleLabel", ...), an
+    // optional control, and Cancel beside the default button.
+    void confirmationPage(const std::string& name, GtkWidget* control,
+                          const std::string& cancelTitle, const std::string& doneTitle,
+                          int64_t code);
     void addPage(std::string_view outlet, GtkWidget* box, int64_t code);
 
     GtkWidget* root_ = nullptr;
