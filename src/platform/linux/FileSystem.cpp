@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -142,15 +143,16 @@ class PendingFile {
         for (; !error && entry != end; entry.increment(error)) {
             const std::string name = entry->path().string();
             if (name.compare(0, prefix.size(), prefix) != 0) continue;
-            // <pid>-<counter>, both decimal.
-            const std::string tail = name.substr(prefix.size());
-            const size_t dash = tail.find('-');
-            if (dash == 0 || dash > 9 || dash + 1 >= tail.size() ||
-                tail.find_first_not_of("0123456789", dash + 1) != std::string::npos ||
-                tail.find_first_not_of("0123456789") != dash) {
+            // <pid>-<counter>, both decimal; anything else is not ours.
+            const std::string_view tail = std::string_view(name).substr(prefix.size());
+            const char* const tailEnd = tail.data() + tail.size();
+            pid_t owner = 0;
+            unsigned counter = 0;
+            const auto pid = std::from_chars(tail.data(), tailEnd, owner);
+            if (pid.ec != std::errc() || owner <= 0 || pid.ptr == tailEnd || *pid.ptr != '-')
                 continue;
-            }
-            const auto owner = static_cast<pid_t>(std::stol(tail.substr(0, dash)));
+            const auto rest = std::from_chars(pid.ptr + 1, tailEnd, counter);
+            if (rest.ec != std::errc() || rest.ptr != tailEnd) continue;
             if (owner != ::getpid() && ::kill(owner, 0) != 0 && errno == ESRCH) {
                 ::unlink(name.c_str());
             }
