@@ -17,9 +17,22 @@ constexpr std::string_view kAnyURL = ".*";
 constexpr std::string_view kHostAnchor = "^[^:]+://+([^:/]+\\.)?";
 // The separator "^": anything but a letter, digit or one of "_-.%". WebKit
 // has no alternation, so "or the end of the address" is written as an
-// optional tail before "$" where the separator closes the pattern.
+// optional tail before "$" where the separator closes the pattern. That tail
+// is what WebKit's compiler charges most for (ten times a plain class: see
+// docs/webkit-rule-costs.md), so it is written only where the address can
+// end there: after a host ("||ads.example^") WebKit always sees ":" or "/",
+// since it matches normalised addresses, and the plain class is exact.
 constexpr std::string_view kSeparator = "[^a-zA-Z0-9_.%-]";
 constexpr std::string_view kClosingSeparator = "([^a-zA-Z0-9_.%-].*)?$";
+
+// Characters of a host name with its port: what "||" may be followed by
+// when the pattern names a host and nothing after it.
+bool isHostPattern(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '.' || c == '-' || c == '_' || c == ':';
+    });
+}
 
 // WebKit's names for the resource types the syntax's options name.
 const std::unordered_map<std::string_view, std::string_view>& resourceTypeNames() {
@@ -225,7 +238,8 @@ std::optional<std::string_view> urlFilterFromPattern(std::string_view pattern, s
     if (!isASCII(pattern)) return SkipReason::kNonASCII;
 
     bool endAnchor = false;
-    if (startsWith(pattern, "||")) {
+    const bool hostAnchored = startsWith(pattern, "||");
+    if (hostAnchored) {
         out.append(kHostAnchor);
         pattern.remove_prefix(2);
     } else if (startsWith(pattern, "|")) {
@@ -252,7 +266,8 @@ std::optional<std::string_view> urlFilterFromPattern(std::string_view pattern, s
                 break;
             case '^':
                 if (i + 1 == pattern.size() && !endAnchor) {
-                    out.append(kClosingSeparator);
+                    const bool afterHost = hostAnchored && isHostPattern(pattern.substr(0, i));
+                    out.append(afterHost ? kSeparator : kClosingSeparator);
                     return std::nullopt;
                 }
                 out.append(kSeparator);
