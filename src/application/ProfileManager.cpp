@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <numeric>
 #include <unordered_set>
 
+#include "application/ImportBudget.h"
 #include "model/RuleCodes.h"
 #include "model/RuleText.h"
 #include "platform/ContainerLayout.h"
@@ -187,6 +189,14 @@ ApplicationOutcome ProfileManager::removeProfile(const std::string& profileID) {
     return std::nullopt;
 }
 
+int64_t ProfileManager::ImportReport::leftOut() const {
+    return std::accumulate(leftOutByAction.begin(), leftOutByAction.end(), int64_t{0});
+}
+
+int64_t ProfileManager::ImportReport::displaced() const {
+    return std::accumulate(displacedByAction.begin(), displacedByAction.end(), int64_t{0});
+}
+
 ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID,
                                                     std::string_view text, ImportReport& report) {
     report = {};
@@ -209,24 +219,67 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
     }
 
     // Importing a list again (or an overlapping one) adds only what is new.
+    // The lists imported before are ranked with the new one.
     std::unordered_set<std::string> present;
-    for (int64_t action : kImportedActions) {
+    std::vector<ProfileRule> ranked;
+    int64_t userRules = 0;
+    for (int64_t action = ActionCode::kBlock; action <= ActionCode::kUpgradeHTTPS; ++action) {
+        const bool imported = std::find(std::begin(kImportedActions), std::end(kImportedActions),
+                                        action) != std::end(kImportedActions);
         // A read cut short would make rules already there look new.
-        if (!database->forEachProfileRuleByAction(
-                action, [&](const ProfileRule& rule) { present.insert(rule.computeHash()); })) {
+        if (!database->forEachProfileRuleByAction(action, [&](ProfileRule& rule) {
+                if (rule.blocker == BlockerCode::kCustom || !imported) {
+                    ++userRules;
+                    return;
+                }
+                present.insert(rule.computeHash());
+                ranked.push_back(std::move(rule));
+            })) {
             return storageFailure("profile " + profileID,
                                   "its database could not be read completely");
         }
     }
-    std::vector<ProfileRule> rows;
-    rows.reserve(report.list.rules.size());
+    const size_t earlier = ranked.size();
+    std::vector<ProfileRule> candidates;
+    candidates.reserve(report.list.rules.size());
     for (const ProfileRule& rule : report.list.rules) {
         if (present.contains(rule.computeHash())) {
             ++report.alreadyPresent;
             continue;
         }
-        rows.push_back(rule);
-        rows.back().ruleID = Generator::customRuleID();
+        candidates.push_back(rule);
+    }
+    const size_t beforeJoin = candidates.size();
+    candidates = ImportBudget::joinHideRules(std::move(candidates));
+    report.hideRulesJoined = static_cast<int64_t>(beforeJoin - candidates.size());
+    for (ProfileRule& rule : candidates) {
+        if (present.insert(rule.computeHash()).second) ranked.push_back(std::move(rule));
+    }
+
+    report.slots = ImportBudget::availableSlots(userRules);
+    const int64_t exceptions = std::count_if(
+        ranked.begin(), ranked.end(),
+        [](const ProfileRule& rule) { return rule.action == ActionCode::kException; });
+    if (exceptions > report.slots) {
+        return badInput("profile " + profileID,
+                        "has room for " + std::to_string(report.slots) +
+                            " imported rules, fewer than the " + std::to_string(exceptions) +
+                            " exceptions of its lists; import into a new profile");
+    }
+    const ImportBudget::Fit fit = ImportBudget::fit(ranked, report.slots);
+    std::vector<ProfileRule> rows, displaced;
+    for (size_t i = 0; i < ranked.size(); ++i) {
+        const auto action = static_cast<size_t>(ranked[i].action);
+        if (i < earlier) {
+            if (fit.kept[i]) continue;
+            if (action < 9) ++report.displacedByAction[action];
+            displaced.push_back(std::move(ranked[i]));
+        } else if (fit.kept[i]) {
+            rows.push_back(std::move(ranked[i]));
+            rows.back().ruleID = Generator::customRuleID();
+        } else if (action < 9) {
+            ++report.leftOutByAction[action];
+        }
     }
     if (rows.empty()) return std::nullopt;
 
@@ -238,6 +291,14 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
                                                           std::to_string(after - before) + " of " +
                                                           std::to_string(rows.size()) + " rules (" +
                                                           database->profilesDataPath() + ")");
+    }
+    if (!displaced.empty()) {
+        database->removeProfileRulesCustom(displaced);
+        if (database->getProfileRulesCount() != after - static_cast<int64_t>(displaced.size())) {
+            return storageFailure("profile " + profileID,
+                                  "its database kept rules of earlier lists past the budget (" +
+                                      database->profilesDataPath() + ")");
+        }
     }
     report.added = static_cast<int64_t>(rows.size());
     CompanionController::sendUpdateNotification();

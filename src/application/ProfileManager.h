@@ -10,6 +10,7 @@
 // the store did not take is an error of kind Storage. Posts
 // "extensionUpdate" after each change.
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -43,9 +44,26 @@ class ProfileManager {
         FilterListImport list;       // what the parser made of the text
         int64_t alreadyPresent = 0;  // rules the profile held already (not added again)
         int64_t added = 0;           // rows written
+        // Hiding rules that went into a joined rule (ImportBudget).
+        int64_t hideRulesJoined = 0;
+        // The slots the profile's imported lists share (ImportBudget).
+        int64_t slots = 0;
+        // What the budget left out of this list, by action code.
+        std::array<int64_t, 9> leftOutByAction{};
+        // Rules of lists imported before that made room for better ranked
+        // ones of this list, by action code.
+        std::array<int64_t, 9> displacedByAction{};
+        int64_t leftOut() const;
+        int64_t displaced() const;
     };
     // Adds the list's rules to the profile's database (list code 1). The
-    // text must pass FilterListParser::checkFormat.
+    // list shares the profile's budget (ImportBudget) with the lists imported
+    // before: its rules and theirs are ranked together by the policy, and
+    // what ranks last is left out, or removed when an earlier list had it.
+    // New rules are written before old ones are removed, so a failure
+    // between the two leaves rules over the budget, never rules lost. The
+    // text must pass FilterListParser::checkFormat. Lists whose exceptions
+    // alone do not fit are refused (BadInput) and nothing changes.
     [[nodiscard]] ApplicationOutcome importFilterList(const std::string& profileID,
                                                       std::string_view text, ImportReport& report);
 

@@ -2,6 +2,7 @@
 // the shared database, the shared defaults and WebKit's real compiler.
 
 #include <filesystem>
+#include <map>
 
 #include "ToolTestSupport.h"
 
@@ -62,6 +63,43 @@ TEST_F(ProfileCommandsTest, ActivateSwitchesCompilesAndReloadsTheNewProfile) {
     EXPECT_EQ(runOK({"profile", "activate", "work"}),
               "Profile work is already active; nothing changed.\n");
     EXPECT_TRUE(snapshotFiles(container()) == before);
+}
+
+// Lists past the cap: the user's own lists and every exception stay in the
+// compiled list, a second list shares the budget with the first, and the
+// summary says what was left out.
+TEST_F(ProfileCommandsTest, ImportedListsShareABudgetThatSparesTheUsersRules) {
+    createContainer();
+    const std::string work = createProfile("Work");
+    runJSON({"profile", "activate", work});
+    runJSON({"allow", "https://shop.test/"});
+    runJSON({"secure", "https://bank.test/"});
+    runJSON({"profile", "activate", "defaultProfile"});
+
+    std::string first = "##.ad\n##.banner\n@@||ok1.test^\n";
+    for (int i = 0; i < 49500; ++i) first += "||h" + std::to_string(i) + ".test^\n";
+    std::string second = "@@||ok2.test^\n";
+    for (int i = 0; i < 1000; ++i) second += "/path" + std::to_string(i) + "/\n";
+    writeFile(scratch("first.txt"), first);
+    writeFile(scratch("second.txt"), second);
+
+    const json a = runJSON({"profile", "import", work, scratch("first.txt").string()});
+    EXPECT_EQ(a["budget"], 49000);
+    EXPECT_EQ(a["added"], 49000);
+    EXPECT_EQ(a["hideRulesJoined"], 1);
+    EXPECT_EQ(a["leftOut"]["block"], 49500 + 1 + 1 - 49000);
+    const json b = runJSON({"profile", "import", work, scratch("second.txt").string()});
+    EXPECT_EQ(b["added"], 1001);
+    EXPECT_EQ(b["leftOut"]["block"], 0);
+    EXPECT_EQ(b["removedFromEarlierLists"]["block"], 1001);
+
+    const json compiled = runJSON({"compile", "--profile", work, "--no-reload"});
+    EXPECT_EQ(compiled["rulesWritten"], 49000 + 2);
+    std::map<std::string, int> byType;
+    for (const json& rule : ruleList(work)) ++byType[rule["action"]["type"].get<std::string>()];
+    EXPECT_EQ(byType["ignore-previous-rules"], 3);  // two exceptions and the allow list
+    EXPECT_EQ(byType["make-https"], 1);
+    EXPECT_EQ(byType["css-display-none"], 1);
 }
 
 // The whole road: a new profile, filled from a filter list, activated and

@@ -9,8 +9,10 @@
 #include "Failure.h"
 #include "InputFile.h"
 #include "application/ApplicationURL.h"
+#include "application/ImportBudget.h"
 #include "application/ProfileManager.h"
 #include "application/WebsiteListEditor.h"
+#include "engine/CompanionController.h"
 #include "model/RuleCodes.h"
 
 namespace stonewall::tool {
@@ -221,21 +223,64 @@ void runProfileImport(const CommonOptions& common, const std::string& profileID,
     report.json["lines"] = list.lines;
     report.json["comments"] = list.comments;
     report.json["added"] = import.added;
+    report.json["read"] = static_cast<int64_t>(list.rules.size());
     report.json["alreadyPresent"] = import.alreadyPresent;
     report.table.add("profile", profileID);
     report.table.add("lines",
                      std::to_string(list.lines) + " (" + plural(list.comments, "comment") + ")");
-    report.table.add("imported", plural(import.added, "rule"));
+    report.table.add("read", plural(list.rules.size(), "rule"));
     Json byKind = Json::object();
+    Json leftOut = Json::object();
     for (int64_t action : {ActionCode::kBlock, ActionCode::kHide, ActionCode::kBlockCookies,
                            ActionCode::kException, ActionCode::kUpgradeHTTPS}) {
         const int64_t count = list.rulesByAction[static_cast<size_t>(action)];
         byKind[std::string(actionName(action))] = count;
+        leftOut[std::string(actionName(action))] =
+            import.leftOutByAction[static_cast<size_t>(action)];
         report.table.add("  " + std::string(actionName(action)), std::to_string(count));
     }
     report.json["rulesByKind"] = std::move(byKind);
     if (import.alreadyPresent > 0) {
         report.table.add("already in the profile", std::to_string(import.alreadyPresent));
+    }
+    report.json["hideRulesJoined"] = import.hideRulesJoined;
+    if (import.hideRulesJoined > 0) {
+        report.table.add("hiding rules joined",
+                         std::to_string(import.hideRulesJoined) + " (into rules of up to " +
+                             std::to_string(ImportBudget::kSelectorsPerHideRule) + " selectors)");
+    }
+    report.table.add("imported", plural(import.added, "rule"));
+    report.json["budget"] = import.slots;
+    report.json["leftOut"] = std::move(leftOut);
+    if (import.leftOut() > 0) {
+        report.table.add("left out", plural(import.leftOut(), "rule") + " (room for " +
+                                         std::to_string(import.slots) + "; see --help)");
+        for (int64_t action : {ActionCode::kBlock, ActionCode::kHide, ActionCode::kBlockCookies,
+                               ActionCode::kUpgradeHTTPS}) {
+            if (const int64_t count = import.leftOutByAction[static_cast<size_t>(action)]) {
+                report.table.add("  " + std::string(actionName(action)), std::to_string(count));
+            }
+        }
+    }
+    Json displaced = Json::object();
+    for (int64_t action : {ActionCode::kBlock, ActionCode::kHide, ActionCode::kBlockCookies,
+                           ActionCode::kUpgradeHTTPS}) {
+        displaced[std::string(actionName(action))] =
+            import.displacedByAction[static_cast<size_t>(action)];
+    }
+    report.json["removedFromEarlierLists"] = std::move(displaced);
+    if (import.displaced() > 0) {
+        report.table.add("removed from earlier lists",
+                         plural(import.displaced(), "rule") + " (ranked below this list's)");
+    }
+    if (import.leftOut() + import.displaced() > 0) {
+        report.notes.push_back(
+            "The content blocker takes at most " + std::to_string(kMaximumRuleCount) +
+            " rules and " + std::to_string(ImportBudget::kUserRuleReserve) +
+            " stay free for your own website lists and picked elements; " +
+            plural(import.leftOut() + import.displaced(), "rule") +
+            " of the profile's lists did not fit (stonewall profile import --help says which "
+            "stay).");
     }
     report.json["hideExceptionsApplied"] = list.hideExceptionsApplied;
     if (list.hideExceptionsApplied > 0) {
@@ -249,10 +294,11 @@ void runProfileImport(const CommonOptions& common, const std::string& profileID,
     }
     report.json["skipped"] = std::move(skipped);
 
-    if (import.added > 0 && engine->sharedData()->activeProfileID == profileID) {
+    const bool changed = import.added > 0 || import.displaced() > 0;
+    if (changed && engine->sharedData()->activeProfileID == profileID) {
         engine->connectProfileDatabase();
         reloadActiveProfile(session, *engine, report);
-    } else if (import.added > 0) {
+    } else if (changed) {
         report.notes.push_back("Profile " + profileID +
                                " is not the active one; its rules take effect once it is "
                                "activated (stonewall profile activate " +

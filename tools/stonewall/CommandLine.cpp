@@ -12,6 +12,7 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "Report.h"
+#include "application/ImportBudget.h"
 
 #ifndef STONEWALL_VERSION
 #define STONEWALL_VERSION "unknown"
@@ -70,6 +71,23 @@ struct Subcommand {
     void (*options)(CLI::App& command, Arguments& arguments);
     void (*run)(const Arguments& arguments, Report& report);
 };
+
+// "profile import --help": the syntax it reads and the budget's policy.
+const char* importDetails() {
+    static const std::string details =
+        "Reads \"!\" comments, \"||host^\" and \"|\" anchors, \"*\" and \"^\", \"$\" options\n"
+        "(resource types, third-party, domain= with ~, match-case, cookie,\n"
+        "csp=upgrade-insecure-requests), \"@@\" exceptions and \"##\"/\"#@#\" element\n"
+        "hiding. Lines WebKit cannot express are skipped and counted by reason; rules\n"
+        "the profile holds already are not added again. The active profile is\n"
+        "compiled and reloaded.\n\n"
+        "The content blocker takes at most 50000 rules. An import fills what that\n"
+        "leaves, less 1000 rules kept free for your own website lists and picked\n"
+        "elements and less the rules of lists imported before (they share it).\n"
+        "Which rules stay (docs/filter-lists.md):\n" +
+        std::string(ImportBudget::kPolicy);
+    return details.c_str();
+}
 
 // An empty value would silently mean "the default"; say so instead.
 CLI::Validator NotEmpty() {
@@ -191,13 +209,7 @@ const Subcommand kSubcommands[] = {
          runProfileRemove(arguments.common, arguments.profileID, report);
      }},
     {"profile import", "Add the rules of an adblock filter list (EasyList syntax) to a profile",
-     "Reads \"!\" comments, \"||host^\" and \"|\" anchors, \"*\" and \"^\", \"$\" options\n"
-     "(resource types, third-party, domain= with ~, match-case, cookie,\n"
-     "csp=upgrade-insecure-requests), \"@@\" exceptions and \"##\"/\"#@#\" element\n"
-     "hiding. Lines WebKit cannot express are skipped and counted by reason; rules\n"
-     "the profile holds already are not added again. The active profile is\n"
-     "compiled and reloaded.",
-     Waits::Yes,
+     importDetails(), Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
          profileIDArgument(command, arguments);
          command.add_option("FILE", arguments.file, "The filter list, or - for standard input")
