@@ -68,9 +68,9 @@ const TYPE_OPTIONS = {
   media: 'media', other: 'other', popup: 'popup',
 };
 // Options the import reads (its help text); anything else on a network filter is
-// an option the import skips.
-const READ_OPTIONS = new Set([...Object.keys(TYPE_OPTIONS), 'third-party', '3p', 'first-party', '1p',
-  'domain', 'match-case', 'cookie', 'csp']);
+// an option the import skips. $object has no WebKit resource type.
+const READ_OPTIONS = new Set([...Object.keys(TYPE_OPTIONS).filter((t) => t !== 'object'), 'third-party', '3p',
+  'first-party', '1p', 'domain', 'match-case', 'cookie', 'csp']);
 
 function parseFilter(line, list) {
   const raw = line.trim();
