@@ -56,10 +56,13 @@ RuleListRepair dropRejectedRules(size_t ruleCount, const Error& fullListError,
         }
         repair.dropped.push_back(DroppedRule{repair.kept[*rejected.index], rejected.error});
         repair.kept.erase(repair.kept.begin() + static_cast<long>(*rejected.index));
+        // Nothing left: every rule was rejected and dropped; the caller
+        // decides what an empty list stands for.
+        if (repair.kept.empty()) return repair;
         std::optional<Error> next = compile(repair.kept);
         if (!next) return repair;
         verdict = std::move(*next);
-        if (repair.kept.empty() || verdict == emptyListError) {
+        if (verdict == emptyListError) {
             repair.error = verdict;
             return repair;
         }

@@ -62,7 +62,9 @@ struct RuleListRepair {
 
 // Precondition as findFirstRejectedRule: the whole list was rejected with
 // `fullListError`. Drops the first rejected rule and tries again, at most
-// `maximumDrops` times; each round costs O(log n) compiles.
+// `maximumDrops` times; each round costs O(log n) compiles. When every rule
+// is dropped, `kept` is empty and no error is set: the caller says what an
+// empty list stands for.
 RuleListRepair dropRejectedRules(size_t ruleCount, const Error& fullListError,
                                  const std::optional<Error>& emptyListError,
                                  const RuleSubsetCompiler& compile, size_t maximumDrops);

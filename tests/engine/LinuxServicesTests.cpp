@@ -9,6 +9,7 @@
 
 #include "ProfileGenerator.h"
 #include "engine/CompanionController.h"
+#include "platform/RuleListSplit.h"
 #include "platform/linux/LinuxServices.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "platform/testing/TestPlatform.h"
@@ -79,8 +80,11 @@ TEST_F(LinuxServicesTest, WebKitAcceptsARealisticProfile) {
     auto suite = platform::defaults().suiteNamed(platform::testing::kTestApplicationGroup);
     suite->synchronize();
     EXPECT_EQ(suite->integerForKey("blockerReloadType"), 2);
-    EXPECT_FALSE(Manager::lookUpRuleList(Manager::storePathForContainer(container()),
-                                         Manager::kContentBlockerIdentifier));
+    for (size_t part = 0; part < platform::kRuleListParts; ++part) {
+        EXPECT_FALSE(Manager::lookUpRuleList(
+            Manager::storePathForContainer(container()),
+            platform::ruleListPartIdentifier(Manager::kContentBlockerIdentifier, part)));
+    }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <future>
 #include <thread>
 
+#include "platform/RuleListSplit.h"
 #include "platform/linux/CompiledRuleListCache.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
@@ -70,7 +71,7 @@ TEST_F(WebKitContentBlockerManagerTest, TheSynchronousHelperWorksFromAnyThread) 
     EXPECT_EQ(Manager::compileRuleList(store, "", kBlockRule)->domain, Manager::kErrorDomain);
 }
 
-TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByTheIdentifier) {
+TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByThePartIdentifiers) {
     // The cache relies on WebKit's file names: the current list must be the
     // very file WebKit wrote for the entry, and load as the identifier's.
     const CompiledRuleListCache names(manager.storePath(), nullptr, nullptr);
@@ -82,8 +83,14 @@ TEST_F(WebKitContentBlockerManagerTest, ListsCompiledBeforeAreWhatWebKitLoadsByT
         setDefaults(std::nullopt, status);
         ASSERT_EQ(reload(), std::nullopt);
         const std::string source = status == 2 ? Manager::kAllowEverythingRuleList : kBlockRule;
-        EXPECT_TRUE(fs::equivalent(names.currentListPath(id), names.entryPath(id, source)));
-        EXPECT_EQ(Manager::lookUpRuleList(manager.storePath(), id), std::nullopt);
+        const auto parts = platform::splitRuleList(source);
+        ASSERT_TRUE(parts);
+        for (size_t index = 0; index < parts->size(); ++index) {
+            const std::string part = platform::ruleListPartIdentifier(id, index);
+            EXPECT_TRUE(fs::equivalent(names.currentListPath(part),
+                                       names.entryPath(part, (*parts)[index].json)));
+            EXPECT_EQ(Manager::lookUpRuleList(manager.storePath(), part), std::nullopt);
+        }
     }
 }
 

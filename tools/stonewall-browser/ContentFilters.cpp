@@ -7,12 +7,15 @@
 
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
+#include "platform/RuleListSplit.h"
+#include "platform/linux/CompiledRuleListCache.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall::browser {
 
 namespace fs = std::filesystem;
+using platform::kRuleListParts;
 using platform::gnulinux::WebKitContentBlockerManager;
 
 namespace {
@@ -21,19 +24,67 @@ Error ourError(int64_t code, std::string message) {
     return Error{WebKitContentBlockerManager::kErrorDomain, code, std::move(message)};
 }
 
-struct Request {
-    std::shared_ptr<ContentFilters> self;
-    std::function<void(WebKitUserContentFilter*, GError*)> finish;
-};
+std::string partIdentifier(size_t index) {
+    return platform::ruleListPartIdentifier(WebKitContentBlockerManager::kContentBlockerIdentifier,
+                                            index);
+}
 
 }  // namespace
 
+// The store calls of one reload or start, finished when the last one answers.
+struct ContentFilters::Batch {
+    std::shared_ptr<ContentFilters> self;
+    std::vector<WebKitUserContentFilter*> filters;  // the new set, one reference each
+    std::vector<std::string> keys;
+    size_t pending = 0;
+    std::optional<Error> error;
+    std::function<void(Batch&)> finish;
+
+    ~Batch() {
+        for (WebKitUserContentFilter* filter : filters) {
+            if (filter) webkit_user_content_filter_unref(filter);
+        }
+    }
+
+    // Called on the main thread by each answer of the store.
+    static void answered(Batch* batch, size_t index, WebKitUserContentFilter* filter,
+                         GError* error) {
+        if (filter) {
+            if (batch->filters[index]) webkit_user_content_filter_unref(batch->filters[index]);
+            batch->filters[index] = filter;
+        } else if (!batch->error) {
+            batch->error =
+                error ? Error{g_quark_to_string(error->domain), error->code, error->message}
+                      : ourError(WebKitContentBlockerManager::kStoreUnusable,
+                                 "The content-filter store gave no rule list.");
+        }
+        if (error) g_error_free(error);
+        if (--batch->pending == 0) {
+            std::unique_ptr<Batch> owned(batch);
+            owned->finish(*owned);
+        }
+    }
+};
+
 ContentFilters::ContentFilters(std::string containerPath, std::string defaultsPath)
-    : containerPath_(std::move(containerPath)), defaultsPath_(std::move(defaultsPath)) {}
+    : containerPath_(std::move(containerPath)),
+      defaultsPath_(std::move(defaultsPath)),
+      filters_(kRuleListParts, nullptr),
+      keys_(kRuleListParts) {}
 
 ContentFilters::~ContentFilters() {
-    if (filter_) webkit_user_content_filter_unref(filter_);
+    for (WebKitUserContentFilter* filter : filters_) {
+        if (filter) webkit_user_content_filter_unref(filter);
+    }
     if (store_) g_object_unref(store_);
+}
+
+WebKitUserContentFilterStore* ContentFilters::store() {
+    if (!store_) {
+        store_ = webkit_user_content_filter_store_new(
+            WebKitContentBlockerManager::storePathForContainer(containerPath_).c_str());
+    }
+    return store_;
 }
 
 bool ContentFilters::blockingOff() const {
@@ -43,51 +94,69 @@ bool ContentFilters::blockingOff() const {
 
 void ContentFilters::addContentManager(WebKitUserContentManager* manager) {
     managers_.push_back(manager);
-    if (filter_) webkit_user_content_manager_add_filter(manager, filter_);
+    for (WebKitUserContentFilter* filter : filters_) {
+        if (filter) webkit_user_content_manager_add_filter(manager, filter);
+    }
 }
 
 void ContentFilters::removeContentManager(WebKitUserContentManager* manager) {
     managers_.erase(std::remove(managers_.begin(), managers_.end(), manager), managers_.end());
 }
 
-void ContentFilters::setFilter(WebKitUserContentFilter* filter) {
-    if (filter_) webkit_user_content_filter_unref(filter_);
-    filter_ = filter ? webkit_user_content_filter_ref(filter) : nullptr;
+void ContentFilters::setFilters(std::vector<WebKitUserContentFilter*> filters) {
+    filters.resize(kRuleListParts, nullptr);
+    for (WebKitUserContentFilter* filter : filters_) {
+        if (filter) webkit_user_content_filter_unref(filter);
+    }
+    filters_ = std::move(filters);
+    const bool filtering =
+        std::any_of(filters_.begin(), filters_.end(), [](auto* filter) { return filter; });
     for (WebKitUserContentManager* manager : managers_) {
         webkit_user_content_manager_remove_all_filters(manager);
-        if (filter_) webkit_user_content_manager_add_filter(manager, filter_);
+        for (WebKitUserContentFilter* filter : filters_) {
+            if (filter) webkit_user_content_manager_add_filter(manager, filter);
+        }
     }
-    if (filterChanged_) filterChanged_(filter_ != nullptr);
+    if (filterChanged_) filterChanged_(filtering);
 }
 
 void ContentFilters::applyStoredList(std::function<void(bool)> done) {
-    if (!store_) {
-        store_ = webkit_user_content_filter_store_new(
-            WebKitContentBlockerManager::storePathForContainer(containerPath_).c_str());
-    }
     if (blockingOff()) {
-        setFilter(nullptr);
+        setFilters({});
         if (done) done(true);
         return;
     }
-    auto* request =
-        new Request{shared_from_this(), [this, done](WebKitUserContentFilter* filter, GError*) {
-                        // No stored list yet: nothing to apply.
-                        setFilter(filter);
-                        if (done) done(filter != nullptr);
-                    }};
-    webkit_user_content_filter_store_load(
-        store_, WebKitContentBlockerManager::kContentBlockerIdentifier, nullptr,
-        +[](GObject* store, GAsyncResult* result, gpointer data) {
-            std::unique_ptr<Request> request(static_cast<Request*>(data));
-            GError* error = nullptr;
-            WebKitUserContentFilter* filter = webkit_user_content_filter_store_load_finish(
-                WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-            request->finish(filter, error);
-            if (filter) webkit_user_content_filter_unref(filter);
-            if (error) g_error_free(error);
-        },
-        request);
+    auto* batch = new Batch{shared_from_this(),
+                            std::vector<WebKitUserContentFilter*>(kRuleListParts, nullptr),
+                            std::vector<std::string>(kRuleListParts),
+                            kRuleListParts,
+                            std::nullopt,
+                            nullptr};
+    batch->finish = [this, done](Batch& finished) {
+        // A store without every part has not been compiled yet: nothing to apply.
+        const bool found = !finished.error;
+        if (found) {
+            keys_.assign(kRuleListParts, std::string());  // sources unknown: compile anew
+            setFilters(std::exchange(finished.filters, {}));
+        }
+        if (done) done(found);
+    };
+    struct Call {
+        Batch* batch;
+        size_t index;
+    };
+    for (size_t index = 0; index < kRuleListParts; ++index) {
+        webkit_user_content_filter_store_load(
+            store(), partIdentifier(index).c_str(), nullptr,
+            +[](GObject* store, GAsyncResult* result, gpointer data) {
+                std::unique_ptr<Call> call(static_cast<Call*>(data));
+                GError* error = nullptr;
+                WebKitUserContentFilter* filter = webkit_user_content_filter_store_load_finish(
+                    WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
+                Batch::answered(call->batch, call->index, filter, error);
+            },
+            new Call{batch, index});
+    }
 }
 
 void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& identifier,
@@ -102,14 +171,11 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
                               "No content blocker has the identifier \"" + identifier + "\"."));
             return;
         }
-        if (!self->store_) {
-            self->store_ = webkit_user_content_filter_store_new(
-                WebKitContentBlockerManager::storePathForContainer(self->containerPath_).c_str());
-        }
         // Blocking off: the views get no filter at all, which is what the
         // empty list would give them, without compiling anything.
         if (self->blockingOff()) {
-            self->setFilter(nullptr);
+            self->setFilters({});
+            self->keys_.assign(kRuleListParts, std::string());
             complete(std::nullopt);
             return;
         }
@@ -120,8 +186,8 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
                               "No usable active profile is set in the shared defaults."));
             return;
         }
-        const fs::path file = fs::path(self->containerPath_) / ".Profiles" /
-                              ("profile_" + *profile + "_unarchive.json");
+        const fs::path file = fs::path(self->containerPath_) / ContainerLayout::kProfilesFolder /
+                              ContainerLayout::ruleListFileName(*profile);
         std::ifstream stream(file, std::ios::binary);
         if (!stream) {
             complete(ourError(WebKitContentBlockerManager::kRuleListMissing,
@@ -131,30 +197,66 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
         std::ostringstream text;
         text << stream.rdbuf();
         const std::string json = std::move(text).str();
-        GBytes* source = g_bytes_new(json.data(), json.size());
-        auto* request = new Request{
-            self,
-            [self, handler = std::move(handler)](WebKitUserContentFilter* filter, GError* error) {
-                if (filter) self->setFilter(filter);
-                if (handler) {
-                    handler(error ? std::optional<Error>(Error{g_quark_to_string(error->domain),
-                                                               error->code, error->message})
-                                  : std::nullopt);
-                }
-            }};
-        webkit_user_content_filter_store_save(
-            self->store_, WebKitContentBlockerManager::kContentBlockerIdentifier, source, nullptr,
-            +[](GObject* store, GAsyncResult* result, gpointer data) {
-                std::unique_ptr<Request> request(static_cast<Request*>(data));
-                GError* error = nullptr;
-                WebKitUserContentFilter* filter = webkit_user_content_filter_store_save_finish(
-                    WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-                request->finish(filter, error);
-                if (filter) webkit_user_content_filter_unref(filter);
-                if (error) g_error_free(error);
-            },
-            request);
-        g_bytes_unref(source);
+        std::vector<platform::RuleListPart> parts;
+        if (auto split = platform::splitRuleList(json)) {
+            parts = std::move(*split);
+        } else {
+            // Not a rule list: WebKit gives its verdict on the whole text.
+            parts.assign(kRuleListParts,
+                         platform::RuleListPart{std::string(platform::kEmptyRuleListPart), {}});
+            parts[0].json = json;
+        }
+
+        // The parts whose source is what the applied filter was made from
+        // stay; the others are compiled.
+        auto* batch = new Batch{self,
+                                std::vector<WebKitUserContentFilter*>(kRuleListParts),
+                                std::vector<std::string>(kRuleListParts),
+                                0,
+                                std::nullopt,
+                                nullptr};
+        for (size_t index = 0; index < kRuleListParts; ++index) {
+            batch->keys[index] =
+                platform::gnulinux::CompiledRuleListCache::contentKey(parts[index].json);
+            if (self->filters_[index] && batch->keys[index] == self->keys_[index]) {
+                batch->filters[index] = webkit_user_content_filter_ref(self->filters_[index]);
+            } else {
+                ++batch->pending;
+            }
+        }
+        batch->finish = [handler = std::move(handler)](Batch& finished) {
+            ContentFilters& filters = *finished.self;
+            // A part WebKit refused leaves the whole set as it was.
+            if (!finished.error) {
+                filters.keys_ = std::move(finished.keys);
+                filters.setFilters(std::exchange(finished.filters, {}));
+            }
+            if (handler) handler(finished.error);
+        };
+        if (batch->pending == 0) {
+            std::unique_ptr<Batch> owned(batch);
+            owned->finish(*owned);
+            return;
+        }
+        struct Call {
+            Batch* batch;
+            size_t index;
+        };
+        for (size_t index = 0; index < kRuleListParts; ++index) {
+            if (batch->filters[index]) continue;
+            GBytes* source = g_bytes_new(parts[index].json.data(), parts[index].json.size());
+            webkit_user_content_filter_store_save(
+                self->store(), partIdentifier(index).c_str(), source, nullptr,
+                +[](GObject* store, GAsyncResult* result, gpointer data) {
+                    std::unique_ptr<Call> call(static_cast<Call*>(data));
+                    GError* error = nullptr;
+                    WebKitUserContentFilter* filter = webkit_user_content_filter_store_save_finish(
+                        WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
+                    Batch::answered(call->batch, call->index, filter, error);
+                },
+                new Call{batch, index});
+            g_bytes_unref(source);
+        }
     });
 }
 

@@ -16,6 +16,7 @@
 
 #include "platform/Platform.h"
 #include "platform/RuleListBisect.h"
+#include "platform/RuleListSplit.h"
 #include "platform/linux/CompiledRuleListCache.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/GLibThread.h"
@@ -139,8 +140,12 @@ std::vector<WebKitContentBlockerManager::DroppedRule>& droppedRules() {
 // original error when no such list exists.
 std::optional<Error> loadWithoutRejectedRules(const std::string& storePath,
                                               const std::string& identifier,
-                                              const std::string& ruleList, const Error& error) {
-    const nlohmann::json list = nlohmann::json::parse(ruleList, nullptr, false);
+                                              const RuleListPart& part, const Error& error) {
+    const nlohmann::json list = nlohmann::json::parse(part.json, nullptr, false);
+    // Reports name a rule by its place in the whole list.
+    auto wholeListIndex = [&](size_t index) {
+        return index < part.indexes.size() ? part.indexes[index] : index;
+    };
     if (!list.is_array() || list.empty()) return error;
     std::error_code ignored;
     std::string scratch = (fs::path(storePath).parent_path() / ".repair-XXXXXX").string();
@@ -162,22 +167,27 @@ std::optional<Error> loadWithoutRejectedRules(const std::string& storePath,
         kMaximumDroppedRules);
     fs::remove_all(scratch, ignored);
     if (repair.error) return error;
-    std::optional<Error> outcome = compileRules(repair.kept, storePath);
+    // A part whose every rule was rejected still has to replace what it held.
+    std::optional<Error> outcome = repair.kept.empty()
+                                       ? WebKitContentBlockerManager::compileRuleList(
+                                             storePath, identifier, std::string(kEmptyRuleListPart))
+                                       : compileRules(repair.kept, storePath);
     if (outcome) return error;
     std::lock_guard lock(droppedMutex());
     for (const DroppedRule& dropped : repair.dropped) {
         std::string rule =
             list[dropped.index].dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         // Both phases of a reload load the same list: one report per rule.
-        const bool known = std::any_of(
-            droppedRules().begin(), droppedRules().end(),
-            [&](const auto& seen) { return seen.index == dropped.index && seen.rule == rule; });
+        const size_t index = wholeListIndex(dropped.index);
+        const bool known =
+            std::any_of(droppedRules().begin(), droppedRules().end(),
+                        [&](const auto& seen) { return seen.index == index && seen.rule == rule; });
         if (known) continue;
         platform::log(LogLevel::Error, "content blocker " + identifier + ": left out rule " +
-                                           std::to_string(dropped.index) + " " +
-                                           rule.substr(0, 200) + ": " + dropped.error.message);
-        droppedRules().push_back(WebKitContentBlockerManager::DroppedRule{
-            dropped.index, std::move(rule), dropped.error});
+                                           std::to_string(index) + " " + rule.substr(0, 200) +
+                                           ": " + dropped.error.message);
+        droppedRules().push_back(
+            WebKitContentBlockerManager::DroppedRule{index, std::move(rule), dropped.error});
     }
     return std::nullopt;
 }
@@ -190,8 +200,11 @@ struct WebKitContentBlockerManager::Worker {
     GLibThread thread{"stonewall-cb"};
     CompiledRuleListCache cache;
 
+    // Each part of the list keeps its own recent entries.
     explicit Worker(const std::string& storePath)
-        : cache(storePath, &compileWithModule, [] { return webKitLibraryPath(); }) {}
+        : cache(
+              storePath, &compileWithModule, [] { return webKitLibraryPath(); },
+              CompiledRuleListCache::Limits{6 * kRuleListParts, uintmax_t{512} << 20}) {}
 };
 
 WebKitContentBlockerManager::WebKitContentBlockerManager(std::string containerPath,
@@ -274,12 +287,29 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
         }
         const auto owner = worker.lock();
         if (!owner) return;  // the service is gone
-        auto outcome = owner->cache.install(identifier, ruleList);
-        if (outcome.error && outcome.error->domain == kWebKitFilterErrorDomain) {
-            outcome.error = loadWithoutRejectedRules(storePath, identifier, std::string(ruleList),
-                                                     *outcome.error);
+        // The list goes to WebKit in parts, and only the parts whose rules
+        // changed are compiled (RuleListSplit.h). Text that is no rule list
+        // goes whole, for WebKit's own verdict.
+        std::vector<RuleListPart> parts;
+        if (auto split = splitRuleList(ruleList)) {
+            parts = std::move(*split);
+        } else {
+            parts.assign(kRuleListParts, RuleListPart{std::string(kEmptyRuleListPart), {}});
+            parts[0] = RuleListPart{std::string(ruleList), {}};
         }
-        complete(std::move(outcome.error), outcome.compiled);
+        std::optional<Error> firstError;
+        bool compiled = false;
+        for (size_t index = 0; index < parts.size(); ++index) {
+            const std::string part = ruleListPartIdentifier(identifier, index);
+            auto outcome = owner->cache.install(part, parts[index].json);
+            if (outcome.error && outcome.error->domain == kWebKitFilterErrorDomain) {
+                outcome.error =
+                    loadWithoutRejectedRules(storePath, part, parts[index], *outcome.error);
+            }
+            compiled |= outcome.compiled;
+            if (outcome.error && !firstError) firstError = std::move(outcome.error);
+        }
+        complete(std::move(firstError), compiled);
     });
 }
 

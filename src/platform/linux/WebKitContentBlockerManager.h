@@ -23,13 +23,16 @@ namespace stonewall::platform::gnulinux {
 // used instead. The compiled list goes into the store folder
 // "<container>/Library/ContentBlockers" (storePathForContainer).
 //
-// The contract for browsers: the CURRENT list of a content blocker is always
-// the one stored under its identifier in that folder (WebKit keeps it as
-// "ContentRuleList-<identifier>"); load it by the identifier, e.g. with
-// lookUpRuleList or webkit_user_content_filter_store_load. Lists compiled
-// before are kept for reuse by content in a subfolder (see
-// CompiledRuleListCache), so a reload of a list compiled before is a look-up
-// that never loads WebKit.
+// The contract for browsers: the CURRENT list of a content blocker is stored
+// in that folder as kRuleListParts lists that apply side by side (see
+// RuleListSplit.h), under the identifiers ruleListPartIdentifier(identifier,
+// 0 ... kRuleListParts - 1) (WebKit keeps each as "ContentRuleList-<id>");
+// load every part, e.g. with lookUpRuleList or
+// webkit_user_content_filter_store_load, and add them all to a content
+// manager. Parts compiled before are kept for reuse by content in a
+// subfolder (see CompiledRuleListCache), so a reload compiles only the parts
+// whose rules changed, and a reload of a list compiled before never loads
+// WebKit.
 //
 // The completion gets no error, WebKit's own error (domain
 // "WebKitUserContentFilterError", its code and message), or one of ours in
