@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "utilities/PunycodeAdditions.h"
+#include "utilities/Unicode.h"
 
 namespace stonewall {
 namespace {
@@ -423,6 +424,9 @@ class Parser {
             ++result_.comments;
             return;
         }
+        // A comment is dropped whatever its bytes; a rule with bytes that are
+        // not UTF-8 could only be stored as a broken selector or pattern.
+        if (!unicode::isValidUTF8(text)) return skip(SkipReason::kInvalidUTF8);
         if (const CosmeticMarker cosmetic = findCosmeticMarker(text);
             cosmetic.position != std::string_view::npos) {
             return elementHiding(text.substr(0, cosmetic.position), cosmetic.marker,
@@ -647,29 +651,6 @@ class Parser {
     std::vector<HideException> exceptions_;
 };
 
-bool isValidUTF8(std::string_view text) {
-    size_t i = 0;
-    while (i < text.size()) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        size_t length = 1;
-        if (byte >= 0xF0 && byte <= 0xF4) {
-            length = 4;
-        } else if (byte >= 0xE0) {
-            length = 3;
-        } else if (byte >= 0xC2 && byte < 0xE0) {
-            length = 2;
-        } else if (byte >= 0x80) {
-            return false;
-        }
-        if (byte >= 0xF5 || i + length > text.size()) return false;
-        for (size_t k = 1; k < length; ++k) {
-            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
-        }
-        i += length;
-    }
-    return true;
-}
-
 bool looksLikeHostsLine(std::string_view line) {
     for (std::string_view address : {"0.0.0.0", "127.0.0.1", "::1", "::"}) {
         if (startsWith(line, address) && line.size() > address.size() &&
@@ -700,9 +681,12 @@ int64_t FilterListImport::skippedCount() const {
 }
 
 std::optional<std::string> FilterListParser::checkFormat(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos || !isValidUTF8(text)) {
-        return "is not a text file (binary data or not UTF-8)";
-    }
+    constexpr const char* kNotText = "is not a text file (binary data or not UTF-8)";
+    if (text.find('\0') != std::string_view::npos) return kNotText;
+    // Text with a few lines in another encoding (a Latin-1 selector) is read
+    // without those lines; when they are half the rule lines or more, the
+    // file is taken for binary data.
+    const bool allUTF8 = unicode::isValidUTF8(text);
     if (startsWith(text, "\xEF\xBB\xBF")) text.remove_prefix(3);
     const std::string_view start = trimmed(text.substr(0, 256));
     if (startsWith(start, "{") ||
@@ -710,7 +694,7 @@ std::optional<std::string> FilterListParser::checkFormat(std::string_view text) 
          !startsWith(start, "[uBlock") && !startsWith(start, "[AdGuard"))) {
         return "is JSON (a content-blocker rule list?), not an adblock filter list";
     }
-    int64_t ruleLines = 0, hostsLines = 0;
+    int64_t ruleLines = 0, hostsLines = 0, invalidLines = 0;
     forEachLine(text, [&](std::string_view line) {
         line = trimmed(line);
         // "#" starts a comment in hosts files, and an element-hiding rule
@@ -722,8 +706,10 @@ std::optional<std::string> FilterListParser::checkFormat(std::string_view text) 
             return;
         }
         ++ruleLines;
+        if (!allUTF8 && !unicode::isValidUTF8(line)) ++invalidLines;
         if (looksLikeHostsLine(line)) ++hostsLines;
     });
+    if (invalidLines > 0 && invalidLines * 2 >= ruleLines) return kNotText;
     if (ruleLines == 0) return "holds no filter rules (only comments or blank lines)";
     if (hostsLines * 2 > ruleLines) {
         return "is a hosts file (\"0.0.0.0 host\" lines), not an adblock filter list";

@@ -35,6 +35,7 @@ inline constexpr std::string_view kMalformedSelector = "malformed selector";
 inline constexpr std::string_view kUnmatchedHideException =
     "hiding exception without a rule to except";
 inline constexpr std::string_view kDuplicate = "duplicate";
+inline constexpr std::string_view kInvalidUTF8 = "invalid UTF-8";
 }  // namespace SkipReason
 
 struct FilterListImport {

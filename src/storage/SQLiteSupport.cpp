@@ -5,9 +5,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 
 #include "platform/Platform.h"
+#include "utilities/Unicode.h"
 
 namespace stonewall::storage_detail {
 
@@ -50,51 +50,6 @@ void armDeadline() { tDeadline = Clock::now() + kStatementTimeLimit; }
 
 void expireDeadlineForTesting() { tDeadline = Clock::time_point::min(); }
 
-bool isValidUTF8(std::string_view bytes) {
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    const auto* end = p + bytes.size();
-    while (p < end) {
-        // Rule text is nearly all ASCII: skip it eight bytes at a time.
-        while (end - p >= 8) {
-            uint64_t word;
-            std::memcpy(&word, p, sizeof word);
-            if (word & 0x8080808080808080ULL) break;
-            p += 8;
-        }
-        if (p == end) break;
-        const unsigned char c = *p;
-        if (c < 0x80) {
-            ++p;
-            continue;
-        }
-        int length;
-        uint32_t codePoint;
-        if (c >= 0xC2 && c <= 0xDF) {
-            length = 2;
-            codePoint = c & 0x1F;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            length = 3;
-            codePoint = c & 0x0F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            length = 4;
-            codePoint = c & 0x07;
-        } else {
-            return false;  // continuation byte, overlong lead (C0, C1) or F5..FF
-        }
-        if (end - p < length) return false;
-        for (int i = 1; i < length; ++i) {
-            if ((p[i] & 0xC0) != 0x80) return false;
-            codePoint = (codePoint << 6) | (p[i] & 0x3F);
-        }
-        if ((length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000) ||
-            codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-            return false;
-        }
-        p += length;
-    }
-    return true;
-}
-
 namespace {
 
 bool hasColumn(sqlite3_stmt* statement, int column) {
@@ -120,7 +75,7 @@ void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out) 
     // convert the value, and the length is that of the converted text.
     const int length = sqlite3_column_bytes(statement, column);
     const std::string_view bytes(text, static_cast<size_t>(length));
-    if (!isValidUTF8(bytes)) {
+    if (!unicode::isValidUTF8(bytes)) {
         out.reset();
         return;
     }

@@ -47,10 +47,6 @@ void armDeadline();
 // Tests: puts this thread's deadline in the past.
 void expireDeadlineForTesting();
 
-// True when the bytes are well-formed UTF-8 (no overlong forms, surrogates or
-// code points above U+10FFFF).
-[[nodiscard]] bool isValidUTF8(std::string_view bytes);
-
 // The column's text, or null for SQL NULL, for text that is not valid UTF-8
 // (the platform's UTF-8 string constructor gives no string for it), and for
 // a column the row does not have.

@@ -4,6 +4,9 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
+#include <cstdint>
+#include <cstring>
+
 namespace stonewall::unicode {
 
 std::optional<std::u32string> decodeUTF8(std::string_view text) {
@@ -43,8 +46,44 @@ std::optional<std::u32string> decodeUTF8(std::string_view text) {
 }
 
 bool isValidUTF8(std::string_view text) {
-    for (unsigned char b : text) {
-        if (b >= 0x80) return decodeUTF8(text).has_value();
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const auto* end = p + text.size();
+    while (p < end) {
+        // Rule text, hosts and URLs are nearly all ASCII: skip it eight bytes
+        // at a time.
+        while (end - p >= 8) {
+            uint64_t word;
+            std::memcpy(&word, p, sizeof word);
+            if (word & 0x8080808080808080ULL) break;
+            p += 8;
+        }
+        if (p == end) break;
+        const unsigned char b = *p;
+        if (b < 0x80) {
+            ++p;
+            continue;
+        }
+        ptrdiff_t length;
+        char32_t c;
+        if (b >= 0xC2 && b <= 0xDF) {
+            length = 2, c = b & 0x1F;
+        } else if (b >= 0xE0 && b <= 0xEF) {
+            length = 3, c = b & 0x0F;
+        } else if (b >= 0xF0 && b <= 0xF4) {
+            length = 4, c = b & 0x07;
+        } else {
+            return false;  // continuation byte, overlong lead (C0, C1) or F5..FF
+        }
+        if (end - p < length) return false;
+        for (ptrdiff_t i = 1; i < length; ++i) {
+            if ((p[i] & 0xC0) != 0x80) return false;
+            c = (c << 6) | (p[i] & 0x3F);
+        }
+        if ((length == 3 && c < 0x800) || (length == 4 && c < 0x10000) || c > 0x10FFFF ||
+            (c >= 0xD800 && c <= 0xDFFF)) {
+            return false;
+        }
+        p += length;
     }
     return true;
 }

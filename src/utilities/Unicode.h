@@ -1,7 +1,8 @@
 #pragma once
 
-// UTF-8 <-> code point conversions shared by the helpers of this folder.
-// Private to the utilities library.
+// UTF-8 checks and UTF-8 <-> code point conversions. isValidUTF8 is the one
+// check of the program: storage, the filter-list reader and the command line
+// use it too.
 
 #include <cstddef>
 #include <optional>
@@ -13,7 +14,9 @@ namespace stonewall::unicode {
 // The code points of valid UTF-8; std::nullopt for invalid UTF-8 (overlong
 // forms, surrogates, values above U+10FFFF, truncated sequences).
 std::optional<std::u32string> decodeUTF8(std::string_view text);
-bool isValidUTF8(std::string_view text);
+// Whether decodeUTF8 would succeed (RFC 3629), without decoding: ASCII is
+// checked eight bytes at a time.
+[[nodiscard]] bool isValidUTF8(std::string_view text);
 void appendUTF8(std::string& out, char32_t codePoint);
 std::string encodeUTF8(std::u32string_view codePoints);
 

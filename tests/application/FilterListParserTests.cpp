@@ -161,6 +161,18 @@ TEST(FilterListParserTest, CountsCommentsRulesAndSkipsOfAWholeList) {
                                       {std::string(SkipReason::kUnsupportedOption), 1}}));
 }
 
+// A line that is not UTF-8 is skipped, not stored as a rule whose selector
+// storage would read back as null; the lines around it are imported.
+TEST(FilterListParserTest, SkipsLinesOfInvalidUTF8) {
+    const FilterListImport list = FilterListParser::parse(
+        "! Liste f\xFCr Tests\n||a.test^\n##.banner-\xED\xA0\x80x\n##.ad\n"
+        "||b.test/\xC0\x80^\nc.test,d\xF4\x90\x80\x80.test##.ad\n",
+        kList);
+    EXPECT_EQ(std::tie(list.lines, list.comments), std::make_tuple(6, 1));
+    EXPECT_EQ(list.rulesByAction, (std::array<int64_t, 9>{0, 1, 1, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(list.skipped, (decltype(list.skipped){{std::string(SkipReason::kInvalidUTF8), 3}}));
+}
+
 TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
     const std::vector<std::pair<std::string, bool>> cases = {
         {"! EasyList\n||a.test^\n", true},
@@ -168,6 +180,9 @@ TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
         {"# hosts-style comment\n##.ad\n", true},
         {std::string("||a.test^\n\0\x01", 12), false},
         {"||a.test^\n\xff\xfe", false},
+        {"||a.test^\n##.banner-\xED\xA0\x80x\n##.ad\n", true},      // one bad line of three
+        {"! f\xFCr\n! \xFF\n||a.test^\n", true},                    // bad bytes in comments only
+        {"||a.test^\n\xC0\x80\n\xF4\x90\x80\x80\n##.ad\n", false},  // half the rules
         {R"([{"trigger":{"url-filter":".*"},"action":{"type":"block"}}])", false},
         {"  {\"rules\": []}", false},
         {"# hosts\n0.0.0.0 ads.test\n127.0.0.1 b.test\n||c.test^\n", false},

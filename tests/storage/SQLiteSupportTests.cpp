@@ -7,33 +7,6 @@
 namespace stonewall::storage_detail {
 namespace {
 
-TEST(SQLiteSupportTest, UTF8Validation) {
-    const std::pair<std::string, bool> cases[] = {
-        {"", true},
-        {"plain ascii, long enough to take the eight-byte path", true},
-        {"caf\xC3\xA9", true},           // é
-        {"\xF0\x9F\x98\x80", true},      // 😀
-        {"\xF4\x8F\xBF\xBF", true},      // U+10FFFF
-        {std::string("a\0b", 3), true},  // NUL is a character
-        {"\x80", false},                 // lone continuation
-        {"\xC3", false},                 // cut short
-        {"\xC3\x28", false},             // bad continuation
-        {"\xC1\xBF", false},             // overlong lead byte
-        {"\xE0\x80\xAF", false},         // overlong three-byte
-        {"\xF0\x80\x80\xAF", false},     // overlong four-byte
-        {"\xED\xA0\x80", false},         // surrogate U+D800
-        {"\xED\xBF\xBF", false},         // surrogate U+DFFF
-        {"\xF4\x90\x80\x80", false},     // above U+10FFFF
-        {"\xF5\x80\x80\x80", false},
-        {"0123456789abcdef\xE2\x82\xAC"  // €, between two runs of the fast path
-         "0123456789abcdef",
-         true},
-    };
-    for (const auto& [bytes, valid] : cases) {
-        EXPECT_EQ(isValidUTF8(bytes), valid) << ::testing::PrintToString(bytes);
-    }
-}
-
 TEST(SQLiteSupportTest, TimestampsCutTo32Bits) {
     const std::pair<double, int> cases[] = {
         {1700000000.999, 1700000000},

@@ -113,9 +113,11 @@ TEST_F(ProfileCommandsTest, AProfileFromAFilterListThenBlockAndUnblock) {
               "||ads.example.com^\n||track.example.net^$third-party,script\n"
               "@@||ads.example.com/ok.js$script\n||cookies.test^$cookie\n"
               "##.ad-banner\nnews.test#@#.ad-banner\nnews.test##.sponsored\n"
-              "||x.test^$redirect=noop.js\nnews.test#?#div:-abp-has(.ad)\n");
+              "||x.test^$redirect=noop.js\nnews.test#?#div:-abp-has(.ad)\n"
+              "##.banner-\xED\xA0\x80x\n");
     const json imported = runJSON({"profile", "import", work, scratch("list.txt").string()});
     EXPECT_EQ(imported["added"], 6);
+    EXPECT_EQ(imported["skipped"]["invalid UTF-8"], 1);
     EXPECT_EQ(runJSON({"profile", "import", work, scratch("list.txt").string()})["added"], 0);
     const json activated = runJSON({"profile", "activate", work});
     EXPECT_EQ(activated["reload"], "done");

@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <climits>
 #include <cstdio>
 
 #include "Failure.h"
 #include "model/RuleCodes.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "utilities/PunycodeAdditions.h"
+#include "utilities/Unicode.h"
 
 namespace stonewall::tool {
 namespace {
@@ -108,18 +108,9 @@ bool isHostName(std::string_view host) {
 // Long enough for any page a browser shows; the host is all we keep.
 constexpr size_t kMaximumURLLength = 65536;
 
-bool isValidUTF8(std::string_view text) {
-    if (text.size() > static_cast<size_t>(INT32_MAX)) return false;
-    UErrorCode status = U_ZERO_ERROR;
-    int32_t length = 0;
-    u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &status);
-    return status != U_INVALID_CHAR_FOUND &&
-           (U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR);
-}
-
 // Text in a message, with bytes that are not printable ASCII escaped.
 std::string printable(std::string_view text) {
-    const bool keepUnicode = isValidUTF8(text);
+    const bool keepUnicode = unicode::isValidUTF8(text);
     std::string out;
     for (const unsigned char c : text) {
         if ((c >= 0x20 && c < 0x7f && c != '\\') || (c >= 0x80 && keepUnicode)) {
@@ -137,7 +128,7 @@ std::string printable(std::string_view text) {
 
 PageURL requirePageURL(const std::string& text) {
     const std::string subject = "URL \"" + printable(text) + "\"";
-    if (!isValidUTF8(text)) {
+    if (!unicode::isValidUTF8(text)) {
         throw CommandFailure(ExitCode::BadInput, subject, "is not valid UTF-8");
     }
     // "https://" alone would otherwise be read as the host "https".
