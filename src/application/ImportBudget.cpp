@@ -36,7 +36,8 @@ int rank(const ProfileRule& rule) {
 
 std::string triggerKey(const ProfileRule& rule) {
     std::string key;
-    for (const NullableString* field : {&rule.filter, &rule.resources, &rule.loads, &rule.domains}) {
+    for (const NullableString* field :
+         {&rule.filter, &rule.resources, &rule.loads, &rule.domains}) {
         key.push_back(*field ? '+' : '-');
         if (*field) key.append(**field);
         key.push_back('\x1f');

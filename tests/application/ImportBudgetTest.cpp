@@ -1,9 +1,8 @@
 // What an import keeps when the cap leaves no room for all of a list.
 
-#include "application/ImportBudget.h"
-
 #include <gtest/gtest.h>
 
+#include "application/ImportBudget.h"
 #include "model/RuleCodes.h"
 
 namespace stonewall {
@@ -26,13 +25,13 @@ TEST(ImportBudgetTest, KeepsExceptionsThenWhatActsOnEverySite) {
     // In list order; the ranks the policy gives them decide what stays.
     const std::vector<ProfileRule> list = {
         rule(ActionCode::kBlock, host + "site-only\\.test[^a-z]", "*news.test"),  // 0: rank 4
-        rule(ActionCode::kHide, ".*", "*news.test", ".local-ad"),                  // 1: rank 5
-        rule(ActionCode::kBlock, host + "ads\\.test[^a-z]"),                       // 2: rank 3
-        rule(ActionCode::kBlock, host + "ads\\.test/banner"),                      // 3: rank 2
-        rule(ActionCode::kBlock, "/adserver/"),                                    // 4: rank 2
-        rule(ActionCode::kHide, ".*", std::nullopt, ".ad"),                        // 5: rank 1
-        rule(ActionCode::kException, host + "good\\.test[^a-z]"),                  // 6: rank 0
-        rule(ActionCode::kBlockCookies, host + "track\\.test[^a-z]"),              // 7: rank 3
+        rule(ActionCode::kHide, ".*", "*news.test", ".local-ad"),                 // 1: rank 5
+        rule(ActionCode::kBlock, host + "ads\\.test[^a-z]"),                      // 2: rank 3
+        rule(ActionCode::kBlock, host + "ads\\.test/banner"),                     // 3: rank 2
+        rule(ActionCode::kBlock, "/adserver/"),                                   // 4: rank 2
+        rule(ActionCode::kHide, ".*", std::nullopt, ".ad"),                       // 5: rank 1
+        rule(ActionCode::kException, host + "good\\.test[^a-z]"),                 // 6: rank 0
+        rule(ActionCode::kBlockCookies, host + "track\\.test[^a-z]"),             // 7: rank 3
     };
     const std::vector<std::pair<int64_t, std::vector<bool>>> cases = {
         {100, {1, 1, 1, 1, 1, 1, 1, 1}},
@@ -71,7 +70,8 @@ TEST(ImportBudgetTest, JoinsHidingRulesOnlyWhenTheirTriggersAgree) {
     const std::vector<ProfileRule> joined = ImportBudget::joinHideRules(list);
     std::vector<NullableString> selectors;
     for (const ProfileRule& each : joined) selectors.push_back(each.selector);
-    EXPECT_EQ(selectors, (std::vector<NullableString>{".a", std::nullopt, ".b, #d", ".c", ".e", ""}));
+    EXPECT_EQ(selectors,
+              (std::vector<NullableString>{".a", std::nullopt, ".b, #d", ".c", ".e", ""}));
 
     std::vector<ProfileRule> many;
     for (size_t i = 0; i <= ImportBudget::kSelectorsPerHideRule; ++i) {
