@@ -1,11 +1,18 @@
 // Timings of the real browser under a virtual display (run it through
 // scripts/with-display): the popover's first frame after a click on the
 // toolbar button, a blocked-load report to the badge's frame, and page loads
-// with a 50000-rule list applied against the same loads with none.
+// with a 50000-rule list applied against the same loads with none, and the
+// time from confirming "Secure" in the popover until the new filters are in
+// place for the next load.
 //
-//   scripts/with-display build/default/bench/browser/browser_timing [ROUNDS]
+//   scripts/with-display build/default/bench/browser/browser_timing [ROUNDS] [LIST]
+//
+// With LIST (an adblock filter list, e.g. EasyList from scripts/fetch-lists)
+// the profile is that list as `stonewall profile import` makes it, instead
+// of 50000 generated rules.
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -120,7 +127,14 @@ int main(int argc, char** argv) {
     // The default profile: 50000 generated rules, and the two that block the
     // page's ad and tracker, compiled into the content-filter store.
     runStonewall(env, "info");
-    {
+    const char* list = argc > 2 ? argv[2] : nullptr;
+    if (list) {
+        if (runStonewall(env, std::string("profile import defaultProfile '") + list + "'") != 0) {
+            std::fprintf(stderr, "stonewall profile import %s failed\n", list);
+            return 1;
+        }
+    }
+    if (!list) {
         stonewall::platform::gnulinux::LinuxOptions options;
         options.containerPath = (root / "container").string();
         options.resourcePath = STONEWALL_BUILD_RESOURCES;
@@ -145,7 +159,7 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    Series popovers, badges, filtered, unfiltered;
+    Series popovers, badges, filtered, unfiltered, actions;
     {
         BrowserProcess browser(STONEWALL_BROWSER_BINARY, {"--control", server.url("/")}, env);
         if (!browser.waitFor("loaded", std::chrono::seconds(120))) {
@@ -161,6 +175,22 @@ int main(int argc, char** argv) {
             browser.waitFor("popover-closed");
         }
         measureLoads(browser, server.url("/"), rounds, filtered, &badges);
+        // Secure the website from the popover, then take it off the list
+        // from the command, so that every round changes the rule list.
+        for (int i = 0; i < rounds; ++i) {
+            browser.send("popup");
+            browser.waitFor("view 1");
+            browser.send("press secureButton");
+            browser.waitFor("view 4");
+            const auto start = std::chrono::steady_clock::now();
+            browser.send("press websiteDoneButton");
+            if (!browser.waitFor("filter on", std::chrono::seconds(30))) break;
+            actions.values.push_back(
+                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                    .count());
+            browser.waitFor("loaded", std::chrono::seconds(10));
+            runStonewall(env, "unsecure '" + server.url("/") + "'");
+        }
     }
     runStonewall(env, "status off");
     {
@@ -174,6 +204,8 @@ int main(int argc, char** argv) {
                 popovers.median(), popovers.max(), popovers.values.size());
     std::printf("blocked load to badge frame:    median %6.2f ms, max %6.2f ms (%zu reports)\n",
                 badges.median(), badges.max(), badges.values.size());
+    std::printf("secure to filters in place:     median %6.2f ms, max %6.2f ms (%zu rounds)\n",
+                actions.median(), actions.max(), actions.values.size());
     std::printf("page load, 50000-rule list:     median %6.2f ms\n", filtered.median());
     std::printf("page load, no list:             median %6.2f ms\n", unfiltered.median());
     std::printf(

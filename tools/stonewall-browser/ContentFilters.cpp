@@ -120,6 +120,36 @@ void ContentFilters::setFilters(std::vector<WebKitUserContentFilter*> filters) {
     if (filterChanged_) filterChanged_(filtering);
 }
 
+std::vector<std::string> ContentFilters::storedPartKeys() const {
+    // The reload service keeps each stored part as a link to its entry in
+    // the cache, named by the content key of its source; a part that is
+    // that link for the current rule list's part was made from it. Any
+    // other part is compiled again by the first reload.
+    std::vector<std::string> keys(kRuleListParts);
+    platform::gnulinux::FileUserDefaults defaults(defaultsPath_);
+    const auto profile = defaults.stringForKey("activeProfileID");
+    if (!profile || !ContainerLayout::isSafeProfileIdentifier(*profile)) return keys;
+    std::ifstream stream(fs::path(containerPath_) / ContainerLayout::kProfilesFolder /
+                             ContainerLayout::ruleListFileName(*profile),
+                         std::ios::binary);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    const auto parts = platform::splitRuleList(std::move(text).str());
+    if (!stream || !parts) return keys;
+    const platform::gnulinux::CompiledRuleListCache cache(
+        WebKitContentBlockerManager::storePathForContainer(containerPath_), nullptr, nullptr);
+    for (size_t index = 0; index < kRuleListParts; ++index) {
+        const std::string part = partIdentifier(index);
+        std::error_code error;
+        if (fs::equivalent(cache.currentListPath(part), cache.entryPath(part, (*parts)[index].json),
+                           error)) {
+            keys[index] =
+                platform::gnulinux::CompiledRuleListCache::contentKey((*parts)[index].json);
+        }
+    }
+    return keys;
+}
+
 void ContentFilters::applyStoredList(std::function<void(bool)> done) {
     if (blockingOff()) {
         setFilters({});
@@ -136,7 +166,7 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
         // A store without every part has not been compiled yet: nothing to apply.
         const bool found = !finished.error;
         if (found) {
-            keys_.assign(kRuleListParts, std::string());  // sources unknown: compile anew
+            keys_ = storedPartKeys();
             setFilters(std::exchange(finished.filters, {}));
         }
         if (done) done(found);

@@ -56,6 +56,8 @@ class ContentFilters : public platform::ContentBlockerManager,
     void setFilters(std::vector<WebKitUserContentFilter*> filters);
     bool blockingOff() const;
     WebKitUserContentFilterStore* store();
+    // The content key of each stored part's source, where it is known.
+    std::vector<std::string> storedPartKeys() const;
 
     std::string containerPath_;
     std::string defaultsPath_;
