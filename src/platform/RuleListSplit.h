@@ -37,9 +37,9 @@ struct RuleListPart {
     std::vector<size_t> indexes;  // each of its rules' index in the whole list
 };
 
-// The kRuleListParts parts of a JSON array of rule objects, or none when
-// the text is not one (the caller then hands WebKit the whole text, for its
-// own verdict). Reads the text once; allocates the parts only.
+// The kRuleListParts parts of a JSON array of objects, or none when the
+// text is not one (the caller then hands WebKit the whole text, for its own
+// verdict on it).
 std::optional<std::vector<RuleListPart>> splitRuleList(std::string_view json);
 
 // The identifier the part `index` of a content blocker's list is stored
