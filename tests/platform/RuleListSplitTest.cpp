@@ -1,12 +1,12 @@
 // A rule list applied in parts decides every request as the whole list does.
 
-#include "platform/RuleListSplit.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
+
+#include "platform/RuleListSplit.h"
 
 namespace stonewall::platform {
 namespace {
@@ -43,7 +43,8 @@ Outcome decide(const json& list, const Request& request) {
             continue;
         if (trigger.contains("if-top-url") && !anyMatches(trigger["if-top-url"], request.top))
             continue;
-        if (trigger.contains("unless-top-url") && anyMatches(trigger["unless-top-url"], request.top))
+        if (trigger.contains("unless-top-url") &&
+            anyMatches(trigger["unless-top-url"], request.top))
             continue;
         const std::string type = rule["action"]["type"];
         if (type == "ignore-previous-rules") {
@@ -95,8 +96,9 @@ TEST(RuleListSplitTest, PartsTogetherDecideEveryRequestAsTheWholeList) {
                             "https://bank.test/", "https://other.test/"}) {
         for (const char* url :
              {"https://ads1.test/x.js", "https://ads7.test/ok.js", "https://ads7.test/no.js",
-              "http://ads3.test/", "https://cdn.test/banner/1.png", "https://cdn.test/banner/keep.png",
-              "https://track.test/p", "https://news.test/", "https://early.test/"}) {
+              "http://ads3.test/", "https://cdn.test/banner/1.png",
+              "https://cdn.test/banner/keep.png", "https://track.test/p", "https://news.test/",
+              "https://early.test/"}) {
             for (const char* type : {"script", "image", "document"}) {
                 corpus.push_back({url, top, type});
             }
@@ -147,8 +149,8 @@ TEST(RuleListSplitTest, AChangedRuleRecompilesOnlyThePartsItLeavesAndJoins) {
 }
 
 TEST(RuleListSplitTest, TextThatIsNoRuleListIsLeftToWebKit) {
-    for (const char* text : {"", "{}", "[", "[{]", "[{}", "[{},]", "[{}] x", "[1]",
-                             R"([{"a":"}"])"}) {
+    for (const char* text :
+         {"", "{}", "[", "[{]", "[{}", "[{},]", "[{}] x", "[1]", R"([{"a":"}"])"}) {
         EXPECT_FALSE(splitRuleList(text)) << text;
     }
     const auto empty = splitRuleList(" [ ] ");
