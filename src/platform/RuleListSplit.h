@@ -7,15 +7,20 @@
 // except for "ignore-previous-rules": it cancels the earlier rules of its own
 // list only. So a part holds a share of the list's other rules, in list
 // order, followed by every "ignore-previous-rules" rule that comes after the
-// first of them in the list. A rule of a part is then cancelled by exactly
-// the rules that cancel it in the whole list, and the parts together block,
-// hide, and upgrade exactly what the whole list does. The order of the other
-// rules among themselves carries no meaning, so they are shared out by a
-// hash of their text: a rule stays in its part whatever else changes.
+// first of them in the list and could cancel one of them. A rule of a part
+// is then cancelled by exactly the rules that cancel it in the whole list,
+// and the parts together block, hide and upgrade exactly what the whole
+// list does. The order of the other rules among themselves carries no
+// meaning, so they are shared out by a hash: rules anchored at a host
+// ("||ads.example^") by the host's last two labels, so that an exception
+// anchored at a host needs to follow only one of those parts, and the rest
+// by their text. A rule stays in its part whatever else changes.
 //
 // A change to one rule recompiles one or two parts (a rule whose text
-// changes may move); a change to an "ignore-previous-rules" rule (an allowed
-// website, an exception) recompiles every part that it follows.
+// changes may move); the user's website lists and picked elements live in
+// the small parts of rules without a host. A change to an
+// "ignore-previous-rules" rule that has no host (an allowed website)
+// recompiles every part that it follows.
 
 #include <cstddef>
 #include <optional>

@@ -74,18 +74,24 @@ TEST(RuleListSplitTest, PartsTogetherDecideEveryRequestAsTheWholeList) {
         rule("ignore-previous-rules", "early"),
         rule("block", ".*", {{"if-top-url", site("blocked\\.test")}}),
     });
+    const std::string sep = "[^a-zA-Z0-9_.%-]";
     for (int i = 0; i < 40; ++i) {
-        list.push_back(rule("block", host + "ads" + std::to_string(i) + "\\.test[^a-z0-9]"));
+        list.push_back(rule("block", host + "ads" + std::to_string(i) + "\\.test" + sep));
     }
+    list.push_back(rule("block", host + "sub\\.ads1\\.test" + sep));
+    list.push_back(rule("block", host + "ads\\.co\\.uk:8080/"));
     list.push_back(rule("block", "/banner/", {{"resource-type", {"image"}}}));
-    list.push_back(rule("block-cookies", host + "track\\.test[^a-z0-9]"));
+    list.push_back(rule("block-cookies", host + "track\\.test([^a-zA-Z0-9_.%-].*)?$"));
     list.push_back(rule("css-display-none", ".*", {}, ".ad, .sponsor"));
     list.push_back(rule("css-display-none", ".*", {{"if-top-url", site("news\\.test")}}, "#promo"));
     list.push_back(rule("ignore-previous-rules", ".*", {{"if-top-url", site("shop\\.test")}}));
     list.push_back(rule("ignore-previous-rules", host + "ads7\\.test/ok"));
+    list.push_back(rule("ignore-previous-rules", host + "ads1\\.test/ok"));
+    list.push_back(rule("ignore-previous-rules", host + "test/keep"));
+    list.push_back(rule("ignore-previous-rules", host + "good\\.co\\.uk" + sep));
     list.push_back(rule("ignore-previous-rules", "/banner/keep", {{"resource-type", {"image"}}}));
     list.push_back(rule("make-https", ".*", {{"if-top-url", site("bank\\.test")}}));
-    list.push_back(rule("make-https", host + "ads3\\.test[^a-z0-9]"));
+    list.push_back(rule("make-https", host + "ads3\\.test" + sep));
 
     const auto parts = splitRuleList(list.dump());
     ASSERT_TRUE(parts);
@@ -96,6 +102,8 @@ TEST(RuleListSplitTest, PartsTogetherDecideEveryRequestAsTheWholeList) {
                             "https://bank.test/", "https://other.test/"}) {
         for (const char* url :
              {"https://ads1.test/x.js", "https://ads7.test/ok.js", "https://ads7.test/no.js",
+              "https://sub.ads1.test/ok.js", "https://sub.ads1.test/x", "https://ads2.test/keep",
+              "https://ads.co.uk:8080/a", "https://good.co.uk:8080/a", "https://ADS5.TEST/x",
               "http://ads3.test/", "https://cdn.test/banner/1.png",
               "https://cdn.test/banner/keep.png", "https://track.test/p", "https://news.test/",
               "https://early.test/"}) {
@@ -133,6 +141,16 @@ TEST(RuleListSplitTest, PartsTogetherDecideEveryRequestAsTheWholeList) {
     }
     EXPECT_EQ(seen.count(0), 0u);
     EXPECT_EQ(seen.count(1), 1u);
+    // Exceptions anchored at a host follow fewer parts than those without.
+    const auto followed = [&](const std::string& filter) {
+        for (size_t i = 0; i < list.size(); ++i) {
+            if (list[i]["trigger"]["url-filter"] == filter) return seen.count(i);
+        }
+        return size_t{0};
+    };
+    // (a part whose first rule comes after an exception does not need it)
+    EXPECT_GE(followed(host + "test/keep"), kRuleListParts - 1);
+    EXPECT_LT(followed(host + "ads7\\.test/ok"), kRuleListParts / 2);
 }
 
 TEST(RuleListSplitTest, AChangedRuleRecompilesOnlyThePartsItLeavesAndJoins) {
