@@ -424,6 +424,11 @@ class Parser {
             ++result_.comments;
             return;
         }
+        // Real lists stay under 6 KiB a line; a longer one is no rule of
+        // theirs, and would cost WebKit seconds and a gigabyte to refuse.
+        if (text.size() > FilterListParser::kMaximumLineLength) {
+            return skip(SkipReason::kLineTooLong);
+        }
         // A comment is dropped whatever its bytes; a rule with bytes that are
         // not UTF-8 could only be stored as a broken selector or pattern.
         if (!unicode::isValidUTF8(text)) return skip(SkipReason::kInvalidUTF8);

@@ -36,6 +36,7 @@ inline constexpr std::string_view kUnmatchedHideException =
     "hiding exception without a rule to except";
 inline constexpr std::string_view kDuplicate = "duplicate";
 inline constexpr std::string_view kInvalidUTF8 = "invalid UTF-8";
+inline constexpr std::string_view kLineTooLong = "line longer than 64 KiB";
 }  // namespace SkipReason
 
 struct FilterListImport {
@@ -53,6 +54,9 @@ struct FilterListImport {
 
 class FilterListParser {
   public:
+    // Longer rule lines are skipped (kLineTooLong).
+    static constexpr size_t kMaximumLineLength = size_t{64} << 10;
+
     // Why the text is not an adblock filter list (binary, JSON, a hosts
     // file, no rule line at all), or none when it may be read as one.
     static std::optional<std::string> checkFormat(std::string_view text);

@@ -150,14 +150,17 @@ TEST(FilterListParserTest, ElementHidingWithExceptions) {
 }
 
 TEST(FilterListParserTest, CountsCommentsRulesAndSkipsOfAWholeList) {
+    const std::string longest(FilterListParser::kMaximumLineLength - 2, 'x');
     const FilterListImport list = FilterListParser::parse(
         "\xEF\xBB\xBF[Adblock Plus 2.0]\r\n! Title: test\r\n\r\n||a.test^\r\n##.ad\r\n"
-        "@@||a.test/ok^\r\n||a.test^\r\n||b.test^$rewrite=x\r\n",
+        "@@||a.test/ok^\r\n||a.test^\r\n||b.test^$rewrite=x\r\n||" +
+            longest + "\n||" + longest + "y\n",
         kList);
-    EXPECT_EQ(std::tie(list.lines, list.comments), std::make_tuple(7, 2));
-    EXPECT_EQ(list.rulesByAction, (std::array<int64_t, 9>{0, 1, 1, 0, 0, 0, 1, 0, 0}));
+    EXPECT_EQ(std::tie(list.lines, list.comments), std::make_tuple(9, 2));
+    EXPECT_EQ(list.rulesByAction, (std::array<int64_t, 9>{0, 2, 1, 0, 0, 0, 1, 0, 0}));
     EXPECT_EQ(list.skipped,
               (decltype(list.skipped){{std::string(SkipReason::kDuplicate), 1},
+                                      {std::string(SkipReason::kLineTooLong), 1},
                                       {std::string(SkipReason::kUnsupportedOption), 1}}));
 }
 
