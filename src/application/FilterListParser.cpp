@@ -20,7 +20,7 @@ constexpr std::string_view kHostAnchor = "^[^:]+://+([^:/]+\\.)?";
 // has no alternation, so "or the end of the address" is written as an
 // optional tail before "$" where the separator closes the pattern. That tail
 // is what WebKit's compiler charges most for (ten times a plain class: see
-// docs/webkit-rule-costs.md), so it is written only where the address can
+// docs/filter-lists.md), so it is written only where the address can
 // end there: after a host ("||ads.example^") WebKit always sees ":" or "/",
 // since it matches normalised addresses, and the plain class is exact.
 constexpr std::string_view kSeparator = "[^a-zA-Z0-9_.%-]";
