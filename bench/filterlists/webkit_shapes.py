@@ -5,7 +5,7 @@ Takes a compiled rule list (default: EasyList imported into a fresh container),
 rewrites its 10,000 first "||host^" rules into each candidate form, and times
 WebKit compiling each variant (bench_webkit_compile, one process per run,
 best of --runs). Then times the whole list split by kind. The figures behind
-docs/webkit-rule-costs.md:
+docs/filter-lists.md:
 
     cmake --build build/default -j2 --target bench_process stonewall
     bench/filterlists/webkit_shapes.py [--list FILE.json] [--runs 3]
