@@ -99,9 +99,9 @@ class ListServer {
             }
             head += "\r\n";
             const std::string body =
-                answer.status == 304 ? std::string()
-                                     : answer.body.substr(0, answer.dropAfter.value_or(
-                                                                 answer.body.size()));
+                answer.status == 304
+                    ? std::string()
+                    : answer.body.substr(0, answer.dropAfter.value_or(answer.body.size()));
             sendAll(client, head + body);
             ::shutdown(client, SHUT_RDWR);
             ::close(client);

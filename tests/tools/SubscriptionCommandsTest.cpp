@@ -31,13 +31,15 @@ class SubscriptionCommandsTest : public ToolTest {
 
 TEST_F(SubscriptionCommandsTest, UpdateReplacesTheListOrKeepsItsOldRulesAndSaysWhy) {
     createContainer();
-    server.answer(reply(200, "ETag: \"v1\"\r\n", "! Expires: 2 days\n||ads1.test^\n||more1.test^\n"));
+    server.answer(
+        reply(200, "ETag: \"v1\"\r\n", "! Expires: 2 days\n||ads1.test^\n||more1.test^\n"));
     const std::string url = server.url("/list.txt");
     const json subscribed = runJSON({"profile", "subscribe", "defaultProfile", url});
     EXPECT_EQ(subscribed["added"], 2);
     EXPECT_NE(blockFilters().find("ads1"), std::string::npos);
     // Two days after now, within the minute the command ran in.
-    EXPECT_NEAR(subscribed["nextDue"].get<double>(), static_cast<double>(std::time(nullptr)) + 2 * 86400, 60);
+    EXPECT_NEAR(subscribed["nextDue"].get<double>(),
+                static_cast<double>(std::time(nullptr)) + 2 * 86400, 60);
 
     std::string binary(4096, '\0');
     for (size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(i * 7);
@@ -49,17 +51,19 @@ TEST_F(SubscriptionCommandsTest, UpdateReplacesTheListOrKeepsItsOldRulesAndSaysW
         const char* name;
         Answer answer;
         int exitCode;
-        const char* says;         // in the list's line
-        const char* sentETag;     // If-None-Match the server must have seen
-        const char* rulesHold;    // in the profile's block rules afterwards
+        const char* says;       // in the list's line
+        const char* sentETag;   // If-None-Match the server must have seen
+        const char* rulesHold;  // in the profile's block rules afterwards
     };
     const Case cases[] = {
-        {"a new version", reply(200, "ETag: \"v2\"\r\n", v2), 0, "updated: 1 rule (were 2)", "\"v1\"", "ads2"},
+        {"a new version", reply(200, "ETag: \"v2\"\r\n", v2), 0, "updated: 1 rule (were 2)",
+         "\"v1\"", "ads2"},
         {"not modified", reply(304, "ETag: \"v2\"\r\n", ""), 0, "not modified", "\"v2\"", "ads2"},
         {"not found", reply(404, "", "gone"), 6, "failed: HTTP 404", "\"v2\"", "ads2"},
         {"dropped mid-body", reply(200, "", "||ads3.test^\n||ads4.test^\n", 14), 6,
          "failed: connection dropped", "\"v2\"", "ads2"},
-        {"too large", reply(200, "", large), 6, "failed: body too large (over 32 MiB)", "\"v2\"", "ads2"},
+        {"too large", reply(200, "", large), 6, "failed: body too large (over 32 MiB)", "\"v2\"",
+         "ads2"},
         {"binary", reply(200, "", binary), 6, "failed: not a filter list", "\"v2\"", "ads2"},
     };
     for (const Case& each : cases) {
@@ -97,7 +101,8 @@ TEST_F(SubscriptionCommandsTest, SubscribeListUnsubscribeKeepsOtherListsAndRefus
     json listed = runJSON({"profile", "subscriptions"});
     EXPECT_TRUE(listed["subscriptions"].empty());
     ASSERT_EQ(listed["offered"].size(), 2u);
-    EXPECT_EQ(listed["offered"][0]["command"], "stonewall profile subscribe defaultProfile easylist");
+    EXPECT_EQ(listed["offered"][0]["command"],
+              "stonewall profile subscribe defaultProfile easylist");
     EXPECT_EQ(listed["offered"][1]["url"], "https://easylist.to/easylist/easyprivacy.txt");
 
     for (const std::string& bad : {std::string("ftp://lists.test/x.txt"), std::string("not a url"),
@@ -116,6 +121,10 @@ TEST_F(SubscriptionCommandsTest, SubscribeListUnsubscribeKeepsOtherListsAndRefus
     EXPECT_EQ(listed["subscriptions"][0]["url"], url);
     EXPECT_EQ(listed["subscriptions"][0]["lastError"], "");
     EXPECT_NE(runOK({"update"}).find("No list is due yet"), std::string::npos);
+    // A file has no ETag; the same bytes again are no change either.
+    const auto unchanged = snapshotFiles(container() / ".Profiles");
+    EXPECT_NE(runOK({"update", "--force"}).find("not modified"), std::string::npos);
+    EXPECT_TRUE(snapshotFiles(container() / ".Profiles") == unchanged);
 
     const json removed = runJSON({"profile", "unsubscribe", "defaultProfile", url});
     EXPECT_EQ(removed["removed"], 2);

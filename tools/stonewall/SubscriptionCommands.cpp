@@ -3,6 +3,8 @@
 
 #include "SubscriptionCommands.h"
 
+#include <glib.h>
+
 #include <algorithm>
 
 #include "Failure.h"
@@ -56,13 +58,28 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
         request.etag = subscription.etag;
         request.lastModified = subscription.lastModified;
     }
-    const auto downloader =
-        platform::gnulinux::makeSoupDownloader(platform::gnulinux::downloadTimeoutsFromEnvironment());
+    const auto downloader = platform::gnulinux::makeSoupDownloader(
+        platform::gnulinux::downloadTimeoutsFromEnvironment());
     platform::DownloadResult result = downloader->download(request);
     using Outcome = platform::DownloadResult::Outcome;
     if (result.outcome == Outcome::Failed) return fail(ExitCode::Download, result.error);
-    if (result.outcome == Outcome::NotModified) {
+    // A server without ETag, or a file, may hand over the very list
+    // imported last: that is no change either.
+    std::string digest;
+    if (result.outcome == Outcome::Downloaded) {
+        gchar* hex = g_compute_checksum_for_data(
+            G_CHECKSUM_SHA256, reinterpret_cast<const guchar*>(result.body.data()),
+            result.body.size());
+        digest = hex;
+        g_free(hex);
+    }
+    if (result.outcome == Outcome::NotModified ||
+        (!subscription.digest.empty() && digest == subscription.digest)) {
         fetch.kind = Fetch::Kind::NotModified;
+        if (result.outcome == Outcome::Downloaded) {
+            subscription.etag = result.etag;
+            subscription.lastModified = result.lastModified;
+        }
         subscription.lastError.clear();
         subscription.lastUpdate = now;
         subscription.nextDue =
@@ -82,6 +99,7 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
     fetch.kind = Fetch::Kind::Updated;
     subscription.etag = result.etag;
     subscription.lastModified = result.lastModified;
+    subscription.digest = digest;
     subscription.lastError.clear();
     subscription.lastUpdate = now;
     subscription.interval = FilterListParser::updateIntervalSeconds(result.body);
@@ -96,7 +114,8 @@ std::string plural(int64_t count, const std::string& noun) {
 std::string updatedText(const Fetch& fetch) {
     std::string text = "updated: " + plural(fetch.import.added, "rule");
     if (fetch.import.replaced > 0) text += " (were " + std::to_string(fetch.import.replaced) + ")";
-    if (fetch.import.leftOut() > 0) text += ", " + std::to_string(fetch.import.leftOut()) + " left out";
+    if (fetch.import.leftOut() > 0)
+        text += ", " + std::to_string(fetch.import.leftOut()) + " left out";
     return text;
 }
 
@@ -131,8 +150,9 @@ void runProfileSubscribe(const CommonOptions& common, const std::string& profile
     report.json["url"] = url;
     const SubscriptionStore store;
     std::vector<Subscription> subscriptions = store.load();
-    if (std::any_of(subscriptions.begin(), subscriptions.end(),
-                    [&](const Subscription& each) { return sameSubscription(each, profileID, url); })) {
+    if (std::any_of(subscriptions.begin(), subscriptions.end(), [&](const Subscription& each) {
+            return sameSubscription(each, profileID, url);
+        })) {
         report.json["changed"] = false;
         report.notes.push_back("Profile " + profileID + " is subscribed to " + url +
                                " already; nothing changed (stonewall update --force fetches it "
@@ -177,20 +197,21 @@ void runProfileUnsubscribe(const CommonOptions& common, const std::string& profi
     requireKnownProfile(*engine->sharedData(), profileID);
     const SubscriptionStore store;
     std::vector<Subscription> subscriptions = store.load();
-    const auto found =
-        std::find_if(subscriptions.begin(), subscriptions.end(),
-                     [&](const Subscription& each) { return sameSubscription(each, profileID, url); });
+    const auto found = std::find_if(
+        subscriptions.begin(), subscriptions.end(),
+        [&](const Subscription& each) { return sameSubscription(each, profileID, url); });
     if (found == subscriptions.end()) {
         throw CommandFailure(ExitCode::BadInput, "URL \"" + url + "\"",
-                             "profile " + profileID + " is not subscribed to it (see profile "
-                                                      "subscriptions)");
+                             "profile " + profileID +
+                                 " is not subscribed to it (see profile "
+                                 "subscriptions)");
     }
     int64_t removed = 0;
     const ApplicationOutcome outcome =
         ProfileManager(*engine).removeFilterList(profileID, found->tag(), removed);
     if (outcome) {
         throw CommandFailure(outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput
-                                                                              : ExitCode::Storage,
+                                                                               : ExitCode::Storage,
                              outcome->subject, outcome->reason);
     }
     subscriptions.erase(found);
@@ -234,8 +255,10 @@ void runProfileSubscriptions(const CommonOptions& common, Report& report) {
             })) {
             continue;
         }
-        const std::string command = "stonewall profile subscribe " + active + " " + offeredList.name;
-        offered.push_back(Json{{"name", offeredList.name}, {"url", offeredList.url}, {"command", command}});
+        const std::string command =
+            "stonewall profile subscribe " + active + " " + offeredList.name;
+        offered.push_back(
+            Json{{"name", offeredList.name}, {"url", offeredList.url}, {"command", command}});
         report.table.add("offered " + std::string(offeredList.name), command);
     }
     report.json["offered"] = std::move(offered);
@@ -286,18 +309,19 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
     }
     report.json["lists"] = std::move(lists);
     if (due == 0) {
-        report.notes.push_back(subscriptions.empty()
-                                   ? "No lists are subscribed (see stonewall profile subscriptions)."
-                                   : "No list is due yet; nothing changed (--force fetches every "
-                                     "list now).");
+        report.notes.push_back(
+            subscriptions.empty() ? "No lists are subscribed (see stonewall profile subscriptions)."
+                                  : "No list is due yet; nothing changed (--force fetches every "
+                                    "list now).");
         return;
     }
     requireSaved(store, subscriptions);
     if (activeChanged) reloadActive(session, *engine, report);
     if (failed > 0) {
         throw CommandFailure(failure == ExitCode::Storage ? ExitCode::Storage : ExitCode::Download,
-                             "update", plural(failed, "list") + " of " + std::to_string(due) +
-                                           " could not be updated; their old rules stay");
+                             "update",
+                             plural(failed, "list") + " of " + std::to_string(due) +
+                                 " could not be updated; their old rules stay");
     }
 }
 

@@ -91,8 +91,8 @@ std::vector<Subscription> SubscriptionStore::load() const {
         const nlohmann::json value = nlohmann::json::parse(*data, nullptr, false);
         damaged = !value.is_object() || !value.contains("subscriptions") ||
                   !value["subscriptions"].is_array();
-        for (const nlohmann::json& entry : damaged ? nlohmann::json::array()
-                                                   : value["subscriptions"]) {
+        for (const nlohmann::json& entry :
+             damaged ? nlohmann::json::array() : value["subscriptions"]) {
             try {
                 Subscription each;
                 each.profile = entry.at("profile").get<std::string>();
@@ -103,6 +103,7 @@ std::vector<Subscription> SubscriptionStore::load() const {
                 each.nextDue = entry.value("nextDue", int64_t{0});
                 each.interval = entry.value("interval", int64_t{0});
                 each.lastError = entry.value("lastError", "");
+                each.digest = entry.value("digest", "");
                 subscriptions.push_back(std::move(each));
             } catch (const nlohmann::json::exception&) {
                 damaged = true;
@@ -129,12 +130,12 @@ bool SubscriptionStore::save(const std::vector<Subscription>& subscriptions) con
                          {"lastUpdate", each.lastUpdate},
                          {"nextDue", each.nextDue},
                          {"interval", each.interval},
-                         {"lastError", each.lastError}});
+                         {"lastError", each.lastError},
+                         {"digest", each.digest}});
     }
-    const std::string text =
-        nlohmann::json{{"subscriptions", std::move(array)}}.dump(
-            2, ' ', false, nlohmann::json::error_handler_t::replace) +
-        "\n";
+    const std::string text = nlohmann::json{{"subscriptions", std::move(array)}}.dump(
+                                 2, ' ', false, nlohmann::json::error_handler_t::replace) +
+                             "\n";
     const FileHandler folder = sharedFolder();
     return folder.writeToFile(kFileName, std::string_view(text)) &&
            folder.readFromFile(kFileName) == text;

@@ -21,6 +21,7 @@ struct Subscription {
     int64_t lastUpdate = 0;    // seconds since 1970 of the last fetch that brought or kept the list
     int64_t nextDue = 0;       // seconds since 1970
     int64_t interval = 0;      // seconds between fetches, from the list's "Expires"
+    std::string digest;        // SHA-256 of the list last imported: the same body is not modified
     std::string lastError;     // empty after a fetch that worked
 
     // The list's rows in the profile carry ruleIDs "<tag>-<random>": "s" and
@@ -37,8 +38,7 @@ extern const OfferedList kOfferedLists[2];
 
 // The URL a subscription command means: an offered list's name, or an http,
 // https or file URL. Why not otherwise.
-[[nodiscard]] std::optional<std::string> subscriptionURL(const std::string& text,
-                                                         std::string& why);
+[[nodiscard]] std::optional<std::string> subscriptionURL(const std::string& text, std::string& why);
 
 class SubscriptionStore {
   public:

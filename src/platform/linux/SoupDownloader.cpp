@@ -38,8 +38,8 @@ double secondsFromEnvironment(const char* name, double fallback) {
     char* end = nullptr;
     const double seconds = std::strtod(value, &end);
     if (end == value || *end != '\0' || !(seconds > 0) || seconds > 86400) {
-        platform::log(LogLevel::Error, std::string(name) + ": not a number of seconds (\"" +
-                                           value + "\"); the default stays");
+        platform::log(LogLevel::Error, std::string(name) + ": not a number of seconds (\"" + value +
+                                           "\"); the default stays");
         return fallback;
     }
     return seconds;
@@ -87,7 +87,8 @@ void readBody(GInputStream* stream, GCancellable* cancellable, const DownloadReq
     char buffer[64 * 1024];
     for (;;) {
         GErrorRef error;
-        const gssize got = g_input_stream_read(stream, buffer, sizeof buffer, cancellable, &error.error);
+        const gssize got =
+            g_input_stream_read(stream, buffer, sizeof buffer, cancellable, &error.error);
         if (got < 0) {
             result.error = deadline.expired() ? "the download took too long"
                                               : "connection dropped: " + error.message();
@@ -126,8 +127,8 @@ class SoupDownloader final : public Downloader {
         }
 
         const auto seconds = static_cast<guint>(std::max(1.0, timeouts_.connectSeconds));
-        GObjectRef<SoupSession> session{soup_session_new_with_options(
-            "timeout", seconds, "user-agent", "stonewall", nullptr)};
+        GObjectRef<SoupSession> session{
+            soup_session_new_with_options("timeout", seconds, "user-agent", "stonewall", nullptr)};
         GObjectRef<SoupMessage> message{soup_message_new("GET", request.url.c_str())};
         if (!message.object) {
             result.error = "not a URL that can be downloaded";
@@ -145,8 +146,8 @@ class SoupDownloader final : public Downloader {
         GObjectRef<GInputStream> stream{
             soup_session_send(session.object, message.object, cancellable.object, &error.error)};
         if (!stream.object) {
-            result.error = deadline.expired() ? "the download took too long"
-                                              : "no answer: " + error.message();
+            result.error =
+                deadline.expired() ? "the download took too long" : "no answer: " + error.message();
             return result;
         }
         result.status = static_cast<int>(soup_message_get_status(message.object));
@@ -200,7 +201,8 @@ DownloadTimeouts downloadTimeoutsFromEnvironment() {
     DownloadTimeouts timeouts;
     timeouts.connectSeconds =
         secondsFromEnvironment("STONEWALL_CONNECT_TIMEOUT", timeouts.connectSeconds);
-    timeouts.totalSeconds = secondsFromEnvironment("STONEWALL_DOWNLOAD_TIMEOUT", timeouts.totalSeconds);
+    timeouts.totalSeconds =
+        secondsFromEnvironment("STONEWALL_DOWNLOAD_TIMEOUT", timeouts.totalSeconds);
     return timeouts;
 }
 
