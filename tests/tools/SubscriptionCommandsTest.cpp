@@ -133,6 +133,12 @@ TEST_F(SubscriptionCommandsTest, SubscribeListUnsubscribeKeepsOtherListsAndRefus
     EXPECT_TRUE(runJSON({"profile", "subscriptions"})["subscriptions"].empty());
     EXPECT_EQ(run({"profile", "unsubscribe", "defaultProfile", url}).exitCode, 2);
 
+    // A removed profile takes its subscriptions with it.
+    const std::string work = runJSON({"profile", "create", "Work"})["profile"].get<std::string>();
+    runJSON({"profile", "subscribe", work, url});
+    EXPECT_EQ(runJSON({"profile", "remove", work})["subscriptionsRemoved"], 1);
+    EXPECT_TRUE(runJSON({"profile", "subscriptions"})["subscriptions"].empty());
+
     // A damaged file is moved aside and said once.
     writeFile(subscriptionsFile(), "{\"subscriptions\": [{\"url\": 3}");
     const RunResult first = run({"profile", "subscriptions"});

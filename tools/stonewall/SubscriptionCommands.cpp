@@ -185,7 +185,14 @@ void runProfileSubscribe(const CommonOptions& common, const std::string& profile
                                                 " left out; see profile import --help)"
                                           : std::string()));
     report.table.add("next update", timeText(subscription.nextDue));
-    if (engine->sharedData()->activeProfileID == profileID) reloadActive(session, *engine, report);
+    if (engine->sharedData()->activeProfileID == profileID) {
+        reloadActive(session, *engine, report);
+    } else {
+        report.notes.push_back("Profile " + profileID +
+                               " is not the active one; its rules take effect once it is "
+                               "activated (stonewall profile activate " +
+                               profileID + ").");
+    }
 }
 
 void runProfileUnsubscribe(const CommonOptions& common, const std::string& profileID,
