@@ -7,6 +7,8 @@ find_package(nlohmann_json 3 REQUIRED)
 pkg_check_modules(URIPARSER REQUIRED IMPORTED_TARGET liburiparser)
 pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0 glib-2.0)
 pkg_check_modules(WEBKIT REQUIRED IMPORTED_TARGET webkitgtk-6.0)
+# Filter-list downloads of the command (WebKitGTK runs on the same libsoup).
+pkg_check_modules(SOUP REQUIRED IMPORTED_TARGET libsoup-3.0)
 find_package(CLI11 CONFIG QUIET)
 if(STONEWALL_BUILD_TESTS)
   find_package(GTest REQUIRED)

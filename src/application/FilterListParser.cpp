@@ -815,4 +815,47 @@ bool FilterListParser::isWebKitURLFilter(std::string_view expression) {
     return depth == 0;
 }
 
+int64_t FilterListParser::updateIntervalSeconds(std::string_view text) {
+    // Only the header: the comments before the first rule line.
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string_view::npos) end = text.size();
+        std::string_view line = text.substr(start, end - start);
+        start = end + 1;
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
+        if (line.empty() || line.starts_with("[")) continue;
+        if (!line.starts_with("!")) break;
+        line.remove_prefix(1);
+        while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
+        constexpr std::string_view kExpires = "expires:";
+        if (line.size() < kExpires.size()) continue;
+        bool matches = true;
+        for (size_t i = 0; i < kExpires.size(); ++i) {
+            const char c = line[i];
+            matches &= (c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) == kExpires[i];
+        }
+        if (!matches) continue;
+        line.remove_prefix(kExpires.size());
+        while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
+        int64_t count = 0;
+        size_t digits = 0;
+        while (digits < line.size() && digits < 6 && line[digits] >= '0' && line[digits] <= '9') {
+            count = count * 10 + (line[digits] - '0');
+            ++digits;
+        }
+        if (digits == 0) break;
+        line.remove_prefix(digits);
+        while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
+        int64_t unit = 24 * 3600;  // a bare number counts days
+        if (line.starts_with("h")) {
+            unit = 3600;
+        } else if (!line.empty() && !line.starts_with("d") && !line.starts_with("(")) {
+            break;
+        }
+        return std::clamp(count * unit, kMinimumUpdateInterval, kMaximumUpdateInterval);
+    }
+    return kDefaultUpdateInterval;
+}
+
 }  // namespace stonewall

@@ -65,6 +65,15 @@ class FilterListParser {
     // equal an earlier one (same computeHash) are counted as duplicates.
     static FilterListImport parse(std::string_view text, int64_t blocker);
 
+    // How often a subscribed list wants to be fetched again: its header's
+    // "! Expires: N days" (or "N hours", "N day", "N h") comment, in
+    // seconds, kept between kMinimumUpdateInterval and kMaximumUpdateInterval;
+    // kDefaultUpdateInterval when the header has none or it does not read.
+    static constexpr int64_t kMinimumUpdateInterval = 3600;
+    static constexpr int64_t kMaximumUpdateInterval = 14 * 24 * 3600;
+    static constexpr int64_t kDefaultUpdateInterval = 4 * 24 * 3600;
+    static int64_t updateIntervalSeconds(std::string_view text);
+
     // Whether WebKit's url-filter parser accepts the expression: ASCII, no
     // alternation, counted repetition, back references, character-class
     // escapes or look-around, "^" only first and "$" only last.

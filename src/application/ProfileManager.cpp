@@ -198,8 +198,10 @@ int64_t ProfileManager::ImportReport::displaced() const {
 }
 
 ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID,
-                                                    std::string_view text, ImportReport& report) {
+                                                    std::string_view text, ImportReport& report,
+                                                    const std::optional<std::string>& listTag) {
     report = {};
+    const std::string prefix = listTag ? *listTag + "-" : std::string();
     size_t index = 0;
     if (auto error = requireProfile(profileID, index)) return error;
     if (auto reason = FilterListParser::checkFormat(text)) return badInput("filter list", *reason);
@@ -228,6 +230,10 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
                                         action) != std::end(kImportedActions);
         // A read cut short would make rules already there look new.
         if (!database->forEachProfileRuleByAction(action, [&](ProfileRule& rule) {
+                if (listTag && rule.ruleID && rule.ruleID->starts_with(prefix)) {
+                    ++report.replaced;
+                    return;
+                }
                 if (rule.blocker == BlockerCode::kCustom || !imported) {
                     ++userRules;
                     return;
@@ -276,10 +282,26 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
             displaced.push_back(std::move(ranked[i]));
         } else if (fit.kept[i]) {
             rows.push_back(std::move(ranked[i]));
-            rows.back().ruleID = Generator::customRuleID();
+            rows.back().ruleID = prefix + Generator::customRuleID();
         } else if (action < 9) {
             ++report.leftOutByAction[action];
         }
+    }
+    if (listTag) {
+        if (rows.empty() && displaced.empty() && report.replaced == 0) return std::nullopt;
+        const int64_t before = database->getProfileRulesCount();
+        if (!database->replaceProfileRulesWithPrefix(prefix, rows, displaced) ||
+            database->getProfileRulesCount() != before - report.replaced -
+                                                    static_cast<int64_t>(displaced.size()) +
+                                                    static_cast<int64_t>(rows.size())) {
+            return storageFailure("profile " + profileID,
+                                  "its database did not take the list's new rules; the old ones "
+                                  "stay (" +
+                                      database->profilesDataPath() + ")");
+        }
+        report.added = static_cast<int64_t>(rows.size());
+        CompanionController::sendUpdateNotification();
+        return std::nullopt;
     }
     if (rows.empty()) return std::nullopt;
 
@@ -302,6 +324,26 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
     }
     report.added = static_cast<int64_t>(rows.size());
     CompanionController::sendUpdateNotification();
+    return std::nullopt;
+}
+
+ApplicationOutcome ProfileManager::removeFilterList(const std::string& profileID,
+                                                    const std::string& listTag, int64_t& removed) {
+    removed = 0;
+    size_t index = 0;
+    if (auto error = requireProfile(profileID, index)) return error;
+    const auto database = ProfileDatabase::initWithBlockerProfileID(profileID);
+    if (!databaseUsable(database)) {
+        return storageFailure("profile " + profileID, "its database cannot be opened");
+    }
+    const int64_t before = database->getProfileRulesCount();
+    if (!database->replaceProfileRulesWithPrefix(listTag + "-", {}, {})) {
+        return storageFailure(
+            "profile " + profileID,
+            "its database did not let the list's rules go (" + database->profilesDataPath() + ")");
+    }
+    removed = before - database->getProfileRulesCount();
+    if (removed > 0) CompanionController::sendUpdateNotification();
     return std::nullopt;
 }
 

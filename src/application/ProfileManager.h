@@ -53,6 +53,8 @@ class ProfileManager {
         // Rules of lists imported before that made room for better ranked
         // ones of this list, by action code.
         std::array<int64_t, 9> displacedByAction{};
+        // Rows of the same list (the tag's) that the new ones replaced.
+        int64_t replaced = 0;
         int64_t leftOut() const;
         int64_t displaced() const;
     };
@@ -64,8 +66,19 @@ class ProfileManager {
     // between the two leaves rules over the budget, never rules lost. The
     // text must pass FilterListParser::checkFormat. Lists whose exceptions
     // alone do not fit are refused (BadInput) and nothing changes.
-    [[nodiscard]] ApplicationOutcome importFilterList(const std::string& profileID,
-                                                      std::string_view text, ImportReport& report);
+    //
+    // With a list tag (a subscribed list: letters and digits), the rows of
+    // the profile whose ruleID begins with "<tag>-" are the list's earlier
+    // version: they are not ranked and not kept, and the new rows (ruleID
+    // "<tag>-<random>") replace them, with the displaced rules of the other
+    // lists, in one transaction; a failure leaves every old row in place.
+    [[nodiscard]] ApplicationOutcome importFilterList(
+        const std::string& profileID, std::string_view text, ImportReport& report,
+        const std::optional<std::string>& listTag = std::nullopt);
+    // Removes every row of the tagged list from the profile; `removed` is
+    // how many there were.
+    [[nodiscard]] ApplicationOutcome removeFilterList(const std::string& profileID,
+                                                      const std::string& listTag, int64_t& removed);
 
     // The position of the identifier in the shared record's profileIDs.
     std::optional<size_t> profileIndex(const std::string& profileID) const;

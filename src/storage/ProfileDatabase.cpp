@@ -34,6 +34,9 @@ constexpr char kUpdateSql[] =
     "domainType=?, domains=?, filterSensitive=? WHERE ruleID=?";
 constexpr char kDeleteSql[] = "DELETE FROM ProfileRules WHERE blocker=? AND action=? AND ruleID=?";
 constexpr char kDeleteAllSql[] = "DELETE FROM ProfileRules";
+// substr rather than LIKE: a prefix is compared byte for byte, without
+// wildcards and without LIKE's case folding.
+constexpr char kDeleteByPrefixSql[] = "DELETE FROM ProfileRules WHERE substr(ruleID, 1, ?) = ?";
 constexpr ErrorHook kLog = &ProfileDatabase::logError;
 
 // Query types 1 to 7; index 0 is unused.
@@ -397,6 +400,37 @@ void ProfileDatabase::removeAllProfileRules() {
     const Statement statement = prepareStatement(profilesDatabase_, kDeleteAllSql, kLog);
     if (!statement) return;
     stepToDone(statement.get(), kLog);
+}
+
+bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPrefix,
+                                                    const std::vector<ProfileRule>& add,
+                                                    const std::vector<ProfileRule>& remove) {
+    if (!usable_ || !profilesDatabase_ || ruleIDPrefix.empty()) {
+        logError("replacement dropped: no open database or no prefix");
+        return false;
+    }
+    Transaction transaction(profilesDatabase_, kLog);
+    if (!transaction.begun()) return false;
+    {
+        const Statement statement = prepareStatement(profilesDatabase_, kDeleteByPrefixSql, kLog);
+        if (!statement) return false;
+        bindInt(statement.get(), 1, static_cast<int64_t>(ruleIDPrefix.size()));
+        bindString(statement.get(), 2, ruleIDPrefix);
+        armDeadline();
+        if (!stepToDone(statement.get(), kLog)) return false;
+    }
+    const auto each = [&](const char* sql, const std::vector<ProfileRule>& rules, BindRule bind) {
+        const Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
+        if (!statement) return false;
+        for (const ProfileRule& rule : rules) {
+            bind(statement.get(), rule);
+            armDeadline();
+            if (!stepToDone(statement.get(), kLog)) return false;
+        }
+        return true;
+    };
+    if (!each(kDeleteSql, remove, bindDelete) || !each(kInsertSql, add, bindInsert)) return false;
+    return transaction.commit();
 }
 
 void ProfileDatabase::reloadProfileRules(int64_t /*reloadType*/, int64_t /*reloadOperation*/,

@@ -87,6 +87,14 @@ class ProfileDatabase {
     void removeProfileRulesCustom(const std::vector<ProfileRule>& rules);
     void removeProfileRules(int64_t blocker, int64_t blockerAction, const NullableString& ruleID);
     void removeAllProfileRules();
+    // In one transaction: deletes every row whose ruleID begins with
+    // `ruleIDPrefix` (one imported list's rows), deletes `remove` (by
+    // blocker, action and ruleID) and inserts `add`. All or nothing: false,
+    // with the table as it was, when any step failed. runBatch opens a
+    // transaction of its own, so this does its own steps.
+    [[nodiscard]] bool replaceProfileRulesWithPrefix(const std::string& ruleIDPrefix,
+                                                     const std::vector<ProfileRule>& add,
+                                                     const std::vector<ProfileRule>& remove);
     // Kept for the interface's other users; does nothing.
     void reloadProfileRules(int64_t reloadType, int64_t reloadOperation,
                             const std::vector<ProfileRule>& rules);

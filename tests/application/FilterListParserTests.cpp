@@ -197,6 +197,28 @@ TEST(FilterListParserTest, RefusesTextInAnotherFormat) {
     }
 }
 
+// A subscribed list's "Expires" header sets how often it is fetched.
+TEST(FilterListParserTest, ReadsTheUpdateIntervalFromTheHeader) {
+    constexpr int64_t kHour = 3600, kDay = 24 * kHour;
+    const std::vector<std::pair<std::string, int64_t>> cases = {
+        {"[Adblock Plus 2.0]\n! Title: x\n! Expires: 4 days (update frequency)\n||a.test^\n",
+         4 * kDay},
+        {"! Expires: 1 day\n||a.test^\n", kDay},
+        {"! expires: 12 hours\r\n||a.test^\n", 12 * kHour},
+        {"! Expires: 6h\n||a.test^\n", 6 * kHour},
+        {"! Expires: 3\n||a.test^\n", 3 * kDay},           // a bare number counts days
+        {"! Expires: 30 minutes\n||a.test^\n", 4 * kDay},  // no unit it knows
+        {"! Expires: 0 hours\n||a.test^\n", kHour},        // at least an hour
+        {"! Expires: 90 days\n||a.test^\n", 14 * kDay},    // at most two weeks
+        {"! Expires: soon\n||a.test^\n", 4 * kDay},
+        {"||a.test^\n! Expires: 1 day\n", 4 * kDay},  // only the header counts
+        {"||a.test^\n", 4 * kDay},
+    };
+    for (const auto& [text, seconds] : cases) {
+        EXPECT_EQ(FilterListParser::updateIntervalSeconds(text), seconds) << text;
+    }
+}
+
 TEST(FilterListParserTest, KnowsWebKitsRegularExpressionSubset) {
     const std::vector<std::pair<const char*, bool>> cases = {
         {".*", true},

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "StorageTestSupport.h"
@@ -155,6 +156,39 @@ TEST_F(ProfileDatabaseTest, FailedPrepareRollsTheTransactionBack) {
     database->addProfileRules({makeRule("lost", 1, 1, "f")});
     EXPECT_TRUE(database->beginTransactionProfilesDatabase());
     EXPECT_TRUE(database->commitTransactionProfilesDatabase());
+}
+
+// One list's rows are replaced by their ruleID prefix, with other rows
+// removed, in one transaction: a step that fails leaves every row in place.
+TEST_F(ProfileDatabaseTest, ReplacingByPrefixIsAllOrNothing) {
+    auto database = open();
+    database->addProfileRules({makeRule("sab-1", 1, 1, "old1"), makeRule("sab-2", 1, 1, "old2"),
+                               makeRule("sabc", 1, 1, "other list"),
+                               makeRule("mine", 1, 5, "own")});
+    const auto ids = [&] {
+        std::vector<std::string> found;
+        for (int64_t action : {1, 5}) {
+            for (const ProfileRule& rule : database->getProfileRulesByAction(action)) {
+                found.push_back(*rule.ruleID);
+            }
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    };
+    {
+        RawDatabase raw(profilePath("p1"));
+        raw.exec(
+            "CREATE TRIGGER refuse BEFORE INSERT ON ProfileRules WHEN NEW.filter = 'refused' "
+            "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    }
+    EXPECT_FALSE(database->replaceProfileRulesWithPrefix(
+        "sab-", {makeRule("sab-3", 1, 1, "new"), makeRule("sab-4", 1, 1, "refused")},
+        {makeRule("sabc", 1, 1, "other list")}));
+    EXPECT_EQ(ids(), (std::vector<std::string>{"mine", "sab-1", "sab-2", "sabc"}));
+
+    EXPECT_TRUE(database->replaceProfileRulesWithPrefix("sab-", {makeRule("sab-3", 1, 1, "new")},
+                                                        {makeRule("sabc", 1, 1, "other list")}));
+    EXPECT_EQ(ids(), (std::vector<std::string>{"mine", "sab-3"}));
 }
 
 TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {

@@ -8,6 +8,7 @@
 #include "CommandSupport.h"
 #include "Failure.h"
 #include "InputFile.h"
+#include "Subscriptions.h"
 #include "application/ApplicationURL.h"
 #include "application/ImportBudget.h"
 #include "application/ProfileManager.h"
@@ -195,6 +196,19 @@ void runProfileRemove(const CommonOptions& common, const std::string& profileID,
     auto engine = session.openEngine();
     throwIfFailed(ProfileManager(*engine).removeProfile(profileID));
     report.add("profile", "removed", profileID);
+    // Its subscriptions go with it; update would only fail on them.
+    const SubscriptionStore store;
+    std::vector<Subscription> subscriptions = store.load();
+    const size_t dropped = std::erase_if(
+        subscriptions, [&](const Subscription& each) { return each.profile == profileID; });
+    if (dropped > 0) {
+        if (!store.save(subscriptions)) {
+            throw CommandFailure(ExitCode::Storage, store.path(),
+                                 "could not be written; it still names the removed profile");
+        }
+        report.add("subscriptionsRemoved", Json(dropped), "subscriptions removed",
+                   std::to_string(dropped));
+    }
     report.table.add("profiles left",
                      std::to_string(splitList(engine->sharedData()->profileIDs).size()));
 }

@@ -12,6 +12,7 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "Report.h"
+#include "SubscriptionCommands.h"
 #include "application/ImportBudget.h"
 
 #ifndef STONEWALL_VERSION
@@ -38,6 +39,8 @@ Exit codes:
      also the verdict of validate) or the content blocker did not answer
      within --timeout; a rule file already written stays written
   5  a system service is missing (watch without a D-Bus session bus)
+  6  a subscribed list could not be downloaded or read (update: one line per
+     list says why; its old rules stay; subscribe: nothing was subscribed)
 
 Environment: STONEWALL_CONTAINER (the container, --container wins),
 STONEWALL_RESOURCES (the template databases), STONEWALL_VERBOSE=1 (as -v);
@@ -55,6 +58,7 @@ struct Arguments {
     std::string file;
     std::string name;
     int64_t count = 0;
+    bool force = false;
 };
 
 // Whether a subcommand waits for the content blocker, and so takes --timeout.
@@ -217,6 +221,52 @@ const Subcommand kSubcommands[] = {
      },
      [](const Arguments& arguments, Report& report) {
          runProfileImport(arguments.common, arguments.profileID, arguments.file, report);
+     }},
+    {"profile subscribe", "Subscribe a profile to a filter list by its URL and import it now",
+     "URL is an http, https or file URL, or easylist or easyprivacy (the lists of\n"
+     "easylist.to). The list is downloaded and imported as by profile import, with\n"
+     "the same rule budget; stonewall update fetches it again when it is due (its\n"
+     "\"! Expires:\" header, else every 4 days). A list that cannot be downloaded or\n"
+     "read is not subscribed.",
+     Waits::Yes,
+     [](CLI::App& command, Arguments& arguments) {
+         profileIDArgument(command, arguments);
+         command.add_option("URL", arguments.url, "The list's URL, easylist or easyprivacy")
+             ->required();
+     },
+     [](const Arguments& arguments, Report& report) {
+         runProfileSubscribe(arguments.common, arguments.profileID, arguments.url, report);
+     }},
+    {"profile unsubscribe", "Forget a subscribed list and remove its rules from the profile",
+     nullptr, Waits::Yes,
+     [](CLI::App& command, Arguments& arguments) {
+         profileIDArgument(command, arguments);
+         command.add_option("URL", arguments.url, "The list's URL, easylist or easyprivacy")
+             ->required();
+     },
+     [](const Arguments& arguments, Report& report) {
+         runProfileUnsubscribe(arguments.common, arguments.profileID, arguments.url, report);
+     }},
+    {"profile subscriptions",
+     "List the subscribed filter lists and the offered ones not subscribed yet", nullptr, Waits::No,
+     nullptr,
+     [](const Arguments& arguments, Report& report) {
+         runProfileSubscriptions(arguments.common, report);
+     }},
+    {"update", "Download the subscribed filter lists that are due and replace their rules",
+     "Each list due (or every list with --force) is asked for with the ETag and\n"
+     "Last-Modified of its last download; \"not modified\" only sets its next time.\n"
+     "A new list replaces the list's old rules in one step, ranked with the\n"
+     "profile's other lists as by profile import. A list that fails (an HTTP\n"
+     "error, a dropped connection, a body over 32 MiB, not a filter list) keeps\n"
+     "its old rules, is tried again in an hour, and makes the exit code 6. The\n"
+     "active profile is compiled and reloaded once, when it changed.",
+     Waits::Yes,
+     [](CLI::App& command, Arguments& arguments) {
+         command.add_flag("--force", arguments.force, "Fetch every subscribed list now");
+     },
+     [](const Arguments& arguments, Report& report) {
+         runUpdate(arguments.common, arguments.force, report);
      }},
     {"block", "Add the URL's host to the block list of the active profile and reload", nullptr,
      Waits::Yes, pageURLArgument,

@@ -18,6 +18,7 @@ enum class ExitCode : int {
     Storage = 3,      // the container, the resources or a database cannot be used
     Reload = 4,       // the browser (WebKit) rejected a rule list, or a reload failed or hung
     Unavailable = 5,  // a system service is missing (no session bus for watch)
+    Download = 6,     // a subscribed list could not be downloaded; its old rules stay
 };
 
 inline constexpr int toInt(ExitCode code) { return static_cast<int>(code); }
