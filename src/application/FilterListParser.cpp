@@ -540,6 +540,12 @@ class Parser {
 
         std::string filter;
         if (const auto reason = urlFilterFromPattern(pattern, filter)) return skip(*reason);
+        // "|", "*" or "@@*" alone would block, or let through, every load
+        // everywhere: no list means that, a cut or garbled line does.
+        if (filter == kAnyURL && !condition.domains && !options.loads && !options.document &&
+            options.includedTypes.empty() && options.excludedTypes.empty()) {
+            return skip(SkipReason::kMatchesEverything);
+        }
 
         if (exception && options.document) return pageException(filter, condition, options);
 

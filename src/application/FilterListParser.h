@@ -37,6 +37,8 @@ inline constexpr std::string_view kUnmatchedHideException =
 inline constexpr std::string_view kDuplicate = "duplicate";
 inline constexpr std::string_view kInvalidUTF8 = "invalid UTF-8";
 inline constexpr std::string_view kLineTooLong = "line longer than 64 KiB";
+inline constexpr std::string_view kMatchesEverything =
+    "matches every address everywhere (a cut line?)";
 }  // namespace SkipReason
 
 struct FilterListImport {
