@@ -25,36 +25,17 @@
 #include <thread>
 #include <vector>
 
+#include "support/LoopbackServer.h"
+
 namespace stonewall::browser::testing {
 
 class HttpServer {
   public:
     // path -> (content type, body)
     explicit HttpServer(std::map<std::string, std::pair<std::string, std::string>> files)
-        : files_(std::move(files)) {
-        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (listener_ < 0 ||
-            ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::listen(listener_, 16) != 0 ||
-            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-            throw std::runtime_error("cannot listen on 127.0.0.1");
-        }
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~HttpServer() {
-        ::shutdown(listener_, SHUT_RDWR);
-        ::close(listener_);
-        thread_.join();
-    }
+        : files_(std::move(files)) {}
 
-    std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
+    std::string url(const std::string& path) const { return server_.url(path); }
     // How often the path was asked for so far.
     int requests(const std::string& path) const {
         std::lock_guard lock(mutex_);
@@ -62,39 +43,28 @@ class HttpServer {
     }
 
   private:
-    void serve() {
-        for (int client; (client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-            std::string request;
-            char buffer[4096];
-            for (ssize_t got; request.find("\r\n\r\n") == std::string::npos &&
-                              (got = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
-                request.append(buffer, static_cast<size_t>(got));
-            }
-            std::string method, path;
-            std::istringstream(request) >> method >> path;
-            {
-                std::lock_guard lock(mutex_);
-                ++counts_[path];
-            }
-            const auto file = files_.find(path);
-            const auto [type, body] =
-                file == files_.end() ? std::pair<std::string, std::string>() : file->second;
-            // No caching: each load must reach us, or be blocked, to be counted.
-            const std::string response =
-                "HTTP/1.1 " + std::string(file == files_.end() ? "404 Not Found" : "200 OK") +
-                "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
-                "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" + body;
-            ::send(client, response.data(), response.size(), MSG_NOSIGNAL);
-            ::close(client);
+    std::string respond(const std::string& request) {
+        std::string method, path;
+        std::istringstream(request) >> method >> path;
+        {
+            std::lock_guard lock(mutex_);
+            ++counts_[path];
         }
+        const auto file = files_.find(path);
+        const auto [type, body] =
+            file == files_.end() ? std::pair<std::string, std::string>() : file->second;
+        // No caching: each load must reach us, or be blocked, to be counted.
+        return "HTTP/1.1 " + std::string(file == files_.end() ? "404 Not Found" : "200 OK") +
+               "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
+               "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" + body;
     }
 
-    int listener_ = -1;
-    int port_ = 0;
     std::map<std::string, std::pair<std::string, std::string>> files_;
     mutable std::mutex mutex_;
     std::map<std::string, int> counts_;
-    std::thread thread_;
+    // Last: its thread answers through the members above.
+    test_support::LoopbackServer server_{
+        [this](const std::string& request) { return respond(request); }};
 };
 
 class BrowserProcess {

@@ -54,12 +54,14 @@ std::optional<std::string> subscriptionURL(const std::string& text, std::string&
         g_error_free(error);
         return std::nullopt;
     }
+    // Copied before the URI goes: its strings go with it.
     const std::string scheme = lowerCase(g_uri_get_scheme(uri));
-    const char* host = g_uri_get_host(uri);
+    const char* hostText = g_uri_get_host(uri);
+    const std::string host = hostText ? hostText : "";
     const std::string path = g_uri_get_path(uri);
     g_uri_unref(uri);
     if (scheme == "http" || scheme == "https") {
-        if (!host || !*host) {
+        if (host.empty()) {
             why = "has no host";
             return std::nullopt;
         }
