@@ -66,6 +66,27 @@ struct ContentFilters::Batch {
     }
 };
 
+namespace {
+
+// One store call's answer for part `index` of a batch: `Finish` is the
+// store's load or save finisher.
+struct StoreCall {
+    void* batch;
+    size_t index;
+};
+
+}  // namespace
+
+template <WebKitUserContentFilter* (*Finish)(WebKitUserContentFilterStore*, GAsyncResult*,
+                                             GError**)>
+void ContentFilters::storeAnswered(GObject* store, GAsyncResult* result, gpointer data) {
+    std::unique_ptr<StoreCall> call(static_cast<StoreCall*>(data));
+    GError* error = nullptr;
+    WebKitUserContentFilter* filter =
+        Finish(WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
+    Batch::answered(static_cast<Batch*>(call->batch), call->index, filter, error);
+}
+
 ContentFilters::ContentFilters(std::string containerPath, std::string defaultsPath)
     : containerPath_(std::move(containerPath)),
       defaultsPath_(std::move(defaultsPath)),
@@ -171,21 +192,11 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
         }
         if (done) done(found);
     };
-    struct Call {
-        Batch* batch;
-        size_t index;
-    };
     for (size_t index = 0; index < kRuleListParts; ++index) {
         webkit_user_content_filter_store_load(
             store(), partIdentifier(index).c_str(), nullptr,
-            +[](GObject* store, GAsyncResult* result, gpointer data) {
-                std::unique_ptr<Call> call(static_cast<Call*>(data));
-                GError* error = nullptr;
-                WebKitUserContentFilter* filter = webkit_user_content_filter_store_load_finish(
-                    WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-                Batch::answered(call->batch, call->index, filter, error);
-            },
-            new Call{batch, index});
+            &storeAnswered<webkit_user_content_filter_store_load_finish>,
+            new StoreCall{batch, index});
     }
 }
 
@@ -268,23 +279,13 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
             owned->finish(*owned);
             return;
         }
-        struct Call {
-            Batch* batch;
-            size_t index;
-        };
         for (size_t index = 0; index < kRuleListParts; ++index) {
             if (batch->filters[index]) continue;
             GBytes* source = g_bytes_new(parts[index].json.data(), parts[index].json.size());
             webkit_user_content_filter_store_save(
                 self->store(), partIdentifier(index).c_str(), source, nullptr,
-                +[](GObject* store, GAsyncResult* result, gpointer data) {
-                    std::unique_ptr<Call> call(static_cast<Call*>(data));
-                    GError* error = nullptr;
-                    WebKitUserContentFilter* filter = webkit_user_content_filter_store_save_finish(
-                        WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-                    Batch::answered(call->batch, call->index, filter, error);
-                },
-                new Call{batch, index});
+                &storeAnswered<webkit_user_content_filter_store_save_finish>,
+                new StoreCall{batch, index});
             g_bytes_unref(source);
         }
     });

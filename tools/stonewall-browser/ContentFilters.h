@@ -51,6 +51,9 @@ class ContentFilters : public platform::ContentBlockerManager,
 
   private:
     struct Batch;
+    template <WebKitUserContentFilter* (*Finish)(WebKitUserContentFilterStore*, GAsyncResult*,
+                                                 GError**)>
+    static void storeAnswered(GObject* store, GAsyncResult* result, gpointer data);
     // Takes the parts (one reference each; null entries for none) and
     // applies them to every content manager.
     void setFilters(std::vector<WebKitUserContentFilter*> filters);
