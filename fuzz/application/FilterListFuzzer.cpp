@@ -45,5 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int64_t byAction = 0;
     for (int64_t count : list.rulesByAction) byAction += count;
     check(byAction == counted);
+    // The "! Expires:" header always gives an interval within its bounds.
+    const int64_t interval = stonewall::FilterListParser::updateIntervalSeconds(text);
+    check(interval >= stonewall::FilterListParser::kMinimumUpdateInterval &&
+          interval <= stonewall::FilterListParser::kMaximumUpdateInterval);
     return 0;
 }
