@@ -59,8 +59,8 @@ class LoopbackServer {
             }
             const std::string response = respond_(request);
             for (size_t sent = 0; sent < response.size();) {
-                const ssize_t put = ::send(client, response.data() + sent, response.size() - sent,
-                                           MSG_NOSIGNAL);
+                const ssize_t put =
+                    ::send(client, response.data() + sent, response.size() - sent, MSG_NOSIGNAL);
                 if (put <= 0) break;  // the reader gave up (a body over its limit)
                 sent += static_cast<size_t>(put);
             }
