@@ -13,9 +13,7 @@ namespace stonewall {
 namespace {
 
 constexpr std::string_view kAnyURL = ".*";
-// Scheme, slashes and any run of subdomain labels: "||" anchors the pattern
-// at the start of the host or of one of its labels.
-constexpr std::string_view kHostAnchor = "^[^:]+://+([^:/]+\\.)?";
+constexpr std::string_view kHostAnchor = FilterListParser::kHostAnchor;
 // The separator "^": anything but a letter, digit or one of "_-.%". WebKit
 // has no alternation, so "or the end of the address" is written as an
 // optional tail before "$" where the separator closes the pattern. That tail

@@ -56,6 +56,10 @@ struct FilterListImport {
 
 class FilterListParser {
   public:
+    // What "||" becomes: scheme, slashes and any run of subdomain labels, so
+    // that the pattern starts at the host or at one of its labels.
+    static constexpr std::string_view kHostAnchor = "^[^:]+://+([^:/]+\\.)?";
+
     // Longer rule lines are skipped (kLineTooLong).
     static constexpr size_t kMaximumLineLength = size_t{64} << 10;
 

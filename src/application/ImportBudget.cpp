@@ -5,6 +5,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "application/FilterListParser.h"
 #include "engine/CompanionController.h"
 #include "model/RuleCodes.h"
 
@@ -12,7 +13,7 @@ namespace stonewall {
 namespace {
 
 // The "||host^" form: the host anchor and then a host name only.
-constexpr std::string_view kHostAnchor = "^[^:]+://+([^:/]+\\.)?";
+constexpr std::string_view kHostAnchor = FilterListParser::kHostAnchor;
 
 bool limitedToSites(const ProfileRule& rule) {
     return rule.domainType == DomainTypeCode::kIfTopURL ||

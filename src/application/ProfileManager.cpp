@@ -287,40 +287,18 @@ ApplicationOutcome ProfileManager::importFilterList(const std::string& profileID
             ++report.leftOutByAction[action];
         }
     }
-    if (listTag) {
-        if (rows.empty() && displaced.empty() && report.replaced == 0) return std::nullopt;
-        const int64_t before = database->getProfileRulesCount();
-        if (!database->replaceProfileRulesWithPrefix(prefix, rows, displaced) ||
-            database->getProfileRulesCount() != before - report.replaced -
-                                                    static_cast<int64_t>(displaced.size()) +
-                                                    static_cast<int64_t>(rows.size())) {
-            return storageFailure("profile " + profileID,
-                                  "its database did not take the list's new rules; the old ones "
-                                  "stay (" +
-                                      database->profilesDataPath() + ")");
-        }
-        report.added = static_cast<int64_t>(rows.size());
-        CompanionController::sendUpdateNotification();
-        return std::nullopt;
-    }
-    if (rows.empty()) return std::nullopt;
-
+    if (rows.empty() && displaced.empty() && report.replaced == 0) return std::nullopt;
+    // The list's earlier rows, the displaced rules of other lists and the
+    // new rows change in one transaction: a failure leaves every old row.
     const int64_t before = database->getProfileRulesCount();
-    database->addProfileRules(rows);
-    const int64_t after = database->getProfileRulesCount();
-    if (after - before != static_cast<int64_t>(rows.size())) {
-        return storageFailure("profile " + profileID, "its database took " +
-                                                          std::to_string(after - before) + " of " +
-                                                          std::to_string(rows.size()) + " rules (" +
-                                                          database->profilesDataPath() + ")");
-    }
-    if (!displaced.empty()) {
-        database->removeProfileRulesCustom(displaced);
-        if (database->getProfileRulesCount() != after - static_cast<int64_t>(displaced.size())) {
-            return storageFailure("profile " + profileID,
-                                  "its database kept rules of earlier lists past the budget (" +
-                                      database->profilesDataPath() + ")");
-        }
+    if (!database->replaceProfileRulesWithPrefix(prefix, rows, displaced) ||
+        database->getProfileRulesCount() != before - report.replaced -
+                                                static_cast<int64_t>(displaced.size()) +
+                                                static_cast<int64_t>(rows.size())) {
+        return storageFailure("profile " + profileID,
+                              "its database did not take the list's new rules; the old ones "
+                              "stay (" +
+                                  database->profilesDataPath() + ")");
     }
     report.added = static_cast<int64_t>(rows.size());
     CompanionController::sendUpdateNotification();

@@ -61,17 +61,15 @@ class ProfileManager {
     // Adds the list's rules to the profile's database (list code 1). The
     // list shares the profile's budget (ImportBudget) with the lists imported
     // before: its rules and theirs are ranked together by the policy, and
-    // what ranks last is left out, or removed when an earlier list had it.
-    // New rules are written before old ones are removed, so a failure
-    // between the two leaves rules over the budget, never rules lost. The
-    // text must pass FilterListParser::checkFormat. Lists whose exceptions
-    // alone do not fit are refused (BadInput) and nothing changes.
+    // what ranks last is left out, or removed when an earlier list had it,
+    // in the same transaction as the new rules are written. The text must
+    // pass FilterListParser::checkFormat. Lists whose exceptions alone do
+    // not fit are refused (BadInput) and nothing changes.
     //
     // With a list tag (a subscribed list: letters and digits), the rows of
     // the profile whose ruleID begins with "<tag>-" are the list's earlier
     // version: they are not ranked and not kept, and the new rows (ruleID
-    // "<tag>-<random>") replace them, with the displaced rules of the other
-    // lists, in one transaction; a failure leaves every old row in place.
+    // "<tag>-<random>") replace them.
     [[nodiscard]] ApplicationOutcome importFilterList(
         const std::string& profileID, std::string_view text, ImportReport& report,
         const std::optional<std::string>& listTag = std::nullopt);

@@ -405,13 +405,13 @@ void ProfileDatabase::removeAllProfileRules() {
 bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPrefix,
                                                     const std::vector<ProfileRule>& add,
                                                     const std::vector<ProfileRule>& remove) {
-    if (!usable_ || !profilesDatabase_ || ruleIDPrefix.empty()) {
-        logError("replacement dropped: no open database or no prefix");
+    if (!usable_ || !profilesDatabase_) {
+        logError("replacement dropped: no open database");
         return false;
     }
     Transaction transaction(profilesDatabase_, kLog);
     if (!transaction.begun()) return false;
-    {
+    if (!ruleIDPrefix.empty()) {
         const Statement statement = prepareStatement(profilesDatabase_, kDeleteByPrefixSql, kLog);
         if (!statement) return false;
         bindInt(statement.get(), 1, static_cast<int64_t>(ruleIDPrefix.size()));

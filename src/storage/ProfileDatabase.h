@@ -88,7 +88,8 @@ class ProfileDatabase {
     void removeProfileRules(int64_t blocker, int64_t blockerAction, const NullableString& ruleID);
     void removeAllProfileRules();
     // In one transaction: deletes every row whose ruleID begins with
-    // `ruleIDPrefix` (one imported list's rows), deletes `remove` (by
+    // `ruleIDPrefix` (one imported list's rows; none when it is empty),
+    // deletes `remove` (by
     // blocker, action and ruleID) and inserts `add`. All or nothing: false,
     // with the table as it was, when any step failed. runBatch opens a
     // transaction of its own, so this does its own steps.

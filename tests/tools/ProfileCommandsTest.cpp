@@ -100,6 +100,20 @@ TEST_F(ProfileCommandsTest, ImportedListsShareABudgetThatSparesTheUsersRules) {
     EXPECT_EQ(byType["ignore-previous-rules"], 3);  // two exceptions and the allow list
     EXPECT_EQ(byType["make-https"], 1);
     EXPECT_EQ(byType["css-display-none"], 1);
+
+    // Exceptions are never left out: a list with more than the budget holds
+    // is refused, and the profile stays as it was.
+    std::string exceptions;
+    for (int i = 0; i < 49001; ++i) exceptions += "@@||e" + std::to_string(i) + ".test^\n";
+    writeFile(scratch("exceptions.txt"), exceptions);
+    const auto count = [&] {
+        return sqlQuery(profileDatabase(work), "SELECT count(*) FROM ProfileRules");
+    };
+    const auto before = count();
+    const RunResult refused = run({"profile", "import", work, scratch("exceptions.txt").string()});
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.err.find("exceptions"), std::string::npos) << refused.err;
+    EXPECT_EQ(count(), before);
 }
 
 // The whole road: a new profile, filled from a filter list, activated and

@@ -19,25 +19,6 @@
 namespace stonewall::tool {
 namespace {
 
-void throwIfFailed(const ApplicationOutcome& outcome) {
-    if (!outcome) return;
-    throw CommandFailure(
-        outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput : ExitCode::Storage,
-        outcome->subject, outcome->reason);
-}
-
-// Compiles the active profile and reloads, as the front does after a change.
-void reloadActiveProfile(Session& session, CompanionController& engine, Report& report) {
-    CompileReport compile;
-    const ReloadRun run = ReloadRequest(session, &compile)
-                              .run(engine.sharedData()->activeProfileID, engine.activeDatabase());
-    reportReload(run, compile, report);
-}
-
-std::string plural(int64_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 // The entries of every list rule of the action, in order, each once.
 std::vector<std::string> listedHosts(CompanionController& engine, int64_t action) {
     std::vector<std::string> hosts;

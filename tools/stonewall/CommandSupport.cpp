@@ -358,6 +358,25 @@ void reportReload(const ReloadRun& run, const CompileReport& compile, Report& re
     finishReload(run, &compile, report);
 }
 
+void reloadActiveProfile(Session& session, CompanionController& engine, Report& report) {
+    CompileReport compile;
+    const ReloadRun run = ReloadRequest(session, &compile)
+                              .run(engine.sharedData()->activeProfileID, engine.activeDatabase());
+    reportReload(run, compile, report);
+}
+
+ExitCode exitCodeOf(const ApplicationError& error) {
+    return error.kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput : ExitCode::Storage;
+}
+
+void throwIfFailed(const ApplicationOutcome& outcome) {
+    if (outcome) throw CommandFailure(exitCodeOf(*outcome), outcome->subject, outcome->reason);
+}
+
+std::string plural(int64_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string compileSummary(const CompileReport& compile) {
     return std::to_string(compile.rulesWritten) + " written, " +
            std::to_string(compile.bytesWritten) + " bytes";

@@ -10,8 +10,10 @@
 #include <string_view>
 #include <vector>
 
+#include "Failure.h"
 #include "Report.h"
 #include "Session.h"
+#include "application/ApplicationError.h"
 #include "engine/CompanionController.h"
 
 namespace stonewall::tool {
@@ -103,6 +105,18 @@ void finishReload(const ReloadRun& run, const CompileReport* compile, Report& re
 // What every command that changed rules ends with: describeRuleFile and
 // finishReload.
 void reportReload(const ReloadRun& run, const CompileReport& compile, Report& report);
+
+// Compiles the active profile and reloads, as the front does after a change;
+// reportReload tells how it went.
+void reloadActiveProfile(Session& session, CompanionController& engine, Report& report);
+
+// The exit code of an application refusal: BadInput or Storage.
+ExitCode exitCodeOf(const ApplicationError& error);
+// Throws the refusal as a CommandFailure; nothing when there is none.
+void throwIfFailed(const ApplicationOutcome& outcome);
+
+// "1 rule", "2 rules".
+std::string plural(int64_t count, const std::string& noun);
 
 // Throws CommandFailure (ExitCode::Storage) with `what` when the session met
 // more storage failures than `failuresBefore` (its count before the change)

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "CommandSupport.h"
 #include "Failure.h"
 #include "Subscriptions.h"
 #include "application/FilterListParser.h"
@@ -87,14 +88,12 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
                                              : FilterListParser::kDefaultUpdateInterval);
         return fetch;
     }
-    if (auto reason = FilterListParser::checkFormat(result.body)) {
-        return fail(ExitCode::BadInput, "not a filter list: " + *reason);
-    }
     if (auto error = profiles.importFilterList(subscription.profile, result.body, fetch.import,
                                                subscription.tag())) {
-        return fail(error->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput
-                                                                    : ExitCode::Storage,
-                    error->reason);
+        // The import refuses text that is no filter list under that subject.
+        return fail(exitCodeOf(*error), error->subject == "filter list"
+                                            ? "not a filter list: " + error->reason
+                                            : error->reason);
     }
     fetch.kind = Fetch::Kind::Updated;
     subscription.etag = result.etag;
@@ -107,10 +106,6 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
     return fetch;
 }
 
-std::string plural(int64_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 std::string updatedText(const Fetch& fetch) {
     std::string text = "updated: " + plural(fetch.import.added, "rule");
     if (fetch.import.replaced > 0) text += " (were " + std::to_string(fetch.import.replaced) + ")";
@@ -121,14 +116,6 @@ std::string updatedText(const Fetch& fetch) {
 
 bool sameSubscription(const Subscription& a, const std::string& profile, const std::string& url) {
     return a.profile == profile && a.url == url;
-}
-
-void reloadActive(Session& session, CompanionController& engine, Report& report) {
-    engine.connectProfileDatabase();
-    CompileReport compile;
-    const ReloadRun run = ReloadRequest(session, &compile)
-                              .run(engine.sharedData()->activeProfileID, engine.activeDatabase());
-    reportReload(run, compile, report);
 }
 
 void requireSaved(const SubscriptionStore& store, const std::vector<Subscription>& subscriptions) {
@@ -186,7 +173,8 @@ void runProfileSubscribe(const CommonOptions& common, const std::string& profile
                                           : std::string()));
     report.table.add("next update", timeText(subscription.nextDue));
     if (engine->sharedData()->activeProfileID == profileID) {
-        reloadActive(session, *engine, report);
+        engine->connectProfileDatabase();
+        reloadActiveProfile(session, *engine, report);
     } else {
         report.notes.push_back("Profile " + profileID +
                                " is not the active one; its rules take effect once it is "
@@ -214,13 +202,7 @@ void runProfileUnsubscribe(const CommonOptions& common, const std::string& profi
                                  "subscriptions)");
     }
     int64_t removed = 0;
-    const ApplicationOutcome outcome =
-        ProfileManager(*engine).removeFilterList(profileID, found->tag(), removed);
-    if (outcome) {
-        throw CommandFailure(outcome->kind == ApplicationError::Kind::BadInput ? ExitCode::BadInput
-                                                                               : ExitCode::Storage,
-                             outcome->subject, outcome->reason);
-    }
+    throwIfFailed(ProfileManager(*engine).removeFilterList(profileID, found->tag(), removed));
     subscriptions.erase(found);
     requireSaved(store, subscriptions);
     report.json["profile"] = profileID;
@@ -230,7 +212,8 @@ void runProfileUnsubscribe(const CommonOptions& common, const std::string& profi
     report.table.add("profile", profileID);
     report.table.add("rules removed", std::to_string(removed));
     if (removed > 0 && engine->sharedData()->activeProfileID == profileID) {
-        reloadActive(session, *engine, report);
+        engine->connectProfileDatabase();
+        reloadActiveProfile(session, *engine, report);
     }
 }
 
@@ -323,7 +306,10 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
         return;
     }
     requireSaved(store, subscriptions);
-    if (activeChanged) reloadActive(session, *engine, report);
+    if (activeChanged) {
+        engine->connectProfileDatabase();
+        reloadActiveProfile(session, *engine, report);
+    }
     if (failed > 0) {
         throw CommandFailure(failure == ExitCode::Storage ? ExitCode::Storage : ExitCode::Download,
                              "update",
