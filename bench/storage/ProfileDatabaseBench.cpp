@@ -4,6 +4,9 @@
 // "profiles" template carries (it ships the ruleID index; each run drops
 // and recreates the set under test).
 //
+// BM_QuickCheck: the integrity check that precedes the first write to a
+// database a process opened or another program changed.
+//
 // Arguments: rules in the profile, then the index set (0 none, 1 (action,
 // filter), 2 (ruleID), 3 both). Run with TMPDIR on a memory file system to
 // measure SQLite rather than the disk's flush.
@@ -17,6 +20,7 @@
 
 #include "ProfileGenerator.h"
 #include "platform/testing/TestPlatform.h"
+#include "storage/IntegrityWatch.h"
 #include "storage/ProfileDatabase.h"
 
 namespace stonewall {
@@ -110,6 +114,20 @@ void BM_AddRulesBatch(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * 10000);
 }
 
+// What a database costs to check before it is trusted for a write (done
+// when it is opened and after another program changed it): PRAGMA
+// quick_check reads every page.
+void BM_QuickCheck(benchmark::State& state) {
+    Fixture fixture(state.range(0), 2);
+    sqlite3* connection = nullptr;
+    sqlite3_open(fixture.database().profilesDataPath().c_str(), &connection);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(storage_detail::quickCheck(connection));
+    }
+    sqlite3_close_v2(connection);
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
 void Sizes(benchmark::internal::Benchmark* bench) {
     for (int64_t indexes : {0, 1, 2, 3}) bench->Args({50000, indexes});
     bench->Unit(benchmark::kMillisecond);
@@ -119,6 +137,7 @@ BENCHMARK(BM_CompilerReadStreaming)->Apply(Sizes);
 BENCHMARK(BM_CompilerReadArrays)->Apply(Sizes);
 BENCHMARK(BM_UpdateWebsiteRule)->Apply(Sizes);
 BENCHMARK(BM_AddRulesBatch)->Apply(Sizes);
+BENCHMARK(BM_QuickCheck)->Arg(1000)->Arg(50000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace stonewall

@@ -44,4 +44,11 @@ struct FileTaskResult {
 // nullopt when nothing is there or (with `error` set) it cannot be read.
 [[nodiscard]] std::optional<int64_t> itemSize(const std::string& path, std::string& error);
 
+// Moves a file or folder that is in the way (damaged, or not what belongs
+// there) to "<path>.damaged-<UTC time>" (with a counter when that is taken),
+// never replacing anything, and reports the move as a StorageEvents
+// MovedAside event. Returns the new path; nullopt when nothing was there, or
+// (with `error` set) when it could not be moved.
+[[nodiscard]] std::optional<std::string> moveItemAside(const std::string& path, std::string& error);
+
 }  // namespace stonewall::platform

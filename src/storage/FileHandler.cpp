@@ -16,7 +16,7 @@
 
 #include "platform/FileSystem.h"
 #include "platform/Platform.h"
-#include "storage/StorageEvents.h"
+#include "platform/StorageEvents.h"
 
 namespace stonewall {
 
@@ -67,42 +67,11 @@ bool isDirectory(const std::string& path) {
     return !path.empty() && fs::is_directory(fs::symlink_status(path, error));
 }
 
-// "20261123T104652Z": sortable, and free of characters that need quoting.
-std::string utcStamp() {
-    using namespace std::chrono;
-    const auto now = floor<seconds>(system_clock::now());
-    const year_month_day date{floor<days>(now)};
-    const hh_mm_ss time{now - floor<days>(now)};
-    char text[32];
-    std::snprintf(text, sizeof text, "%04d%02u%02uT%02ld%02ld%02ldZ", int(date.year()),
-                  unsigned(date.month()), unsigned(date.day()), long(time.hours().count()),
-                  long(time.minutes().count()), long(time.seconds().count()));
-    return text;
-}
-
-// Moves an item that is in the way to "<path>.damaged-<UTC time>" (with a
-// counter when that is taken), never replacing anything. Returns the new path.
 NullableString moveItemAside(const std::string& path) {
-    const std::string base = path + ".damaged-" + utcStamp();
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        const std::string aside = attempt == 0 ? base : base + "-" + std::to_string(attempt);
-        // renameat2 with RENAME_NOREPLACE would say the same in one call, but
-        // not every file system has it; link+unlink cannot move a folder.
-        if (exists(aside)) continue;
-        std::error_code error;
-        fs::rename(path, aside, error);
-        if (!error) {
-            StorageEvents::report(StorageEvents::Kind::MovedAside,
-                                  "moved " + path + " aside to " + aside);
-            return aside;
-        }
-        // Gone meanwhile: nothing in the way.
-        if (error == std::errc::no_such_file_or_directory) return std::nullopt;
-        FileHandler::logError("cannot move aside " + path + ": " + error.message());
-        return std::nullopt;
-    }
-    FileHandler::logError("cannot move aside " + path + ": no free name");
-    return std::nullopt;
+    std::string error;
+    NullableString aside = platform::moveItemAside(path, error);
+    if (!error.empty()) FileHandler::logError(error);
+    return aside;
 }
 
 std::optional<Data> readWholeFile(const std::string& path) {

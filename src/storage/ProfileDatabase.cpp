@@ -7,8 +7,8 @@
 
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
+#include "platform/StorageEvents.h"
 #include "storage/SQLiteSupport.h"
-#include "storage/StorageEvents.h"
 
 namespace stonewall {
 
@@ -105,6 +105,8 @@ std::shared_ptr<ProfileDatabase> ProfileDatabase::initWithBlockerProfileID(
         } else {
             database->restoreDatabase();
         }
+    } else {
+        database->ensureWholeForWrite();
     }
     return database;
 }
@@ -161,12 +163,21 @@ void ProfileDatabase::restoreDatabase() {
         return;
     }
     connect();
+    integrity_.forget();
     if (aside && checkTablesExist()) {
-        const int64_t rows = salvageRows(profilesDatabase_, *aside, kProfileRulesTable);
+        const DamagedFile damaged(*aside, profilesDatabase_);
+        const int64_t rows = salvageRows(profilesDatabase_, damaged, kProfileRulesTable);
         StorageEvents::report(StorageEvents::Kind::MovedAside,
                               "recovered " + std::to_string(rows) + " rule" +
                                   (rows == 1 ? "" : "s") + " from the damaged " +
                                   profilesFileName_);
+    }
+}
+
+void ProfileDatabase::ensureWholeForWrite() {
+    if (!usable_ || !profilesDatabase_) return;
+    if (integrity_.check(profilesDatabase_, profilesDataPath_) == IntegrityWatch::State::Damaged) {
+        restoreDatabase();
     }
 }
 
@@ -360,6 +371,7 @@ void ProfileDatabase::runBatch(const char* sql, const std::vector<ProfileRule>& 
         logError("change dropped: the profile identifier names no file of ours");
         return;
     }
+    ensureWholeForWrite();
     Transaction transaction(profilesDatabase_, kLog);
     const Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
     if (!statement) return;
@@ -371,7 +383,7 @@ void ProfileDatabase::runBatch(const char* sql, const std::vector<ProfileRule>& 
         }
         sqlite3_reset(statement.get());
     }
-    (void)transaction.commit();
+    if (transaction.commit()) integrity_.noteWrite(profilesDataPath_);
 }
 
 void ProfileDatabase::addProfileRules(const std::vector<ProfileRule>& rules) {
@@ -388,18 +400,20 @@ void ProfileDatabase::removeProfileRulesCustom(const std::vector<ProfileRule>& r
 
 void ProfileDatabase::removeProfileRules(int64_t blocker, int64_t blockerAction,
                                          const NullableString& ruleID) {
+    ensureWholeForWrite();
     const Statement statement = prepareStatement(profilesDatabase_, kDeleteSql, kLog);
     if (!statement) return;
     bindInt(statement.get(), 1, blocker);
     bindInt(statement.get(), 2, blockerAction);
     bindString(statement.get(), 3, ruleID);
-    stepToDone(statement.get(), kLog);
+    if (stepToDone(statement.get(), kLog)) integrity_.noteWrite(profilesDataPath_);
 }
 
 void ProfileDatabase::removeAllProfileRules() {
+    ensureWholeForWrite();
     const Statement statement = prepareStatement(profilesDatabase_, kDeleteAllSql, kLog);
     if (!statement) return;
-    stepToDone(statement.get(), kLog);
+    if (stepToDone(statement.get(), kLog)) integrity_.noteWrite(profilesDataPath_);
 }
 
 bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPrefix,
@@ -409,6 +423,7 @@ bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPre
         logError("replacement dropped: no open database");
         return false;
     }
+    ensureWholeForWrite();
     Transaction transaction(profilesDatabase_, kLog);
     if (!transaction.begun()) return false;
     if (!ruleIDPrefix.empty()) {
@@ -430,7 +445,9 @@ bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPre
         return true;
     };
     if (!each(kDeleteSql, remove, bindDelete) || !each(kInsertSql, add, bindInsert)) return false;
-    return transaction.commit();
+    if (!transaction.commit()) return false;
+    integrity_.noteWrite(profilesDataPath_);
+    return true;
 }
 
 void ProfileDatabase::reloadProfileRules(int64_t /*reloadType*/, int64_t /*reloadOperation*/,

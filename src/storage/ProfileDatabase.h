@@ -19,6 +19,7 @@
 
 #include "model/ProfileRule.h"
 #include "storage/FileHandler.h"
+#include "storage/IntegrityWatch.h"
 #include "utilities/Nullable.h"
 
 struct sqlite3;
@@ -46,6 +47,9 @@ class ProfileDatabase {
     // Moves a damaged file aside (never deletes it), puts a fresh copy of
     // the template in its place and carries over the rows still readable.
     void restoreDatabase();
+    // Before a write: a file that PRAGMA quick_check finds damaged (a page
+    // no read has met yet) is restored first, so that no write lands in it.
+    void ensureWholeForWrite();
     void close();
 
     std::vector<ProfileRule> getProfileRulesByAction(int64_t action);
@@ -126,6 +130,7 @@ class ProfileDatabase {
     std::string profilesFileName_;
     std::string profilesDataPath_;
     bool usable_ = true;
+    storage_detail::IntegrityWatch integrity_;
     ReadFailure lastReadFailure_ =
         ReadFailure::None;  // false for an identifier that names no file of ours
 };

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <limits>
+#include <vector>
 
 #include "platform/Platform.h"
 #include "utilities/Unicode.h"
@@ -215,45 +217,184 @@ NullableString moveDatabaseAside(const FileHandler& handler, const std::string& 
     return aside;
 }
 
-int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath, const char* table) {
-    if (!fresh) return 0;
-    sqlite3* damaged = nullptr;
-    if (sqlite3_open_v2(damagedPath.c_str(), &damaged, SQLITE_OPEN_READWRITE, nullptr) !=
-        SQLITE_OK) {
-        sqlite3_close_v2(damaged);
-        return 0;
+namespace {
+
+constexpr size_t kHeaderSize = 100;
+constexpr size_t kSmallestPage = 512;
+constexpr size_t kLargestPage = 65536;
+
+// A rebuilt header's page size: two bytes, 1 meaning 65536.
+void putPageSize(std::string& header, size_t pageSize) {
+    const size_t stored = pageSize == kLargestPage ? 1 : pageSize;
+    header[16] = static_cast<char>((stored >> 8) & 0xff);
+    header[17] = static_cast<char>(stored & 0xff);
+}
+
+void putBigEndian32(std::string& header, size_t offset, uint32_t value) {
+    for (int i = 0; i < 4; ++i) {
+        header[offset + static_cast<size_t>(i)] = static_cast<char>((value >> (24 - 8 * i)) & 0xff);
     }
-    configureConnection(damaged);
+}
+
+size_t pageSizeOf(std::string_view header) {
+    const size_t stored =
+        (static_cast<unsigned char>(header[16]) << 8) | static_cast<unsigned char>(header[17]);
+    return stored == 1 ? kLargestPage : stored;
+}
+
+// Opens a file that may be damaged; null when SQLite cannot read its schema.
+sqlite3* openReadable(const std::string& path) {
+    sqlite3* database = nullptr;
+    // Read-write without create: a hot journal beside it is rolled back.
+    if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        sqlite3_close_v2(database);
+        return nullptr;
+    }
+    configureConnection(database);
+    armDeadline();
+    if (sqlite3_exec(database, "SELECT count(*) FROM sqlite_schema", nullptr, nullptr, nullptr) !=
+        SQLITE_OK) {
+        sqlite3_close_v2(database);
+        return nullptr;
+    }
+    return database;
+}
+
+}  // namespace
+
+DamagedFile::DamagedFile(const std::string& damagedPath, sqlite3* wholeDatabase) {
+    database_ = openReadable(damagedPath);
+    if (database_ || !wholeDatabase) return;
+    const char* wholePath = sqlite3_db_filename(wholeDatabase, "main");
+    const auto bytes = FileHandler::readFromFilePath(damagedPath);
+    const auto whole = wholePath ? FileHandler::readFromFilePath(wholePath) : std::nullopt;
+    if (!bytes || !whole || bytes->size() < kSmallestPage || whole->size() < kHeaderSize) return;
+
+    // The template's own page size first; a file made elsewhere may use
+    // another one.
+    std::string header = whole->substr(0, kHeaderSize);
+    std::vector<size_t> pageSizes{pageSizeOf(header)};
+    for (size_t size = kSmallestPage; size <= kLargestPage; size *= 2) {
+        if (size != pageSizes.front()) pageSizes.push_back(size);
+    }
+    copyPath_ = damagedPath + ".recovering";
+    for (const size_t pageSize : pageSizes) {
+        if (pageSize < kSmallestPage || bytes->size() % pageSize != 0) continue;
+        putPageSize(header, pageSize);
+        // The page count in the header counts only when the change counter
+        // (24) equals the "valid for" number (92); the free list is unknown.
+        putBigEndian32(header, 24, 1);
+        putBigEndian32(header, 28, static_cast<uint32_t>(bytes->size() / pageSize));
+        putBigEndian32(header, 32, 0);
+        putBigEndian32(header, 36, 0);
+        putBigEndian32(header, 92, 1);
+        std::string repaired = *bytes;
+        repaired.replace(0, kHeaderSize, header);
+        if (!FileHandler::writeToURL(copyPath_, repaired, false)) break;
+        database_ = openReadable(copyPath_);
+        if (database_) return;
+    }
+    std::remove(copyPath_.c_str());
+    copyPath_.clear();
+}
+
+DamagedFile::~DamagedFile() {
+    sqlite3_close_v2(database_);
+    if (!copyPath_.empty()) {
+        std::remove(copyPath_.c_str());
+        std::remove((copyPath_ + "-journal").c_str());
+    }
+}
+
+int64_t salvageRows(sqlite3* fresh, const DamagedFile& damaged, const char* table) {
+    if (!fresh || !damaged.get()) return 0;
     // The salvage reports through its count alone: a damaged file is
     // expected to fail here and there.
     const ErrorHook quiet = [](std::string_view) {};
+    const std::string select =
+        std::string("SELECT rowid, * FROM ") + table + " WHERE rowid >= ? ORDER BY rowid";
+    const Statement reading = prepareStatement(damaged.get(), select.c_str(), quiet);
+    const int columns = reading ? sqlite3_column_count(reading.get()) - 1 : 0;
+    if (columns <= 0) return 0;
+    std::string insert = std::string("INSERT INTO ") + table + " VALUES (";
+    for (int i = 0; i < columns; ++i) insert += i == 0 ? "?" : ",?";
+    insert += ")";
+    Transaction transaction(fresh, quiet);
+    const Statement writing =
+        transaction.begun() ? prepareStatement(fresh, insert.c_str(), quiet) : Statement();
+    if (!writing) return 0;
+
+    // Reads from `from` on; the result of the step that ended the read.
     int64_t copied = 0;
-    {
-        const std::string select = std::string("SELECT * FROM ") + table;
-        const Statement reading = prepareStatement(damaged, select.c_str(), quiet);
-        const int columns = reading ? sqlite3_column_count(reading.get()) : 0;
-        if (columns > 0) {
-            std::string insert = std::string("INSERT INTO ") + table + " VALUES (";
-            for (int i = 0; i < columns; ++i) insert += i == 0 ? "?" : ",?";
-            insert += ")";
-            Transaction transaction(fresh, quiet);
-            const Statement writing =
-                transaction.begun() ? prepareStatement(fresh, insert.c_str(), quiet) : Statement();
-            if (writing) {
-                while (sqlite3_step(reading.get()) == SQLITE_ROW) {
-                    for (int i = 0; i < columns; ++i) {
-                        sqlite3_bind_value(writing.get(), i + 1,
-                                           sqlite3_column_value(reading.get(), i));
-                    }
-                    armDeadline();
-                    if (sqlite3_step(writing.get()) == SQLITE_DONE) ++copied;
-                    sqlite3_reset(writing.get());
-                }
+    // The rowid of the last row this turn read, if it read one.
+    int64_t last = 0;
+    bool readAny = false;
+    const auto readFrom = [&](int64_t from) {
+        readAny = false;
+        sqlite3_reset(reading.get());
+        sqlite3_bind_int64(reading.get(), 1, from);
+        armDeadline();
+        int result;
+        while ((result = sqlite3_step(reading.get())) == SQLITE_ROW) {
+            last = sqlite3_column_int64(reading.get(), 0);
+            readAny = true;
+            for (int i = 0; i < columns; ++i) {
+                sqlite3_bind_value(writing.get(), i + 1,
+                                   sqlite3_column_value(reading.get(), i + 1));
             }
-            if (!transaction.begun() || !transaction.commit()) copied = 0;
+            armDeadline();
+            if (sqlite3_step(writing.get()) == SQLITE_DONE) ++copied;
+            sqlite3_reset(writing.get());
         }
+        return result;
+    };
+    // Whether a read from `from` gets past the damaged page (finds a row or
+    // the table's end) without reading anything.
+    const auto readable = [&](int64_t from) {
+        sqlite3_reset(reading.get());
+        sqlite3_bind_int64(reading.get(), 1, from);
+        armDeadline();
+        const int result = sqlite3_step(reading.get());
+        return result == SQLITE_ROW || result == SQLITE_DONE;
+    };
+
+    int64_t from = std::numeric_limits<int64_t>::min();
+    // Each turn passes one damaged page, and a table has fewer pages than this.
+    for (int turn = 0; turn < 1 << 20; ++turn) {
+        if (readFrom(from) == SQLITE_DONE) break;
+        // Seeking a rowid that the damaged page would hold fails; one past
+        // its rows succeeds: find that point, probing by doubling steps and
+        // then halving the interval.
+        int64_t failed = readAny ? last : from;
+        if (failed == std::numeric_limits<int64_t>::max()) break;
+        int64_t step = 1;
+        std::optional<int64_t> passes;
+        while (!passes) {
+            const int64_t probe = failed > std::numeric_limits<int64_t>::max() - step
+                                      ? std::numeric_limits<int64_t>::max()
+                                      : failed + step;
+            if (readable(probe)) {
+                passes = probe;
+            } else if (probe == std::numeric_limits<int64_t>::max()) {
+                break;
+            } else {
+                failed = probe;
+                if (step < (int64_t{1} << 61)) step *= 2;
+            }
+        }
+        if (!passes) break;
+        while (*passes - failed > 1) {
+            const int64_t middle = failed + (*passes - failed) / 2;
+            if (readable(middle)) {
+                passes = middle;
+            } else {
+                failed = middle;
+            }
+        }
+        from = *passes;
     }
-    sqlite3_close_v2(damaged);
+    sqlite3_reset(reading.get());
+    if (!transaction.commit()) return 0;
     return copied;
 }
 

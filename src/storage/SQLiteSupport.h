@@ -166,10 +166,34 @@ inline constexpr char kCommitSql[] = "COMMIT TRANSACTION";
 // returns where it went; null when nothing was moved.
 [[nodiscard]] NullableString moveDatabaseAside(const FileHandler& handler, const std::string& name);
 
-// Copies the rows of `table` that SQLite can still read from the damaged
-// file at `damagedPath` into the same table of `fresh`, in one transaction,
-// stopping at the first unreadable page. Returns the number of rows copied.
-[[nodiscard]] int64_t salvageRows(sqlite3* fresh, const std::string& damagedPath,
-                                  const char* table);
+// A damaged database file opened for reading what is left of it. When
+// SQLite cannot read the file's schema at all (its 100-byte header is
+// garbage, though its pages may be intact), the rows are read from a copy
+// whose header is rebuilt from that of `wholeDatabase` (a fresh copy of the
+// same template: same page size and encoding), trying the other page sizes
+// where that one does not fit; the copy is removed again.
+class DamagedFile {
+  public:
+    DamagedFile(const std::string& damagedPath, sqlite3* wholeDatabase);
+    ~DamagedFile();
+    DamagedFile(const DamagedFile&) = delete;
+    DamagedFile& operator=(const DamagedFile&) = delete;
+
+    // Null when nothing of the file can be read.
+    sqlite3* get() const { return database_; }
+    // Whether the header had to be rebuilt.
+    bool headerRebuilt() const { return !copyPath_.empty(); }
+
+  private:
+    sqlite3* database_ = nullptr;
+    std::string copyPath_;
+};
+
+// Copies the rows of `table` that SQLite can still read from `damaged` into
+// the same table of `fresh`, in one transaction. Rows are read in rowid
+// order; where a damaged page stops the read, the read goes on after the
+// rows that page held (found by seeking), so one bad page costs only its own
+// rows. Returns the number of rows copied.
+[[nodiscard]] int64_t salvageRows(sqlite3* fresh, const DamagedFile& damaged, const char* table);
 
 }  // namespace stonewall::storage_detail

@@ -8,8 +8,8 @@
 
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
+#include "platform/StorageEvents.h"
 #include "storage/SQLiteSupport.h"
-#include "storage/StorageEvents.h"
 #include "utilities/Custom.h"
 
 namespace stonewall {
@@ -189,11 +189,13 @@ int SharedDatabase::connectDataDatabase() {
         // damaged; replacing it would lose the shared state and custom rules.
         if (!prepared && failedOnLock(dataDatabase_)) {
             logError("shared database locked by another program; not restored");
-        } else if (!prepared) {
+        } else if (!prepared ||
+                   integrity_.check(dataDatabase_, dataPath_) == IntegrityWatch::State::Damaged) {
             // The first handle is replaced without being closed; it is
             // released by close() (see replacedConnections_).
             if (dataDatabase_) replacedConnections_.push_back(dataDatabase_);
             dataDatabase_ = nullptr;
+            integrity_.forget();
             const NullableString aside = moveDatabaseAside(dataFileHandler_, dataFileName_);
             if (aside) {
                 createSharedDatabase();
@@ -235,13 +237,14 @@ void SharedDatabase::salvage(const std::string& damagedPath) {
             templateRows = sqlite3_column_int64(statement, 0);
         }
     }
-    const int64_t records = salvageRows(dataDatabase_, damagedPath, "SharedData");
+    const DamagedFile damaged(damagedPath, dataDatabase_);
+    const int64_t records = salvageRows(dataDatabase_, damaged, "SharedData");
     if (records > 0) {
         const std::string sql =
             "DELETE FROM SharedData WHERE rowid <= " + std::to_string(templateRows);
         executeStatement(dataDatabase_, sql.c_str(), kLog);
     }
-    const int64_t rules = salvageRows(dataDatabase_, damagedPath, "SharedCustomRules");
+    const int64_t rules = salvageRows(dataDatabase_, damaged, "SharedCustomRules");
     StorageEvents::report(StorageEvents::Kind::MovedAside,
                           "recovered " +
                               std::string(records > 0 ? "the shared record" : "no shared record") +
@@ -275,10 +278,20 @@ void SharedDatabase::closeConnections() {
 
 void SharedDatabase::inTransaction(const platform::Work& change) {
     runSerialised(sharedQueue_, [&] {
+        ensureWholeForWrite();
         Transaction transaction(dataDatabase_, kLog);
         change();
-        (void)transaction.commit();
+        if (transaction.commit()) integrity_.noteWrite(dataPath_);
     });
+}
+
+void SharedDatabase::ensureWholeForWrite() {
+    if (!dataDatabase_ ||
+        integrity_.check(dataDatabase_, dataPath_) != IntegrityWatch::State::Damaged) {
+        return;
+    }
+    closeConnections();
+    (void)connectDataDatabase();
 }
 
 void SharedDatabase::addSharedDataDetails(const SharedData& data) {

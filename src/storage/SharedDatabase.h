@@ -16,6 +16,7 @@
 #include "model/SharedData.h"
 #include "platform/Dispatch.h"
 #include "storage/FileHandler.h"
+#include "storage/IntegrityWatch.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -78,6 +79,9 @@ class SharedDatabase {
     void createSharedDatabase();
     void salvage(const std::string& damagedPath);
     void closeConnections();
+    // Before a write: a file found damaged is replaced (moved aside, rows
+    // carried over) so that the write lands in a whole one.
+    void ensureWholeForWrite();
     // Runs a change on the queue inside one transaction.
     void inTransaction(const platform::Work& change);
     // Debug builds abort when a raw operation runs off the queue.
@@ -94,6 +98,7 @@ class SharedDatabase {
     sqlite3_stmt* customRulesStatement_ = nullptr;
     std::shared_ptr<platform::Queue> sharedQueue_;
     bool restored_ = false;
+    storage_detail::IntegrityWatch integrity_;
     FileHandler dataFileHandler_;
     std::string dataFileName_;
     std::string dataPath_;

@@ -255,6 +255,114 @@ TEST_F(DataSafetyTest, RowsStillReadableAreRecoveredFromADamagedDatabase) {
     EXPECT_TRUE(listed(3, "b.example"));
 }
 
+// Damage that no read of the command meets (a page of rows it never reads
+// back, a header over intact pages) and a folder where the shared defaults
+// file belongs: each is found before anything is written, moved aside, and
+// every row still in a readable page comes back.
+TEST_F(DataSafetyTest, DamageIsFoundBeforeAWriteAndEveryReadablePageRecovered) {
+    constexpr int kRows = 400;
+    const auto fillShared = [this] {
+        sqlExec(sharedDatabase(),
+                "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+                    std::to_string(kRows) +
+                    ") INSERT INTO SharedCustomRules SELECT 'c' || i, 1, 1, NULL, "
+                    "'ads' || i || '\\.example\\.com', NULL, NULL, -1, 0, 'defaultProfile', "
+                    "NULL, 0, 0, 1, 1, 1, NULL, 0, NULL FROM n");
+    };
+    // Garbles one page of `file`; pages from SQLite's own page list.
+    const auto garblePage = [this](const fs::path& file, size_t page) {
+        const size_t pageSize = std::stoul(*sqlQuery(file, "PRAGMA page_size")[0][0]);
+        std::string bytes = readFile(file);
+        for (size_t i = (page - 1) * pageSize; i < page * pageSize && i < bytes.size(); ++i) {
+            bytes[i] = static_cast<char>(0x5a ^ (i * 7));
+        }
+        writeFile(file, bytes);
+    };
+    // The rows that one leaf page in the middle of a table holds, and the page.
+    const auto middleLeaf = [](const fs::path& file, const std::string& table) {
+        const auto leaves =
+            sqlQuery(file, "SELECT pageno, ncell FROM dbstat WHERE name = " + sqlText(table) +
+                               " AND pagetype = 'leaf' ORDER BY pageno");
+        EXPECT_GE(leaves.size(), 3u);
+        const auto& leaf = leaves.at(leaves.size() / 2);
+        return std::pair<size_t, int>(std::stoul(*leaf[0]), std::stoi(*leaf[1]));
+    };
+    struct Case {
+        const char* name;
+        std::function<std::string()> damage;  // returns the line the command must print
+        std::vector<std::string> command;
+    };
+    const fs::path defaults =
+        container() / "Library/Preferences/K7Q2XJ4M9P.com.mapleharbor.Stonewall.json";
+    const std::vector<Case> cases = {
+        {"a page of shared custom rules no read meets",
+         [&] {
+             fillShared();
+             const auto [page, rows] = middleLeaf(sharedDatabase(), "SharedCustomRules");
+             garblePage(sharedDatabase(), page);
+             return "recovered the shared record and " + std::to_string(kRows - rows) +
+                    " custom rules from the damaged shared_data";
+         },
+         {"block", "https://new.example/"}},
+        {"shared database, garbage header over intact pages",
+         [&] {
+             fillShared();
+             std::string bytes = readFile(sharedDatabase());
+             std::fill_n(bytes.begin(), 100, '\xa5');
+             writeFile(sharedDatabase(), bytes);
+             return "recovered the shared record and " + std::to_string(kRows) +
+                    " custom rules from the damaged shared_data";
+         },
+         {"block", "https://new.example/"}},
+        {"profile database, garbage header over intact pages",
+         [&] {
+             addManyRules(kRows);
+             std::string bytes = readFile(profileDatabase());
+             std::fill_n(bytes.begin(), 100, '\xa5');
+             writeFile(profileDatabase(), bytes);
+             return "recovered " + std::to_string(kRows) + " rules from the damaged";
+         },
+         {"block", "https://new.example/"}},
+        {"a page of profile rules, found before the write",
+         [&] {
+             addManyRules(kRows);
+             const auto [page, rows] = middleLeaf(profileDatabase(), "ProfileRules");
+             garblePage(profileDatabase(), page);
+             return "recovered " + std::to_string(kRows - rows) + " rules from the damaged";
+         },
+         {"block", "https://new.example/"}},
+        {"a folder where the shared defaults belong",
+         [&] {
+             fs::remove(defaults);
+             fs::create_directories(defaults);
+             writeFile(defaults / "keep.txt", "the user's");
+             return "moved " + defaults.string() + " aside";
+         },
+         {"block", "https://new.example/"}},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        createContainer();
+        const std::string expected = test.damage();
+        const RunResult result = run(test.command);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_NE(result.err.find(expected), std::string::npos) << result.err;
+        // The write landed in a whole file, in both databases.
+        for (const fs::path& file : {sharedDatabase(), profileDatabase()}) {
+            EXPECT_EQ(*sqlQuery(file, "PRAGMA quick_check")[0][0], "ok") << file;
+        }
+        EXPECT_TRUE(listed(5, "new.example"));
+        EXPECT_EQ(sqlQuery(sharedDatabase(),
+                           "SELECT 1 FROM SharedCustomRules WHERE domains = 'new.example'")
+                      .size(),
+                  1u);
+        const RunResult again = run({"check", "https://new.example/"});
+        EXPECT_EQ(again.exitCode, 0) << again.err;
+        EXPECT_EQ(again.err, "");  // said once, not on every later command
+        fs::remove_all(container());
+    }
+}
+
 TEST_F(DataSafetyTest, UnusableProfileIdentifiersCanAlwaysBeRepaired) {
     for (const char* planted : {"..", ".", "a\\b"}) {
         SCOPED_TRACE(planted);

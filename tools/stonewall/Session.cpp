@@ -13,9 +13,9 @@
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 #include "platform/Process.h"
+#include "platform/StorageEvents.h"
 #include "platform/linux/LinuxServices.h"
 #include "storage/FileHandler.h"
-#include "storage/StorageEvents.h"
 
 namespace stonewall::tool {
 namespace fs = std::filesystem;

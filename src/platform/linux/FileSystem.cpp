@@ -10,9 +10,13 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+
+#include "platform/StorageEvents.h"
 
 namespace stonewall::platform {
 
@@ -204,6 +208,48 @@ std::optional<int64_t> itemSize(const std::string& path, std::string& error) {
     struct stat attributes {};
     if (::lstat(path.c_str(), &attributes) == 0) return static_cast<int64_t>(attributes.st_size);
     if (errno != ENOENT) error = errnoText("cannot read the attributes of", path);
+    return std::nullopt;
+}
+
+namespace {
+
+// "20261123T104652Z": sortable, and free of characters that need quoting.
+std::string utcStamp() {
+    using namespace std::chrono;
+    const auto now = floor<seconds>(system_clock::now());
+    const year_month_day date{floor<days>(now)};
+    const hh_mm_ss time{now - floor<days>(now)};
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d%02u%02uT%02ld%02ld%02ldZ", int(date.year()),
+                  unsigned(date.month()), unsigned(date.day()), long(time.hours().count()),
+                  long(time.minutes().count()), long(time.seconds().count()));
+    return text;
+}
+
+}  // namespace
+
+std::optional<std::string> moveItemAside(const std::string& path, std::string& error) {
+    namespace fs = std::filesystem;
+    error.clear();
+    const std::string base = path + ".damaged-" + utcStamp();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string aside = attempt == 0 ? base : base + "-" + std::to_string(attempt);
+        // renameat2 with RENAME_NOREPLACE would say the same in one call, but
+        // not every file system has it; link+unlink cannot move a folder.
+        std::error_code failure;
+        if (fs::exists(fs::symlink_status(aside, failure))) continue;
+        fs::rename(path, aside, failure);
+        if (!failure) {
+            StorageEvents::report(StorageEvents::Kind::MovedAside,
+                                  "moved " + path + " aside to " + aside);
+            return aside;
+        }
+        // Gone meanwhile: nothing in the way.
+        if (failure == std::errc::no_such_file_or_directory) return std::nullopt;
+        error = "cannot move aside " + path + ": " + failure.message();
+        return std::nullopt;
+    }
+    error = "cannot move aside " + path + ": no free name";
     return std::nullopt;
 }
 

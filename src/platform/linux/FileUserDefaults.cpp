@@ -12,6 +12,8 @@
 #include <utility>
 #include <variant>
 
+#include "platform/FileSystem.h"
+
 namespace stonewall::platform::gnulinux {
 
 namespace fs = std::filesystem;
@@ -36,7 +38,8 @@ class FileDescriptor {
 
 struct FileContents {
     std::map<std::string, json> values;
-    bool damaged = false;  // present but not a JSON object
+    bool damaged = false;   // present but not a JSON object
+    bool inTheWay = false;  // a folder (or anything but a file) holds the name
 };
 
 std::optional<std::string> readFile(const std::string& path) {
@@ -55,6 +58,12 @@ std::optional<std::string> readFile(const std::string& path) {
 
 FileContents readContents(const std::string& path) {
     FileContents contents;
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
+        !S_ISLNK(status.st_mode)) {
+        contents.damaged = contents.inTheWay = true;
+        return contents;
+    }
     const auto text = readFile(path);
     if (!text) return contents;  // missing (or unreadable): nothing shared yet
     json parsed = json::parse(*text, nullptr, /*allow_exceptions=*/false);
@@ -211,6 +220,13 @@ bool FileUserDefaults::synchronize() {
             } else {
                 merged.erase(key);
             }
+        }
+        // A folder in the way is moved aside (never removed: it may hold
+        // the user's files), so the suite can be written again.
+        if (contents.inTheWay) {
+            std::string error;
+            (void)moveItemAside(path_, error);
+            if (!error.empty()) return false;
         }
         const bool mustWrite = !changes_.empty() || contents.damaged;
         const bool written = !mustWrite || writeAtomically(path_, serialise(merged));

@@ -22,7 +22,8 @@ namespace stonewall::platform::gnulinux {
 // every other key comes from the file), writes the result to a temporary
 // file that is then renamed over the file, and makes it the suite's view.
 // A missing file reads as empty; a damaged one (not a JSON object) reads as
-// empty and is rewritten by the next synchronize. Reads answer from the
+// empty and is rewritten by the next synchronize; a folder in its place is
+// moved aside to "<file>.damaged-<UTC time>" first. Reads answer from the
 // view, which is loaded from the file on first use.
 class FileUserDefaults : public UserDefaults {
   public:

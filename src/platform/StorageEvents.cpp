@@ -1,4 +1,4 @@
-#include "storage/StorageEvents.h"
+#include "platform/StorageEvents.h"
 
 #include <mutex>
 
