@@ -91,26 +91,85 @@ TEST_F(CompiledRuleListCacheTest, WhatCannotBeTrustedIsCompiledAgain) {
         std::function<void(CompiledRuleListCacheTest&)> change;
         size_t entriesAfter;  // the old library's entries all go
     };
+    // Files of the user's beside the store: whatever the cache holds, they
+    // are never read into a list, linked, changed or removed.
+    const fs::path outside = platform.rootPath() + "/outside";
+    const fs::path secret = outside / "secret";
+    const auto entryA = [](auto& test) { return test.makeCache().entryPath(kIdentifier, "[a]"); };
+    const auto index = [](auto& test) { return fs::path(test.store) / ".cache" / "index.json"; };
+    const auto renameInIndex = [index](auto& test, const std::string& name) {
+        std::string text = readFile(index(test));
+        const std::string from = fs::path(test.makeCache().entryPath(kIdentifier, "[a]"))
+                                     .filename()
+                                     .string()
+                                     .substr(std::string("ContentRuleList-").size());
+        text.replace(text.find(from), from.size(), name);
+        std::ofstream(index(test)) << text;
+    };
     const std::vector<Case> cases = {
         {"WebKit upgraded", [](auto& test) { std::ofstream(test.library) << "webkit 2, longer"; },
          1},
         {"WebKit removed", [](auto& test) { fs::remove(test.library); }, 1},
         {"index damaged",
          [](auto& test) { std::ofstream(test.store + "/.cache/index.json") << "{"; }, 2},
-        {"entry deleted",
-         [](auto& test) { fs::remove(test.makeCache().entryPath(kIdentifier, "[a]")); }, 2},
+        {"entry deleted", [entryA](auto& test) { fs::remove(entryA(test)); }, 2},
+        {"entry cut short", [entryA](auto& test) { fs::resize_file(entryA(test), 1); }, 2},
+        {"entry from another WebKit, same size",
+         [entryA](auto& test) { std::ofstream(entryA(test)) << "[z]"; }, 2},
+        {"entry a link to a file outside",
+         [entryA, secret](auto& test) {
+             fs::remove(entryA(test));
+             fs::create_symlink(secret, entryA(test));
+         },
+         2},
+        {"index names a path outside",
+         [renameInIndex](auto& test) { renameInIndex(test, "../../outside/secret"); }, 2},
+        {"index names a folder's way out",
+         [renameInIndex](auto& test) {
+             renameInIndex(test, "x/../../../outside/secret");
+             fs::create_directories(fs::path(test.store) / ".cache" / "ContentRuleList-x");
+         },
+         3},  // that folder counts
+        {"cache folder is a file",
+         [](auto& test) {
+             fs::remove_all(fs::path(test.store) / ".cache");
+             std::ofstream(fs::path(test.store) / ".cache") << "not a folder";
+         },
+         1},
+        {"cache folder is a link to a folder outside",
+         [outside](auto& test) {
+             fs::remove_all(fs::path(test.store) / ".cache");
+             fs::create_directory_symlink(outside, fs::path(test.store) / ".cache");
+         },
+         1},
     };
     for (const auto& testCase : cases) {
         SCOPED_TRACE(testCase.name);
         fs::remove_all(store);
+        fs::remove_all(outside);
+        fs::create_directories(outside);
+        std::ofstream(secret) << "[the user's]";
+        std::ofstream(outside / "ContentRuleList-com.example.blocker.old") << "[the user's too]";
+        fs::last_write_time(outside / "ContentRuleList-com.example.blocker.old",
+                            fs::file_time_type::clock::now() - std::chrono::hours(2));
         std::ofstream(library) << "webkit 1";
         auto cache = makeCache();
         ASSERT_TRUE(cache.install(kIdentifier, "[a]").compiled);
         ASSERT_TRUE(cache.install(kIdentifier, "[b]").compiled);
         testCase.change(*this);
-        EXPECT_TRUE(cache.install(kIdentifier, "[a]").compiled);
+        const auto outcome = cache.install(kIdentifier, "[a]");
+        EXPECT_EQ(outcome.error, std::nullopt);
+        EXPECT_TRUE(outcome.compiled);
         EXPECT_EQ(readFile(cache.currentListPath(kIdentifier)), "[a]");
+        EXPECT_TRUE(fs::is_directory(fs::symlink_status(store + "/.cache")));
         EXPECT_EQ(entryCount(), testCase.entriesAfter);
+        // And served from the cache from now on (with a WebKit to stamp it).
+        if (fs::exists(library)) {
+            EXPECT_FALSE(cache.install(kIdentifier, "[a]").compiled);
+        }
+        EXPECT_EQ(readFile(secret), "[the user's]");
+        EXPECT_EQ(fs::hard_link_count(secret), 1u);
+        EXPECT_TRUE(fs::exists(outside / "ContentRuleList-com.example.blocker.old"));
     }
 }
 

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/FileSystem.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall::platform::gnulinux {
@@ -56,12 +57,68 @@ std::optional<LibraryStamp> stampOf(const std::string& path) {
                         int64_t{info.st_mtim.tv_sec} * 1000000000 + info.st_mtim.tv_nsec};
 }
 
-struct Index {
-    std::optional<LibraryStamp> library;
-    std::vector<std::string> entries;  // "<identifier>.<key>", last used first
+// One compiled list: its name ("<identifier>.<key>") and what its file held
+// when it was made, so that a file cut short or put there by something else
+// (another WebKit's compile, a copy) is never served.
+struct Entry {
+    std::string name;
+    uintmax_t size = 0;
+    std::string digest;  // SHA-256 of the file, hex
+    bool operator==(const Entry& other) const { return name == other.name; }
 };
 
-// A missing or damaged index is an empty one: at worst a list is compiled again.
+struct Index {
+    std::optional<LibraryStamp> library;
+    std::vector<Entry> entries;  // last used first
+};
+
+bool isUsableIdentifier(const std::string& identifier) {
+    return !identifier.empty() && identifier != "." && identifier != ".." &&
+           std::all_of(identifier.begin(), identifier.end(), [](unsigned char c) {
+               // ASCII only, whatever the locale: it becomes a file name.
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '.' || c == '-' || c == '_';
+           });
+}
+
+// "<identifier>.<32 hex digits>": one file name inside the cache folder,
+// whatever an index written by someone else says.
+bool isEntryName(const std::string& name) {
+    if (name.size() <= kKeyDigits + 1 || name[name.size() - kKeyDigits - 1] != '.') return false;
+    const std::string key = name.substr(name.size() - kKeyDigits);
+    return isUsableIdentifier(name.substr(0, name.size() - kKeyDigits - 1)) &&
+           std::all_of(key.begin(), key.end(), [](unsigned char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+           });
+}
+
+// The size and SHA-256 of a regular file (never through a link); nullopt
+// for anything else or a read error.
+std::optional<std::pair<uintmax_t, std::string>> fileDigest(const fs::path& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    struct stat info {};
+    std::optional<std::pair<uintmax_t, std::string>> result;
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        GChecksum* checksum = g_checksum_new(G_CHECKSUM_SHA256);
+        char buffer[1 << 16];
+        uintmax_t size = 0;
+        ssize_t got;
+        while ((got = ::read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
+            if (got < 0) continue;
+            g_checksum_update(checksum, reinterpret_cast<const guchar*>(buffer),
+                              static_cast<gssize>(got));
+            size += static_cast<uintmax_t>(got);
+        }
+        if (got == 0) result.emplace(size, g_checksum_get_string(checksum));
+        g_checksum_free(checksum);
+    }
+    ::close(fd);
+    return result;
+}
+
+// A missing or damaged index is an empty one: at worst a list is compiled
+// again. So is one that names anything but entries of this folder.
 Index readIndex(const fs::path& path) {
     Index index;
     std::ifstream in(path, std::ios::binary);
@@ -76,8 +133,12 @@ Index readIndex(const fs::path& path) {
                 library->at("modified").get<int64_t>(),
             };
         }
-        for (const auto& entry : json.at("entries"))
-            index.entries.push_back(entry.get<std::string>());
+        for (const auto& entry : json.at("entries")) {
+            Entry read{entry.at("name").get<std::string>(), entry.at("size").get<uintmax_t>(),
+                       entry.at("sha256").get<std::string>()};
+            if (!isEntryName(read.name)) return Index{};
+            index.entries.push_back(std::move(read));
+        }
     } catch (const Json::exception&) {
         return Index{};
     }
@@ -93,7 +154,11 @@ bool writeIndex(const fs::path& path, const Index& index) {
                                  {"size", index.library->size},
                                  {"modified", index.library->modified}};
     }
-    json["entries"] = index.entries;
+    json["entries"] = Json::array();
+    for (const Entry& entry : index.entries) {
+        json["entries"].push_back(
+            {{"name", entry.name}, {"size", entry.size}, {"sha256", entry.digest}});
+    }
     const fs::path temporary = path.string() + ".tmp";
     {
         std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
@@ -124,15 +189,6 @@ class IndexLock {
   private:
     int fd_;
 };
-
-bool isUsableIdentifier(const std::string& identifier) {
-    return !identifier.empty() && identifier != "." && identifier != ".." &&
-           std::all_of(identifier.begin(), identifier.end(), [](unsigned char c) {
-               // ASCII only, whatever the locale: it becomes a file name.
-               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                      c == '.' || c == '-' || c == '_';
-           });
-}
 
 }  // namespace
 
@@ -171,6 +227,17 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
                 false};
     }
     std::error_code error;
+    // The cache folder is ours alone: anything else in its place (a file, a
+    // link that would lead the pruning below elsewhere) is moved aside.
+    if (const auto status = fs::symlink_status(cachePath_, error);
+        !error && fs::exists(status) && !fs::is_directory(status)) {
+        std::string moveError;
+        (void)moveItemAside(cachePath_, moveError);
+        if (!moveError.empty()) {
+            return {Error{Manager::kErrorDomain, Manager::kStoreUnusable, moveError}};
+        }
+    }
+    error.clear();
     fs::create_directories(cachePath_, error);
     if (error) return {storeError("The rule-list store " + cachePath_ + " cannot be made", error)};
 
@@ -202,56 +269,73 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
         }
         return std::nullopt;
     };
-    auto markUsed = [&](Index& index) {
-        index.entries.erase(std::remove(index.entries.begin(), index.entries.end(), entry),
+    auto find = [](std::vector<Entry>& entries, const std::string& name) {
+        return std::find_if(entries.begin(), entries.end(),
+                            [&](const Entry& listed) { return listed.name == name; });
+    };
+    auto markUsed = [&](Index& index, Entry used) {
+        index.entries.erase(std::remove(index.entries.begin(), index.entries.end(), used),
                             index.entries.end());
-        index.entries.insert(index.entries.begin(), entry);
+        index.entries.insert(index.entries.begin(), std::move(used));
     };
 
     {
         IndexLock lock(lockFile);
         Index index = readIndex(indexFile);
         const bool sameLibrary = index.library && stampOf(index.library->path) == index.library;
-        if (sameLibrary &&
-            std::find(index.entries.begin(), index.entries.end(), entry) != index.entries.end() &&
-            fs::is_regular_file(entryFile, error)) {
-            markUsed(index);
-            (void)writeIndex(indexFile, index);  // only the order of use is lost
-            return {makeCurrent(), false};
+        if (const auto listed = find(index.entries, entry);
+            sameLibrary && listed != index.entries.end()) {
+            // The file must still be what was compiled: cut short, or swapped
+            // for another compile, it is dropped and compiled anew.
+            const auto digest = fileDigest(entryFile);
+            if (digest && digest->first == listed->size && digest->second == listed->digest) {
+                markUsed(index, *listed);
+                (void)writeIndex(indexFile, index);  // only the order of use is lost
+                return {makeCurrent(), false};
+            }
+            index.entries.erase(listed);
+            std::error_code ignored;
+            fs::remove(entryFile, ignored);
+            (void)writeIndex(indexFile, index);
         }
     }
 
     if (auto failure = compiler_(cachePath_, entry, source)) return {std::move(failure), true};
+    const auto compiled = fileDigest(entryFile);
+    if (!compiled) {
+        return {Error{Manager::kErrorDomain, Manager::kStoreUnusable,
+                      "The compiled rule list " + entryFile.string() + " cannot be read back."},
+                true};
+    }
 
     IndexLock lock(lockFile);
     Index index = readIndex(indexFile);
-    const std::vector<std::string> listed = index.entries;
+    const std::vector<Entry> listed = index.entries;
     const std::optional<LibraryStamp> library = stampOf(libraryPath_());
     if (!index.library || index.library != library) index.entries.clear();
     index.library = library;
-    markUsed(index);
+    markUsed(index, Entry{entry, compiled->first, compiled->second});
 
     // Keep the most recently used entries within the limits; the new one
     // always stays.
-    std::vector<std::string> kept;
+    std::vector<Entry> kept;
     uintmax_t bytes = 0;
-    for (const std::string& name : index.entries) {
-        std::error_code sizeError;
-        const uintmax_t size =
-            fs::file_size(fs::path(cachePath_) / (kListFilePrefix + name), sizeError);
-        if (sizeError) continue;
-        if (name != entry && (kept.size() >= limits_.entries || bytes + size > limits_.bytes)) {
+    for (const Entry& candidate : index.entries) {
+        if (candidate.name != entry &&
+            (kept.size() >= limits_.entries || bytes + candidate.size > limits_.bytes)) {
             continue;
         }
-        kept.push_back(name);
-        bytes += size;
+        kept.push_back(candidate);
+        bytes += candidate.size;
     }
     index.entries = kept;
 
     // Entries dropped from the index go; files that no index listed go only
     // when old, since another process may have just compiled one.
-    auto contains = [](const std::vector<std::string>& names, const std::string& name) {
-        return std::find(names.begin(), names.end(), name) != names.end();
+    auto contains = [](const std::vector<Entry>& entries, const std::string& name) {
+        return std::find_if(entries.begin(), entries.end(), [&](const Entry& listed) {
+                   return listed.name == name;
+               }) != entries.end();
     };
     const auto now = fs::file_time_type::clock::now();
     for (fs::directory_iterator it(cachePath_, error), end; !error && it != end;
@@ -262,8 +346,11 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
         if (contains(kept, name)) continue;
         if (!contains(listed, name)) {
             std::error_code timeError;
+            const auto status = it->symlink_status(timeError);
             const auto modified = fs::last_write_time(it->path(), timeError);
-            if (timeError || now - modified < kUnlistedGrace) continue;
+            if (!fs::is_symlink(status) && (timeError || now - modified < kUnlistedGrace)) {
+                continue;
+            }
         }
         std::error_code ignored;
         fs::remove(it->path(), ignored);
