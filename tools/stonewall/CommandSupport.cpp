@@ -326,7 +326,12 @@ void checkOutcome(const ReloadRun& run, const CompileReport* compile) {
                              "could not be written");
     }
     if (run.error) {
-        throw CommandFailure(ExitCode::Reload, "reload",
+        // A store or defaults file that cannot be used is the container's
+        // fault, as with the databases.
+        const bool storage =
+            run.error->domain == platform::gnulinux::WebKitContentBlockerManager::kErrorDomain &&
+            run.error->code == platform::gnulinux::WebKitContentBlockerManager::kStoreUnusable;
+        throw CommandFailure(storage ? ExitCode::Storage : ExitCode::Reload, "reload",
                              run.error->message + " (" + run.error->domain + " " +
                                  std::to_string(run.error->code) + ")");
     }

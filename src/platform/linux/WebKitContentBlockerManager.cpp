@@ -250,6 +250,16 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
                      false);
             return;
         }
+        // Something other than a file where the defaults belong (a folder
+        // that could not be moved aside) is a storage fault, not a missing
+        // profile.
+        if (std::error_code error; fs::exists(fs::symlink_status(defaultsPath, error)) &&
+                                   !fs::is_regular_file(defaultsPath, error)) {
+            complete(ourError(kStoreUnusable, "The shared defaults file " + defaultsPath +
+                                                  " is not a file."),
+                     false);
+            return;
+        }
         // The browser sees what was synchronised, not this process's memory.
         FileUserDefaults defaults(defaultsPath);
         std::optional<MappedFile> mapped;
