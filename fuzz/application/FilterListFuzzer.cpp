@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "application/FilterListParser.h"
+#include "application/URLFilter.h"
 
 namespace {
 
@@ -28,11 +29,11 @@ bool cleanList(const stonewall::NullableString& list) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     (void)stonewall::FilterListParser::checkFormat(text);
-    (void)stonewall::FilterListParser::isWebKitURLFilter(text);
+    (void)stonewall::url_filter::isWebKitURLFilter(text);
     const auto list = stonewall::FilterListParser::parse(text, stonewall::BlockerCode::kList1);
     int64_t counted = 0;
     for (const auto& rule : list.rules) {
-        check(rule.filter && stonewall::FilterListParser::isWebKitURLFilter(*rule.filter));
+        check(rule.filter && stonewall::url_filter::isWebKitURLFilter(*rule.filter));
         check(rule.action >= 1 && rule.action <= 8);
         check(rule.action != stonewall::ActionCode::kHide ||
               (rule.selector && !rule.selector->empty()));

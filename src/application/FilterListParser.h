@@ -5,7 +5,7 @@
 //
 // Pure: no I/O, no process services. Every emitted rule has an ASCII
 // url-filter in the regular-expression subset WebKit runs (checked by
-// isWebKitURLFilter before it is emitted); a line that cannot be expressed
+// url_filter::isWebKitURLFilter before it is emitted); a line that cannot be expressed
 // in that format is skipped and counted under a reason, never approximated
 // by a broader rule.
 
@@ -79,11 +79,6 @@ class FilterListParser {
     static constexpr int64_t kMaximumUpdateInterval = 14 * 24 * 3600;
     static constexpr int64_t kDefaultUpdateInterval = 4 * 24 * 3600;
     static int64_t updateIntervalSeconds(std::string_view text);
-
-    // Whether WebKit's url-filter parser accepts the expression: ASCII, no
-    // alternation, counted repetition, back references, character-class
-    // escapes or look-around, "^" only first and "$" only last.
-    static bool isWebKitURLFilter(std::string_view expression);
 };
 
 }  // namespace stonewall

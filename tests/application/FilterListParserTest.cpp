@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "application/FilterListParser.h"
+#include "application/URLFilter.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall {
@@ -98,7 +99,7 @@ TEST(FilterListParserTest, NetworkRulesBecomeWebKitFilters) {
         EXPECT_EQ(rule,
                   (ProfileRule{rule.ruleID, kList, e.action, std::nullopt, e.filter, e.resources,
                                e.loads, e.domains, e.domainType, e.filterSensitive}));
-        EXPECT_TRUE(FilterListParser::isWebKitURLFilter(*rule.filter));
+        EXPECT_TRUE(url_filter::isWebKitURLFilter(*rule.filter));
     }
 }
 
@@ -251,7 +252,7 @@ TEST(FilterListParserTest, KnowsWebKitsRegularExpressionSubset) {
         {"a\\", false},
     };
     for (const auto& [expression, accepted] : cases) {
-        EXPECT_EQ(FilterListParser::isWebKitURLFilter(expression), accepted) << expression;
+        EXPECT_EQ(url_filter::isWebKitURLFilter(expression), accepted) << expression;
     }
 }
 
