@@ -21,7 +21,7 @@ const std::array<ApplicationURLTarget, 7>& ApplicationURL::targets() {
         {ApplicationScreen::SecureWebsite, "stonewall://securewebsite", "Secured websites",
          "The content blocker did not reload after a website was secured. The website is on "
          "the list; it is secured when the content blocker next loads."},
-        {ApplicationScreen::WhitelistWebsite, "stonewall://whitelistwebsite", "Allowed websites",
+        {ApplicationScreen::AllowWebsite, "stonewall://whitelistwebsite", "Allowed websites",
          "The content blocker did not reload after a website was allowed. The website is on "
          "the list; blocking stops there when the content blocker next loads."},
         {ApplicationScreen::Visual, "stonewall://visual", "Picked elements",

@@ -10,13 +10,13 @@
 namespace stonewall {
 
 enum class ApplicationScreen {
-    Status,            // blocking on/off after a failed reload
-    Activate,          // the profiles after a failed activation
-    BlockWebsite,      // the block list after a failed reload
-    SecureWebsite,     // the secure list after a failed reload
-    WhitelistWebsite,  // the allow list after a failed reload
-    Visual,            // the picked-element rules after a failed reload
-    Open,              // the main window, from the popover's button
+    Status,         // blocking on/off after a failed reload
+    Activate,       // the profiles after a failed activation
+    BlockWebsite,   // the block list after a failed reload
+    SecureWebsite,  // the secure list after a failed reload
+    AllowWebsite,   // the allow list after a failed reload
+    Visual,         // the picked-element rules after a failed reload
+    Open,           // the main window, from the popover's button
 };
 
 struct ApplicationURLTarget {

@@ -746,7 +746,7 @@ void SafariExtensionViewController::websiteDoneAction() {
                     // the user expects the page to load now and it may not.
                     processCompletedAction();
                     if (error) {
-                        openURL(InternalURL::kWhitelistWebsite);
+                        openURL(InternalURL::kAllowWebsite);
                     } else {
                         reloadPage();
                     }

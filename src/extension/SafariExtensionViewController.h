@@ -53,7 +53,7 @@ inline constexpr const char* kStatus = "stonewall://status";
 inline constexpr const char* kActivate = "stonewall://activate";
 inline constexpr const char* kBlockWebsite = "stonewall://blockwebsite";
 inline constexpr const char* kSecureWebsite = "stonewall://securewebsite";
-inline constexpr const char* kWhitelistWebsite = "stonewall://whitelistwebsite";
+inline constexpr const char* kAllowWebsite = "stonewall://whitelistwebsite";
 inline constexpr const char* kVisual = "stonewall://visual";
 inline constexpr const char* kOpen = "stonewall://open";
 }  // namespace InternalURL

@@ -25,17 +25,16 @@ IntegrityWatch::State quickCheck(sqlite3* database) {
         return text && std::string_view(text) == "ok" ? IntegrityWatch::State::Whole
                                                       : IntegrityWatch::State::Damaged;
     }
-    return failedOnLock(database) ? IntegrityWatch::State::Unknown
-                                  : IntegrityWatch::State::Damaged;
+    return failedOnLock(database) ? IntegrityWatch::State::Unknown : IntegrityWatch::State::Damaged;
 }
 
 std::optional<IntegrityWatch::Stamp> IntegrityWatch::stampOf(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-    return Stamp{static_cast<uint64_t>(status.st_dev), static_cast<uint64_t>(status.st_ino),
-                 static_cast<uint64_t>(status.st_size),
-                 static_cast<int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 +
-                     status.st_mtim.tv_nsec};
+    return Stamp{
+        static_cast<uint64_t>(status.st_dev), static_cast<uint64_t>(status.st_ino),
+        static_cast<uint64_t>(status.st_size),
+        static_cast<int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
 IntegrityWatch::State IntegrityWatch::check(sqlite3* database, const std::string& path) {

@@ -356,7 +356,7 @@ void runOpenURL(const CommonOptions& common, const std::string& url, Report& rep
         case ApplicationScreen::SecureWebsite:
             showList(ActionCode::kSecureWebsite);
             break;
-        case ApplicationScreen::WhitelistWebsite:
+        case ApplicationScreen::AllowWebsite:
             showList(ActionCode::kAllowWebsite);
             break;
         case ApplicationScreen::Visual: {

@@ -255,8 +255,8 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
         // profile.
         if (std::error_code error; fs::exists(fs::symlink_status(defaultsPath, error)) &&
                                    !fs::is_regular_file(defaultsPath, error)) {
-            complete(ourError(kStoreUnusable, "The shared defaults file " + defaultsPath +
-                                                  " is not a file."),
+            complete(ourError(kStoreUnusable,
+                              "The shared defaults file " + defaultsPath + " is not a file."),
                      false);
             return;
         }
