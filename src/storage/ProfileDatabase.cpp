@@ -52,17 +52,17 @@ constexpr const char* kQueryTypeSql[] = {
 };
 
 // Columns 0 to 9 of a ProfileRules row, into a record that may be reused.
-void readProfileRule(sqlite3_stmt* statement, ProfileRule& rule) {
-    columnStringInto(statement, 0, rule.ruleID);
-    rule.blocker = columnInt(statement, 1);
-    rule.action = columnInt(statement, 2);
-    columnStringInto(statement, 3, rule.selector);
-    columnStringInto(statement, 4, rule.filter);
-    columnStringInto(statement, 5, rule.resources);
-    columnStringInto(statement, 6, rule.loads);
-    rule.domainType = columnInt(statement, 7);
-    columnStringInto(statement, 8, rule.domains);
-    rule.filterSensitive = columnInt(statement, 9);
+void readProfileRule(const Statement& statement, ProfileRule& rule) {
+    statement.columnStringInto(0, rule.ruleID);
+    rule.blocker = statement.columnInt(1);
+    rule.action = statement.columnInt(2);
+    statement.columnStringInto(3, rule.selector);
+    statement.columnStringInto(4, rule.filter);
+    statement.columnStringInto(5, rule.resources);
+    statement.columnStringInto(6, rule.loads);
+    rule.domainType = statement.columnInt(7);
+    statement.columnStringInto(8, rule.domains);
+    rule.filterSensitive = statement.columnInt(9);
 }
 
 ProfileDatabase::ReadFailure readFailure(sqlite3* database) {
@@ -73,7 +73,7 @@ ProfileDatabase::ReadFailure readFailure(sqlite3* database) {
     return ProfileDatabase::ReadFailure::Other;
 }
 
-ProfileRule getProfileRuleFromStatement(sqlite3_stmt* statement) {
+ProfileRule getProfileRuleFromStatement(const Statement& statement) {
     ProfileRule rule;
     readProfileRule(statement, rule);
     return rule;
@@ -195,31 +195,28 @@ void ProfileDatabase::close() {
 
 namespace {
 
-std::vector<ProfileRule> readAll(const Statement& statement) {
+std::vector<ProfileRule> readAll(Statement& statement) {
     std::vector<ProfileRule> rules;
     // Any result other than a row (done, busy, corrupt page) ends the read.
-    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
-        rules.push_back(getProfileRuleFromStatement(statement.get()));
-    }
+    while (statement.step() == SQLITE_ROW) rules.push_back(getProfileRuleFromStatement(statement));
     return rules;
 }
 
 }  // namespace
 
 std::vector<ProfileRule> ProfileDatabase::getProfileRulesByAction(int64_t action) {
-    const Statement statement = prepareStatement(profilesDatabase_, kSelectByActionSql, kLog);
+    Statement statement = prepareStatement(profilesDatabase_, kSelectByActionSql, kLog);
     if (!statement) return {};
-    bindInt(statement.get(), 1, action);
+    statement.bind(1, action);
     return readAll(statement);
 }
 
 std::vector<ProfileRule> ProfileDatabase::getProfileRulesByActionAndType(int64_t action,
                                                                          int64_t blocker) {
-    const Statement statement =
-        prepareStatement(profilesDatabase_, kSelectByActionAndTypeSql, kLog);
+    Statement statement = prepareStatement(profilesDatabase_, kSelectByActionAndTypeSql, kLog);
     if (!statement) return {};
-    bindInt(statement.get(), 1, action);
-    bindInt(statement.get(), 2, blocker);
+    statement.bind(1, action);
+    statement.bind(2, blocker);
     return readAll(statement);
 }
 
@@ -229,20 +226,18 @@ std::vector<ProfileRule> ProfileDatabase::getProfileRulesByQueryType(int64_t que
         logError("no statement for query type " + std::to_string(queryType));
         return {};
     }
-    const Statement statement = prepareStatement(profilesDatabase_, kQueryTypeSql[queryType], kLog);
+    Statement statement = prepareStatement(profilesDatabase_, kQueryTypeSql[queryType], kLog);
     if (!statement) return {};
     return readAll(statement);
 }
 
 int64_t ProfileDatabase::getProfileRulesCount() {
-    const Statement statement = prepareStatement(profilesDatabase_, kCountSql, kLog);
+    Statement statement = prepareStatement(profilesDatabase_, kCountSql, kLog);
     if (!statement) return 0;
     int64_t count = 0;
     // sqlite3_column_int64: the count is the one value of this table not
     // stored by us, and it may exceed 32 bits.
-    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
-        count = sqlite3_column_int64(statement.get(), 0);
-    }
+    while (statement.step() == SQLITE_ROW) count = sqlite3_column_int64(statement.get(), 0);
     return count;
 }
 
@@ -253,19 +248,19 @@ std::vector<std::optional<ProfileRule>> ProfileDatabase::getFirstProfileRulesByA
     std::string sql = kSelectFirstByActionsSqlHead;
     for (size_t i = 0; i < actions.size(); ++i) sql.append(i == 0 ? "action=?" : " OR action=?");
     sql.append(kSelectFirstByActionsSqlTail);
-    const Statement statement = prepareStatement(profilesDatabase_, sql.c_str(), kLog);
+    Statement statement = prepareStatement(profilesDatabase_, sql.c_str(), kLog);
     if (!statement) return firsts;
     for (size_t i = 0; i < actions.size(); ++i) {
-        bindInt(statement.get(), static_cast<int>(i + 1), actions[i]);
+        statement.bind(static_cast<int>(i + 1), actions[i]);
     }
     // Actions are stored and bound as 32-bit values, so a row matches an
     // action by its 32-bit value too.
     size_t missing = actions.size();
-    while (missing > 0 && sqlite3_step(statement.get()) == SQLITE_ROW) {
-        const int64_t action = columnInt(statement.get(), 2);
+    while (missing > 0 && statement.step() == SQLITE_ROW) {
+        const int64_t action = statement.columnInt(2);
         for (size_t i = 0; i < actions.size(); ++i) {
             if (!firsts[i] && static_cast<int32_t>(actions[i]) == action) {
-                firsts[i] = getProfileRuleFromStatement(statement.get());
+                firsts[i] = getProfileRuleFromStatement(statement);
                 --missing;
             }
         }
@@ -306,19 +301,18 @@ bool ProfileDatabase::forEachProfileRuleByAction(int64_t action,
     sqlite3* const connection = aloneDatabase_ && aloneThread_ == std::this_thread::get_id()
                                     ? aloneDatabase_
                                     : profilesDatabase_;
-    const Statement statement = prepareStatement(connection, kSelectByActionSql, kLog);
+    Statement statement = prepareStatement(connection, kSelectByActionSql, kLog);
     if (!statement) {
         lastReadFailure_ = readFailure(connection);
         return false;
     }
-    bindInt(statement.get(), 1, action);
+    statement.bind(1, action);
     ProfileRule rule;
-    // The visitor's own time does not count against the statement's deadline.
+    // Each step sets its own deadline: the visitor's time does not count.
     int result;
-    while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
-        readProfileRule(statement.get(), rule);
+    while ((result = statement.step()) == SQLITE_ROW) {
+        readProfileRule(statement, rule);
         visit(rule);
-        armDeadline();
     }
     // A read cut short (another program's lock, a damaged page) is a
     // failure, not a short list: the caller must not take it for all rules.
@@ -335,32 +329,32 @@ bool ProfileDatabase::forEachProfileRuleByAction(int64_t action,
 namespace {
 
 // The rule's columns in the order the insert and the update share.
-void bindColumns(sqlite3_stmt* statement, int first, const ProfileRule& rule) {
-    bindInt(statement, first, rule.blocker);
-    bindInt(statement, first + 1, rule.action);
-    bindString(statement, first + 2, rule.selector);
-    bindString(statement, first + 3, rule.filter);
-    bindString(statement, first + 4, rule.resources);
-    bindString(statement, first + 5, rule.loads);
-    bindInt(statement, first + 6, rule.domainType);
-    bindString(statement, first + 7, rule.domains);
-    bindInt(statement, first + 8, rule.filterSensitive);
+void bindColumns(Statement& statement, int first, const ProfileRule& rule) {
+    statement.bind(first, rule.blocker);
+    statement.bind(first + 1, rule.action);
+    statement.bind(first + 2, rule.selector);
+    statement.bind(first + 3, rule.filter);
+    statement.bind(first + 4, rule.resources);
+    statement.bind(first + 5, rule.loads);
+    statement.bind(first + 6, rule.domainType);
+    statement.bind(first + 7, rule.domains);
+    statement.bind(first + 8, rule.filterSensitive);
 }
 
-void bindInsert(sqlite3_stmt* statement, const ProfileRule& rule) {
-    bindString(statement, 1, rule.ruleID);
+void bindInsert(Statement& statement, const ProfileRule& rule) {
+    statement.bind(1, rule.ruleID);
     bindColumns(statement, 2, rule);
 }
 
-void bindUpdate(sqlite3_stmt* statement, const ProfileRule& rule) {
+void bindUpdate(Statement& statement, const ProfileRule& rule) {
     bindColumns(statement, 1, rule);
-    bindString(statement, 10, rule.ruleID);
+    statement.bind(10, rule.ruleID);
 }
 
-void bindDelete(sqlite3_stmt* statement, const ProfileRule& rule) {
-    bindInt(statement, 1, rule.blocker);
-    bindInt(statement, 2, rule.action);
-    bindString(statement, 3, rule.ruleID);
+void bindDelete(Statement& statement, const ProfileRule& rule) {
+    statement.bind(1, rule.blocker);
+    statement.bind(2, rule.action);
+    statement.bind(3, rule.ruleID);
 }
 
 }  // namespace
@@ -373,15 +367,14 @@ void ProfileDatabase::runBatch(const char* sql, const std::vector<ProfileRule>& 
     }
     ensureWholeForWrite();
     Transaction transaction(profilesDatabase_, kLog);
-    const Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
+    Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
     if (!statement) return;
     for (const ProfileRule& rule : rules) {
-        bind(statement.get(), rule);
-        armDeadline();
-        if (sqlite3_step(statement.get()) != SQLITE_DONE) {
+        bind(statement, rule);
+        if (statement.step() != SQLITE_DONE) {
             logError(errorText(profilesDatabase_, std::string("step ") + sql));
         }
-        sqlite3_reset(statement.get());
+        statement.reset();
     }
     if (transaction.commit()) integrity_.noteWrite(profilesDataPath_);
 }
@@ -401,19 +394,19 @@ void ProfileDatabase::removeProfileRulesCustom(const std::vector<ProfileRule>& r
 void ProfileDatabase::removeProfileRules(int64_t blocker, int64_t blockerAction,
                                          const NullableString& ruleID) {
     ensureWholeForWrite();
-    const Statement statement = prepareStatement(profilesDatabase_, kDeleteSql, kLog);
+    Statement statement = prepareStatement(profilesDatabase_, kDeleteSql, kLog);
     if (!statement) return;
-    bindInt(statement.get(), 1, blocker);
-    bindInt(statement.get(), 2, blockerAction);
-    bindString(statement.get(), 3, ruleID);
-    if (stepToDone(statement.get(), kLog)) integrity_.noteWrite(profilesDataPath_);
+    statement.bind(1, blocker);
+    statement.bind(2, blockerAction);
+    statement.bind(3, ruleID);
+    if (statement.stepToDone(kLog)) integrity_.noteWrite(profilesDataPath_);
 }
 
 void ProfileDatabase::removeAllProfileRules() {
     ensureWholeForWrite();
-    const Statement statement = prepareStatement(profilesDatabase_, kDeleteAllSql, kLog);
+    Statement statement = prepareStatement(profilesDatabase_, kDeleteAllSql, kLog);
     if (!statement) return;
-    if (stepToDone(statement.get(), kLog)) integrity_.noteWrite(profilesDataPath_);
+    if (statement.stepToDone(kLog)) integrity_.noteWrite(profilesDataPath_);
 }
 
 bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPrefix,
@@ -427,20 +420,18 @@ bool ProfileDatabase::replaceProfileRulesWithPrefix(const std::string& ruleIDPre
     Transaction transaction(profilesDatabase_, kLog);
     if (!transaction.begun()) return false;
     if (!ruleIDPrefix.empty()) {
-        const Statement statement = prepareStatement(profilesDatabase_, kDeleteByPrefixSql, kLog);
+        Statement statement = prepareStatement(profilesDatabase_, kDeleteByPrefixSql, kLog);
         if (!statement) return false;
-        bindInt(statement.get(), 1, static_cast<int64_t>(ruleIDPrefix.size()));
-        bindString(statement.get(), 2, ruleIDPrefix);
-        armDeadline();
-        if (!stepToDone(statement.get(), kLog)) return false;
+        statement.bind(1, static_cast<int64_t>(ruleIDPrefix.size()));
+        statement.bind(2, ruleIDPrefix);
+        if (!statement.stepToDone(kLog)) return false;
     }
     const auto each = [&](const char* sql, const std::vector<ProfileRule>& rules, BindRule bind) {
-        const Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
+        Statement statement = prepareStatement(profilesDatabase_, sql, kLog);
         if (!statement) return false;
         for (const ProfileRule& rule : rules) {
-            bind(statement.get(), rule);
-            armDeadline();
-            if (!stepToDone(statement.get(), kLog)) return false;
+            bind(statement, rule);
+            if (!statement.stepToDone(kLog)) return false;
         }
         return true;
     };

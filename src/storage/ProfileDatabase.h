@@ -23,7 +23,10 @@
 #include "utilities/Nullable.h"
 
 struct sqlite3;
-struct sqlite3_stmt;
+
+namespace stonewall::storage_detail {
+class Statement;
+}  // namespace stonewall::storage_detail
 
 namespace stonewall {
 
@@ -117,7 +120,7 @@ class ProfileDatabase {
     ProfileDatabase() = default;
 
     // Binds one record's values to the batch statement.
-    using BindRule = void (*)(sqlite3_stmt*, const ProfileRule&);
+    using BindRule = void (*)(storage_detail::Statement&, const ProfileRule&);
     // The batch change shared by add, update and remove: one transaction, one
     // statement, a failing record skipped.
     void runBatch(const char* sql, const std::vector<ProfileRule>& rules, BindRule bind);

@@ -52,30 +52,26 @@ void armDeadline() { tDeadline = Clock::now() + kStatementTimeLimit; }
 
 void expireDeadlineForTesting() { tDeadline = Clock::time_point::min(); }
 
-namespace {
-
-bool hasColumn(sqlite3_stmt* statement, int column) {
-    return column >= 0 && column < sqlite3_data_count(statement);
+bool Statement::hasColumn(int column) const {
+    return column >= 0 && column < sqlite3_data_count(statement_);
 }
 
-}  // namespace
-
-void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out) {
-    if (!hasColumn(statement, column)) {
+void Statement::columnStringInto(int column, NullableString& out) const {
+    if (!hasColumn(column)) {
         out.reset();
         return;
     }
     // No sqlite3_column_type first: the text call answers null for SQL NULL
     // as for a failed conversion, both read as absent, and every call takes
     // the connection's mutex (six more per row of the compiler's read).
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
     if (!text) {
         out.reset();
         return;
     }
     // sqlite3_column_bytes must follow sqlite3_column_text: the text call may
     // convert the value, and the length is that of the converted text.
-    const int length = sqlite3_column_bytes(statement, column);
+    const int length = sqlite3_column_bytes(statement_, column);
     const std::string_view bytes(text, static_cast<size_t>(length));
     if (!unicode::isValidUTF8(bytes)) {
         out.reset();
@@ -88,20 +84,41 @@ void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out) 
     }
 }
 
-NullableString columnString(sqlite3_stmt* statement, int column) {
+NullableString Statement::columnString(int column) const {
     NullableString value;
-    columnStringInto(statement, column, value);
+    columnStringInto(column, value);
     return value;
 }
 
-int64_t columnInt(sqlite3_stmt* statement, int column) {
-    if (!hasColumn(statement, column)) return 0;
-    return static_cast<int64_t>(sqlite3_column_int(statement, column));
+int64_t Statement::columnInt(int column) const {
+    if (!hasColumn(column)) return 0;
+    return static_cast<int64_t>(sqlite3_column_int(statement_, column));
 }
 
-double columnDouble(sqlite3_stmt* statement, int column) {
-    if (!hasColumn(statement, column)) return 0;
-    return sqlite3_column_double(statement, column);
+double Statement::columnDouble(int column) const {
+    if (!hasColumn(column)) return 0;
+    return sqlite3_column_double(statement_, column);
+}
+
+void Statement::bind(int index, const NullableString& value) {
+    if (!value) {
+        sqlite3_bind_null(statement_, index);
+        return;
+    }
+    sqlite3_bind_text64(statement_, index, value->data(), value->size(), SQLITE_TRANSIENT,
+                        SQLITE_UTF8);
+}
+
+int Statement::step() {
+    armDeadline();
+    return sqlite3_step(statement_);
+}
+
+bool Statement::stepToDone(ErrorHook logError) {
+    const bool done = step() == SQLITE_DONE;
+    if (!done) logError(errorText(sqlite3_db_handle(statement_), sqlite3_sql(statement_)));
+    reset();
+    return done;
 }
 
 int truncateTimestampToInt32(double value) {
@@ -110,12 +127,6 @@ int truncateTimestampToInt32(double value) {
     // Beyond the 64-bit range the conversion itself would be undefined.
     if (whole >= 9.2e18 || whole <= -9.2e18) return 0;
     return truncateToInt32(static_cast<int64_t>(whole));
-}
-
-int bindString(sqlite3_stmt* statement, int index, const NullableString& value) {
-    if (!value) return sqlite3_bind_null(statement, index);
-    return sqlite3_bind_text64(statement, index, value->data(), value->size(), SQLITE_TRANSIENT,
-                               SQLITE_UTF8);
 }
 
 std::string errorText(sqlite3* database, std::string_view what) {
@@ -153,14 +164,6 @@ bool executeStatement(sqlite3* database, const char* sql, ErrorHook logError) {
     const auto failure = executeStatement(database, sql);
     if (failure) logError(*failure);
     return !failure;
-}
-
-bool stepToDone(sqlite3_stmt* statement, ErrorHook logError) {
-    armDeadline();
-    const bool done = sqlite3_step(statement) == SQLITE_DONE;
-    if (!done) logError(errorText(sqlite3_db_handle(statement), sqlite3_sql(statement)));
-    sqlite3_reset(statement);
-    return done;
 }
 
 namespace {

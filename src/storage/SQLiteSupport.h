@@ -1,9 +1,8 @@
 #pragma once
 
 // Helpers shared by the two database classes; not part of the storage
-// interface. Binding and reading follow the tables' conventions: integers
-// through the 32-bit calls, text as UTF-8 with a transient copy, a null
-// string as SQL NULL.
+// interface: the statement that owns its binds and column reads, the one
+// transaction (RAII), opening, moving aside and salvaging a damaged file.
 
 #include <sqlite3.h>
 
@@ -40,25 +39,11 @@ void configureConnection(sqlite3* database);
 // A database file is outside input: a view or trigger in it could make a
 // statement run for ever. Work of this thread on any connection is
 // interrupted once it runs past the deadline set here (now plus a limit far
-// above any real statement). Call it before each prepare and exec, and
-// before each step of a write; a read is covered from its prepare to its
-// last row.
+// above any real statement). Preparing, executing and Statement::step set
+// it; other calls into SQLite set it themselves.
 void armDeadline();
 // Tests: puts this thread's deadline in the past.
 void expireDeadlineForTesting();
-
-// The column's text, or null for SQL NULL, for text that is not valid UTF-8
-// (the platform's UTF-8 string constructor gives no string for it), and for
-// a column the row does not have.
-NullableString columnString(sqlite3_stmt* statement, int column);
-
-// Fills `out` in place so that a reused record keeps its buffers.
-void columnStringInto(sqlite3_stmt* statement, int column, NullableString& out);
-
-// The column as a 32-bit integer sign-extended to 64 bits; 0 for a column the
-// row does not have.
-int64_t columnInt(sqlite3_stmt* statement, int column);
-double columnDouble(sqlite3_stmt* statement, int column);
 
 // Integers are stored as 32-bit values: the low 32 bits are kept.
 inline int truncateToInt32(int64_t value) {
@@ -69,15 +54,17 @@ inline int truncateToInt32(int64_t value) {
 // which have no integer part, give 0.
 int truncateTimestampToInt32(double value);
 
-int bindString(sqlite3_stmt* statement, int index, const NullableString& value);
-inline int bindInt(sqlite3_stmt* statement, int index, int64_t value) {
-    return sqlite3_bind_int(statement, index, truncateToInt32(value));
-}
-
 // Where a failure goes: the owning class's log (its logError).
 using ErrorHook = void (*)(std::string_view message);
 
-// A prepared statement that finalises itself. Empty when preparing failed.
+// A prepared statement that finalises itself, and the one way to bind its
+// parameters and read its rows. Empty when preparing failed.
+//
+// Binding (1-based) and reading (0-based) follow the tables' conventions:
+// integers through the 32-bit calls (the low 32 bits are kept), text as
+// UTF-8 with a transient copy, a null string as SQL NULL. A column the row
+// does not have reads as null or 0, and so does text that is not valid UTF-8
+// (the platform's UTF-8 string constructor gives no string for it).
 class Statement {
   public:
     Statement() = default;
@@ -103,7 +90,31 @@ class Statement {
         return statement;
     }
 
+    void bind(int index, const NullableString& value);
+    void bind(int index, int64_t value) {
+        sqlite3_bind_int(statement_, index, truncateToInt32(value));
+    }
+    void bindDouble(int index, double value) { sqlite3_bind_double(statement_, index, value); }
+
+    NullableString columnString(int column) const;
+    // Fills `out` in place so that a reused record keeps its buffers.
+    void columnStringInto(int column, NullableString& out) const;
+    // The column as a 32-bit integer sign-extended to 64 bits.
+    int64_t columnInt(int column) const;
+    double columnDouble(int column) const;
+
+    // One step under the statement deadline: SQLITE_ROW, SQLITE_DONE or an
+    // error code.
+    int step();
+    // Steps a statement that returns no rows and resets it for the next
+    // bindings; false after reporting the failure (with the statement's SQL)
+    // to `logError`.
+    bool stepToDone(ErrorHook logError);
+    void reset() { sqlite3_reset(statement_); }
+
   private:
+    bool hasColumn(int column) const;
+
     sqlite3_stmt* statement_ = nullptr;
 };
 
@@ -151,10 +162,6 @@ std::string errorText(sqlite3* database, std::string_view what);
 [[nodiscard]] std::optional<std::string> executeStatement(sqlite3* database, const char* sql);
 // The same, reporting a failure through `logError`; false when it failed.
 bool executeStatement(sqlite3* database, const char* sql, ErrorHook logError);
-
-// Steps a statement that returns no rows and resets it for the next bindings;
-// false after reporting the failure (with the statement's SQL) to `logError`.
-bool stepToDone(sqlite3_stmt* statement, ErrorHook logError);
 
 // Plain BEGIN and COMMIT for callers that pair them themselves (the
 // Transaction below pairs them for everyone else).

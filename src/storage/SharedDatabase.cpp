@@ -58,47 +58,47 @@ void runSerialised(const std::shared_ptr<platform::Queue>& queue, const platform
 std::mutex gInstanceMutex;
 std::unique_ptr<SharedDatabase> gInstance;
 
-SharedData getSharedDataFromStatement(sqlite3_stmt* statement) {
+SharedData getSharedDataFromStatement(const Statement& statement) {
     SharedData data;
-    const int columns = sqlite3_column_count(statement);
+    const int columns = sqlite3_column_count(statement.get());
     if (columns != kOldSharedDataColumns && columns != kSharedDataColumns) return data;
-    data.activeProfileID = columnString(statement, 0);
-    data.timestamps = columnString(statement, 1);
-    data.profiles = columnString(statement, 2);
-    data.profileIDs = columnString(statement, 3);
-    data.profileUpdates = columnString(statement, 4);
-    data.status = columnInt(statement, 5);
-    data.addDate = columnDouble(statement, 6);
-    data.appVersion = columnString(statement, 7);
-    data.extVersion = columnString(statement, 8);
+    data.activeProfileID = statement.columnString(0);
+    data.timestamps = statement.columnString(1);
+    data.profiles = statement.columnString(2);
+    data.profileIDs = statement.columnString(3);
+    data.profileUpdates = statement.columnString(4);
+    data.status = statement.columnInt(5);
+    data.addDate = statement.columnDouble(6);
+    data.appVersion = statement.columnString(7);
+    data.extVersion = statement.columnString(8);
     if (columns == kSharedDataColumns) {
-        data.domainStatus = columnString(statement, 9);
-        data.reload = columnInt(statement, 10);
+        data.domainStatus = statement.columnString(9);
+        data.reload = statement.columnInt(10);
     }
     return data;
 }
 
-SharedCustomRule getSharedCustomRuleFromStatement(sqlite3_stmt* statement) {
+SharedCustomRule getSharedCustomRuleFromStatement(const Statement& statement) {
     SharedCustomRule rule;
-    rule.ruleID = columnString(statement, 0);
-    rule.blocker = columnInt(statement, 1);
-    rule.action = columnInt(statement, 2);
-    rule.selector = columnString(statement, 3);
-    rule.filter = columnString(statement, 4);
-    rule.resources = columnString(statement, 5);
-    rule.loads = columnString(statement, 6);
-    rule.domainType = columnInt(statement, 7);
-    rule.addDate = columnDouble(statement, 8);
-    rule.blockerProfileID = columnString(statement, 9);
-    rule.ruleName = columnString(statement, 10);
-    rule.filterSensitive = columnInt(statement, 11);
-    rule.modDate = columnDouble(statement, 12);
-    rule.regularExpression = columnInt(statement, 13);
-    rule.ruleType = columnInt(statement, 14);
-    rule.active = columnInt(statement, 15);
-    rule.filterDomain = columnString(statement, 16);
-    rule.filterInfo = columnInt(statement, 17);
-    rule.domains = columnString(statement, 18);
+    rule.ruleID = statement.columnString(0);
+    rule.blocker = statement.columnInt(1);
+    rule.action = statement.columnInt(2);
+    rule.selector = statement.columnString(3);
+    rule.filter = statement.columnString(4);
+    rule.resources = statement.columnString(5);
+    rule.loads = statement.columnString(6);
+    rule.domainType = statement.columnInt(7);
+    rule.addDate = statement.columnDouble(8);
+    rule.blockerProfileID = statement.columnString(9);
+    rule.ruleName = statement.columnString(10);
+    rule.filterSensitive = statement.columnInt(11);
+    rule.modDate = statement.columnDouble(12);
+    rule.regularExpression = statement.columnInt(13);
+    rule.ruleType = statement.columnInt(14);
+    rule.active = statement.columnInt(15);
+    rule.filterDomain = statement.columnString(16);
+    rule.filterInfo = statement.columnInt(17);
+    rule.domains = statement.columnString(18);
     return rule;
 }
 
@@ -106,13 +106,11 @@ SharedCustomRule getSharedCustomRuleFromStatement(sqlite3_stmt* statement) {
 // addDate DESC" is the oldest. Null when the statement cannot be prepared or
 // there is no row; `prepared` tells the two apart.
 std::optional<SharedData> readSharedData(sqlite3* database, bool& prepared) {
-    const Statement statement = prepareStatement(database, kSelectSharedDataSql, kLog);
+    Statement statement = prepareStatement(database, kSelectSharedDataSql, kLog);
     prepared = static_cast<bool>(statement);
     if (!prepared) return std::nullopt;
     std::optional<SharedData> data;
-    while (sqlite3_step(statement.get()) == SQLITE_ROW) {
-        data = getSharedDataFromStatement(statement.get());
-    }
+    while (statement.step() == SQLITE_ROW) data = getSharedDataFromStatement(statement);
     return data;
 }
 
@@ -326,10 +324,10 @@ std::optional<SharedData> SharedDatabase::getSharedData() {
 std::vector<SharedCustomRule> SharedDatabase::getSharedCustomRules() {
     std::vector<SharedCustomRule> rules;
     runSerialised(sharedQueue_, [&] {
-        const Statement statement = prepareStatement(dataDatabase_, kSelectCustomRulesSql, kLog);
+        Statement statement = prepareStatement(dataDatabase_, kSelectCustomRulesSql, kLog);
         if (!statement) return;
-        while (sqlite3_step(statement.get()) == SQLITE_ROW) {
-            rules.push_back(getSharedCustomRuleFromStatement(statement.get()));
+        while (statement.step() == SQLITE_ROW) {
+            rules.push_back(getSharedCustomRuleFromStatement(statement));
         }
     });
     return rules;
@@ -356,100 +354,100 @@ void SharedDatabase::checkOnQueue([[maybe_unused]] const char* operation) const 
 namespace {
 
 // The first six columns, in the order the insert and the update share.
-void bindLeadingColumns(sqlite3_stmt* statement, const SharedData& data) {
-    bindString(statement, 1, data.activeProfileID);
-    bindString(statement, 2, data.timestamps);
-    bindString(statement, 3, data.profiles);
-    bindString(statement, 4, data.profileIDs);
-    bindString(statement, 5, data.profileUpdates);
-    bindInt(statement, 6, data.status);
+void bindLeadingColumns(Statement& statement, const SharedData& data) {
+    statement.bind(1, data.activeProfileID);
+    statement.bind(2, data.timestamps);
+    statement.bind(3, data.profiles);
+    statement.bind(4, data.profileIDs);
+    statement.bind(5, data.profileUpdates);
+    statement.bind(6, data.status);
+}
+
+// A custom rule's nineteen columns in the table's order; both dates are the
+// time of writing, read separately.
+void bindSharedCustomRule(Statement& statement, const SharedCustomRule& rule) {
+    statement.bind(1, rule.ruleID);
+    statement.bind(2, rule.blocker);
+    statement.bind(3, rule.action);
+    statement.bind(4, rule.selector);
+    statement.bind(5, rule.filter);
+    statement.bind(6, rule.resources);
+    statement.bind(7, rule.loads);
+    statement.bind(8, rule.domainType);
+    statement.bindDouble(9, Custom::currentTimestamp());
+    statement.bind(10, rule.blockerProfileID);
+    statement.bind(11, rule.ruleName);
+    statement.bind(12, rule.filterSensitive);
+    statement.bindDouble(13, Custom::currentTimestamp());
+    statement.bind(14, rule.regularExpression);
+    statement.bind(15, rule.ruleType);
+    statement.bind(16, rule.active);
+    statement.bind(17, rule.filterDomain);
+    statement.bind(18, rule.filterInfo);
+    statement.bind(19, rule.domains);
 }
 
 }  // namespace
 
 void SharedDatabase::addSharedData(const SharedData& data) {
     checkOnQueue("addSharedData");
-    const Statement prepared = prepareStatement(dataDatabase_, kInsertSharedDataSql, kLog);
-    if (!prepared) return;
-    sqlite3_stmt* statement = prepared.get();
+    Statement statement = prepareStatement(dataDatabase_, kInsertSharedDataSql, kLog);
+    if (!statement) return;
     bindLeadingColumns(statement, data);
     // The time of writing, not the record's own addDate, without its fraction.
-    sqlite3_bind_int(statement, 7, truncateTimestampToInt32(Custom::currentTimestamp()));
-    bindString(statement, 8, data.appVersion);
-    bindString(statement, 9, data.extVersion);
-    bindString(statement, 10, data.domainStatus);
-    bindInt(statement, 11, data.reload);
-    stepToDone(statement, kLog);
+    statement.bind(7, truncateTimestampToInt32(Custom::currentTimestamp()));
+    statement.bind(8, data.appVersion);
+    statement.bind(9, data.extVersion);
+    statement.bind(10, data.domainStatus);
+    statement.bind(11, data.reload);
+    statement.stepToDone(kLog);
 }
 
 void SharedDatabase::updateSharedData(const SharedData& data) {
     checkOnQueue("updateSharedData");
-    const Statement prepared = prepareStatement(dataDatabase_, kUpdateSharedDataSql, kLog);
-    if (!prepared) return;
-    sqlite3_stmt* statement = prepared.get();
+    Statement statement = prepareStatement(dataDatabase_, kUpdateSharedDataSql, kLog);
+    if (!statement) return;
     bindLeadingColumns(statement, data);
-    bindString(statement, 7, data.appVersion);
-    bindString(statement, 8, data.extVersion);
-    bindString(statement, 9, data.domainStatus);
-    bindInt(statement, 10, data.reload);
-    bindString(statement, 11, data.appVersion);
-    bindString(statement, 12, data.extVersion);
-    stepToDone(statement, kLog);
+    statement.bind(7, data.appVersion);
+    statement.bind(8, data.extVersion);
+    statement.bind(9, data.domainStatus);
+    statement.bind(10, data.reload);
+    statement.bind(11, data.appVersion);
+    statement.bind(12, data.extVersion);
+    statement.stepToDone(kLog);
 }
 
 void SharedDatabase::addSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
     checkOnQueue("addSharedCustomRules");
-    Statement prepared = prepareStatement(dataDatabase_, kInsertCustomRuleSql, kLog);
-    if (!prepared) return;
-    // The insert leaves its statement unfinalized; only the newest one is
-    // still reachable, so an older one is released here and the newest by
-    // close().
-    sqlite3_finalize(customRulesStatement_);
-    customRulesStatement_ = prepared.release();
-    sqlite3_stmt* statement = customRulesStatement_;
+    Statement statement = prepareStatement(dataDatabase_, kInsertCustomRuleSql, kLog);
+    if (!statement) return;
     for (const SharedCustomRule& rule : rules) {
-        bindString(statement, 1, rule.ruleID);
-        bindInt(statement, 2, rule.blocker);
-        bindInt(statement, 3, rule.action);
-        bindString(statement, 4, rule.selector);
-        bindString(statement, 5, rule.filter);
-        bindString(statement, 6, rule.resources);
-        bindString(statement, 7, rule.loads);
-        bindInt(statement, 8, rule.domainType);
-        // Both dates are the time of writing, read separately.
-        sqlite3_bind_double(statement, 9, Custom::currentTimestamp());
-        bindString(statement, 10, rule.blockerProfileID);
-        bindString(statement, 11, rule.ruleName);
-        bindInt(statement, 12, rule.filterSensitive);
-        sqlite3_bind_double(statement, 13, Custom::currentTimestamp());
-        bindInt(statement, 14, rule.regularExpression);
-        bindInt(statement, 15, rule.ruleType);
-        bindInt(statement, 16, rule.active);
-        bindString(statement, 17, rule.filterDomain);
-        bindInt(statement, 18, rule.filterInfo);
-        bindString(statement, 19, rule.domains);
-        stepToDone(statement, kLog);
+        bindSharedCustomRule(statement, rule);
+        statement.stepToDone(kLog);
     }
+    // The insert leaves its statement unfinalized until the next insert or
+    // close() (see customRulesStatement_).
+    sqlite3_finalize(customRulesStatement_);
+    customRulesStatement_ = statement.release();
 }
 
 void SharedDatabase::removeSharedCustomRules() {
     checkOnQueue("removeSharedCustomRules");
-    const Statement statement = prepareStatement(dataDatabase_, kDeleteCustomRulesSql, kLog);
+    Statement statement = prepareStatement(dataDatabase_, kDeleteCustomRulesSql, kLog);
     if (!statement) return;
-    stepToDone(statement.get(), kLog);
+    statement.stepToDone(kLog);
 }
 
 void SharedDatabase::removeSharedCustomRules(const std::vector<SharedCustomRule>& rules) {
     checkOnQueue("removeSharedCustomRules");
-    const Statement prepared = prepareStatement(dataDatabase_, kDeleteCustomRuleSql, kLog);
-    if (!prepared) return;
-    sqlite3_stmt* statement = prepared.get();
+    Statement statement = prepareStatement(dataDatabase_, kDeleteCustomRuleSql, kLog);
+    if (!statement) return;
     for (const SharedCustomRule& rule : rules) {
-        bindString(statement, 1, rule.ruleID);
-        bindInt(statement, 2, rule.action);
-        bindString(statement, 3, rule.blockerProfileID);
-        bindString(statement, 4, rule.domains);
-        stepToDone(statement, kLog);
+        statement.bind(1, rule.ruleID);
+        statement.bind(2, rule.action);
+        statement.bind(3, rule.blockerProfileID);
+        statement.bind(4, rule.domains);
+        statement.stepToDone(kLog);
     }
 }
 
