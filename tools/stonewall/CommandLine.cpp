@@ -38,7 +38,8 @@ Exit codes:
   4  reload or compile: WebKit rejected a rule list (its message is shown;
      also the verdict of validate) or the content blocker did not answer
      within --timeout; a rule file already written stays written
-  5  a system service is missing (watch without a D-Bus session bus)
+  5  a system service is missing (watch or gnome-web without a D-Bus
+     session bus, gnome-web without GNOME Web's settings schema)
   6  a subscribed list could not be downloaded or read (update: one line per
      list says why; its old rules stay; subscribe: nothing was subscribed)
 
@@ -372,6 +373,26 @@ const Subcommand kSubcommands[] = {
          runWatch(arguments.common,
                   arguments.count > 0 ? std::optional<int64_t>(arguments.count) : std::nullopt,
                   report);
+     }},
+    {"gnome-web", "Let GNOME Web block by the active profile (on, off), or show whether it does",
+     "\"on\" adds the active profile's compiled rule list to GNOME Web's content\n"
+     "filters (the content-filters setting of org.gnome.Epiphany), next to the lists\n"
+     "already there, and turns its ad blocker on; after every compile and reload,\n"
+     "here or in stonewall-browser, GNOME Web gets the new list. \"off\" takes the\n"
+     "list out again and gives back the values that were there. \"status\" (or no\n"
+     "state) shows the setting. Needs GNOME Web's settings schema (the epiphany-browser\n"
+     "package) and the D-Bus session bus.",
+     Waits::Yes,
+     [](CLI::App& command, Arguments& arguments) {
+         command.add_option("state", arguments.state, "on, off or status (the default)")
+             ->check(CLI::IsMember({"on", "off", "status"}));
+     },
+     [](const Arguments& arguments, Report& report) {
+         runGnomeWeb(arguments.common,
+                     arguments.state.empty() || arguments.state == "status"
+                         ? std::nullopt
+                         : std::optional<std::string>(arguments.state),
+                     report);
      }},
     {"info", "Show the container, versions, active profile, status and file sizes",
      "Also the resource folder, the host's versions and the shared defaults that\n"
