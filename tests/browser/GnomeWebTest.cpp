@@ -84,7 +84,8 @@ TEST(GnomeWebTest, RefusedWithoutSchemaOrSessionBus) {
         std::vector<std::pair<std::string, std::string>> environment;
         const char* says;
     } cases[] = {
-        {"no schema", {{"XDG_DATA_DIRS", noSchemas.string()}, {"GSETTINGS_SCHEMA_DIR", ""}},
+        {"no schema",
+         {{"XDG_DATA_DIRS", noSchemas.string()}, {"GSETTINGS_SCHEMA_DIR", ""}},
          "schema"},
         {"no session bus", {}, "session bus"},  // the runner's bus address leads nowhere
     };
@@ -118,7 +119,8 @@ class GnomeWebBrowserTest : public ::testing::Test {
                             "epiphany-browser)";
         }
         const char* display = std::getenv("DISPLAY");
-        if (!display || !*display) GTEST_SKIP() << "needs a display: run under scripts/with-display";
+        if (!display || !*display)
+            GTEST_SKIP() << "needs a display: run under scripts/with-display";
         display_ = display;
     }
 
@@ -149,15 +151,21 @@ TEST_F(GnomeWebBrowserTest, BlocksByTheActiveProfile) {
         pageRequests.add(request);
         const auto start = request.find("phase=");
         const std::string phase =
-            start == std::string::npos ? "" : request.substr(start + 6, request.find(' ', start) - start - 6);
+            start == std::string::npos
+                ? ""
+                : request.substr(start + 6, request.find(' ', start) - start - 6);
         if (request.rfind("GET /page", 0) == 0) {
             // The page reports its load event, which waits for every image,
             // the blocked ones included: by then the ad was asked for or not.
             return answer("text/html",
                           "<!doctype html><title>news</title><h1>news</h1>"
-                          "<img src=\"" + adBase + "/ad.gif?phase=" + phase + "\">"
-                          "<img src=\"/own-filter.gif?phase=" + phase + "\">"
-                          "<script>addEventListener('load', () => fetch('/loaded?phase=" +
+                          "<img src=\"" +
+                              adBase + "/ad.gif?phase=" + phase +
+                              "\">"
+                              "<img src=\"/own-filter.gif?phase=" +
+                              phase +
+                              "\">"
+                              "<script>addEventListener('load', () => fetch('/loaded?phase=" +
                               phase + "'));</script>");
         }
         return answer("image/gif", std::string(kGif, sizeof kGif - 1));

@@ -14,10 +14,9 @@ namespace {
 using platform::gnulinux::GnomeWebFilters;
 
 std::string defaultsPath() {
-    auto* defaults = dynamic_cast<platform::gnulinux::FileUserDefaultsService*>(
-        &platform::defaults());
-    return defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup)
-                    : std::string();
+    auto* defaults =
+        dynamic_cast<platform::gnulinux::FileUserDefaultsService*>(&platform::defaults());
+    return defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : std::string();
 }
 
 [[noreturn]] void fail(const GnomeWebFilters::Outcome& outcome) {
@@ -33,9 +32,9 @@ void describeStatus(const GnomeWebFilters& filters, Report& report) {
     if (!status) throw CommandFailure(ExitCode::Unavailable, "gnome-web", failure);
     report.add("gnomeWeb", status->on ? "on" : "off", "GNOME Web",
                status->on ? "on (uses the active profile)" : "off");
-    report.add("list", status->published ? Json(*status->published) : Json(nullptr), "list",
-               status->published ? *status->published
-                                 : (status->on ? "none (blocking is off)" : "none"));
+    report.add(
+        "list", status->published ? Json(*status->published) : Json(nullptr), "list",
+        status->published ? *status->published : (status->on ? "none (blocking is off)" : "none"));
     const size_t others = status->filters.size() - (status->published ? 1 : 0);
     report.add("otherFilters", Json(others), "other lists",
                std::to_string(others) + (others == 1 ? " list" : " lists"));
@@ -64,8 +63,7 @@ void runGnomeWeb(const CommonOptions& common, const std::optional<std::string>& 
         if (outcome.failure) fail(outcome);
         if (!wasOn) {
             report.json["changed"] = false;
-            report.notes.push_back(
-                "GNOME Web does not use Stonewall's rules; nothing changed.");
+            report.notes.push_back("GNOME Web does not use Stonewall's rules; nothing changed.");
             return;
         }
         report.json["changed"] = true;
@@ -78,8 +76,7 @@ void runGnomeWeb(const CommonOptions& common, const std::optional<std::string>& 
     const bool wasOn = filters.isOn();
     auto engine = session.openEngine();
     const std::string active = requireActiveProfile(*engine->sharedData());
-    if (GnomeWebFilters::Outcome outcome = filters.turnOn();
-        outcome.failure && !filters.isOn()) {
+    if (GnomeWebFilters::Outcome outcome = filters.turnOn(); outcome.failure && !filters.isOn()) {
         fail(outcome);
     }
     CompileReport compile;

@@ -229,8 +229,8 @@ GnomeWebFilters::Outcome GnomeWebFilters::turnOff() {
     fs::remove_all(fs::path(containerPath_) / kListFolder, error);
     fs::remove(statePath, error);
     if (error) {
-        return failed(Failure::Storage, "cannot remove " + statePath.string() + ": " +
-                                            error.message());
+        return failed(Failure::Storage,
+                      "cannot remove " + statePath.string() + ": " + error.message());
     }
     Outcome outcome;
     outcome.changed = true;
@@ -309,8 +309,8 @@ GnomeWebPublishingContentBlocker::GnomeWebPublishingContentBlocker(
     std::shared_ptr<ContentBlockerManager> inner, std::string containerPath,
     std::string defaultsPath, std::shared_ptr<Log> log)
     : inner_(std::move(inner)),
-      filters_(std::make_shared<GnomeWebFilters>(std::move(containerPath),
-                                                 std::move(defaultsPath))),
+      filters_(
+          std::make_shared<GnomeWebFilters>(std::move(containerPath), std::move(defaultsPath))),
       log_(std::move(log)) {}
 
 void GnomeWebPublishingContentBlocker::reloadContentBlockerWithIdentifier(

@@ -46,8 +46,8 @@ class GnomeWebFilters {
     };
     struct Outcome {
         std::optional<Failure> failure;
-        std::string message;           // why, when failed
-        bool changed = false;          // a setting or the state file was written
+        std::string message;                   // why, when failed
+        bool changed = false;                  // a setting or the state file was written
         std::optional<std::string> published;  // the URL of our list in the setting now
     };
     struct Status {
