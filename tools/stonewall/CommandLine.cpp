@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <new>
@@ -11,6 +12,7 @@
 #include "ApplicationCommands.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Progress.h"
 #include "Report.h"
 #include "SubscriptionCommands.h"
 #include "application/ImportBudget.h"
@@ -500,9 +502,22 @@ int run(int argc, char** argv) {
         return usageError(app, error);
     }
 
+    // People at a terminal see what a slow command is doing; watch prints
+    // its own lines as they come.
+    std::string parsedPath;
+    for (size_t index = 0; index < commands.size(); ++index) {
+        if (kSubcommands[index].run && commands[index]->parsed())
+            parsedPath = kSubcommands[index].path;
+    }
+    const char* verboseVariable = std::getenv("STONEWALL_VERBOSE");
+    const bool verbose =
+        arguments.common.verbose || (verboseVariable && std::string(verboseVariable) == "1");
+    progress::start(!arguments.common.json && !verbose && parsedPath != "watch", parsedPath);
+
     Report report;
     std::string failureLine;
     const ExitCode code = runParsed(commands, arguments, report, failureLine);
+    progress::stop();
     printReport(report, arguments.common.json ? ReportFormat::JSON : ReportFormat::Table,
                 std::cout);
     if (!failureLine.empty()) std::cerr << failureLine << std::endl;
