@@ -56,8 +56,7 @@ void drawLoop() {
 
 }  // namespace
 
-std::string lineForTesting(const std::string& stage, int64_t done, int64_t total,
-                           double seconds) {
+std::string lineForTesting(const std::string& stage, int64_t done, int64_t total, double seconds) {
     std::string line = stage;
     if (done >= 0 && total > 0) {
         const int64_t filled = std::min<int64_t>(kBarWidth, done * kBarWidth / total);
