@@ -33,19 +33,18 @@ class BrowserLocaleTest : public tool::testing::ToolTest {
         std::setlocale(LC_ALL, saved.c_str());
         if (!available) return false;
         const fs::path root = runner().root();
-        browser_.emplace(STONEWALL_BROWSER_BINARY,
-                         std::vector<std::string>{"--control", server_.url("/")},
-                         std::map<std::string, std::string>{
-                             {"HOME", (root / "home").string()},
-                             {"XDG_DATA_HOME", (root / "data").string()},
-                             {"XDG_CONFIG_HOME", (root / "config").string()},
-                             {"XDG_CACHE_HOME", (root / "cache").string()},
-                             {"STONEWALL_CONTAINER", container().string()},
-                             {"GSK_RENDERER", "cairo"},
-                             {"LC_ALL", ""},
-                             {"LANG", locale},
-                             {"LANGUAGE", language},
-                             {"ASAN_OPTIONS", "detect_leaks=0"}});
+        browser_.emplace(
+            STONEWALL_BROWSER_BINARY, std::vector<std::string>{"--control", server_.url("/")},
+            std::map<std::string, std::string>{{"HOME", (root / "home").string()},
+                                               {"XDG_DATA_HOME", (root / "data").string()},
+                                               {"XDG_CONFIG_HOME", (root / "config").string()},
+                                               {"XDG_CACHE_HOME", (root / "cache").string()},
+                                               {"STONEWALL_CONTAINER", container().string()},
+                                               {"GSK_RENDERER", "cairo"},
+                                               {"LC_ALL", ""},
+                                               {"LANG", locale},
+                                               {"LANGUAGE", language},
+                                               {"ASAN_OPTIONS", "detect_leaks=0"}});
         expect("ready");
         expect("loaded ");
         return true;
@@ -71,7 +70,8 @@ class BrowserLocaleTest : public tool::testing::ToolTest {
             expect("view " + std::to_string(view));
             browser_->send("clipped-labels");
             const std::string line = expect("clipped-labels ");
-            if (line != "clipped-labels []") clipped += "view " + std::to_string(view) + ": " + line;
+            if (line != "clipped-labels []")
+                clipped += "view " + std::to_string(view) + ": " + line;
         }
         return clipped;
     }

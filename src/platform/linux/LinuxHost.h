@@ -73,6 +73,8 @@ class LinuxHost : public Host {
 // translation is its English key.
 class LinuxBundle : public Bundle {
   public:
+    static constexpr const char* kTextDomain = "stonewall";
+
     explicit LinuxBundle(std::optional<std::string> resourcePath = std::nullopt,
                          const EnvironmentLookup& environment = processEnvironment());
 
