@@ -118,6 +118,7 @@ void count(int64_t done, int64_t total) {
     if (!s.running) return;
     s.done = done;
     s.total = total;
+    if (Clock::now() - s.started >= s.quiet) draw(s);
 }
 
 }  // namespace stonewall::tool::progress
