@@ -22,8 +22,10 @@ TEST(LanguageTest, HelpFollowsTheLocale) {
         const char* language;
         std::vector<std::string> says;
     } cases[] = {
-        {"de_DE.UTF-8", "de", {"Aufruf: stonewall gnome-web", "Optionen:", "Exit-Codes:",
-                               "Ein JSON-Objekt statt der Tabelle ausgeben"}},
+        {"de_DE.UTF-8",
+         "de",
+         {"Aufruf: stonewall gnome-web",
+          "Optionen:", "Exit-Codes:", "Ein JSON-Objekt statt der Tabelle ausgeben"}},
         {"de_DE.UTF-8", "", {"Aufruf: stonewall gnome-web"}},  // LANG alone chooses
         {"C.UTF-8", "", {"Usage: stonewall gnome-web", "Options:", "Exit codes:"}},
         // gettext leaves LANGUAGE aside under the C locale.
