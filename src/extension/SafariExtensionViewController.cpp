@@ -16,6 +16,10 @@ namespace stonewall {
 
 namespace {
 
+// Marks a text for the translation template (xgettext's keyword) where it is
+// translated later, through localized().
+constexpr const char* N_(const char* text) { return text; }
+
 constexpr double kPopoverHeight = 396;
 constexpr double kSwitchAnimationDuration = 0.05;
 // Profile names longer than this many UTF-16 units are cut in the pop-up.
@@ -267,23 +271,23 @@ void SafariExtensionViewController::setupLabels() {
     const NSColor headerColor = Custom::extensionHeaderColor();
     const NSColor titleColor = Custom::extensionTitleColor();
     const NSColor textColor = Custom::extensionTextColor();
-    label(o.statusHeaderLabel, "Status", header, headerColor);
-    label(o.visualHeaderLabel, "Webpage", header, headerColor);
-    label(o.customRulesHeaderLabel, "Website", header, headerColor);
-    label(o.activeProfileHeaderLabel, "Profile", header, headerColor);
-    label(o.appHeaderLabel, "App", header, headerColor);
-    label(o.visualTitleLabel, "Block and Hide Visually", title, titleColor);
-    label(o.visualMessageLabel, "Select the webpage elements that you want to block or hide.", body,
-          textColor);
-    label(o.profileTitleLabel, "Change Active Profile", title, titleColor);
-    label(o.profileMessageLabel, "Select a profile other than the currently active profile.", body,
-          textColor);
+    label(o.statusHeaderLabel, N_("Status"), header, headerColor);
+    label(o.visualHeaderLabel, N_("Webpage"), header, headerColor);
+    label(o.customRulesHeaderLabel, N_("Website"), header, headerColor);
+    label(o.activeProfileHeaderLabel, N_("Profile"), header, headerColor);
+    label(o.appHeaderLabel, N_("App"), header, headerColor);
+    label(o.visualTitleLabel, N_("Block and Hide Visually"), title, titleColor);
+    label(o.visualMessageLabel, N_("Select the webpage elements that you want to block or hide."),
+          body, textColor);
+    label(o.profileTitleLabel, N_("Change Active Profile"), title, titleColor);
+    label(o.profileMessageLabel, N_("Select a profile other than the currently active profile."),
+          body, textColor);
     label(o.websiteTitleLabel, nullptr, title, titleColor);
     label(o.websiteMessageLabel, nullptr, body, textColor);
-    label(o.reloadTitleLabel, "Reloading ...", title, titleColor);
-    label(o.errorTitleLabel, "Blocker Not Enabled", title, titleColor);
+    label(o.reloadTitleLabel, N_("Reloading ..."), title, titleColor);
+    label(o.errorTitleLabel, N_("Blocker Not Enabled"), title, titleColor);
     // The error message is drawn in the title colour on purpose.
-    label(o.errorMessageLabel, "The blocker extension is not enabled.", body, titleColor);
+    label(o.errorMessageLabel, N_("The blocker extension is not enabled."), body, titleColor);
 
     const auto row = [&](const std::shared_ptr<ExtensionButton>& button, const char* text) {
         if (!button || !button->nameTextField()) return;
@@ -292,12 +296,12 @@ void SafariExtensionViewController::setupLabels() {
     };
     row(o.statusButton, nullptr);
     row(o.counterButton, nullptr);
-    row(o.visualBlockButton, "Block and Hide Visually");
-    row(o.blockButton, "Block Website");
-    row(o.secureButton, "Secure Website");
-    row(o.whitelistButton, "Allow Website");
-    row(o.profileButton, "Active Profile");
-    row(o.appButton, "Open Stonewall");
+    row(o.visualBlockButton, N_("Block and Hide Visually"));
+    row(o.blockButton, N_("Block Website"));
+    row(o.secureButton, N_("Secure Website"));
+    row(o.whitelistButton, N_("Allow Website"));
+    row(o.profileButton, N_("Active Profile"));
+    row(o.appButton, N_("Open Stonewall"));
 
     if (o.profileDoneButton) o.profileDoneButton->setTitle(localized("Activate"));
     if (o.errorDoneButton) o.errorDoneButton->setTitle(localized("OK"));
@@ -472,8 +476,8 @@ void SafariExtensionViewController::updateStatus() {
     const auto& data = companionController_->sharedData();
     const bool on = data && data->status == 1;
     auto& toolkit = platform::toolkit();
-    setButtonTitle(o.statusButton,
-                   localized(on ? "Turn Off Content Blocking" : "Turn On Content Blocking"));
+    setButtonTitle(o.statusButton, localized(on ? N_("Turn Off Content Blocking")
+                                                : N_("Turn On Content Blocking")));
     auto image = toolkit.imageNamed(on ? "ext_status_on" : "ext_status_off");
     if (o.statusImageView) o.statusImageView->setImage(image);
     if (o.statusButton) {
@@ -487,8 +491,8 @@ void SafariExtensionViewController::updateCounterStatus() {
     Outlets& o = *outlets_;
     const bool on = counterOn();
     auto& toolkit = platform::toolkit();
-    setButtonTitle(o.counterButton,
-                   localized(on ? "Turn Off Blocking Counter" : "Turn On Blocking Counter"));
+    setButtonTitle(o.counterButton, localized(on ? N_("Turn Off Blocking Counter")
+                                                 : N_("Turn On Blocking Counter")));
     auto image = toolkit.imageNamed(on ? "ext_status_on" : "ext_status_off");
     if (o.counterImageView) o.counterImageView->setImage(image);
     if (o.counterButton) {
@@ -706,15 +710,18 @@ void SafariExtensionViewController::askForWebsiteConfirmation(int64_t action,
 }
 
 void SafariExtensionViewController::blockWebsiteAction() {
-    askForWebsiteConfirmation(2, "Are you sure you want to block %@", "Block Website", "Block");
+    askForWebsiteConfirmation(2, N_("Are you sure you want to block %@"), N_("Block Website"),
+                              N_("Block"));
 }
 
 void SafariExtensionViewController::secureWebsiteAction() {
-    askForWebsiteConfirmation(3, "Are you sure you want to secure %@", "Secure Website", "Secure");
+    askForWebsiteConfirmation(3, N_("Are you sure you want to secure %@"), N_("Secure Website"),
+                              N_("Secure"));
 }
 
 void SafariExtensionViewController::whitelistWebsiteAction() {
-    askForWebsiteConfirmation(4, "Are you sure you want to whitelist %@", "Allow Website", "Allow");
+    askForWebsiteConfirmation(4, N_("Are you sure you want to whitelist %@"), N_("Allow Website"),
+                              N_("Allow"));
 }
 
 void SafariExtensionViewController::websiteCancelAction() {

@@ -1,6 +1,7 @@
 #pragma once
 
-// A one-thread HTTP server on 127.0.0.1 for tests: it reads each request's
+// A one-thread HTTP server on 127.0.0.1 (or another loopback address, for a
+// second "site") for tests: it reads each request's
 // head, asks `respond` for the whole answer (status line, headers, body) and
 // sends it, then closes the connection. Tests never reach past loopback.
 
@@ -21,17 +22,21 @@ class LoopbackServer {
     // Called on the server's thread with the request's head.
     using Respond = std::function<std::string(const std::string& request)>;
 
-    explicit LoopbackServer(Respond respond) : respond_(std::move(respond)) {
+    explicit LoopbackServer(Respond respond, std::string host = "127.0.0.1")
+        : respond_(std::move(respond)), host_(std::move(host)) {
         listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::inet_pton(AF_INET, host_.c_str(), &address.sin_addr) != 1 ||
+            (ntohl(address.sin_addr.s_addr) >> 24) != 127) {
+            throw std::runtime_error("not a loopback address: " + host_);
+        }
         socklen_t length = sizeof address;
         if (listener_ < 0 ||
             ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             ::listen(listener_, 16) != 0 ||
             ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-            throw std::runtime_error("cannot listen on 127.0.0.1");
+            throw std::runtime_error("cannot listen on " + host_);
         }
         port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] { serve(); });
@@ -45,7 +50,7 @@ class LoopbackServer {
     LoopbackServer& operator=(const LoopbackServer&) = delete;
 
     std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
+        return "http://" + host_ + ":" + std::to_string(port_) + path;
     }
 
   private:
@@ -70,6 +75,7 @@ class LoopbackServer {
     }
 
     Respond respond_;
+    std::string host_;
     int listener_ = -1;
     int port_ = 0;
     std::thread thread_;

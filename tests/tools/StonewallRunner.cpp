@@ -119,6 +119,15 @@ BackgroundProcess StonewallRunner::start(std::vector<std::string> args, bool wit
     if (withContainer) args.insert(args.end(), {"--container", containerPath().string()});
     args.insert(args.begin(), STONEWALL_BINARY);
     args.insert(args.begin(), wrapper_.begin(), wrapper_.end());
+    return startProgram(std::move(args), stdinText);
+}
+
+BackgroundProcess StonewallRunner::startProgram(std::vector<std::string> args) const {
+    return startProgram(std::move(args), std::string());
+}
+
+BackgroundProcess StonewallRunner::startProgram(std::vector<std::string> args,
+                                                const std::string& stdinText) const {
     // No session bus unless a test brings its own: notifications are then
     // dropped, as documented, and never reach the desktop's bus.
     std::map<std::string, std::string> changes = {

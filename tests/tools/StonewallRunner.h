@@ -74,8 +74,13 @@ class StonewallRunner {
                   bool withContainer = true) const;
     BackgroundProcess start(std::vector<std::string> args, bool withContainer = true,
                             const std::string& stdinText = {}) const;
+    // Another program (args[0] is its path) in the same sandbox.
+    BackgroundProcess startProgram(std::vector<std::string> args) const;
 
   private:
+    BackgroundProcess startProgram(std::vector<std::string> args,
+                                   const std::string& stdinText) const;
+
     std::filesystem::path root_;
     std::map<std::string, std::string> overrides_;
     std::vector<std::string> wrapper_;

@@ -55,6 +55,13 @@ void BrowserToolbarItem::setImage(std::shared_ptr<NSImage> image) {
         } else {
             gtk_image_clear(GTK_IMAGE(image_));
         }
+        // The reloading image turns until the reload's outcome replaces it
+        // (style.css).
+        if (name == "ToolbarItemIconReloading") {
+            gtk_widget_add_css_class(image_, "stonewall-reloading");
+        } else {
+            gtk_widget_remove_css_class(image_, "stonewall-reloading");
+        }
         events_("image " + name);
     });
 }

@@ -16,6 +16,9 @@ namespace stonewall::browser {
 
 namespace {
 
+// The browser's own labels, from the bundle's catalogue like the popover's.
+std::string tr(const char* text) { return platform::bundle().localizedString(text); }
+
 std::string readText(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
     std::ostringstream text;
@@ -67,7 +70,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                                                GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
 
     window_ = gtk_application_window_new(application);
-    gtk_window_set_title(GTK_WINDOW(window_), "Stonewall Browser");
+    gtk_window_set_title(GTK_WINDOW(window_), tr("Stonewall Browser").c_str());
     gtk_window_set_default_size(GTK_WINDOW(window_), 1024, 720);
 
     GtkWidget* header = gtk_header_bar_new();
@@ -75,10 +78,10 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     forwardButton_ = gtk_button_new_from_icon_name("go-next-symbolic");
     GtkWidget* reload = gtk_button_new_from_icon_name("view-refresh-symbolic");
     GtkWidget* newTab = gtk_button_new_from_icon_name("tab-new-symbolic");
-    gtk_widget_set_tooltip_text(backButton_, "Back");
-    gtk_widget_set_tooltip_text(forwardButton_, "Forward");
-    gtk_widget_set_tooltip_text(reload, "Reload");
-    gtk_widget_set_tooltip_text(newTab, "New Tab");
+    gtk_widget_set_tooltip_text(backButton_, tr("Back").c_str());
+    gtk_widget_set_tooltip_text(forwardButton_, tr("Forward").c_str());
+    gtk_widget_set_tooltip_text(reload, tr("Reload").c_str());
+    gtk_widget_set_tooltip_text(newTab, tr("New Tab").c_str());
     gtk_header_bar_pack_start(GTK_HEADER_BAR(header), backButton_);
     gtk_header_bar_pack_start(GTK_HEADER_BAR(header), forwardButton_);
     gtk_header_bar_pack_start(GTK_HEADER_BAR(header), reload);
@@ -233,7 +236,7 @@ void BrowserWindow::openTab(const std::string& url) {
                      this);
 
     GtkWidget* title = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
-    GtkWidget* titleLabel = gtk_label_new("New Tab");
+    GtkWidget* titleLabel = gtk_label_new(tr("New Tab").c_str());
     gtk_label_set_width_chars(GTK_LABEL(titleLabel), 12);
     gtk_label_set_max_width_chars(GTK_LABEL(titleLabel), 20);
     gtk_label_set_ellipsize(GTK_LABEL(titleLabel), PANGO_ELLIPSIZE_END);

@@ -13,6 +13,8 @@
 //   dark 0|1            force the light or dark colour scheme
 //   snapshot-popover P  render the popover's view to the PNG file P
 //   snapshot-window P   render the window with the open popover to P
+//   clipped-labels      answers "clipped-labels [texts]": the shown popover
+//                       labels whose text does not fit (after the next frame)
 //   validate            run toolbar validation now
 //   state               answers "state {json}" once the main queue is idle
 //   quit
@@ -35,6 +37,35 @@
 namespace stonewall::browser {
 
 namespace {
+
+// The shown labels under `widget` that are cut: ellipsized, narrower or
+// lower than their text needs, or reaching past the popover's edge.
+void collectClippedLabels(GtkWidget* widget, GtkWidget* root, nlohmann::json& texts) {
+    if (!gtk_widget_get_mapped(widget)) return;
+    if (GTK_IS_LABEL(widget)) {
+        GtkLabel* label = GTK_LABEL(widget);
+        const std::string text = gtk_label_get_text(label);
+        const int width = gtk_widget_get_width(widget);
+        const int height = gtk_widget_get_height(widget);
+        // The layout the label draws: its text at the label's width when it
+        // wraps, else on one line, whatever the allocation.
+        PangoLayout* layout = gtk_label_get_layout(label);
+        int textWidth = 0, textHeight = 0;
+        pango_layout_get_pixel_size(layout, &textWidth, &textHeight);
+        bool clipped =
+            pango_layout_is_ellipsized(layout) || textWidth > width || textHeight > height;
+        graphene_rect_t bounds;
+        if (gtk_widget_compute_bounds(widget, root, &bounds)) {
+            clipped |= bounds.origin.x < -0.5f ||
+                       bounds.origin.x + bounds.size.width > gtk_widget_get_width(root) + 0.5f;
+        }
+        if (clipped && !text.empty()) texts.push_back(text);
+    }
+    for (GtkWidget* child = gtk_widget_get_first_child(widget); child;
+         child = gtk_widget_get_next_sibling(child)) {
+        collectClippedLabels(child, root, texts);
+    }
+}
 
 struct ReadLine {
     BrowserWindow* self;
@@ -170,6 +201,17 @@ void BrowserWindow::startControlChannel() {
                             }
                         };
                         Snapshot::attempt(self, command, argument, /*framesLeft=*/10);
+                        next(self);
+                        return;
+                    } else if (command == "clipped-labels") {
+                        self->afterNextFrame([self] {
+                            nlohmann::json texts = nlohmann::json::array();
+                            if (self->popoverView_) {
+                                GtkWidget* root = self->popoverView_->root();
+                                collectClippedLabels(root, root, texts);
+                            }
+                            self->event("clipped-labels " + texts.dump());
+                        });
                         next(self);
                         return;
                     } else if (command == "validate")

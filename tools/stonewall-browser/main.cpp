@@ -22,6 +22,8 @@
 #include "extension/platform/FrontServices.h"
 #include "platform/linux/DBusNotificationCenter.h"
 #include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/GnomeWebFilters.h"
+#include "platform/linux/LinuxHost.h"
 #include "platform/linux/LinuxServices.h"
 
 namespace {
@@ -36,6 +38,30 @@ struct Program {
     std::unique_ptr<browser::BrowserWindow> window;
 };
 
+// In the layout of the stonewall command's help, from which the manual page
+// is made at build time.
+constexpr const char* kHelp =
+    "A small web browser with the Stonewall content blocker: every page loads with the active\n"
+    "profile's compiled rule list; the toolbar button counts the loads it stopped and opens the\n"
+    "extension's popover (block, secure or allow the website, pick page elements to hide,\n"
+    "switch the profile, blocking and the counter).\n"
+    "Usage: stonewall-browser [OPTIONS] [URL]\n"
+    "\n"
+    "Positionals:\n"
+    "  URL                         The page to open (default about:blank)\n"
+    "\n"
+    "Options:\n"
+    "  -h,--help                   Print this help message and exit\n"
+    "  --version                   Display program version information and exit\n"
+    "  --control                   Read commands on standard input and report events on "
+    "standard output, one line each (for tests and scripts)\n"
+    "\n"
+    "The browser uses the same container as the stonewall command, so what it blocks is what\n"
+    "that command manages; stonewall:// links open stonewall open-url.\n"
+    "\n"
+    "Environment: STONEWALL_CONTAINER (the container), STONEWALL_RESOURCES (the bundle's\n"
+    "resources), STONEWALL_BROWSER_EXTENSIONS (the web-process extension's folder).\n";
+
 // Control-channel events: one line each on stdout.
 void writeEvent(const std::string& line) {
     std::string clean = line;
@@ -49,9 +75,13 @@ void writeEvent(const std::string& line) {
 std::string extensionsFolder() {
     if (const char* folder = std::getenv("STONEWALL_BROWSER_EXTENSIONS"); folder && *folder)
         return folder;
-    if (std::filesystem::exists(STONEWALL_BROWSER_BUILD_EXTENSIONS))
-        return STONEWALL_BROWSER_BUILD_EXTENSIONS;
-    return STONEWALL_BROWSER_INSTALL_EXTENSIONS;
+    // Installed: next to the program's own prefix; else the build tree's.
+    if (std::string installed =
+            platform::gnulinux::installedPath(STONEWALL_BROWSER_EXTENSIONS_FROM_BINDIR);
+        !installed.empty()) {
+        return installed;
+    }
+    return STONEWALL_BROWSER_BUILD_EXTENSIONS;
 }
 
 void activate(GtkApplication* application, Program* program) {
@@ -93,7 +123,10 @@ int main(int argc, char** argv) {
         if (argument == "--control") {
             program.options.control = true;
         } else if (argument == "--help" || argument == "-h") {
-            std::printf("usage: stonewall-browser [--control] [URL]\n");
+            std::fputs(kHelp, stdout);
+            return 0;
+        } else if (argument == "--version") {
+            std::printf("stonewall-browser %s\n", STONEWALL_VERSION);
             return 0;
         } else if (!argument.empty() && argument[0] == '-') {
             std::fprintf(stderr, "stonewall-browser: unknown option %s\n", argument.c_str());
@@ -115,7 +148,12 @@ int main(int argc, char** argv) {
         std::dynamic_pointer_cast<platform::gnulinux::FileUserDefaultsService>(services.defaults);
     program.filters = std::make_shared<browser::ContentFilters>(
         container, defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : "");
-    services.contentBlocker = program.filters;
+    // The browser's reloads reach GNOME Web too when the user turned that on.
+    services.contentBlocker =
+        std::make_shared<platform::gnulinux::GnomeWebPublishingContentBlocker>(
+            program.filters, container,
+            defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : "",
+            services.log);
     program.options.resources = services.bundle->resourcePath() + "/browser";
     program.options.extensionsFolder = extensionsFolder();
     program.options.events = program.options.control

@@ -8,6 +8,7 @@
 #include "CommandSupport.h"
 #include "Failure.h"
 #include "InputFile.h"
+#include "Progress.h"
 #include "Subscriptions.h"
 #include "application/ApplicationURL.h"
 #include "application/ImportBudget.h"
@@ -201,11 +202,13 @@ void runProfileImport(const CommonOptions& common, const std::string& profileID,
     auto engine = session.openEngine();
     ProfileManager profiles(*engine);
     if (!profiles.profileIndex(profileID)) requireKnownProfile(*engine->sharedData(), profileID);
+    progress::stage("reading " + inputName(file));
     const std::string text = readInputFile(file);
     if (auto reason = FilterListParser::checkFormat(text)) {
         throw CommandFailure(ExitCode::BadInput, inputName(file), *reason);
     }
 
+    progress::stage("importing " + inputName(file));
     ProfileManager::ImportReport import;
     if (auto error = profiles.importFilterList(profileID, text, import)) {
         // The file is what people know the list by.

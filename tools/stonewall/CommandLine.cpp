@@ -1,6 +1,9 @@
 #include "CommandLine.h"
 
+#include <libintl.h>
+
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <new>
@@ -11,9 +14,11 @@
 #include "ApplicationCommands.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Progress.h"
 #include "Report.h"
 #include "SubscriptionCommands.h"
 #include "application/ImportBudget.h"
+#include "platform/linux/LinuxHost.h"
 
 #ifndef STONEWALL_VERSION
 #define STONEWALL_VERSION "unknown"
@@ -22,12 +27,21 @@
 namespace stonewall::tool {
 namespace {
 
-constexpr const char* kDescription =
-    "Compile the active Stonewall blocker profile into the content-blocker rule list and "
-    "reload the content blocker; block, secure or allow websites, pick page elements, switch "
-    "blocking and profiles, as the browser extension does.";
+// Marks a text for the translation template; tr() translates it where it is
+// shown (the table below is made before main() chooses the locale).
+constexpr const char* N_(const char* text) { return text; }
 
-constexpr const char* kFooter = R"(
+// A text for people from the bundle's catalogue, keyed by its English text.
+const char* tr(const char* text) {
+    return text && *text ? ::dgettext(platform::gnulinux::LinuxBundle::kTextDomain, text) : text;
+}
+
+constexpr const char* kDescription =
+    N_("Compile the active Stonewall blocker profile into the content-blocker rule list and "
+       "reload the content blocker; block, secure or allow websites, pick page elements, switch "
+       "blocking and profiles, as the browser extension does.");
+
+constexpr const char* kFooter = N_(R"(
 Exit codes:
   0  success (also when there was nothing to change)
   1  usage: the command line is wrong
@@ -38,13 +52,14 @@ Exit codes:
   4  reload or compile: WebKit rejected a rule list (its message is shown;
      also the verdict of validate) or the content blocker did not answer
      within --timeout; a rule file already written stays written
-  5  a system service is missing (watch without a D-Bus session bus)
+  5  a system service is missing (watch or gnome-web without a D-Bus
+     session bus, gnome-web without GNOME Web's settings schema)
   6  a subscribed list could not be downloaded or read (update: one line per
      list says why; its old rules stay; subscribe: nothing was subscribed)
 
 Environment: STONEWALL_CONTAINER (the container, --container wins),
 STONEWALL_RESOURCES (the template databases), STONEWALL_VERBOSE=1 (as -v);
-docs/environment.md lists the others.)";
+docs/environment.md lists the others.)");
 
 struct Arguments {
     CommonOptions common;
@@ -76,22 +91,18 @@ struct Subcommand {
     void (*run)(const Arguments& arguments, Report& report);
 };
 
-// "profile import --help": the syntax it reads and the budget's policy.
-const char* importDetails() {
-    static const std::string details =
-        "Reads \"!\" comments, \"||host^\" and \"|\" anchors, \"*\" and \"^\", \"$\" options\n"
-        "(resource types, third-party, domain= with ~, match-case, cookie,\n"
-        "csp=upgrade-insecure-requests), \"@@\" exceptions and \"##\"/\"#@#\" element\n"
-        "hiding. Lines WebKit cannot express are skipped and counted by reason; rules\n"
-        "the profile holds already are not added again. The active profile is\n"
-        "compiled and reloaded.\n\n"
-        "The content blocker takes at most 50000 rules. An import fills what that\n"
-        "leaves, less 1000 rules kept free for your own website lists and picked\n"
-        "elements and less the rules of lists imported before (they share it).\n"
-        "Which rules stay (docs/filter-lists.md):\n" +
-        std::string(ImportBudget::kPolicy);
-    return details.c_str();
-}
+// "profile import --help": the syntax it reads; the budget's policy follows.
+constexpr const char* kImportDetails =
+    N_("Reads \"!\" comments, \"||host^\" and \"|\" anchors, \"*\" and \"^\", \"$\" options\n"
+       "(resource types, third-party, domain= with ~, match-case, cookie,\n"
+       "csp=upgrade-insecure-requests), \"@@\" exceptions and \"##\"/\"#@#\" element\n"
+       "hiding. Lines WebKit cannot express are skipped and counted by reason; rules\n"
+       "the profile holds already are not added again. The active profile is\n"
+       "compiled and reloaded.\n\n"
+       "The content blocker takes at most 50000 rules. An import fills what that\n"
+       "leaves, less 1000 rules kept free for your own website lists and picked\n"
+       "elements and less the rules of lists imported before (they share it).\n"
+       "Which rules stay (docs/filter-lists.md):\n");
 
 // An empty value would silently mean "the default"; say so instead.
 CLI::Validator NotEmpty() {
@@ -103,19 +114,19 @@ CLI::Validator NotEmpty() {
 void addCommonOptions(CLI::App* command, Arguments& arguments, Waits waits) {
     command
         ->add_option("--container", arguments.common.container,
-                     "The application-group container to use (created when missing); default "
-                     "$STONEWALL_CONTAINER, else "
-                     "$XDG_DATA_HOME/stonewall/containers/K7Q2XJ4M9P.com.mapleharbor.Stonewall")
+                     tr("The application-group container to use (created when missing); default "
+                        "$STONEWALL_CONTAINER, else "
+                        "$XDG_DATA_HOME/stonewall/containers/K7Q2XJ4M9P.com.mapleharbor.Stonewall"))
         ->type_name("DIR")
         ->check(NotEmpty());
     command->add_flag("--json", arguments.common.json,
-                      "Print one JSON object instead of the table");
+                      tr("Print one JSON object instead of the table"));
     command->add_flag("-v,--verbose", arguments.common.verbose,
-                      "Debug logging on stderr (storage and engine diagnostics)");
+                      tr("Debug logging on stderr (storage and engine diagnostics)"));
     if (waits == Waits::Yes) {
         command
             ->add_option("--timeout", arguments.common.timeoutSeconds,
-                         "Seconds to wait for the content blocker's answer before giving up")
+                         tr("Seconds to wait for the content blocker's answer before giving up"))
             ->type_name("SECONDS")
             ->check(CLI::PositiveNumber)
             ->capture_default_str();
@@ -123,52 +134,53 @@ void addCommonOptions(CLI::App* command, Arguments& arguments, Waits waits) {
 }
 
 void pageURLArgument(CLI::App& command, Arguments& arguments) {
-    command.add_option("URL", arguments.url, "The page URL, e.g. https://example.com/")->required();
+    command.add_option("URL", arguments.url, tr("The page URL, e.g. https://example.com/"))
+        ->required();
 }
 
 void profileIDArgument(CLI::App& command, Arguments& arguments) {
-    command.add_option("ID", arguments.profileID, "Profile identifier (see profile list)")
+    command.add_option("ID", arguments.profileID, tr("Profile identifier (see profile list)"))
         ->required();
 }
 
 constexpr const char* kRemoveDetails =
-    "Removes the host from the list rule of the active profile and from the\n"
-    "shared custom rules, then tidies the lists and reloads. A host that is not\n"
-    "on the list changes nothing and says so.";
+    N_("Removes the host from the list rule of the active profile and from the\n"
+       "shared custom rules, then tidies the lists and reloads. A host that is not\n"
+       "on the list changes nothing and says so.");
 
 // In the order --help lists them; a group's subcommands follow the group.
 const Subcommand kSubcommands[] = {
-    {"compile", "Compile the active profile into its rule list and reload the content blocker",
-     "Reads the profile's rules action by action (5, 1, 4, 2, 3, 6, 7, 8), drops\n"
-     "duplicates, caps the list at 50000 rules, writes\n"
-     "<container>/.Profiles/profile_<ID>_unarchive.json and asks the content blocker\n"
-     "to reload. Prints the rules read per action, duplicates dropped, rules capped,\n"
-     "rules and bytes written, the time taken and the reload outcome.",
+    {"compile", N_("Compile the active profile into its rule list and reload the content blocker"),
+     N_("Reads the profile's rules action by action (5, 1, 4, 2, 3, 6, 7, 8), drops\n"
+        "duplicates, caps the list at 50000 rules, writes\n"
+        "<container>/.Profiles/profile_<ID>_unarchive.json and asks the content blocker\n"
+        "to reload. Prints the rules read per action, duplicates dropped, rules capped,\n"
+        "rules and bytes written, the time taken and the reload outcome."),
      Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
          arguments.compileProfile =
              command
                  .add_option("--profile", arguments.compileProfileID,
-                             "Compile this profile instead of the active one (a profile "
-                             "identifier of the shared record); with a reload the browser then "
-                             "loads it")
+                             tr("Compile this profile instead of the active one (a profile "
+                                "identifier of the shared record); with a reload the browser then "
+                                "loads it"))
                  ->type_name("ID");
          command.add_flag("--no-reload", arguments.compile.noReload,
-                          "Only write the rule file; no reload is asked for (for pipelines that "
-                          "prepare lists without a browser)");
+                          tr("Only write the rule file; no reload is asked for (for pipelines that "
+                             "prepare lists without a browser)"));
      },
      [](const Arguments& arguments, Report& report) {
          CompileOptions options = arguments.compile;
          if (arguments.compileProfile->count() > 0) options.profile = arguments.compileProfileID;
          runCompile(arguments.common, options, report);
      }},
-    {"status", "Show, or switch on or off, content blocking",
-     "Without a state, shows it. \"on\" or \"off\" store the new status, notify the\n"
-     "main application and reload the content blocker; switching to the state it\n"
-     "is already in changes nothing and says so.",
+    {"status", N_("Show, or switch on or off, content blocking"),
+     N_("Without a state, shows it. \"on\" or \"off\" store the new status, notify the\n"
+        "main application and reload the content blocker; switching to the state it\n"
+        "is already in changes nothing and says so."),
      Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
-         command.add_option("state", arguments.state, "on or off")
+         command.add_option("state", arguments.state, tr("on or off"))
              ->check(CLI::IsMember({"on", "off"}));
      },
      [](const Arguments& arguments, Report& report) {
@@ -177,194 +189,198 @@ const Subcommand kSubcommands[] = {
              arguments.state.empty() ? std::nullopt : std::optional<std::string>(arguments.state),
              report);
      }},
-    {"profile", "List, activate, create, rename or remove blocker profiles; import lists", nullptr,
-     Waits::No, nullptr, nullptr},
-    {"profile list", "List the profiles of the shared record; * marks the active one", nullptr,
+    {"profile", N_("List, activate, create, rename or remove blocker profiles; import lists"),
+     nullptr, Waits::No, nullptr, nullptr},
+    {"profile list", N_("List the profiles of the shared record; * marks the active one"), nullptr,
      Waits::No, nullptr,
      [](const Arguments& arguments, Report& report) { runProfileList(arguments.common, report); }},
-    {"profile activate", "Make a profile the active one, compile its rules and reload",
-     "The identifier must be one of the shared record's profiles (see profile list).\n"
-     "Activating the active profile changes nothing.",
+    {"profile activate", N_("Make a profile the active one, compile its rules and reload"),
+     N_("The identifier must be one of the shared record's profiles (see profile list).\n"
+        "Activating the active profile changes nothing."),
      Waits::Yes, profileIDArgument,
      [](const Arguments& arguments, Report& report) {
          runProfileActivate(arguments.common, arguments.profileID, report);
      }},
-    {"profile create", "Create an empty blocker profile",
-     "The name must not be empty, hold a \",\" or be longer than 40 characters.\n"
-     "Prints the new profile's identifier.",
+    {"profile create", N_("Create an empty blocker profile"),
+     N_("The name must not be empty, hold a \",\" or be longer than 40 characters.\n"
+        "Prints the new profile's identifier."),
      Waits::No,
      [](CLI::App& command, Arguments& arguments) {
-         command.add_option("NAME", arguments.name, "The profile's name")->required();
+         command.add_option("NAME", arguments.name, tr("The profile's name"))->required();
      },
      [](const Arguments& arguments, Report& report) {
          runProfileCreate(arguments.common, arguments.name, report);
      }},
-    {"profile rename", "Rename a blocker profile", nullptr, Waits::No,
+    {"profile rename", N_("Rename a blocker profile"), nullptr, Waits::No,
      [](CLI::App& command, Arguments& arguments) {
          profileIDArgument(command, arguments);
-         command.add_option("NAME", arguments.name, "The new name")->required();
+         command.add_option("NAME", arguments.name, tr("The new name"))->required();
      },
      [](const Arguments& arguments, Report& report) {
          runProfileRename(arguments.common, arguments.profileID, arguments.name, report);
      }},
-    {"profile remove", "Remove a blocker profile with its rules (not the active or the last one)",
-     nullptr, Waits::No, profileIDArgument,
+    {"profile remove",
+     N_("Remove a blocker profile with its rules (not the active or the last one)"), nullptr,
+     Waits::No, profileIDArgument,
      [](const Arguments& arguments, Report& report) {
          runProfileRemove(arguments.common, arguments.profileID, report);
      }},
-    {"profile import", "Add the rules of an adblock filter list (EasyList syntax) to a profile",
-     importDetails(), Waits::Yes,
+    {"profile import", N_("Add the rules of an adblock filter list (EasyList syntax) to a profile"),
+     kImportDetails, Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
          profileIDArgument(command, arguments);
-         command.add_option("FILE", arguments.file, "The filter list, or - for standard input")
+         command.add_option("FILE", arguments.file, tr("The filter list, or - for standard input"))
              ->required();
      },
      [](const Arguments& arguments, Report& report) {
          runProfileImport(arguments.common, arguments.profileID, arguments.file, report);
      }},
-    {"profile subscribe", "Subscribe a profile to a filter list by its URL and import it now",
-     "URL is an http, https or file URL, or easylist or easyprivacy (the lists of\n"
-     "easylist.to). The list is downloaded and imported as by profile import, with\n"
-     "the same rule budget; stonewall update fetches it again when it is due (its\n"
-     "\"! Expires:\" header, else every 4 days). A list that cannot be downloaded or\n"
-     "read is not subscribed.",
+    {"profile subscribe", N_("Subscribe a profile to a filter list by its URL and import it now"),
+     N_("URL is an http, https or file URL, or easylist or easyprivacy (the lists of\n"
+        "easylist.to). The list is downloaded and imported as by profile import, with\n"
+        "the same rule budget; stonewall update fetches it again when it is due (its\n"
+        "\"! Expires:\" header, else every 4 days). A list that cannot be downloaded or\n"
+        "read is not subscribed."),
      Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
          profileIDArgument(command, arguments);
-         command.add_option("URL", arguments.url, "The list's URL, easylist or easyprivacy")
+         command.add_option("URL", arguments.url, tr("The list's URL, easylist or easyprivacy"))
              ->required();
      },
      [](const Arguments& arguments, Report& report) {
          runProfileSubscribe(arguments.common, arguments.profileID, arguments.url, report);
      }},
-    {"profile unsubscribe", "Forget a subscribed list and remove its rules from the profile",
+    {"profile unsubscribe", N_("Forget a subscribed list and remove its rules from the profile"),
      nullptr, Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
          profileIDArgument(command, arguments);
-         command.add_option("URL", arguments.url, "The list's URL, easylist or easyprivacy")
+         command.add_option("URL", arguments.url, tr("The list's URL, easylist or easyprivacy"))
              ->required();
      },
      [](const Arguments& arguments, Report& report) {
          runProfileUnsubscribe(arguments.common, arguments.profileID, arguments.url, report);
      }},
     {"profile subscriptions",
-     "List the subscribed filter lists and the offered ones not subscribed yet", nullptr, Waits::No,
-     nullptr,
+     N_("List the subscribed filter lists and the offered ones not subscribed yet"), nullptr,
+     Waits::No, nullptr,
      [](const Arguments& arguments, Report& report) {
          runProfileSubscriptions(arguments.common, report);
      }},
-    {"update", "Download the subscribed filter lists that are due and replace their rules",
-     "Each list due (or every list with --force) is asked for with the ETag and\n"
-     "Last-Modified of its last download; \"not modified\" only sets its next time.\n"
-     "A new list replaces the list's old rules in one step, ranked with the\n"
-     "profile's other lists as by profile import. A list that fails (an HTTP\n"
-     "error, a dropped connection, a body over 32 MiB, not a filter list) keeps\n"
-     "its old rules, is tried again in an hour, and makes the exit code 6. The\n"
-     "active profile is compiled and reloaded once, when it changed.",
+    {"update", N_("Download the subscribed filter lists that are due and replace their rules"),
+     N_("Each list due (or every list with --force) is asked for with the ETag and\n"
+        "Last-Modified of its last download; \"not modified\" only sets its next time.\n"
+        "A new list replaces the list's old rules in one step, ranked with the\n"
+        "profile's other lists as by profile import. A list that fails (an HTTP\n"
+        "error, a dropped connection, a body over 32 MiB, not a filter list) keeps\n"
+        "its old rules, is tried again in an hour, and makes the exit code 6. The\n"
+        "active profile is compiled and reloaded once, when it changed."),
      Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
-         command.add_flag("--force", arguments.force, "Fetch every subscribed list now");
+         command.add_flag("--force", arguments.force, tr("Fetch every subscribed list now"));
      },
      [](const Arguments& arguments, Report& report) {
          runUpdate(arguments.common, arguments.force, report);
      }},
-    {"block", "Add the URL's host to the block list of the active profile and reload", nullptr,
+    {"block", N_("Add the URL's host to the block list of the active profile and reload"), nullptr,
      Waits::Yes, pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runWebsite(arguments.common, WebsiteList::Block, arguments.url, report);
      }},
     {"secure",
-     "Add the URL's host to the secure (HTTPS only) list of the active profile and reload", nullptr,
-     Waits::Yes, pageURLArgument,
+     N_("Add the URL's host to the secure (HTTPS only) list of the active profile and reload"),
+     nullptr, Waits::Yes, pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runWebsite(arguments.common, WebsiteList::Secure, arguments.url, report);
      }},
     {"allow",
-     "Add the URL's host to the allow list of the active profile (no blocking there) and reload",
+     N_("Add the URL's host to the allow list of the active profile (no blocking there) and "
+        "reload"),
      nullptr, Waits::Yes, pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runWebsite(arguments.common, WebsiteList::Allow, arguments.url, report);
      }},
-    {"unblock", "Take the URL's host off the block list and reload", kRemoveDetails, Waits::Yes,
+    {"unblock", N_("Take the URL's host off the block list and reload"), kRemoveDetails, Waits::Yes,
      pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runRemoveWebsite(arguments.common, WebsiteList::Block, arguments.url, report);
      }},
-    {"unsecure", "Take the URL's host off the secure list and reload", kRemoveDetails, Waits::Yes,
-     pageURLArgument,
+    {"unsecure", N_("Take the URL's host off the secure list and reload"), kRemoveDetails,
+     Waits::Yes, pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runRemoveWebsite(arguments.common, WebsiteList::Secure, arguments.url, report);
      }},
-    {"unallow", "Take the URL's host off the allow list and reload", kRemoveDetails, Waits::Yes,
+    {"unallow", N_("Take the URL's host off the allow list and reload"), kRemoveDetails, Waits::Yes,
      pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runRemoveWebsite(arguments.common, WebsiteList::Allow, arguments.url, report);
      }},
-    {"lists", "Upkeep of the website lists", nullptr, Waits::No, nullptr, nullptr},
-    {"lists tidy", "Merge each website list into one rule and mark it so new hosts join it",
-     "Merges all list rules of the block, allow and secure lists into one rule\n"
-     "each, keeping every host once, and sets the list's position of the shared\n"
-     "\"domainStatus\" to 1, so that check sees every host and new hosts are merged\n"
-     "into that rule. Runs after every block, secure, allow and unblock as well.\n"
-     "A list whose status is 0 (kept in the shared database only) is left alone.",
+    {"lists", N_("Upkeep of the website lists"), nullptr, Waits::No, nullptr, nullptr},
+    {"lists tidy", N_("Merge each website list into one rule and mark it so new hosts join it"),
+     N_("Merges all list rules of the block, allow and secure lists into one rule\n"
+        "each, keeping every host once, and sets the list's position of the shared\n"
+        "\"domainStatus\" to 1, so that check sees every host and new hosts are merged\n"
+        "into that rule. Runs after every block, secure, allow and unblock as well.\n"
+        "A list whose status is 0 (kept in the shared database only) is left alone."),
      Waits::Yes, nullptr,
      [](const Arguments& arguments, Report& report) { runListsTidy(arguments.common, report); }},
-    {"open-url", "Show what the application shows for a stonewall:// URL",
-     "The URLs: stonewall://status, activate, blockwebsite, securewebsite,\n"
-     "whitelistwebsite, visual and open.",
+    {"open-url", N_("Show what the application shows for a stonewall:// URL"),
+     N_("The URLs: stonewall://status, activate, blockwebsite, securewebsite,\n"
+        "whitelistwebsite, visual and open."),
      Waits::No,
      [](CLI::App& command, Arguments& arguments) {
-         command.add_option("URL", arguments.url, "A stonewall:// URL")->required();
+         command.add_option("URL", arguments.url, tr("A stonewall:// URL"))->required();
      },
      [](const Arguments& arguments, Report& report) {
          runOpenURL(arguments.common, arguments.url, report);
      }},
-    {"check", "Tell whether the URL's host is on the block, secure and allow lists",
-     "Exact membership of the host (IDNA-encoded, as the lists hold it), as the\n"
-     "popover tests it before it offers its buttons.",
+    {"check", N_("Tell whether the URL's host is on the block, secure and allow lists"),
+     N_("Exact membership of the host (IDNA-encoded, as the lists hold it), as the\n"
+        "popover tests it before it offers its buttons."),
      Waits::No, pageURLArgument,
      [](const Arguments& arguments, Report& report) {
          runCheck(arguments.common, arguments.url, report);
      }},
-    {"pick", "Turn picked page elements into custom rules and reload",
-     "FILE holds the \"data\" of a \"VisualData\" page message (or its whole user\n"
-     "info, {\"data\": [...]}): a JSON array with one array of 9 strings per element:\n"
-     "location, tag, selector, source, currentSource, parent tag, parent selector,\n"
-     "parent source, parent currentSource. The location becomes the --page host.\n"
-     "Ordinary elements become hide rules, images and media with a source block\n"
-     "rules. A file with any malformed entry is refused as a whole.",
+    {"pick", N_("Turn picked page elements into custom rules and reload"),
+     N_("FILE holds the \"data\" of a \"VisualData\" page message (or its whole user\n"
+        "info, {\"data\": [...]}): a JSON array with one array of 9 strings per element:\n"
+        "location, tag, selector, source, currentSource, parent tag, parent selector,\n"
+        "parent source, parent currentSource. The location becomes the --page host.\n"
+        "Ordinary elements become hide rules, images and media with a source block\n"
+        "rules. A file with any malformed entry is refused as a whole."),
      Waits::Yes,
      [](CLI::App& command, Arguments& arguments) {
          command
-             .add_option("--page", arguments.pageURL, "URL of the page the elements were picked on")
+             .add_option("--page", arguments.pageURL,
+                         tr("URL of the page the elements were picked on"))
              ->required()
              ->type_name("URL");
-         command.add_option("FILE", arguments.file, "The element file, or - for standard input")
+         command
+             .add_option("FILE", arguments.file, tr("The element file, or - for standard input"))
              ->required();
      },
      [](const Arguments& arguments, Report& report) {
          runPick(arguments.common, arguments.pageURL, arguments.file, report);
      }},
-    {"validate", "Compile a content-blocker JSON file with WebKit and report its verdict",
-     "WebKit rejects a whole list for one bad rule without saying which; validate\n"
-     "then compiles prefixes of the list to find the first rule it rejects\n"
-     "(O(log n) compiles) and prints its index, the rule and WebKit's message.\n"
-     "Nothing in the container is touched (it compiles into a temporary store).",
+    {"validate", N_("Compile a content-blocker JSON file with WebKit and report its verdict"),
+     N_("WebKit rejects a whole list for one bad rule without saying which; validate\n"
+        "then compiles prefixes of the list to find the first rule it rejects\n"
+        "(O(log n) compiles) and prints its index, the rule and WebKit's message.\n"
+        "Nothing in the container is touched (it compiles into a temporary store)."),
      Waits::No,
      [](CLI::App& command, Arguments& arguments) {
-         command.add_option("FILE", arguments.file, "The rule list, or - for standard input")
+         command.add_option("FILE", arguments.file, tr("The rule list, or - for standard input"))
              ->required();
      },
      [](const Arguments& arguments, Report& report) {
          runValidate(arguments.common, arguments.file, report);
      }},
-    {"watch", "Print each \"extensionUpdate\" notification as it arrives",
-     "One line per notification (with --json one JSON object per line), until\n"
-     "interrupted: Ctrl-C or SIGTERM end it with exit code 0. Needs the D-Bus\n"
-     "session bus ($DBUS_SESSION_BUS_ADDRESS).",
+    {"watch", N_("Print each \"extensionUpdate\" notification as it arrives"),
+     N_("One line per notification (with --json one JSON object per line), until\n"
+        "interrupted: Ctrl-C or SIGTERM end it with exit code 0. Needs the D-Bus\n"
+        "session bus ($DBUS_SESSION_BUS_ADDRESS)."),
      Waits::No,
      [](CLI::App& command, Arguments& arguments) {
-         command.add_option("--count", arguments.count, "Stop after this many notifications")
+         command.add_option("--count", arguments.count, tr("Stop after this many notifications"))
              ->type_name("N")
              ->check(CLI::PositiveNumber);
      },
@@ -373,9 +389,30 @@ const Subcommand kSubcommands[] = {
                   arguments.count > 0 ? std::optional<int64_t>(arguments.count) : std::nullopt,
                   report);
      }},
-    {"info", "Show the container, versions, active profile, status and file sizes",
-     "Also the resource folder, the host's versions and the shared defaults that\n"
-     "the content blocker reads on its next load.",
+    {"gnome-web",
+     N_("Let GNOME Web block by the active profile (on, off), or show whether it does"),
+     N_("\"on\" adds the active profile's compiled rule list to GNOME Web's content\n"
+        "filters (the content-filters setting of org.gnome.Epiphany), next to the lists\n"
+        "already there, and turns its ad blocker on; after every compile and reload,\n"
+        "here or in stonewall-browser, GNOME Web gets the new list. \"off\" takes the\n"
+        "list out again and gives back the values that were there. \"status\" (or no\n"
+        "state) shows the setting. Needs GNOME Web's settings schema (the epiphany-browser\n"
+        "package) and the D-Bus session bus."),
+     Waits::Yes,
+     [](CLI::App& command, Arguments& arguments) {
+         command.add_option("state", arguments.state, tr("on, off or status (the default)"))
+             ->check(CLI::IsMember({"on", "off", "status"}));
+     },
+     [](const Arguments& arguments, Report& report) {
+         runGnomeWeb(arguments.common,
+                     arguments.state.empty() || arguments.state == "status"
+                         ? std::nullopt
+                         : std::optional<std::string>(arguments.state),
+                     report);
+     }},
+    {"info", N_("Show the container, versions, active profile, status and file sizes"),
+     N_("Also the resource folder, the host's versions and the shared defaults that\n"
+        "the content blocker reads on its next load."),
      Waits::No, nullptr,
      [](const Arguments& arguments, Report& report) { runInfo(arguments.common, report); }},
 };
@@ -408,8 +445,14 @@ std::vector<CLI::App*> addSubcommands(CLI::App& app, Arguments& arguments) {
         CLI::App* parent =
             space == std::string_view::npos ? &app : groups.at(path.substr(0, space));
         const std::string name(space == std::string_view::npos ? path : path.substr(space + 1));
-        CLI::App* command = parent->add_subcommand(name, row.summary);
-        if (row.details) command->footer("\n" + std::string(row.details) + "\n" + kFooter);
+        CLI::App* command = parent->add_subcommand(name, tr(row.summary));
+        command->group(tr("Subcommands"));
+        if (CLI::Option* help = command->get_help_ptr()) help->group(tr("Options"));
+        if (row.details) {
+            std::string details = tr(row.details);
+            if (std::string_view(row.path) == "profile import") details += ImportBudget::kPolicy;
+            command->footer("\n" + details + "\n" + tr(kFooter));
+        }
         if (row.options) row.options(*command, arguments);
         addCommonOptions(command, arguments, row.waits);
         if (!row.run) {
@@ -458,10 +501,20 @@ std::vector<CLI::App*> addSubcommands(CLI::App& app, Arguments& arguments) {
 }  // namespace
 
 int run(int argc, char** argv) {
-    CLI::App app{kDescription, "stonewall"};
-    app.footer(kFooter);
+    // Binds the catalogue before the first text is made.
+    const platform::gnulinux::LinuxBundle catalogue;
+    CLI::App app{tr(kDescription), "stonewall"};
+    const auto formatter = app.get_formatter();
+    for (const char* label :
+         {N_("Usage"), N_("Positionals"), N_("OPTIONS"), N_("SUBCOMMAND"), N_("REQUIRED")}) {
+        formatter->label(label, tr(label));
+    }
+    app.option_defaults()->group(tr("Options"));
+    app.set_help_flag("-h,--help", tr("Print this help message and exit"));
+    app.footer(tr(kFooter));
     app.require_subcommand(1);
-    app.set_version_flag("--version", "stonewall " STONEWALL_VERSION);
+    app.set_version_flag("--version", "stonewall " STONEWALL_VERSION,
+                         tr("Display program version information and exit"));
 
     Arguments arguments;
     addCommonOptions(&app, arguments, Waits::No);
@@ -479,9 +532,22 @@ int run(int argc, char** argv) {
         return usageError(app, error);
     }
 
+    // People at a terminal see what a slow command is doing; watch prints
+    // its own lines as they come.
+    std::string parsedPath;
+    for (size_t index = 0; index < commands.size(); ++index) {
+        if (kSubcommands[index].run && commands[index]->parsed())
+            parsedPath = kSubcommands[index].path;
+    }
+    const char* verboseVariable = std::getenv("STONEWALL_VERBOSE");
+    const bool verbose =
+        arguments.common.verbose || (verboseVariable && std::string(verboseVariable) == "1");
+    progress::start(!arguments.common.json && !verbose && parsedPath != "watch", parsedPath);
+
     Report report;
     std::string failureLine;
     const ExitCode code = runParsed(commands, arguments, report, failureLine);
+    progress::stop();
     printReport(report, arguments.common.json ? ReportFormat::JSON : ReportFormat::Table,
                 std::cout);
     if (!failureLine.empty()) std::cerr << failureLine << std::endl;

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "Failure.h"
+#include "Progress.h"
 #include "model/RuleCodes.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "utilities/PunycodeAdditions.h"
@@ -184,6 +185,7 @@ ReloadRun ReloadRequest::run(const std::function<void(CompletionHandler then)>& 
     result.hostSkipsReload = !CompanionController::hostReloadsContentBlockers();
     CompileReport* report = report_;
     const auto start = Clock::now();
+    progress::stage("compiling and reloading the content blocker");
     result.error = session_.await("reload", [&](CompletionHandler done) {
         first([&, done](std::optional<Error>) {
             auto [profileID, database] = target();

@@ -34,5 +34,8 @@ void runValidate(const CommonOptions& common, const std::string& file, Report& r
 // Prints each notification as it comes; ends after `count` of them when given.
 void runWatch(const CommonOptions& common, std::optional<int64_t> count, Report& report);
 void runInfo(const CommonOptions& common, Report& report);
+// Without a state: shows whether GNOME Web uses the active profile's list.
+void runGnomeWeb(const CommonOptions& common, const std::optional<std::string>& state,
+                 Report& report);
 
 }  // namespace stonewall::tool

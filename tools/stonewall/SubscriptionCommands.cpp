@@ -9,6 +9,7 @@
 
 #include "CommandSupport.h"
 #include "Failure.h"
+#include "Progress.h"
 #include "Subscriptions.h"
 #include "application/FilterListParser.h"
 #include "application/ProfileManager.h"
@@ -266,8 +267,12 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
     int64_t failed = 0, due = 0;
     ExitCode failure = ExitCode::Ok;
     Json lists = Json::array();
+    int64_t dueTotal = 0;
+    for (const Subscription& each : subscriptions) dueTotal += force || each.nextDue <= now;
     for (Subscription& each : subscriptions) {
         if (!force && each.nextDue > now) continue;
+        progress::stage("updating " + each.url);
+        progress::count(due, dueTotal);
         ++due;
         const Fetch fetch = fetchList(*engine, each, true);
         std::string outcome, text;

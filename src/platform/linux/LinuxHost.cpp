@@ -28,8 +28,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kTextDomain = "stonewall";
-
 std::string lowercase(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -79,8 +77,11 @@ std::string findResources(const std::optional<std::string>& given,
         return *fromEnvironment;
     }
     std::error_code error;
-#ifdef STONEWALL_INSTALL_RESOURCES
-    if (fs::is_directory(STONEWALL_INSTALL_RESOURCES, error)) return STONEWALL_INSTALL_RESOURCES;
+#ifdef STONEWALL_RESOURCES_FROM_BINDIR
+    if (std::string installed = installedPath(STONEWALL_RESOURCES_FROM_BINDIR);
+        !installed.empty() && fs::is_directory(installed, error)) {
+        return installed;
+    }
 #endif
     // Run from the build tree: build/<preset>/tools/stonewall/stonewall next
     // to build/<preset>/resources.
@@ -93,6 +94,14 @@ std::string findResources(const std::optional<std::string>& given,
 }
 
 }  // namespace
+
+std::string installedPath(const std::string& fromBinFolder) {
+    const std::string folder = executableFolder();
+    if (folder.empty()) return {};
+    std::error_code error;
+    const fs::path path = (fs::path(folder) / fromBinFolder).lexically_normal();
+    return fs::exists(path, error) ? path.string() : std::string();
+}
 
 EnvironmentLookup processEnvironment() {
     return [](const std::string& name) -> std::optional<std::string> {

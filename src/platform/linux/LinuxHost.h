@@ -15,6 +15,12 @@ namespace stonewall::platform::gnulinux {
 using EnvironmentLookup = std::function<std::optional<std::string>(const std::string& name)>;
 EnvironmentLookup processEnvironment();
 
+// A file or folder of the installed layout, reached from the running
+// program's own folder (<prefix>/bin) by `fromBinFolder` ("../share/stonewall"),
+// so that the programs work under whatever prefix they were installed to.
+// Empty when it does not exist there (a program run from the build tree).
+std::string installedPath(const std::string& fromBinFolder);
+
 // The host as the environment describes it, read once at construction. The
 // versions default to a current host and can be set to play an older one:
 //   STONEWALL_OS_VERSION                 "major[.minor[.patch]]", default 14.4.0
@@ -58,7 +64,8 @@ class LinuxHost : public Host {
 };
 
 // The bundle: resources from the given folder, else $STONEWALL_RESOURCES,
-// else the installed data folder (<prefix>/share/stonewall) when it exists,
+// else the installed data folder (<prefix>/share/stonewall, found from the
+// program's folder) when it exists,
 // else the first "resources" folder found next to the executable or up to
 // three folders above it (the build tree). Texts come from the gettext
 // domain "stonewall" in "<resources>/locale" (<lang>/LC_MESSAGES/stonewall.mo)
@@ -66,6 +73,8 @@ class LinuxHost : public Host {
 // translation is its English key.
 class LinuxBundle : public Bundle {
   public:
+    static constexpr const char* kTextDomain = "stonewall";
+
     explicit LinuxBundle(std::optional<std::string> resourcePath = std::nullopt,
                          const EnvironmentLookup& environment = processEnvironment());
 

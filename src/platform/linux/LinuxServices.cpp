@@ -4,6 +4,7 @@
 
 #include "platform/linux/DBusNotificationCenter.h"
 #include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/GnomeWebFilters.h"
 #include "platform/linux/LinuxDispatch.h"
 #include "platform/linux/LinuxHost.h"
 #include "platform/linux/SystemLog.h"
@@ -35,7 +36,10 @@ Services makeLinuxServices(const LinuxOptions& options) {
     services.defaults = defaults;
     services.notifications =
         std::make_shared<DBusNotificationCenter>(dispatch, log, options.busAddress);
-    services.contentBlocker = std::make_shared<WebKitContentBlockerManager>(
+    // Every reload also reaches GNOME Web when the user asked for that.
+    services.contentBlocker = std::make_shared<GnomeWebPublishingContentBlocker>(
+        std::make_shared<WebKitContentBlockerManager>(
+            container, defaults->pathForSuite(kApplicationGroup), log),
         container, defaults->pathForSuite(kApplicationGroup), log);
     services.host = host;
     services.bundle = std::make_shared<LinuxBundle>(options.resourcePath, environment);

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/linux/LinuxHost.h"
 #include "platform/linux/WebKitModule.h"
 
 namespace stonewall::platform::gnulinux {
@@ -14,9 +15,9 @@ namespace {
 // the one of the build tree (the same order as the bundle's resources).
 std::string webKitModulePath() {
     if (const char* path = std::getenv("STONEWALL_WEBKIT_MODULE"); path && *path) return path;
-    std::error_code error;
-    if (std::filesystem::is_regular_file(STONEWALL_WEBKIT_MODULE_INSTALLED, error)) {
-        return STONEWALL_WEBKIT_MODULE_INSTALLED;
+    if (std::string installed = installedPath(STONEWALL_WEBKIT_MODULE_FROM_BINDIR);
+        !installed.empty()) {
+        return installed;
     }
     return STONEWALL_WEBKIT_MODULE_BUILT;
 }
