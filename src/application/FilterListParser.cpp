@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "application/URLFilter.h"
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/Punycode.h"
 #include "utilities/Unicode.h"
 
 namespace stonewall {

@@ -10,7 +10,8 @@
 #include "model/RuleText.h"
 #include "platform/ContainerLayout.h"
 #include "utilities/Generator.h"
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/Punycode.h"
+#include "utilities/StringHelpers.h"
 
 namespace stonewall {
 namespace {

@@ -4,7 +4,8 @@
 
 #include "model/RuleText.h"
 #include "model/SharedCustomRule.h"
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/Punycode.h"
+#include "utilities/StringHelpers.h"
 
 namespace stonewall {
 

@@ -1,6 +1,8 @@
 // Punycode (RFC 3492) for single labels and IDNA label by label for host
 // names and e-mail-like strings.
 
+#include "utilities/Punycode.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -8,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/Nullable.h"
 #include "utilities/Unicode.h"
 
 namespace stonewall::PunycodeAdditions {

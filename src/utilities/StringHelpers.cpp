@@ -1,6 +1,8 @@
 // Cleaning and validation of user and page text, and escaping for URL-filter
 // patterns.
 
+#include "utilities/StringHelpers.h"
+
 #include <unicode/regex.h>
 #include <unicode/translit.h>
 #include <unicode/uchar.h>
@@ -11,7 +13,6 @@
 #include <mutex>
 #include <vector>
 
-#include "utilities/PunycodeAdditions.h"
 #include "utilities/Unicode.h"
 
 namespace stonewall::PunycodeAdditions {

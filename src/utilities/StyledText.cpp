@@ -1,8 +1,9 @@
 // Styled text for the popover, on the platform-neutral AttributedString.
 
+#include "utilities/StyledText.h"
+
 #include <algorithm>
 
-#include "utilities/PunycodeAdditions.h"
 #include "utilities/Unicode.h"
 
 namespace stonewall::PunycodeAdditions {

@@ -1,11 +1,13 @@
 // Splitting URLs into parts and writing them with the host in its IDNA form
 // (encodedURLString) or its Unicode form (decodedURLString).
 
+#include "utilities/URLParts.h"
+
 #include <uriparser/Uri.h>
 
 #include <vector>
 
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/Punycode.h"
 #include "utilities/Unicode.h"
 
 namespace stonewall::PunycodeAdditions {

@@ -12,7 +12,7 @@
 #include "Progress.h"
 #include "model/RuleCodes.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/URLParts.h"
 #include "utilities/Unicode.h"
 
 namespace stonewall::tool {
