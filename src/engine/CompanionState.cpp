@@ -1,9 +1,12 @@
 // Construction, the shared record, blocking on/off, profile activation and
 // the change notification to the main application.
 
+#include "engine/CompanionState.h"
+
 #include <string>
 
-#include "engine/CompanionController.h"
+#include "engine/RuleCompiler.h"
+#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 
 namespace stonewall {
@@ -16,7 +19,7 @@ constexpr int64_t kBlockingStatusOff = 2;
 
 }  // namespace
 
-CompanionController::CompanionController()
+CompanionState::CompanionState()
     : fileHandler_(FileHandler::initWithNameAndGroup(std::string(ContainerLayout::kProfilesFolder),
                                                      std::string(kApplicationGroup))),
       sharedDatabase_(&SharedDatabase::sharedInstance()) {
@@ -24,18 +27,22 @@ CompanionController::CompanionController()
     connectProfileDatabase();
 }
 
-void CompanionController::syncShared() {
+NullableString CompanionState::activeProfileID() const {
+    return sharedData_ ? sharedData_->activeProfileID : std::nullopt;
+}
+
+void CompanionState::syncShared() {
     sharedData_ = sharedDatabase_->getSharedData();
-    if (hostReloadsContentBlockers()) {
+    if (RuleCompiler::hostReloadsContentBlockers()) {
         updateExtensionStatus();
     }
 }
 
-void CompanionController::connectProfileDatabase() {
+void CompanionState::connectProfileDatabase() {
     activeDatabase_ = ProfileDatabase::initWithBlockerProfileID(activeProfileID());
 }
 
-void CompanionController::changeStatus(CompletionHandler completionHandler) {
+void CompanionState::changeStatus(CompletionHandler completionHandler) {
     // Without a shared record there is no status to toggle, and writing a
     // made-up one would overwrite the application's state.
     if (sharedData_) {
@@ -55,8 +62,8 @@ void CompanionController::changeStatus(CompletionHandler completionHandler) {
     if (completionHandler) completionHandler(std::nullopt);
 }
 
-void CompanionController::activateProfile(const NullableString& profileID,
-                                          CompletionHandler completionHandler) {
+void CompanionState::activateProfile(const NullableString& profileID,
+                                     CompletionHandler completionHandler) {
     if (sharedData_) {
         sharedData_->activeProfileID = profileID;
         sharedDatabase_->updateSharedDataDetails(*sharedData_);
@@ -65,7 +72,7 @@ void CompanionController::activateProfile(const NullableString& profileID,
     if (completionHandler) completionHandler(std::nullopt);
 }
 
-void CompanionController::sendUpdateNotification() {
+void CompanionState::sendUpdateNotification() {
     platform::notifications().postNotificationName(std::string(kExtensionUpdateNotification),
                                                    std::string(kExtensionUpdateObject));
 }

@@ -1,14 +1,19 @@
 // Custom rules: picked page elements -> hide and block rules, and the storing
 // of every custom rule (picked elements and website choices).
 
+#include "engine/CustomRules.h"
+
 #include <array>
 #include <string>
 #include <utility>
 
-#include "engine/CompanionController.h"
 #include "engine/TextComponents.h"
+#include "engine/WebsiteLists.h"
+#include "model/ProfileRule.h"
+#include "model/RuleCodes.h"
 #include "utilities/Generator.h"
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/StringHelpers.h"
+#include "utilities/URLParts.h"
 
 namespace stonewall {
 
@@ -52,8 +57,8 @@ NullableString textAfterScheme(const std::string& source) {
 
 }  // namespace
 
-void CompanionController::createVisualCustomRules(const std::vector<DataElement>& elements,
-                                                  CompletionHandler completionHandler) {
+void CustomRules::createVisualCustomRules(const std::vector<DataElement>& elements,
+                                          CompletionHandler completionHandler) {
     std::vector<SharedCustomRule> rules;
     rules.reserve(elements.size());
     for (const DataElement& element : elements) {
@@ -62,11 +67,11 @@ void CompanionController::createVisualCustomRules(const std::vector<DataElement>
         }
     }
     processCustomRules(std::move(rules));
-    sendUpdateNotification();
+    CompanionState::sendUpdateNotification();
     if (completionHandler) completionHandler(std::nullopt);
 }
 
-std::optional<SharedCustomRule> CompanionController::createVisualCustomRule(
+std::optional<SharedCustomRule> CustomRules::createVisualCustomRule(
     const NullableString& host, const DataElement& dataElement) {
     if (!checkTagSource(dataElement.tag)) return hideCustomRule(host, dataElement.selector);
 
@@ -75,9 +80,9 @@ std::optional<SharedCustomRule> CompanionController::createVisualCustomRule(
 
     const DataElement* parent = dataElement.parentElement.get();
     if (parent && parent->tag == "a") {
-        const bool ownSource = checkDomainsShareOrigin(host, source);
+        const bool ownSource = WebsiteLists::checkDomainsShareOrigin(host, source);
         const NullableString linkSource = getElementSource(parent->source, parent->currentSource);
-        const bool parentShared = checkDomainsShareOrigin(host, linkSource);
+        const bool parentShared = WebsiteLists::checkDomainsShareOrigin(host, linkSource);
         if (!ownSource && !parentShared) {
             // Neither the media nor its link belongs to the page's site: an
             // ad network's banner; block everything from that host.
@@ -92,8 +97,8 @@ std::optional<SharedCustomRule> CompanionController::createVisualCustomRule(
     return blockCustomRule(host, escapeData(path), source);
 }
 
-SharedCustomRule CompanionController::hideCustomRule(const NullableString& host,
-                                                     const NullableString& selector) {
+SharedCustomRule CustomRules::hideCustomRule(const NullableString& host,
+                                             const NullableString& selector) {
     SharedCustomRule rule;
     rule.blocker = BlockerCode::kCustom;
     rule.action = ActionCode::kHide;
@@ -106,9 +111,9 @@ SharedCustomRule CompanionController::hideCustomRule(const NullableString& host,
     return rule;
 }
 
-SharedCustomRule CompanionController::blockCustomRule(const NullableString& host,
-                                                      const NullableString& escapedURL,
-                                                      const NullableString& filterDomain) {
+SharedCustomRule CustomRules::blockCustomRule(const NullableString& host,
+                                              const NullableString& escapedURL,
+                                              const NullableString& filterDomain) {
     SharedCustomRule rule;
     rule.blocker = BlockerCode::kCustom;
     rule.action = ActionCode::kBlock;
@@ -123,12 +128,12 @@ SharedCustomRule CompanionController::blockCustomRule(const NullableString& host
     return rule;
 }
 
-NullableString CompanionController::escapeData(const NullableString& text) {
+NullableString CustomRules::escapeData(const NullableString& text) {
     if (!text) return std::nullopt;
     return PunycodeAdditions::escapeData(*text);
 }
 
-NullableString CompanionController::unescapeData(const NullableString& text) {
+NullableString CustomRules::unescapeData(const NullableString& text) {
     if (!text) return std::nullopt;
     std::string result = *text;
     for (std::string_view character : {".", "?", "^", "+", "|"}) {
@@ -138,7 +143,7 @@ NullableString CompanionController::unescapeData(const NullableString& text) {
     return result;
 }
 
-bool CompanionController::checkTagSource(const NullableString& tag) {
+bool CustomRules::checkTagSource(const NullableString& tag) {
     if (!tag) return false;
     static constexpr std::array<std::string_view, 5> kMediaTags = {"img", "video", "audio", "embed",
                                                                    "object"};
@@ -148,14 +153,14 @@ bool CompanionController::checkTagSource(const NullableString& tag) {
     return false;
 }
 
-NullableString CompanionController::getElementSource(const NullableString& elementSource,
-                                                     const NullableString& elementCurrentSource) {
+NullableString CustomRules::getElementSource(const NullableString& elementSource,
+                                             const NullableString& elementCurrentSource) {
     if (elementCurrentSource && !elementCurrentSource->empty()) return elementCurrentSource;
     return elementSource;
 }
 
-void CompanionController::processCustomRules(std::vector<SharedCustomRule> rules) {
-    const NullableString profileID = activeProfileID();
+void CustomRules::processCustomRules(std::vector<SharedCustomRule> rules) {
+    const NullableString profileID = state_.activeProfileID();
     std::vector<SharedCustomRule> sharedRules;
     std::vector<ProfileRule> profileRules;
     sharedRules.reserve(rules.size());
@@ -167,17 +172,17 @@ void CompanionController::processCustomRules(std::vector<SharedCustomRule> rules
             sharedRules.push_back(std::move(rule));
             continue;
         }
-        switch (getWebsitesStatusShared(rule.action)) {
+        switch (WebsiteLists::websitesStatus(state_.sharedData(), rule.action)) {
             case WebsiteListStatus::kListRuleExists: {
                 // The list rule exists: the host joins its domains. The
                 // rule's own on/off flag does not matter for the list.
                 std::vector<ProfileRule> listRules;
-                if (activeDatabase_)
-                    listRules = activeDatabase_->getProfileRulesByAction(rule.action);
+                if (state_.activeDatabase())
+                    listRules = state_.activeDatabase()->getProfileRulesByAction(rule.action);
                 if (!listRules.empty()) {
                     ProfileRule listRule = std::move(listRules.front());
                     listRule.mergeProfileRuleDomains(ProfileRule::initWithSharedCustomRule(rule));
-                    activeDatabase_->updateProfileRules({listRule});
+                    state_.activeDatabase()->updateProfileRules({listRule});
                 } else {
                     // The status promised a list rule that the profile lacks
                     // (the application may have removed it): start the list
@@ -200,8 +205,8 @@ void CompanionController::processCustomRules(std::vector<SharedCustomRule> rules
         }
     }
 
-    sharedDatabase_->addSharedCustomRulesDetails(sharedRules);
-    if (activeDatabase_) activeDatabase_->addProfileRules(profileRules);
+    state_.sharedDatabase().addSharedCustomRulesDetails(sharedRules);
+    if (state_.activeDatabase()) state_.activeDatabase()->addProfileRules(profileRules);
 }
 
 }  // namespace stonewall

@@ -1,6 +1,8 @@
 // The compiler: a blocker profile's rules -> the content-blocker rule list
 // file, and the two-phase reload of the content blocker.
 
+#include "engine/RuleCompiler.h"
+
 #include <array>
 #include <atomic>
 #include <cmath>
@@ -13,10 +15,10 @@
 #include <thread>
 #include <utility>
 
-#include "engine/CompanionController.h"
 #include "engine/RuleKeySet.h"
 #include "engine/TextComponents.h"
 #include "platform/Platform.h"
+#include "storage/FileHandler.h"
 #include "storage/SharedDatabase.h"
 
 namespace stonewall {
@@ -272,9 +274,9 @@ int64_t CompileReport::rulesRead() const {
     return total;
 }
 
-void CompanionController::addUniqueRule(const ProfileRule& rule,
-                                        std::vector<ContentBlockerRule>& profileRules,
-                                        UniqueRules& uniqueRules) {
+void RuleCompiler::addUniqueRule(const ProfileRule& rule,
+                                 std::vector<ContentBlockerRule>& profileRules,
+                                 UniqueRules& uniqueRules) {
     // The key is recorded even when the cap refuses the rule: a later
     // duplicate of a refused rule is then a duplicate, not a second refusal.
     if (!uniqueRules.insert(rule.computeHash()).second) return;
@@ -283,7 +285,7 @@ void CompanionController::addUniqueRule(const ProfileRule& rule,
     }
 }
 
-std::vector<ContentBlockerRule> CompanionController::readProfileRules(
+std::vector<ContentBlockerRule> RuleCompiler::readProfileRules(
     const NullableString& profileID, const std::shared_ptr<ProfileDatabase>& profileDatabase) {
     // Only for its side effect on the shared database, as writeProfileRules.
     (void)resolveProfileID(profileID);
@@ -300,14 +302,14 @@ std::vector<ContentBlockerRule> CompanionController::readProfileRules(
     return profileRules;
 }
 
-void CompanionController::writeProfileRules(
-    const NullableString& profileID, const std::shared_ptr<ProfileDatabase>& profileDatabase) {
+void RuleCompiler::writeProfileRules(const NullableString& profileID,
+                                     const std::shared_ptr<ProfileDatabase>& profileDatabase) {
     writeProfileRules(profileID, profileDatabase, nullptr);
 }
 
-void CompanionController::writeProfileRules(const NullableString& profileID,
-                                            const std::shared_ptr<ProfileDatabase>& profileDatabase,
-                                            CompileReport* report) {
+void RuleCompiler::writeProfileRules(const NullableString& profileID,
+                                     const std::shared_ptr<ProfileDatabase>& profileDatabase,
+                                     CompileReport* report) {
     const FileHandler fileHandler = FileHandler::initWithNameAndGroup(
         std::string(ContainerLayout::kProfilesFolder), std::string(kApplicationGroup));
     const NullableString resolvedID = resolveProfileID(profileID);
@@ -378,7 +380,7 @@ void CompanionController::writeProfileRules(const NullableString& profileID,
     }
 }
 
-std::vector<std::string> CompanionController::readWebsitesRules(
+std::vector<std::string> RuleCompiler::readWebsitesRules(
     const NullableString& /*profileID*/, int64_t action,
     const std::shared_ptr<ProfileDatabase>& profileDatabase) {
     if (!profileDatabase) return {};
@@ -387,28 +389,27 @@ std::vector<std::string> CompanionController::readWebsitesRules(
     return engine_detail::componentsSeparatedByString(*rules.front().domains, ",");
 }
 
-bool CompanionController::hostReloadsContentBlockers() {
+bool RuleCompiler::hostReloadsContentBlockers() {
     return std::floor(platform::host().appKitVersionNumber()) >= kMinimumAppKitVersion;
 }
 
-platform::Nanoseconds CompanionController::settleDelay() {
+platform::Nanoseconds RuleCompiler::settleDelay() {
     const platform::Host& host = platform::host();
     if (host.isOperatingSystemAtLeastVersion({11, 0, 0})) return kSettleDelayBigSur;
     if (host.isOperatingSystemAtLeastVersion({10, 13, 4})) return kSettleDelayHighSierra;
     return kSettleDelayOlder;
 }
 
-void CompanionController::reloadBlockerRules(const NullableString& profileID,
-                                             std::shared_ptr<ProfileDatabase> profileDatabase,
-                                             CompletionHandler completionHandler) {
+void RuleCompiler::reloadBlockerRules(const NullableString& profileID,
+                                      std::shared_ptr<ProfileDatabase> profileDatabase,
+                                      CompletionHandler completionHandler) {
     reloadBlockerRules(profileID, std::move(profileDatabase), std::move(completionHandler),
                        nullptr);
 }
 
-void CompanionController::reloadBlockerRules(const NullableString& profileID,
-                                             std::shared_ptr<ProfileDatabase> profileDatabase,
-                                             CompletionHandler completionHandler,
-                                             CompileReport* report) {
+void RuleCompiler::reloadBlockerRules(const NullableString& profileID,
+                                      std::shared_ptr<ProfileDatabase> profileDatabase,
+                                      CompletionHandler completionHandler, CompileReport* report) {
     std::shared_ptr<platform::UserDefaults> defaults =
         platform::defaults().suiteNamed(std::string(kApplicationGroup));
 
@@ -476,7 +477,7 @@ void CompanionController::reloadBlockerRules(const NullableString& profileID,
         });
 }
 
-int64_t CompanionController::setCurrentSafariServices() const {
+int64_t RuleCompiler::setCurrentSafariServices() {
     // The generations of the browser's content-blocker service: 4 for the
     // second one, 3 for the first, 1 for none. A reload service is the first
     // generation's only feature, so that is what a host with one offers.

@@ -2,6 +2,8 @@
 // status in the shared record, and the same-site heuristics used for picked
 // elements.
 
+#include "engine/WebsiteLists.h"
+
 #include <uriparser/Uri.h>
 
 #include <algorithm>
@@ -10,10 +12,11 @@
 #include <cstdint>
 #include <string>
 
-#include "engine/CompanionController.h"
+#include "engine/RuleCompiler.h"
 #include "engine/TextComponents.h"
+#include "model/ProfileRule.h"
 #include "utilities/Generator.h"
-#include "utilities/PunycodeAdditions.h"
+#include "utilities/URLParts.h"
 
 namespace stonewall {
 
@@ -83,53 +86,48 @@ std::optional<bool> urlPathIsEmpty(const std::string& text) {
 
 }  // namespace
 
-NullableString CompanionController::activeProfileID() const {
-    return sharedData_ ? sharedData_->activeProfileID : std::nullopt;
-}
-
 // --- Adding the current website to a list --------------------------------------
 
-void CompanionController::createBlockWebsiteCustomRule(const NullableString& url,
-                                                       CompletionHandler completionHandler) {
+void WebsiteLists::createBlockWebsiteCustomRule(const NullableString& url,
+                                                CompletionHandler completionHandler) {
     createWebsiteCustomRule(ActionCode::kBlockWebsite, url, std::move(completionHandler));
 }
 
-void CompanionController::createSecureWebsiteCustomRule(const NullableString& url,
-                                                        CompletionHandler completionHandler) {
+void WebsiteLists::createSecureWebsiteCustomRule(const NullableString& url,
+                                                 CompletionHandler completionHandler) {
     createWebsiteCustomRule(ActionCode::kSecureWebsite, url, std::move(completionHandler));
 }
 
-void CompanionController::createWhitelistWebsiteCustomRule(const NullableString& url,
-                                                           CompletionHandler completionHandler) {
+void WebsiteLists::createWhitelistWebsiteCustomRule(const NullableString& url,
+                                                    CompletionHandler completionHandler) {
     createWebsiteCustomRule(ActionCode::kAllowWebsite, url, std::move(completionHandler));
 }
 
-void CompanionController::createWebsiteCustomRule(int64_t action, const NullableString& url,
-                                                  CompletionHandler completionHandler) {
+void WebsiteLists::createWebsiteCustomRule(int64_t action, const NullableString& url,
+                                           CompletionHandler completionHandler) {
     const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
-    processCustomRules({websiteCustomRule(action, host)});
+    customRules_.processCustomRules({websiteCustomRule(action, host)});
     // Status 0 keeps the rule in the shared database only; the application
     // has nothing new to read from the profile then.
     if (getWebsitesStatusShared(action) != WebsiteListStatus::kSharedOnly) {
-        sendUpdateNotification();
+        CompanionState::sendUpdateNotification();
     }
     if (completionHandler) completionHandler(std::nullopt);
 }
 
-SharedCustomRule CompanionController::blockWebsiteCustomRule(const NullableString& host) const {
+SharedCustomRule WebsiteLists::blockWebsiteCustomRule(const NullableString& host) const {
     return websiteCustomRule(ActionCode::kBlockWebsite, host);
 }
 
-SharedCustomRule CompanionController::secureWebsiteCustomRule(const NullableString& host) const {
+SharedCustomRule WebsiteLists::secureWebsiteCustomRule(const NullableString& host) const {
     return websiteCustomRule(ActionCode::kSecureWebsite, host);
 }
 
-SharedCustomRule CompanionController::whitelistWebsiteCustomRule(const NullableString& host) const {
+SharedCustomRule WebsiteLists::whitelistWebsiteCustomRule(const NullableString& host) const {
     return websiteCustomRule(ActionCode::kAllowWebsite, host);
 }
 
-SharedCustomRule CompanionController::websiteCustomRule(int64_t action,
-                                                        const NullableString& host) const {
+SharedCustomRule WebsiteLists::websiteCustomRule(int64_t action, const NullableString& host) const {
     SharedCustomRule rule;
     rule.blocker = BlockerCode::kCustom;
     rule.action = action;
@@ -138,30 +136,34 @@ SharedCustomRule CompanionController::websiteCustomRule(int64_t action,
     rule.domainType = DomainTypeCode::kIfTopURL;
     // One identifier per list and profile, so the application sees every
     // website of a list as one rule.
-    rule.ruleID = Generator::customRuleID(action, activeProfileID());
+    rule.ruleID = Generator::customRuleID(action, state_.activeProfileID());
     rule.active = 1;
     return rule;
 }
 
 // --- Domain status -------------------------------------------------------------------
 
-int64_t CompanionController::getWebsitesStatusShared(int64_t action) const {
+int64_t WebsiteLists::getWebsitesStatusShared(int64_t action) const {
+    return websitesStatus(state_.sharedData(), action);
+}
+
+int64_t WebsiteLists::websitesStatus(const std::optional<SharedData>& sharedData, int64_t action) {
     const std::optional<size_t> position = websiteListStatusPosition(action);
     if (!position) return WebsiteListStatus::kNoListRule;
-    const auto components =
-        statusComponents(sharedData_ ? sharedData_->domainStatus : std::nullopt);
+    const auto components = statusComponents(sharedData ? sharedData->domainStatus : std::nullopt);
     return leadingIntegerValue(components[*position]);
 }
 
-void CompanionController::updateWebsitesStatusShared(int64_t action) {
-    if (!sharedData_) return;
+void WebsiteLists::updateWebsitesStatusShared(int64_t action) {
+    std::optional<SharedData>& sharedData = state_.sharedData();
+    if (!sharedData) return;
     if (const std::optional<size_t> position = websiteListStatusPosition(action)) {
-        auto components = statusComponents(sharedData_->domainStatus);
+        auto components = statusComponents(sharedData->domainStatus);
         components[*position] = std::string(kListRuleExists);
-        sharedData_->domainStatus =
+        sharedData->domainStatus =
             engine_detail::concatenate({components[0], ",", components[1], ",", components[2]});
     }
-    sharedDatabase_->updateSharedDataDetails(*sharedData_);
+    state_.sharedDatabase().updateSharedDataDetails(*sharedData);
 }
 
 // --- Membership -------------------------------------------------------------------------
@@ -180,27 +182,28 @@ bool listRuleHolds(const ProfileRule& listRule, const std::string& host) {
 
 }  // namespace
 
-bool CompanionController::checkWebsiteExists(const NullableString& host, int64_t action) const {
+bool WebsiteLists::checkWebsiteExists(const NullableString& host, int64_t action) const {
     return checkWebsiteExists(host, std::span<const int64_t>(&action, 1)).front();
 }
 
-std::vector<bool> CompanionController::checkWebsiteExists(const NullableString& host,
-                                                          std::span<const int64_t> actions) const {
+std::vector<bool> WebsiteLists::checkWebsiteExists(const NullableString& host,
+                                                   std::span<const int64_t> actions) const {
     std::vector<bool> exists(actions.size(), false);
-    if (!host || !activeDatabase_) return exists;
-    const auto listRules = activeDatabase_->getFirstProfileRulesByActions(actions);
+    const std::shared_ptr<ProfileDatabase>& activeDatabase = state_.activeDatabase();
+    if (!host || !activeDatabase) return exists;
+    const auto listRules = activeDatabase->getFirstProfileRulesByActions(actions);
     for (size_t i = 0; i < actions.size(); ++i) {
         exists[i] = listRules[i] && listRuleHolds(*listRules[i], *host);
     }
     return exists;
 }
 
-bool CompanionController::checkDomainInWebsiteList(const NullableString& /*website*/,
-                                                   const NullableString& domain,
-                                                   int64_t action) const {
+bool WebsiteLists::checkDomainInWebsiteList(const NullableString& /*website*/,
+                                            const NullableString& domain, int64_t action) const {
     if (!domain) return false;
     const std::string reversedDomain = reverseDomain(*domain);
-    for (const std::string& entry : readWebsitesRules(std::nullopt, action, activeDatabase_)) {
+    for (const std::string& entry :
+         RuleCompiler::readWebsitesRules(std::nullopt, action, state_.activeDatabase())) {
         if (startsWith(entry, "*")) {
             // A plain prefix of the reversed labels: "*example.com" also takes
             // "examplefoo.com", as the lists have always matched.
@@ -214,7 +217,7 @@ bool CompanionController::checkDomainInWebsiteList(const NullableString& /*websi
     return false;
 }
 
-bool CompanionController::checkBlockWebsite(const SharedCustomRule& rule, int64_t total) {
+bool WebsiteLists::checkBlockWebsite(const SharedCustomRule& rule, int64_t total) {
     if (total != 1) return false;
     if (!rule.filter || !startsWith(*rule.filter, "^[^:]")) return false;
     if (rule.domains && !rule.domains->empty()) return false;
@@ -224,8 +227,8 @@ bool CompanionController::checkBlockWebsite(const SharedCustomRule& rule, int64_
 
 // --- Same-site heuristics --------------------------------------------------------------------
 
-bool CompanionController::checkDomainsShareOrigin(const NullableString& host,
-                                                  const NullableString& childDomain) {
+bool WebsiteLists::checkDomainsShareOrigin(const NullableString& host,
+                                           const NullableString& childDomain) {
     if (host && childDomain && *host == *childDomain) return true;
     if (!childDomain || childDomain->empty() || *childDomain == "about:blank") return false;
     const NullableString key = extractDomainData(host);
@@ -234,7 +237,7 @@ bool CompanionController::checkDomainsShareOrigin(const NullableString& host,
     return startsWith(reverseDomain(*childHost), *key);
 }
 
-NullableString CompanionController::extractDomainData(const NullableString& host) {
+NullableString WebsiteLists::extractDomainData(const NullableString& host) {
     if (!host) return std::nullopt;
     const auto labels = engine_detail::componentsSeparatedByString(reverseDomain(*host), ".");
     const size_t topLength = utf16Length(labels[0]);
@@ -249,7 +252,7 @@ NullableString CompanionController::extractDomainData(const NullableString& host
     return std::nullopt;
 }
 
-std::string CompanionController::reverseDomain(std::string_view host) {
+std::string WebsiteLists::reverseDomain(std::string_view host) {
     if (host.empty()) return {};
     auto labels = engine_detail::componentsSeparatedByString(host, ".");
     std::reverse(labels.begin(), labels.end());
@@ -262,7 +265,7 @@ std::string CompanionController::reverseDomain(std::string_view host) {
     return reversed;
 }
 
-NullableString CompanionController::hostFromURL(const NullableString& url) {
+NullableString WebsiteLists::hostFromURL(const NullableString& url) {
     if (!url) return std::nullopt;
     return PunycodeAdditions::hostFromURL(*url);
 }
