@@ -79,6 +79,8 @@ class BrowserWindow {
     Tab* currentTab();
     void closeTab(Tab* tab);
     void updateNavigationControls();
+    void addShortcuts();
+    void describeToolbarButton();
     void startControlChannel();
     void afterNextPaint(std::string timingName, gint64 since);
     void afterNextFrame(std::function<void()> work);

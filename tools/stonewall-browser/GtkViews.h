@@ -54,8 +54,15 @@ class AppearanceDependent {
 };
 
 // A box that paints its layer background (rounded by the corner radius)
-// under its children: the rows and separators of the popover.
+// under its children: the separators of the popover.
 GtkWidget* layerBoxNew(GtkOrientation orientation, int spacing);
+// A button that paints its layer background under its child, in the given
+// accessible role (a push button, a toggle): the rows of the popover.
+GtkWidget* layerButtonNew(GtkAccessibleRole role);
+// What activating a layer button from the keyboard or an assistive
+// technology does (instead of GtkButton's delayed "clicked"); a pointer
+// click still emits "clicked".
+void layerButtonSetOnActivate(GtkWidget* button, std::function<void()> onActivate);
 
 template <typename Base>
 class GtkViewBase : public Base, public AppearanceDependent {
@@ -73,6 +80,8 @@ class GtkViewBase : public Base, public AppearanceDependent {
     void setLayerCornerRadius(double radius) override;
     Rect bounds() const override;
     bool isFirstResponder() const override;
+    void setAccessibilityValue(std::optional<bool> checked) override;
+    void setAccessibilityEnabled(bool enabled) override;
     void refreshAppearance() override;
 
   protected:
@@ -87,6 +96,22 @@ class GtkView : public GtkViewBase<NSView> {
     using GtkViewBase::GtkViewBase;
 };
 
+// A row of the popover. Assistive technologies read its visible title as its
+// name, unless the front names it: then the title (what a press does) is its
+// description.
+class GtkRowView : public GtkView {
+  public:
+    using GtkView::GtkView;
+    void setAccessibilityLabel(const std::string& label) override;
+    // Main thread.
+    void setVisibleTitle(const std::string& title);
+
+  private:
+    void updateAccessibleText();
+    std::optional<std::string> label_;
+    std::string title_;
+};
+
 class GtkTextField : public GtkViewBase<NSTextField> {
   public:
     explicit GtkTextField(GtkWidget* label) : GtkViewBase(label) {}
@@ -95,9 +120,14 @@ class GtkTextField : public GtkViewBase<NSTextField> {
     void setTextColor(const NSColor& color) override;
     void setFont(const NSFont& font) override;
     void refreshAppearance() override;
+    // Called on the main thread with each text shown.
+    void setOnTextShown(std::function<void(const std::string&)> onTextShown) {
+        onTextShown_ = std::move(onTextShown);
+    }
 
   private:
     void applyAttributes();
+    std::function<void(const std::string&)> onTextShown_;
     mutable std::mutex mutex_;
     std::string text_;
     std::optional<NSColor> color_;
@@ -126,7 +156,9 @@ class GtkPushButton : public GtkViewBase<NSButton> {
     std::function<void()> action_;
 };
 
-// Over a GtkDropDown of a GtkStringList; the items' tags are kept here.
+// The items as a group of radio rows, one a line, scrolled when there are
+// many: each is a button with a check mark that assistive technologies read
+// as a radio item, checked when selected. The items' tags are kept here.
 class GtkPopUpButton : public GtkViewBase<NSPopUpButton> {
   public:
     GtkPopUpButton();
@@ -137,9 +169,11 @@ class GtkPopUpButton : public GtkViewBase<NSPopUpButton> {
     // Main thread: the user's choice lives in the widget.
     int64_t indexOfSelectedItem() const override;
     std::optional<NSMenuItem> selectedItem() const override;
+    // Main thread: the row of the selected item (null when none).
+    GtkWidget* selectedRow() const;
 
   private:
-    GtkStringList* model_;
+    GtkWidget* list_;  // the box of rows, inside widget_
     mutable std::mutex mutex_;
     std::vector<NSMenuItem> items_;
 };
