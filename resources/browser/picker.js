@@ -96,7 +96,10 @@
 
   function onClick(event) {
     swallow(event);
-    const target = event.target;
+    toggle(event.target);
+  }
+
+  function toggle(target) {
     if (!pickable(target)) return;
     const at = chosen.indexOf(target);
     if (at >= 0) {
@@ -111,6 +114,56 @@
     boxes.set(target, box);
   }
 
+  // From the keyboard: Tab, Shift+Tab and the arrow keys move the outline
+  // through the page's visible elements, Space picks or unpicks the outlined
+  // one, Return finishes as Done does and Escape cancels.
+  function candidates() {
+    return Array.from((document.body || document.documentElement).querySelectorAll("*"))
+      .filter((element) => {
+        if (!pickable(element)) return false;
+        const rect = element.getBoundingClientRect();
+        return rect.width > 0 && rect.height > 0 &&
+               getComputedStyle(element).visibility !== "hidden";
+      });
+  }
+
+  function outline(element) {
+    hovered = element;
+    if (!hoverBox) hoverBox = marker("#0a84ff", "rgba(10,132,255,0.15)");
+    place(hoverBox, element);
+    element.scrollIntoView({ block: "nearest", inline: "nearest" });
+  }
+
+  function finish() {
+    const data = chosen.filter((element) => element.isConnected).map(elementData);
+    stop();
+    post("VisualData", { data });
+  }
+
+  function onKey(event) {
+    if (event.ctrlKey || event.altKey || event.metaKey) return;
+    const key = event.key;
+    const back = key === "ArrowUp" || key === "ArrowLeft" || (key === "Tab" && event.shiftKey);
+    if (key === "Tab" || key.startsWith("Arrow")) {
+      const list = candidates();
+      if (list.length === 0) return;
+      swallow(event);
+      const at = list.indexOf(hovered);
+      const next = at < 0 ? (back ? list.length - 1 : 0)
+                          : (at + (back ? -1 : 1) + list.length) % list.length;
+      outline(list[next]);
+    } else if (key === " " || key === "Spacebar") {
+      swallow(event);
+      if (hovered) toggle(hovered);
+    } else if (key === "Enter") {
+      swallow(event);
+      finish();
+    } else if (key === "Escape") {
+      swallow(event);
+      stop();
+    }
+  }
+
   function start() {
     if (picking) return;
     picking = true;
@@ -119,6 +172,7 @@
     document.addEventListener("click", onClick, true);
     document.addEventListener("mousedown", swallow, true);
     document.addEventListener("mouseup", swallow, true);
+    document.addEventListener("keydown", onKey, true);
   }
 
   function stop() {
@@ -128,6 +182,7 @@
     document.removeEventListener("click", onClick, true);
     document.removeEventListener("mousedown", swallow, true);
     document.removeEventListener("mouseup", swallow, true);
+    document.removeEventListener("keydown", onKey, true);
     for (const box of boxes.values()) box.remove();
     boxes.clear();
     if (hoverBox) { hoverBox.remove(); hoverBox = null; }
@@ -144,9 +199,7 @@
       } else if (name === "VisualCancel") {
         stop();
       } else if (name === "VisualDone") {
-        const data = chosen.filter((element) => element.isConnected).map(elementData);
-        stop();
-        post("VisualData", { data });
+        finish();
       }
     },
   };
