@@ -113,6 +113,8 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     gtk_widget_set_size_request(overlay, 30, 22);
     gtk_overlay_set_child(GTK_OVERLAY(overlay), toolbarImage_);
     gtk_overlay_add_overlay(GTK_OVERLAY(overlay), badge_);
+    // The badge grows with the desktop's text size; the button grows with it.
+    gtk_overlay_set_measure_overlay(GTK_OVERLAY(overlay), badge_, TRUE);
     // A group: the button inside is what is pressed.
     toolbarButton_ = GTK_WIDGET(
         g_object_new(GTK_TYPE_MENU_BUTTON, "accessible-role", GTK_ACCESSIBLE_ROLE_GROUP, nullptr));

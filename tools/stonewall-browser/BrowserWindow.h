@@ -67,6 +67,8 @@ class BrowserWindow {
     bool snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page);
     void evaluateInPage(const std::string& script);
     std::string stateLine();
+    std::string clippedLabels();
+    std::string paletteLine();
 
   private:
     struct Tab {

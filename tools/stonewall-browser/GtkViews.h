@@ -27,8 +27,11 @@ namespace stonewall::browser {
 // Runs `work` now on the main thread, else posts it there.
 void onMainThread(std::function<void()> work);
 
-// A colour of the front as GTK draws it in the given appearance.
+// A colour of the front as GTK draws it in the given appearance, and with
+// the desktop's high contrast when that is on (setHighContrast).
 GdkRGBA resolveColor(const NSColor& color, bool dark);
+// Main thread: the toolkit follows the desktop's contrast setting.
+void setHighContrast(bool on);
 
 // The duration of the animation group being run (Toolkit::runAnimationGroup),
 // 0 outside one. Main thread.
