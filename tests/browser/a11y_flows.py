@@ -600,6 +600,79 @@ class Tree(FlowTest):
         self.assertEqual(headings, ["Status", "Webpage", "Website", "Profile", "App"])
 
 
+def luminance(color):
+    """WCAG 2 relative luminance of "#rrggbb"."""
+    def linear(channel):
+        c = int(channel, 16) / 255
+        return c / 12.92 if c <= 0.03928 else ((c + 0.055) / 1.055) ** 2.4
+    r, g, b = (linear(color[i:i + 2]) for i in (1, 3, 5))
+    return 0.2126 * r + 0.7152 * g + 0.0722 * b
+
+
+def contrast(text, background):
+    lighter, darker = sorted((luminance(text), luminance(background)), reverse=True)
+    return (lighter + 0.05) / (darker + 0.05)
+
+
+class Seeing(FlowTest):
+    """The popover and the badge with GNOME's high contrast and with text at
+    200%: every text whole (none ellipsized or cut), every usable text at
+    WCAG AA contrast (4.5:1; 7:1 with high contrast) on each view, light
+    and dark. With STONEWALL_SCREENSHOT_DIR set, the pictures of both go
+    there and the measured colours are printed as a table."""
+
+    def test_texts_whole_and_readable_with_high_contrast_and_large_text(self):
+        self.add_block_rule("defaultProfile", "ads/banner\\.png")
+        self.add_block_rule("defaultProfile", "tracker\\.js")
+        self.stonewall("compile")
+        shots = os.environ.get("STONEWALL_SCREENSHOT_DIR")
+        measured = {}
+        for high in (False, True):
+            if high:
+                self.browser.quit()
+                self.env["ADW_DEBUG_HIGH_CONTRAST"] = "1"
+            self.start()
+            self.open_popover()
+            for scheme in ("light", "dark"):
+                self.browser.send("dark %d" % (scheme == "dark"))
+                self.expect("done dark")
+                for scale in (1, 2):
+                    self.browser.send("text-scale %d" % scale)
+                    self.expect("done text-scale")
+                    for view in range(1, 7):
+                        self.browser.send("show-view %d" % view)
+                        self.expect("view %d" % view)
+                        self.browser.send("state")  # after the view's layout
+                        self.expect("done state")
+                        where = "%s, %s, text x%d, view %d" % (
+                            "high contrast" if high else "normal contrast", scheme, scale, view)
+                        self.browser.send("clipped")
+                        self.assertEqual(self.expect("clipped"), "clipped 0", where)
+                        import json
+                        self.browser.send("palette")
+                        for text in json.loads(self.expect("palette ")[len("palette "):]):
+                            ratio = contrast(text["color"], text["background"])
+                            if text["sensitive"]:
+                                self.assertGreaterEqual(ratio, 7 if high else 4.5,
+                                                        "%s: %r" % (where, text["text"]))
+                            key = ("high" if high else "normal", scheme, text["color"],
+                                   text["background"], text["sensitive"])
+                            measured.setdefault(key, (ratio, set()))[1].add(text["text"])
+                    if shots and scale == 2 and (scheme == "dark") == high:
+                        self.browser.send("show-view 1")
+                        self.expect("view 1")
+                        name = "browser-high-contrast.png" if high else "browser-text-200.png"
+                        self.browser.send("snapshot-window " + os.path.join(shots, name))
+                        self.expect("done snapshot-window")
+        print("\n| contrast | scheme | text | background | ratio | texts |")
+        print("|---|---|---|---|---|---|")
+        for (high, scheme, color, background, sensitive), (ratio, texts) in sorted(
+                measured.items()):
+            print("| %s | %s | `%s` | `%s` | %.2f:1%s | %s |" % (
+                high, scheme, color, background, ratio, "" if sensitive else " (disabled)",
+                ", ".join(sorted(texts)[:4]) + (", ..." if len(texts) > 4 else "")))
+
+
 def main():
     global STONEWALL, BROWSER
     parser = argparse.ArgumentParser()
