@@ -319,9 +319,9 @@ void GtkTextField::setStringValue(const std::string& text) {
         std::lock_guard lock(mutex_);
         text_ = text;
     }
-    onMainThread([this, text] {
-        gtk_label_set_text(GTK_LABEL(widget_), text.c_str());
-        if (onTextShown_) onTextShown_(text);
+    onMainThread([widget = widget_, onTextShown = onTextShown_, text] {
+        gtk_label_set_text(GTK_LABEL(widget), text.c_str());
+        if (onTextShown) onTextShown(text);
     });
 }
 

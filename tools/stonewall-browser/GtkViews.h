@@ -123,7 +123,8 @@ class GtkTextField : public GtkViewBase<NSTextField> {
     void setTextColor(const NSColor& color) override;
     void setFont(const NSFont& font) override;
     void refreshAppearance() override;
-    // Called on the main thread with each text shown.
+    // Called on the main thread with each text shown. Set it before the
+    // first text.
     void setOnTextShown(std::function<void(const std::string&)> onTextShown) {
         onTextShown_ = std::move(onTextShown);
     }
