@@ -20,6 +20,7 @@ STONEWALL_RESOURCES must name the built resources (ctest sets it).
 import argparse
 import ctypes
 import http.server
+import json
 import os
 import queue
 import shutil
@@ -358,7 +359,6 @@ class FlowTest(unittest.TestCase):
         return self.find(pyatspi.ROLE_PUSH_BUTTON, "Stonewall")
 
     def state(self):
-        import json
         self.browser.send("state")
         return json.loads(self.expect("state ")[len("state "):])
 
@@ -444,6 +444,7 @@ class MainFlows(FlowTest):
         self.press(self.find(pyatspi.ROLE_PUSH_BUTTON, "Default Profile"))
         self.expect("view 3")
         self.find(pyatspi.ROLE_DIALOG, "Change Active Profile")
+        self.wait_focus(pyatspi.ROLE_PUSH_BUTTON, "Cancel")
         default = self.find(pyatspi.ROLE_RADIO_BUTTON, "Default Profile")
         work = self.find(pyatspi.ROLE_RADIO_BUTTON, "Work")
         self.assertEqual((self.checked(default), self.checked(work)), (True, False))
@@ -648,7 +649,6 @@ class Seeing(FlowTest):
                             "high contrast" if high else "normal contrast", scheme, scale, view)
                         self.browser.send("clipped")
                         self.assertEqual(self.expect("clipped"), "clipped 0", where)
-                        import json
                         self.browser.send("palette")
                         for text in json.loads(self.expect("palette ")[len("palette "):]):
                             ratio = contrast(text["color"], text["background"])
