@@ -155,11 +155,11 @@ void GtkPopoverView::describeDialog(GtkWidget* page, const std::string& name) {
 
 // The focus when a view shows: a confirmation starts on its Cancel (the
 // error view on its OK), so that Return never confirms by accident; the main
-// view goes back to the row that left it. Later, outside the view switch:
-// the popover may not be mapped yet.
-void GtkPopoverView::focusShownView(int64_t code) {
-    GtkWidget* target = code == 1 ? returnRow_ : leavingButton(code);
-    if (code == 1) returnRow_ = nullptr;
+// view, back from a confirmation, on the row that opened it. Later, outside
+// the view switch: the popover may not be mapped yet.
+void GtkPopoverView::focusShownView(int64_t previous, int64_t code) {
+    GtkWidget* target =
+        code == 1 ? (leavingButton(previous) ? returnRow_ : nullptr) : leavingButton(code);
     if (!target) return;
     g_object_ref(target);
     g_idle_add_once(
@@ -205,7 +205,7 @@ GtkWidget* GtkPopoverView::row(std::string_view outlet, std::string_view imageOu
     if (!imageOutlet.empty()) {
         GtkWidget* image = gtk_image_new();
         gtk_image_set_pixel_size(GTK_IMAGE(image), 16);
-        // The toggle's state says what the picture shows.
+        // The switch's state says what the picture shows.
         gtk_accessible_update_state(GTK_ACCESSIBLE(image), GTK_ACCESSIBLE_STATE_HIDDEN, TRUE, -1);
         gtk_box_append(GTK_BOX(box), image);
         icon = std::make_shared<GtkImageView>(image);
@@ -277,6 +277,7 @@ void GtkPopoverView::addPage(std::string_view outlet, GtkWidget* box, int64_t co
     pages_.push_back(box);
     auto page = std::make_shared<GtkStackView>(box, stack_);
     page->setOnShown([this, code, box] {
+        const int64_t previous = shownView_;
         shownView_ = code;
         // The stack keeps every view visible; assistive technologies are
         // told which one is not hidden.
@@ -284,7 +285,7 @@ void GtkPopoverView::addPage(std::string_view outlet, GtkWidget* box, int64_t co
             gtk_accessible_update_state(GTK_ACCESSIBLE(other), GTK_ACCESSIBLE_STATE_HIDDEN,
                                         other != box, -1);
         }
-        focusShownView(code);
+        focusShownView(previous, code);
         if (onViewShown_) onViewShown_(code);
     });
     stackViews_.emplace(std::string(outlet), std::move(page));

@@ -69,7 +69,7 @@ class GtkPopoverView : public OutletPopoverView {
     void describeDialog(GtkWidget* page, const std::string& name);
     // The button that leaves view `code` (its Cancel; OK of the error view).
     GtkWidget* leavingButton(int64_t code) const;
-    void focusShownView(int64_t code);
+    void focusShownView(int64_t previous, int64_t code);
 
     GtkWidget* root_ = nullptr;
     GtkWidget* stack_ = nullptr;
