@@ -529,14 +529,6 @@ void GtkPopUpButton::selectItemAtIndex(int64_t index) {
     });
 }
 
-GtkWidget* GtkPopUpButton::selectedRow() const {
-    for (GtkWidget* row = gtk_widget_get_first_child(list_); row;
-         row = gtk_widget_get_next_sibling(row)) {
-        if (gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(row))) return row;
-    }
-    return nullptr;
-}
-
 int64_t GtkPopUpButton::indexOfSelectedItem() const {
     int64_t at = 0;
     for (GtkWidget* row = gtk_widget_get_first_child(list_); row;

@@ -173,8 +173,6 @@ class GtkPopUpButton : public GtkViewBase<NSPopUpButton> {
     // Main thread: the user's choice lives in the widget.
     int64_t indexOfSelectedItem() const override;
     std::optional<NSMenuItem> selectedItem() const override;
-    // Main thread: the row of the selected item (null when none).
-    GtkWidget* selectedRow() const;
 
   private:
     GtkWidget* list_;  // the box of rows, inside widget_
