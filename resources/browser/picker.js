@@ -106,12 +106,14 @@
       chosen.splice(at, 1);
       boxes.get(target).remove();
       boxes.delete(target);
+      announce(spoken(target) + ", not picked");
       return;
     }
     chosen.push(target);
     const box = marker("#ff3b30", "rgba(255,59,48,0.25)");
     place(box, target);
     boxes.set(target, box);
+    announce(spoken(target) + ", picked");
   }
 
   // From the keyboard: Tab, Shift+Tab and the arrow keys move the outline
@@ -127,11 +129,34 @@
       });
   }
 
+  // What a screen reader says while picking: a polite live region, out of
+  // sight, that names the mode, the outlined element and each choice.
+  let announcer = null;
+  function announce(text) {
+    if (!announcer) {
+      announcer = document.createElement("div");
+      announcer.setAttribute("data-stonewall-picker", "");
+      announcer.setAttribute("role", "status");
+      announcer.setAttribute("aria-live", "polite");
+      announcer.style.cssText = "position:absolute;width:1px;height:1px;overflow:hidden;" +
+        "clip:rect(0 0 0 0);white-space:nowrap;margin:0;padding:0;border:0;";
+      (document.body || document.documentElement).appendChild(announcer);
+    }
+    announcer.textContent = text;
+  }
+
+  function spoken(element) {
+    const text = (element.getAttribute("aria-label") || element.getAttribute("alt") ||
+                  element.textContent || "").trim().replace(/\s+/g, " ").slice(0, 80);
+    return element.tagName.toLowerCase() + (text ? ": " + text : "");
+  }
+
   function outline(element) {
     hovered = element;
     if (!hoverBox) hoverBox = marker("#0a84ff", "rgba(10,132,255,0.15)");
     place(hoverBox, element);
     element.scrollIntoView({ block: "nearest", inline: "nearest" });
+    announce(spoken(element) + (chosen.includes(element) ? ", picked" : ""));
   }
 
   function finish() {
@@ -173,6 +198,7 @@
     document.addEventListener("mousedown", swallow, true);
     document.addEventListener("mouseup", swallow, true);
     document.addEventListener("keydown", onKey, true);
+    announce("Picking page elements: Tab moves, Space picks, Return finishes, Escape cancels");
   }
 
   function stop() {
@@ -186,6 +212,7 @@
     for (const box of boxes.values()) box.remove();
     boxes.clear();
     if (hoverBox) { hoverBox.remove(); hoverBox = null; }
+    if (announcer) { announcer.remove(); announcer = null; }
     hovered = null;
     chosen = [];
   }

@@ -472,8 +472,15 @@ class MainFlows(FlowTest):
         # finishes.
         self.keys.press("Alt+Shift+s")
         self.expect("popover-closed")
-        for key in ("Tab", "Tab", "space", "Return"):
+        spoken = ("document.querySelector('[data-stonewall-picker][role=status]')"
+                  ".textContent")
+        self.assertIn("Picking page elements", self.evaluate(spoken))
+        for key in ("Tab", "Tab", "space"):
             self.keys.press(key)
+        # The page's live region says what was picked.
+        self.wait_until(lambda: self.evaluate(spoken) ==
+                        '"div: Subscribe to our letter, picked"', "the banner is picked")
+        self.keys.press("Return")
         for event in ("message VisualData", "image ToolbarItemIconReloading", "filter on",
                       "page-reload", "loaded"):
             self.expect(event)
