@@ -96,19 +96,97 @@
 
   function onClick(event) {
     swallow(event);
-    const target = event.target;
+    toggle(event.target);
+  }
+
+  function toggle(target) {
     if (!pickable(target)) return;
     const at = chosen.indexOf(target);
     if (at >= 0) {
       chosen.splice(at, 1);
       boxes.get(target).remove();
       boxes.delete(target);
+      announce(spoken(target) + ", not picked");
       return;
     }
     chosen.push(target);
     const box = marker("#ff3b30", "rgba(255,59,48,0.25)");
     place(box, target);
     boxes.set(target, box);
+    announce(spoken(target) + ", picked");
+  }
+
+  // From the keyboard: Tab, Shift+Tab and the arrow keys move the outline
+  // through the page's visible elements, Space picks or unpicks the outlined
+  // one, Return finishes as Done does and Escape cancels.
+  function candidates() {
+    return Array.from((document.body || document.documentElement).querySelectorAll("*"))
+      .filter((element) => {
+        if (!pickable(element)) return false;
+        const rect = element.getBoundingClientRect();
+        return rect.width > 0 && rect.height > 0 &&
+               getComputedStyle(element).visibility !== "hidden";
+      });
+  }
+
+  // What a screen reader says while picking: a polite live region, out of
+  // sight, that names the mode, the outlined element and each choice.
+  let announcer = null;
+  function announce(text) {
+    if (!announcer) {
+      announcer = document.createElement("div");
+      announcer.setAttribute("data-stonewall-picker", "");
+      announcer.setAttribute("role", "status");
+      announcer.setAttribute("aria-live", "polite");
+      announcer.style.cssText = "position:absolute;width:1px;height:1px;overflow:hidden;" +
+        "clip:rect(0 0 0 0);white-space:nowrap;margin:0;padding:0;border:0;";
+      (document.body || document.documentElement).appendChild(announcer);
+    }
+    announcer.textContent = text;
+  }
+
+  function spoken(element) {
+    const text = (element.getAttribute("aria-label") || element.getAttribute("alt") ||
+                  element.textContent || "").trim().replace(/\s+/g, " ").slice(0, 80);
+    return element.tagName.toLowerCase() + (text ? ": " + text : "");
+  }
+
+  function outline(element) {
+    hovered = element;
+    if (!hoverBox) hoverBox = marker("#0a84ff", "rgba(10,132,255,0.15)");
+    place(hoverBox, element);
+    element.scrollIntoView({ block: "nearest", inline: "nearest" });
+    announce(spoken(element) + (chosen.includes(element) ? ", picked" : ""));
+  }
+
+  function finish() {
+    const data = chosen.filter((element) => element.isConnected).map(elementData);
+    stop();
+    post("VisualData", { data });
+  }
+
+  function onKey(event) {
+    if (event.ctrlKey || event.altKey || event.metaKey) return;
+    const key = event.key;
+    const back = key === "ArrowUp" || key === "ArrowLeft" || (key === "Tab" && event.shiftKey);
+    if (key === "Tab" || key.startsWith("Arrow")) {
+      const list = candidates();
+      if (list.length === 0) return;
+      swallow(event);
+      const at = list.indexOf(hovered);
+      const next = at < 0 ? (back ? list.length - 1 : 0)
+                          : (at + (back ? -1 : 1) + list.length) % list.length;
+      outline(list[next]);
+    } else if (key === " " || key === "Spacebar") {
+      swallow(event);
+      if (hovered) toggle(hovered);
+    } else if (key === "Enter") {
+      swallow(event);
+      finish();
+    } else if (key === "Escape") {
+      swallow(event);
+      stop();
+    }
   }
 
   function start() {
@@ -119,6 +197,8 @@
     document.addEventListener("click", onClick, true);
     document.addEventListener("mousedown", swallow, true);
     document.addEventListener("mouseup", swallow, true);
+    document.addEventListener("keydown", onKey, true);
+    announce("Picking page elements: Tab moves, Space picks, Return finishes, Escape cancels");
   }
 
   function stop() {
@@ -128,9 +208,11 @@
     document.removeEventListener("click", onClick, true);
     document.removeEventListener("mousedown", swallow, true);
     document.removeEventListener("mouseup", swallow, true);
+    document.removeEventListener("keydown", onKey, true);
     for (const box of boxes.values()) box.remove();
     boxes.clear();
     if (hoverBox) { hoverBox.remove(); hoverBox = null; }
+    if (announcer) { announcer.remove(); announcer = null; }
     hovered = null;
     chosen = [];
   }
@@ -144,9 +226,7 @@
       } else if (name === "VisualCancel") {
         stop();
       } else if (name === "VisualDone") {
-        const data = chosen.filter((element) => element.isConnected).map(elementData);
-        stop();
-        post("VisualData", { data });
+        finish();
       }
     },
   };

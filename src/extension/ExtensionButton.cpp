@@ -33,6 +33,7 @@ ExtensionButton::ExtensionButton(std::shared_ptr<NSView> view,
 
 void ExtensionButton::setEnabled(bool enabled) {
     enabled_ = enabled;
+    if (view_) view_->setAccessibilityEnabled(enabled);
     updateLayer();
 }
 

@@ -481,6 +481,12 @@ void SafariExtensionViewController::updateStatus() {
     auto image = toolkit.imageNamed(on ? "ext_status_on" : "ext_status_off");
     if (o.statusImageView) o.statusImageView->setImage(image);
     if (o.statusButton) {
+        // Told as a toggle named for what it switches, on or off; the
+        // visible title says what a press does.
+        if (const auto& view = o.statusButton->view()) {
+            view->setAccessibilityLabel(localized("Content Blocking"));
+            view->setAccessibilityValue(on);
+        }
         o.statusButton->setImage(image);
         o.statusButton->setImageSelected(
             toolkit.imageNamed(on ? "ext_status_on_selected" : "ext_status_off_selected"));
@@ -496,6 +502,12 @@ void SafariExtensionViewController::updateCounterStatus() {
     auto image = toolkit.imageNamed(on ? "ext_status_on" : "ext_status_off");
     if (o.counterImageView) o.counterImageView->setImage(image);
     if (o.counterButton) {
+        // Told as a toggle named for what it switches, on or off; the
+        // visible title says what a press does.
+        if (const auto& view = o.counterButton->view()) {
+            view->setAccessibilityLabel(localized("Blocking Counter"));
+            view->setAccessibilityValue(on);
+        }
         o.counterButton->setImage(image);
         o.counterButton->setImageSelected(
             toolkit.imageNamed(on ? "ext_status_on_selected" : "ext_status_off_selected"));

@@ -129,8 +129,12 @@ TEST_F(ViewControllerTest, WebsiteButtonsFollowThePageAndTheLists) {
         run();
         EXPECT_EQ(popover()->rowTitle("blockButton"), c.blockTitle);
         EXPECT_EQ(popover()->row("blockButton")->isEnabled(), c.block);
-        for (const char* button : {"visualBlockButton", "secureButton", "whitelistButton"})
+        // Assistive technologies are told the same.
+        EXPECT_EQ(popover()->rowView("blockButton")->accessibilityEnabled(), c.block);
+        for (const char* button : {"visualBlockButton", "secureButton", "whitelistButton"}) {
             EXPECT_EQ(popover()->row(button)->isEnabled(), c.pageButtons) << button;
+            EXPECT_EQ(popover()->rowView(button)->accessibilityEnabled(), c.pageButtons) << button;
+        }
     }
 }
 
@@ -179,6 +183,26 @@ TEST_F(ViewControllerTest, StatusOffClearsStatusUpdatedAndShowsTheOffImage) {
     EXPECT_EQ(controller().blockingStatController().pageCount(), 0u);
     EXPECT_EQ(popover()->rowTitle("statusButton"), "Turn On Content Blocking");
     EXPECT_EQ(popover()->image("statusImageView")->imageName(), "ext_status_off");
+}
+
+// The two status rows are told as switches named for what they switch, on
+// or off, whatever their titles say a press does.
+TEST_F(ViewControllerTest, StatusRowsAreToldAsSwitchesWithTheirState) {
+    openPopoverOn(kPageURL);
+    const auto status = popover()->rowView("statusButton");
+    const auto counter = popover()->rowView("counterButton");
+    EXPECT_EQ(status->accessibilityLabel(), "Content Blocking");
+    EXPECT_EQ(counter->accessibilityLabel(), "Blocking Counter");
+    const bool counterWasOn = controller().extensionState()->blockingCounter();
+    EXPECT_EQ(status->accessibilityValue(), std::optional<bool>(true));
+    EXPECT_EQ(counter->accessibilityValue(), std::optional<bool>(counterWasOn));
+    controller().changeStatusAction();
+    controller().changeCounterAction();
+    finish();
+    EXPECT_EQ(status->accessibilityValue(), std::optional<bool>(false));
+    EXPECT_EQ(counter->accessibilityValue(), std::optional<bool>(!counterWasOn));
+    // Rows that are no switches carry no state.
+    EXPECT_EQ(popover()->rowView("blockButton")->accessibilityValue(), std::nullopt);
 }
 
 TEST_F(ViewControllerTest, LayoutBySystemVersionAndDirection) {

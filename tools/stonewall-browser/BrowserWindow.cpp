@@ -78,10 +78,17 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     forwardButton_ = gtk_button_new_from_icon_name("go-next-symbolic");
     GtkWidget* reload = gtk_button_new_from_icon_name("view-refresh-symbolic");
     GtkWidget* newTab = gtk_button_new_from_icon_name("tab-new-symbolic");
-    gtk_widget_set_tooltip_text(backButton_, tr("Back").c_str());
-    gtk_widget_set_tooltip_text(forwardButton_, tr("Forward").c_str());
-    gtk_widget_set_tooltip_text(reload, tr("Reload").c_str());
-    gtk_widget_set_tooltip_text(newTab, tr("New Tab").c_str());
+    // Icon buttons have no text of their own for a screen reader to read:
+    // each is named, and its tooltip gives its shortcut.
+    const auto name = [](GtkWidget* widget, const std::string& label, const char* keys) {
+        gtk_widget_set_tooltip_text(widget, (label + " (" + keys + ")").c_str());
+        gtk_accessible_update_property(GTK_ACCESSIBLE(widget), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                       label.c_str(), -1);
+    };
+    name(backButton_, tr("Back"), "Alt+Left");
+    name(forwardButton_, tr("Forward"), "Alt+Right");
+    name(reload, tr("Reload"), "F5, Ctrl+R");
+    name(newTab, tr("New Tab"), "Ctrl+T");
     gtk_header_bar_pack_start(GTK_HEADER_BAR(header), backButton_);
     gtk_header_bar_pack_start(GTK_HEADER_BAR(header), forwardButton_);
     gtk_header_bar_pack_start(GTK_HEADER_BAR(header), reload);
@@ -89,6 +96,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     location_ = gtk_entry_new();
     gtk_widget_set_hexpand(location_, TRUE);
     gtk_widget_set_size_request(location_, 480, -1);
+    name(location_, "Address", "Address (Ctrl+L)");
     gtk_header_bar_set_title_widget(GTK_HEADER_BAR(header), location_);
 
     // The extension's toolbar item: its image with the badge over a corner.
@@ -100,18 +108,33 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     gtk_widget_set_valign(badge_, GTK_ALIGN_START);
     gtk_widget_set_visible(badge_, FALSE);
     gtk_widget_set_can_target(badge_, FALSE);
+    // The button's description tells the count; a bare number is no control.
+    gtk_accessible_update_state(GTK_ACCESSIBLE(badge_), GTK_ACCESSIBLE_STATE_HIDDEN, TRUE, -1);
+    gtk_accessible_update_state(GTK_ACCESSIBLE(toolbarImage_), GTK_ACCESSIBLE_STATE_HIDDEN, TRUE,
+                                -1);
     GtkWidget* overlay = gtk_overlay_new();
     gtk_widget_set_size_request(overlay, 30, 22);
     gtk_overlay_set_child(GTK_OVERLAY(overlay), toolbarImage_);
     gtk_overlay_add_overlay(GTK_OVERLAY(overlay), badge_);
-    toolbarButton_ = gtk_menu_button_new();
+    // The badge grows with the desktop's text size; the button grows with it.
+    gtk_overlay_set_measure_overlay(GTK_OVERLAY(overlay), badge_, TRUE);
+    // A group: the button inside is what is pressed.
+    toolbarButton_ = GTK_WIDGET(
+        g_object_new(GTK_TYPE_MENU_BUTTON, "accessible-role", GTK_ACCESSIBLE_ROLE_GROUP, nullptr));
     gtk_menu_button_set_child(GTK_MENU_BUTTON(toolbarButton_), overlay);
-    gtk_widget_set_tooltip_text(toolbarButton_, "Stonewall");
+    name(toolbarButton_, "Stonewall", "Stonewall (Alt+Shift+S)");
+    // GtkMenuButton presses an inner toggle button, labelled by the menu
+    // button; that is what assistive technologies find and press.
+    if (GtkWidget* inner = gtk_widget_get_first_child(toolbarButton_)) {
+        gtk_accessible_update_property(GTK_ACCESSIBLE(inner), GTK_ACCESSIBLE_PROPERTY_KEY_SHORTCUTS,
+                                       "Alt+Shift+S", -1);
+    }
     gtk_header_bar_pack_end(GTK_HEADER_BAR(header), toolbarButton_);
     gtk_window_set_titlebar(GTK_WINDOW(window_), header);
 
     toolbarItem_ = std::make_shared<BrowserToolbarItem>(toolbarImage_, badge_, options_.events);
     toolbarItem_->setOnBadgeChanged([this] {
+        describeToolbarButton();
         if (!blockedReportArrived_) return;
         afterNextPaint("badge-shown", blockedReportArrived_);
         blockedReportArrived_ = 0;
@@ -123,6 +146,8 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     popoverView_ = std::dynamic_pointer_cast<GtkPopoverView>(
         SafariExtensionHandler().popoverViewController().popoverView());
     popover_ = gtk_popover_new();
+    gtk_accessible_update_property(GTK_ACCESSIBLE(popover_), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                   "Stonewall", -1);
     if (popoverView_) {
         gtk_popover_set_child(GTK_POPOVER(popover_), popoverView_->root());
         popoverView_->setPopover(popover_);
@@ -140,7 +165,14 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                      }),
                      this);
     g_signal_connect(popover_, "closed", G_CALLBACK(+[](GtkPopover*, BrowserWindow* self) {
+                         // Closed while picking: the keys go on to the page, where
+                         // the picker takes them.
+                         const bool picking =
+                             self->popoverView_ && self->popoverView_->shownView() == 2;
                          SafariExtensionHandler().popoverDidCloseInWindow(self->handle_);
+                         if (Tab* tab = self->currentTab(); tab && picking) {
+                             gtk_widget_grab_focus(GTK_WIDGET(tab->view));
+                         }
                          self->event("popover-closed");
                      }),
                      this);
@@ -178,7 +210,85 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                      }),
                      this);
 
+    addShortcuts();
     if (options_.control) startControlChannel();
+}
+
+// The usual browser keys, and one for the extension's popover (it closes
+// the popover too). Taken before the focused widget sees them: the page and
+// the location entry would keep some.
+void BrowserWindow::addShortcuts() {
+    const auto newController = [] {
+        GtkEventController* controller = gtk_shortcut_controller_new();
+        gtk_event_controller_set_propagation_phase(controller, GTK_PHASE_CAPTURE);
+        return controller;
+    };
+    GtkEventController* controller = newController();
+    using Handler = void (*)(BrowserWindow*);
+    const auto add = [&](const char* triggers, Handler handler) {
+        GtkShortcut* shortcut = gtk_shortcut_new(
+            gtk_shortcut_trigger_parse_string(triggers),
+            gtk_callback_action_new(
+                +[](GtkWidget*, GVariant*, gpointer data) -> gboolean {
+                    auto* entry = static_cast<std::pair<BrowserWindow*, Handler>*>(data);
+                    entry->second(entry->first);
+                    return TRUE;
+                },
+                new std::pair<BrowserWindow*, Handler>(this, handler),
+                +[](gpointer data) {
+                    delete static_cast<std::pair<BrowserWindow*, Handler>*>(data);
+                }));
+        gtk_shortcut_controller_add_shortcut(GTK_SHORTCUT_CONTROLLER(controller), shortcut);
+    };
+    const Handler togglePopover = [](BrowserWindow* self) {
+        if (gtk_widget_get_visible(self->popover_)) {
+            gtk_popover_popdown(GTK_POPOVER(self->popover_));
+        } else {
+            self->popupFromToolbar();
+        }
+    };
+    add("<Alt><Shift>s", togglePopover);
+    add("<Control>l", [](BrowserWindow* self) {
+        gtk_widget_grab_focus(self->location_);
+        gtk_editable_select_region(GTK_EDITABLE(self->location_), 0, -1);
+    });
+    add("<Control>t", [](BrowserWindow* self) {
+        self->openTab("about:blank");
+        gtk_widget_grab_focus(self->location_);
+    });
+    add("<Control>w", [](BrowserWindow* self) {
+        if (Tab* tab = self->currentTab()) self->closeTab(tab);
+    });
+    add("<Alt>Left", [](BrowserWindow* self) {
+        if (Tab* tab = self->currentTab()) webkit_web_view_go_back(tab->view);
+    });
+    add("<Alt>Right", [](BrowserWindow* self) {
+        if (Tab* tab = self->currentTab()) webkit_web_view_go_forward(tab->view);
+    });
+    add("F5|<Control>r", [](BrowserWindow* self) {
+        if (Tab* tab = self->currentTab()) webkit_web_view_reload(tab->view);
+    });
+    gtk_widget_add_controller(window_, controller);
+    // The popover is a surface of its own: its keys never reach the window.
+    controller = newController();
+    add("<Alt><Shift>s", togglePopover);
+    gtk_widget_add_controller(popover_, controller);
+}
+
+// The toolbar button's description says how many loads were blocked on the
+// page, as its badge shows; with no badge (none blocked, or the counter off)
+// it says nothing.
+void BrowserWindow::describeToolbarButton() {
+    const auto& badge = toolbarItem_->badgeText();
+    // The inner button is described by this one.
+    if (!badge) {
+        gtk_accessible_reset_property(GTK_ACCESSIBLE(toolbarButton_),
+                                      GTK_ACCESSIBLE_PROPERTY_DESCRIPTION);
+        return;
+    }
+    const std::string text = *badge + (*badge == "1" ? " blocked load" : " blocked loads");
+    gtk_accessible_update_property(GTK_ACCESSIBLE(toolbarButton_),
+                                   GTK_ACCESSIBLE_PROPERTY_DESCRIPTION, text.c_str(), -1);
 }
 
 BrowserWindow::~BrowserWindow() {
@@ -242,9 +352,23 @@ void BrowserWindow::openTab(const std::string& url) {
     gtk_label_set_ellipsize(GTK_LABEL(titleLabel), PANGO_ELLIPSIZE_END);
     GtkWidget* close = gtk_button_new_from_icon_name("window-close-symbolic");
     gtk_button_set_has_frame(GTK_BUTTON(close), FALSE);
+    gtk_widget_set_tooltip_text(close, "Close Tab (Ctrl+W)");
+    gtk_accessible_update_property(GTK_ACCESSIBLE(close), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                   "Close Tab", -1);
     gtk_box_append(GTK_BOX(title), titleLabel);
     gtk_box_append(GTK_BOX(title), close);
     g_object_bind_property(tab->view, "title", titleLabel, "label", G_BINDING_DEFAULT);
+    // The notebook names every tab "Tab"; its page's title says which.
+    g_signal_connect(titleLabel, "notify::label", G_CALLBACK(+[](GtkLabel* label, GParamSpec*) {
+                         GtkWidget* tab =
+                             gtk_widget_get_parent(gtk_widget_get_parent(GTK_WIDGET(label)));
+                         const char* text = gtk_label_get_label(label);
+                         if (tab && text && *text) {
+                             gtk_accessible_update_property(
+                                 GTK_ACCESSIBLE(tab), GTK_ACCESSIBLE_PROPERTY_LABEL, text, -1);
+                         }
+                     }),
+                     nullptr);
     g_object_set_data(G_OBJECT(close), "stonewall-view", tab->view);
     g_signal_connect(close, "clicked", G_CALLBACK(+[](GtkButton* button, BrowserWindow* self) {
                          auto* view = static_cast<WebKitWebView*>(

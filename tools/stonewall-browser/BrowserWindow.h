@@ -67,6 +67,8 @@ class BrowserWindow {
     bool snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page);
     void evaluateInPage(const std::string& script);
     std::string stateLine();
+    std::string clippedLabels();
+    std::string paletteLine();
 
   private:
     struct Tab {
@@ -79,6 +81,8 @@ class BrowserWindow {
     Tab* currentTab();
     void closeTab(Tab* tab);
     void updateNavigationControls();
+    void addShortcuts();
+    void describeToolbarButton();
     void startControlChannel();
     void afterNextPaint(std::string timingName, gint64 since);
     void afterNextFrame(std::function<void()> work);

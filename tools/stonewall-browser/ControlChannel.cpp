@@ -16,6 +16,15 @@
 //   clipped-labels      answers "clipped-labels [texts]": the shown popover
 //                       labels whose text does not fit (after the next frame)
 //   validate            run toolbar validation now
+//   clipped             answers "clipped N [TEXT|...]": the open popover's
+//                       labels and the badge shown shorter than their text
+//                       (ellipsized, or cut by their allocation)
+//   text-scale F        scale the desktop's text by F (as its text-size
+//                       setting does)
+//   palette             answers "palette [{text,sensitive,color,background},...]":
+//                       each text of the open popover drawn in a palette colour,
+//                       the colour laid over the popover's background under it
+//                       (both "#rrggbb", read from the popover's rendering)
 //   state               answers "state {json}" once the main queue is idle
 //   quit
 //
@@ -28,7 +37,12 @@
 
 #include <gio/gunixinputstream.h>
 
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "BrowserWindow.h"
 #include "extension/SafariExtensionHandler.h"
@@ -216,6 +230,19 @@ void BrowserWindow::startControlChannel() {
                         return;
                     } else if (command == "validate")
                         self->validateToolbarItem();
+                    else if (command == "clipped" || command == "palette") {
+                        // Once the last view switch is laid out and drawn.
+                        self->afterNextFrame([self, command] {
+                            self->event(command + " " +
+                                        (command == "clipped" ? self->clippedLabels()
+                                                              : self->paletteLine()));
+                        });
+                        next(self);
+                        return;
+                    } else if (command == "text-scale")
+                        g_object_set(gtk_settings_get_default(), "gtk-xft-dpi",
+                                     static_cast<int>(96 * 1024 * std::atof(argument.c_str())),
+                                     nullptr);
                     else if (command == "state") {
                         // After the work the last command started on the
                         // main queue, held or not (the queue runs at idle
@@ -370,6 +397,130 @@ bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView,
         }
     }
     return renderToPNG(window_, gtk_snapshot_free_to_node(snapshot), width, height, path);
+}
+
+// Labels of the open popover (and the badge) that show less than their
+// text: ellipsized, larger than their allocation, or outside their parent.
+std::string BrowserWindow::clippedLabels() {
+    std::vector<std::string> clipped;
+    struct Walk {
+        static void visit(GtkWidget* widget, std::vector<std::string>& clipped) {
+            if (!gtk_widget_get_mapped(widget) || GTK_IS_POPOVER(widget)) return;
+            if (GTK_IS_LABEL(widget) && *gtk_label_get_text(GTK_LABEL(widget))) {
+                PangoLayout* layout = gtk_label_get_layout(GTK_LABEL(widget));
+                int width = 0, height = 0;
+                pango_layout_get_pixel_size(layout, &width, &height);
+                graphene_rect_t bounds;
+                GtkWidget* parent = gtk_widget_get_parent(widget);
+                const bool inside =
+                    !parent ||
+                    (gtk_widget_compute_bounds(widget, parent, &bounds) && bounds.origin.x >= 0 &&
+                     bounds.origin.y >= 0 &&
+                     bounds.origin.x + bounds.size.width <= gtk_widget_get_width(parent) + 0.5f &&
+                     bounds.origin.y + bounds.size.height <= gtk_widget_get_height(parent) + 0.5f);
+                if (pango_layout_is_ellipsized(layout) || width > gtk_widget_get_width(widget) ||
+                    height > gtk_widget_get_height(widget) || !inside) {
+                    clipped.push_back(gtk_label_get_text(GTK_LABEL(widget)));
+                }
+            }
+            for (GtkWidget* child = gtk_widget_get_first_child(widget); child;
+                 child = gtk_widget_get_next_sibling(child)) {
+                visit(child, clipped);
+            }
+        }
+    };
+    if (popoverView_) Walk::visit(popoverView_->root(), clipped);
+    Walk::visit(toolbarButton_, clipped);
+    std::string line = std::to_string(clipped.size());
+    for (size_t i = 0; i < clipped.size(); ++i) line += (i ? "|" : " ") + clipped[i];
+    return line;
+}
+
+namespace {
+
+std::string hexColor(double red, double green, double blue) {
+    char text[8];
+    const auto byte = [](double value) {
+        return static_cast<unsigned>(std::lround(std::clamp(value, 0.0, 1.0) * 255));
+    };
+    std::snprintf(text, sizeof text, "#%02x%02x%02x", byte(red), byte(green), byte(blue));
+    return text;
+}
+
+// The popover's background, read from its rendering: a pixel near its top
+// left corner, inside its padding, where no control is drawn.
+std::optional<std::array<double, 3>> popoverBackground(GtkWidget* root) {
+    const int width = gtk_widget_get_width(root), height = gtk_widget_get_height(root);
+    if (width < 4 || height < 4) return std::nullopt;
+    GdkPaintable* paintable = gtk_widget_paintable_new(root);
+    GtkSnapshot* snapshot = gtk_snapshot_new();
+    gdk_paintable_snapshot(paintable, GDK_SNAPSHOT(snapshot), width, height);
+    g_object_unref(paintable);
+    GskRenderNode* node = gtk_snapshot_free_to_node(snapshot);
+    GskRenderer* renderer = gtk_native_get_renderer(gtk_widget_get_native(root));
+    if (!node || !renderer) {
+        if (node) gsk_render_node_unref(node);
+        return std::nullopt;
+    }
+    graphene_rect_t bounds = GRAPHENE_RECT_INIT(0, 0, 4, 4);
+    GdkTexture* texture = gsk_renderer_render_texture(renderer, node, &bounds);
+    gsk_render_node_unref(node);
+    if (!texture) return std::nullopt;
+    guchar pixels[4 * 4 * 4];
+    gdk_texture_download(texture, pixels, 4 * 4);
+    g_object_unref(texture);
+    // Cairo's order: B, G, R, A (premultiplied; the background is opaque).
+    const guchar* pixel = pixels + (2 * 4 + 2) * 4;
+    return std::array<double, 3>{pixel[2] / 255.0, pixel[1] / 255.0, pixel[0] / 255.0};
+}
+
+}  // namespace
+
+std::string BrowserWindow::paletteLine() {
+    nlohmann::json texts = nlohmann::json::array();
+    if (!popoverView_) return texts.dump();
+    const auto background = popoverBackground(popoverView_->root());
+    if (!background) return texts.dump();
+    struct Walk {
+        static void visit(GtkWidget* widget, const std::array<double, 3>& under,
+                          nlohmann::json& texts) {
+            if (!gtk_widget_get_mapped(widget)) return;
+            // The texts drawn in the palette's colours (the push buttons'
+            // are the theme's, on the buttons' own backgrounds).
+            PangoAttrList* attributes =
+                GTK_IS_LABEL(widget) ? gtk_label_get_attributes(GTK_LABEL(widget)) : nullptr;
+            PangoAttrIterator* at = attributes ? pango_attr_list_get_iterator(attributes) : nullptr;
+            auto* fg = at ? reinterpret_cast<PangoAttrColor*>(
+                                pango_attr_iterator_get(at, PANGO_ATTR_FOREGROUND))
+                          : nullptr;
+            if (fg && *gtk_label_get_text(GTK_LABEL(widget))) {
+                GdkRGBA color{fg->color.red / 65535.0f, fg->color.green / 65535.0f,
+                              fg->color.blue / 65535.0f, 1};
+                if (auto* alpha = reinterpret_cast<PangoAttrInt*>(
+                        pango_attr_iterator_get(at, PANGO_ATTR_FOREGROUND_ALPHA))) {
+                    color.alpha = alpha->value / 65535.0f;
+                }
+                // The widget's opacity dims it too.
+                color.alpha *= static_cast<float>(gtk_widget_get_opacity(widget));
+                const auto over = [&](double ink, double paper) {
+                    return ink * color.alpha + paper * (1 - color.alpha);
+                };
+                texts.push_back(
+                    {{"text", gtk_label_get_text(GTK_LABEL(widget))},
+                     {"sensitive", gtk_widget_is_sensitive(widget) ? true : false},
+                     {"color", hexColor(over(color.red, under[0]), over(color.green, under[1]),
+                                        over(color.blue, under[2]))},
+                     {"background", hexColor(under[0], under[1], under[2])}});
+            }
+            if (at) pango_attr_iterator_destroy(at);
+            for (GtkWidget* child = gtk_widget_get_first_child(widget); child;
+                 child = gtk_widget_get_next_sibling(child)) {
+                visit(child, under, texts);
+            }
+        }
+    };
+    Walk::visit(popoverView_->root(), *background, texts);
+    return texts.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 std::string BrowserWindow::stateLine() {

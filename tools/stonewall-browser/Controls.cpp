@@ -7,7 +7,8 @@ namespace stonewall::browser {
 
 // --- ExtensionButton rows --------------------------------------------------------
 
-void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton>& button) {
+void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton>& button,
+                           std::function<void()> onPressed) {
     using Weak = std::weak_ptr<ExtensionButton>;
     const auto destroyWeak = +[](gpointer data, GClosure*) { delete static_cast<Weak*>(data); };
     gtk_widget_set_focusable(row, button->canBecomeKeyView());
@@ -24,26 +25,30 @@ void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton
                           new Weak(button), destroyWeak, GConnectFlags(0));
     gtk_widget_add_controller(row, motion);
 
-    // The press does nothing; the button acts on release.
-    GtkGesture* click = gtk_gesture_click_new();
-    gtk_gesture_single_set_button(GTK_GESTURE_SINGLE(click), GDK_BUTTON_PRIMARY);
-    g_signal_connect_data(click, "released",
-                          G_CALLBACK(+[](GtkGestureClick*, int, double x, double y, Weak* weak) {
-                              if (auto self = weak->lock()) self->mouseUp(Point{x, y});
-                          }),
-                          new Weak(button), destroyWeak, GConnectFlags(0));
-    gtk_widget_add_controller(row, GTK_EVENT_CONTROLLER(click));
+    // A click released on the row: the button flashes, then acts.
+    struct Pressed {
+        Weak button;
+        std::function<void()> onPressed;
+    };
+    g_signal_connect_data(
+        row, "clicked", G_CALLBACK(+[](GtkButton*, Pressed* pressed) {
+            auto self = pressed->button.lock();
+            if (!self) return;
+            if (pressed->onPressed) pressed->onPressed();
+            clickExtensionButton(*self);
+        }),
+        new Pressed{button, onPressed},
+        +[](gpointer data, GClosure*) { delete static_cast<Pressed*>(data); }, GConnectFlags(0));
 
-    GtkEventController* keys = gtk_event_controller_key_new();
-    g_signal_connect_data(keys, "key-pressed",
-                          G_CALLBACK(+[](GtkEventControllerKey*, guint keyval, guint,
-                                         GdkModifierType, Weak* weak) -> gboolean {
-                              auto self = weak->lock();
-                              if (!self || keyval != GDK_KEY_space) return FALSE;
-                              return self->performKeyEquivalent(kSpaceKeyCode);
-                          }),
-                          new Weak(button), destroyWeak, GConnectFlags(0));
-    gtk_widget_add_controller(row, keys);
+    // Space or Return on the focused row acts at once, as the space key
+    // does for the front's button; an assistive technology's press (the row
+    // need not have the focus) is a click.
+    layerButtonSetOnActivate(row, [weak = Weak(button), onPressed] {
+        auto self = weak.lock();
+        if (!self || !self->isEnabled()) return;
+        if (onPressed) onPressed();
+        if (!self->performKeyEquivalent(kSpaceKeyCode)) clickExtensionButton(*self);
+    });
 }
 
 void clickExtensionButton(ExtensionButton& button) {

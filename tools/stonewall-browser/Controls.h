@@ -9,6 +9,7 @@
 
 #include <gtk/gtk.h>
 
+#include <functional>
 #include <memory>
 
 #include "extension/CustomSwitch.h"
@@ -16,10 +17,12 @@
 
 namespace stonewall::browser {
 
-// Makes `row` (the button's view) a focusable row that forwards hover,
-// release and the space key to `button`. The widget holds the button
-// weakly: the popover's view tree owns it.
-void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton>& button);
+// Makes `row` (a layer button, the button's view) a focusable row that
+// forwards hover, clicks and activation (Space, Return, assistive
+// technologies) to `button`, calling `onPressed` first. The widget holds the
+// button weakly: the popover's view tree owns it.
+void attachExtensionButton(GtkWidget* row, const std::shared_ptr<ExtensionButton>& button,
+                           std::function<void()> onPressed = {});
 
 // What a click released in the middle of the row does.
 void clickExtensionButton(ExtensionButton& button);

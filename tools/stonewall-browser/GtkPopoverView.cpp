@@ -15,9 +15,12 @@ GtkWidget* buttonRow(GtkWidget* cancel, GtkWidget* done) {
 }
 
 // A title and message centred above an optional control and a row of
-// buttons: the picking, profile, website, reloading and error views.
+// buttons: the picking, profile, website, reloading and error views. Told
+// as a dialog, named by its title and described by its message.
 GtkWidget* dialogView(GtkWidget* messages, GtkWidget* middle, GtkWidget* buttons) {
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
+    GtkWidget* box =
+        GTK_WIDGET(g_object_new(GTK_TYPE_BOX, "orientation", GTK_ORIENTATION_VERTICAL, "spacing", 8,
+                                "accessible-role", GTK_ACCESSIBLE_ROLE_DIALOG, nullptr));
     gtk_widget_add_css_class(box, "dialog-view");
     GtkWidget* top = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
     gtk_widget_set_vexpand(top, TRUE);
@@ -55,9 +58,11 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
         "mainStackViewTrailingConstraint",
         std::make_shared<GtkMarginConstraint>(main, GtkMarginConstraint::Edge::End, 0));
     const auto append = [main](GtkWidget* child) { gtk_box_append(GTK_BOX(main), child); };
+    // The two switches are told as such (a check box, where the toolkit
+    // has no switch), checked when on.
     append(label("statusHeaderLabel", "extension-header"));
-    append(row("statusButton", "statusImageView"));
-    append(row("counterButton", "counterImageView"));
+    append(row("statusButton", "statusImageView", GTK_ACCESSIBLE_ROLE_SWITCH));
+    append(row("counterButton", "counterImageView", GTK_ACCESSIBLE_ROLE_SWITCH));
     append(
         separator("statusLineView", "statusLineLeadingConstraint", "statusLineTrailingConstraint"));
     append(label("visualHeaderLabel", "extension-header"));
@@ -82,6 +87,8 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
     confirmationPage("visual", nullptr, L("Cancel"), L("Done"), 2);
     popup_ = std::make_shared<GtkPopUpButton>();
     profilePopUp_ = popup_;
+    gtk_accessible_update_property(GTK_ACCESSIBLE(popup_->widget()), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                   L("Profiles").c_str(), -1);
     confirmationPage("profile", popup_->widget(), L("Cancel"), L("Activate"), 3);
     confirmationPage("website", nullptr, L("Cancel"), L("Block"), 4);
 
@@ -90,22 +97,93 @@ GtkPopoverView::GtkPopoverView(const std::function<std::string(const std::string
     reloadProgress_ = progress_;
     GtkWidget* reloading = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
     gtk_box_append(GTK_BOX(reloading), label("reloadTitleLabel", "extension-title"));
-    addPage("reloadStackView", dialogView(reloading, progress_->widget(), nullptr), 5);
+    // The title says it: the spinner is no more than a picture.
+    gtk_accessible_update_state(GTK_ACCESSIBLE(progress_->widget()), GTK_ACCESSIBLE_STATE_HIDDEN,
+                                TRUE, -1);
+    GtkWidget* reloadPage = dialogView(reloading, progress_->widget(), nullptr);
+    describeDialog(reloadPage, "reload");
+    addPage("reloadStackView", reloadPage, 5);
 
     // 6: error.
     GtkWidget* error = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
     gtk_box_append(GTK_BOX(error), label("errorTitleLabel", "extension-title"));
     gtk_box_append(GTK_BOX(error), label("errorMessageLabel", "extension-message"));
-    addPage("errorMessageStackView",
-            dialogView(error, nullptr,
-                       buttonRow(nullptr, pushButton("errorDoneButton", L("OK"), true))),
-            6);
+    GtkWidget* errorPage = dialogView(
+        error, nullptr, buttonRow(nullptr, pushButton("errorDoneButton", L("OK"), true)));
+    describeDialog(errorPage, "error");
+    addPage("errorMessageStackView", errorPage, 6);
+
+    // Escape leaves a confirmation the way its Cancel does (the error view:
+    // its OK); on the main view it closes the popover, as GTK does.
+    GtkEventController* keys = gtk_event_controller_key_new();
+    gtk_event_controller_set_propagation_phase(keys, GTK_PHASE_CAPTURE);
+    g_signal_connect(keys, "key-pressed",
+                     G_CALLBACK(+[](GtkEventControllerKey*, guint keyval, guint, GdkModifierType,
+                                    GtkPopoverView* self) -> gboolean {
+                         if (keyval != GDK_KEY_Escape) return FALSE;
+                         GtkWidget* leave = self->leavingButton(self->shownView_);
+                         if (!leave) return FALSE;
+                         gtk_widget_activate(leave);
+                         return TRUE;
+                     }),
+                     this);
+    gtk_widget_add_controller(root_, keys);
+}
+
+GtkWidget* GtkPopoverView::leavingButton(int64_t code) const {
+    const char* outlet = code == 2   ? "visualCancelButton"
+                         : code == 3 ? "profileCancelButton"
+                         : code == 4 ? "websiteCancelButton"
+                         : code == 6 ? "errorDoneButton"
+                                     : nullptr;
+    if (!outlet) return nullptr;
+    auto button = find<GtkPushButton>(buttons_, outlet);
+    return button ? button->widget() : nullptr;
+}
+
+void GtkPopoverView::describeDialog(GtkWidget* page, const std::string& name) {
+    const auto tell = [page](GtkAccessibleProperty property) {
+        return [page, property](const std::string& text) {
+            gtk_accessible_update_property(GTK_ACCESSIBLE(page), property, text.c_str(), -1);
+        };
+    };
+    if (auto title = find<GtkTextField>(textFields_, name + "TitleLabel"))
+        title->setOnTextShown(tell(GTK_ACCESSIBLE_PROPERTY_LABEL));
+    if (auto message = find<GtkTextField>(textFields_, name + "MessageLabel"))
+        message->setOnTextShown(tell(GTK_ACCESSIBLE_PROPERTY_DESCRIPTION));
+}
+
+// The focus when a view shows: a confirmation starts on its Cancel (the
+// error view on its OK), so that Return never confirms by accident; the main
+// view, back from a confirmation, on the row that opened it. Later, outside
+// the view switch: the popover may not be mapped yet.
+void GtkPopoverView::focusShownView(int64_t previous, int64_t code) {
+    GtkWidget* target =
+        code == 1 ? (leavingButton(previous) ? returnRow_ : nullptr) : leavingButton(code);
+    if (!target) return;
+    g_object_ref(target);
+    g_idle_add_once(
+        +[](gpointer data) {
+            auto* widget = static_cast<GtkWidget*>(data);
+            if (gtk_widget_get_mapped(widget)) gtk_widget_grab_focus(widget);
+            g_object_unref(widget);
+        },
+        target);
 }
 
 GtkPopoverView::~GtkPopoverView() { g_object_unref(root_); }
 
 GtkWidget* GtkPopoverView::label(std::string_view outlet, const char* cssClass) {
-    GtkWidget* widget = gtk_label_new("");
+    // Headers of the main view's groups and titles of the other views are
+    // headings.
+    const bool heading = std::string_view(cssClass) != "extension-message";
+    GtkWidget* widget = GTK_WIDGET(
+        g_object_new(GTK_TYPE_LABEL, "accessible-role",
+                     heading ? GTK_ACCESSIBLE_ROLE_HEADING : GTK_ACCESSIBLE_ROLE_LABEL, nullptr));
+    if (heading) {
+        gtk_accessible_update_property(GTK_ACCESSIBLE(widget), GTK_ACCESSIBLE_PROPERTY_LEVEL,
+                                       std::string_view(cssClass) == "extension-title" ? 1 : 2, -1);
+    }
     gtk_widget_add_css_class(widget, cssClass);
     gtk_label_set_xalign(GTK_LABEL(widget), 0);
     gtk_label_set_wrap(GTK_LABEL(widget), TRUE);
@@ -116,14 +194,19 @@ GtkWidget* GtkPopoverView::label(std::string_view outlet, const char* cssClass) 
     return widget;
 }
 
-GtkWidget* GtkPopoverView::row(std::string_view outlet, std::string_view imageOutlet) {
-    GtkWidget* box = layerBoxNew(GTK_ORIENTATION_HORIZONTAL, 8);
-    gtk_widget_add_css_class(box, "extension-button");
-    auto view = std::make_shared<GtkView>(box);
+GtkWidget* GtkPopoverView::row(std::string_view outlet, std::string_view imageOutlet,
+                               GtkAccessibleRole role) {
+    GtkWidget* widget = layerButtonNew(role);
+    gtk_widget_add_css_class(widget, "extension-button");
+    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
+    gtk_button_set_child(GTK_BUTTON(widget), box);
+    auto view = std::make_shared<GtkRowView>(widget);
     std::shared_ptr<GtkImageView> icon;
     if (!imageOutlet.empty()) {
         GtkWidget* image = gtk_image_new();
         gtk_image_set_pixel_size(GTK_IMAGE(image), 16);
+        // The switch's state says what the picture shows.
+        gtk_accessible_update_state(GTK_ACCESSIBLE(image), GTK_ACCESSIBLE_STATE_HIDDEN, TRUE, -1);
         gtk_box_append(GTK_BOX(box), image);
         icon = std::make_shared<GtkImageView>(image);
         imageViews_.emplace(std::string(imageOutlet), icon);
@@ -134,12 +217,16 @@ GtkWidget* GtkPopoverView::row(std::string_view outlet, std::string_view imageOu
     gtk_widget_set_hexpand(title, TRUE);
     gtk_box_append(GTK_BOX(box), title);
     auto name = std::make_shared<GtkTextField>(title);
+    name->setOnTextShown([weak = std::weak_ptr<GtkRowView>(view)](const std::string& text) {
+        if (auto row = weak.lock()) row->setVisibleTitle(text);
+    });
     auto button = ExtensionButton::initWithView(view, name, icon);
-    attachExtensionButton(box, button);
+    // The row a confirmation goes back to.
+    attachExtensionButton(widget, button, [this, widget] { returnRow_ = widget; });
     extensionButtons_.emplace(std::string(outlet), button);
     drawn_.push_back(view);
     drawn_.push_back(name);
-    return box;
+    return widget;
 }
 
 GtkWidget* GtkPopoverView::separator(std::string_view outlet, std::string_view leading,
@@ -178,18 +265,27 @@ void GtkPopoverView::confirmationPage(const std::string& name, GtkWidget* contro
     stackViews_.emplace(name + "MessageStackView", std::make_shared<GtkStackView>(messages));
     constraints_.emplace(name + "CenterY", std::make_shared<GtkMarginConstraint>(
                                                messages, GtkMarginConstraint::Edge::Top, 0));
-    addPage(name + "StackView",
-            dialogView(messages, control,
-                       buttonRow(pushButton(name + "CancelButton", cancelTitle, false),
-                                 pushButton(name + "DoneButton", doneTitle, true))),
-            code);
+    GtkWidget* page = dialogView(messages, control,
+                                 buttonRow(pushButton(name + "CancelButton", cancelTitle, false),
+                                           pushButton(name + "DoneButton", doneTitle, true)));
+    describeDialog(page, name);
+    addPage(name + "StackView", page, code);
 }
 
 void GtkPopoverView::addPage(std::string_view outlet, GtkWidget* box, int64_t code) {
     gtk_stack_add_child(GTK_STACK(stack_), box);
+    pages_.push_back(box);
     auto page = std::make_shared<GtkStackView>(box, stack_);
-    page->setOnShown([this, code] {
+    page->setOnShown([this, code, box] {
+        const int64_t previous = shownView_;
         shownView_ = code;
+        // The stack keeps every view visible; assistive technologies are
+        // told which one is not hidden.
+        for (GtkWidget* other : pages_) {
+            gtk_accessible_update_state(GTK_ACCESSIBLE(other), GTK_ACCESSIBLE_STATE_HIDDEN,
+                                        other != box, -1);
+        }
+        focusShownView(previous, code);
         if (onViewShown_) onViewShown_(code);
     });
     stackViews_.emplace(std::string(outlet), std::move(page));

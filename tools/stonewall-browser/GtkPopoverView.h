@@ -53,7 +53,8 @@ class GtkPopoverView : public OutletPopoverView {
 
   private:
     GtkWidget* label(std::string_view outlet, const char* cssClass);
-    GtkWidget* row(std::string_view outlet, std::string_view imageOutlet = {});
+    GtkWidget* row(std::string_view outlet, std::string_view imageOutlet = {},
+                   GtkAccessibleRole role = GTK_ACCESSIBLE_ROLE_BUTTON);
     GtkWidget* separator(std::string_view outlet, std::string_view leading,
                          std::string_view trailing);
     GtkWidget* pushButton(std::string_view outlet, const std::string& title, bool suggested);
@@ -63,6 +64,12 @@ class GtkPopoverView : public OutletPopoverView {
                           const std::string& cancelTitle, const std::string& doneTitle,
                           int64_t code);
     void addPage(std::string_view outlet, GtkWidget* box, int64_t code);
+    // Names the dialog `page` by the text of "<name>TitleLabel" and
+    // describes it by that of "<name>MessageLabel", as they change.
+    void describeDialog(GtkWidget* page, const std::string& name);
+    // The button that leaves view `code` (its Cancel; OK of the error view).
+    GtkWidget* leavingButton(int64_t code) const;
+    void focusShownView(int64_t previous, int64_t code);
 
     GtkWidget* root_ = nullptr;
     GtkWidget* stack_ = nullptr;
@@ -72,6 +79,8 @@ class GtkPopoverView : public OutletPopoverView {
     std::vector<std::shared_ptr<AppearanceDependent>> drawn_;
     std::function<void(int64_t)> onViewShown_;
     int64_t shownView_ = 0;
+    std::vector<GtkWidget*> pages_;   // the views' boxes, in the stack
+    GtkWidget* returnRow_ = nullptr;  // the row pressed last; the main view's
 };
 
 }  // namespace stonewall::browser

@@ -10,14 +10,20 @@ GtkToolkit::GtkToolkit(std::string resources) : resources_(std::move(resources))
     AdwStyleManager* style = adw_style_manager_get_default();
     dark_ = adw_style_manager_get_dark(style);
     darkHandler_ = g_signal_connect(style, "notify::dark", G_CALLBACK(onDarkChanged), this);
+    setHighContrast(adw_style_manager_get_high_contrast(style));
+    contrastHandler_ =
+        g_signal_connect(style, "notify::high-contrast", G_CALLBACK(onDarkChanged), this);
 }
 
 GtkToolkit::~GtkToolkit() {
     g_signal_handler_disconnect(adw_style_manager_get_default(), darkHandler_);
+    g_signal_handler_disconnect(adw_style_manager_get_default(), contrastHandler_);
 }
 
+// The appearance or the contrast changed: every view is drawn again.
 void GtkToolkit::onDarkChanged(GObject* styleManager, GParamSpec*, GtkToolkit* self) {
     self->dark_ = adw_style_manager_get_dark(ADW_STYLE_MANAGER(styleManager));
+    setHighContrast(adw_style_manager_get_high_contrast(ADW_STYLE_MANAGER(styleManager)));
     if (self->popover_) self->popover_->refreshAppearance();
 }
 

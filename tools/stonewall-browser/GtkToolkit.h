@@ -45,6 +45,7 @@ class GtkToolkit : public Toolkit {
     std::string resources_;
     std::atomic<bool> dark_{false};
     gulong darkHandler_ = 0;
+    gulong contrastHandler_ = 0;
     std::shared_ptr<GtkPopoverView> popover_;
     std::mutex imagesMutex_;
     std::map<std::string, std::shared_ptr<NSImage>> images_;

@@ -6,11 +6,28 @@
 #include "extension/platform/FrontServices.h"
 #include "platform/Platform.h"
 
-// A GtkBox subclass is the way to paint under a box's children.
-struct StonewallLayerBox {
-    GtkBox parent;
+// Subclasses are the way to paint under a widget's children: a box for the
+// separators, a button for the rows.
+struct StonewallLayer {
     GdkRGBA background;
     float cornerRadius;
+};
+
+static void snapshotLayer(const StonewallLayer& layer, GtkWidget* widget, GtkSnapshot* snapshot) {
+    if (layer.background.alpha <= 0) return;
+    const graphene_rect_t bounds =
+        GRAPHENE_RECT_INIT(0, 0, static_cast<float>(gtk_widget_get_width(widget)),
+                           static_cast<float>(gtk_widget_get_height(widget)));
+    GskRoundedRect rounded;
+    gsk_rounded_rect_init_from_rect(&rounded, &bounds, layer.cornerRadius);
+    gtk_snapshot_push_rounded_clip(snapshot, &rounded);
+    gtk_snapshot_append_color(snapshot, &layer.background, &bounds);
+    gtk_snapshot_pop(snapshot);
+}
+
+struct StonewallLayerBox {
+    GtkBox parent;
+    StonewallLayer layer;
 };
 struct StonewallLayerBoxClass {
     GtkBoxClass parent_class;
@@ -18,27 +35,56 @@ struct StonewallLayerBoxClass {
 G_DEFINE_TYPE(StonewallLayerBox, stonewall_layer_box, GTK_TYPE_BOX)
 
 static void stonewall_layer_box_snapshot(GtkWidget* widget, GtkSnapshot* snapshot) {
-    auto* self = reinterpret_cast<StonewallLayerBox*>(widget);
-    if (self->background.alpha > 0) {
-        const graphene_rect_t bounds =
-            GRAPHENE_RECT_INIT(0, 0, static_cast<float>(gtk_widget_get_width(widget)),
-                               static_cast<float>(gtk_widget_get_height(widget)));
-        GskRoundedRect rounded;
-        gsk_rounded_rect_init_from_rect(&rounded, &bounds, self->cornerRadius);
-        gtk_snapshot_push_rounded_clip(snapshot, &rounded);
-        gtk_snapshot_append_color(snapshot, &self->background, &bounds);
-        gtk_snapshot_pop(snapshot);
-    }
+    snapshotLayer(reinterpret_cast<StonewallLayerBox*>(widget)->layer, widget, snapshot);
     GTK_WIDGET_CLASS(stonewall_layer_box_parent_class)->snapshot(widget, snapshot);
 }
 
 static void stonewall_layer_box_init(StonewallLayerBox* self) {
-    self->background = GdkRGBA{0, 0, 0, 0};
-    self->cornerRadius = 0;
+    self->layer = StonewallLayer{GdkRGBA{0, 0, 0, 0}, 0};
 }
 
 static void stonewall_layer_box_class_init(StonewallLayerBoxClass* klass) {
     GTK_WIDGET_CLASS(klass)->snapshot = stonewall_layer_box_snapshot;
+}
+
+struct StonewallLayerButton {
+    GtkButton parent;
+    StonewallLayer layer;
+};
+struct StonewallLayerButtonClass {
+    GtkButtonClass parent_class;
+};
+G_DEFINE_TYPE(StonewallLayerButton, stonewall_layer_button, GTK_TYPE_BUTTON)
+
+static void stonewall_layer_button_snapshot(GtkWidget* widget, GtkSnapshot* snapshot) {
+    snapshotLayer(reinterpret_cast<StonewallLayerButton*>(widget)->layer, widget, snapshot);
+    GTK_WIDGET_CLASS(stonewall_layer_button_parent_class)->snapshot(widget, snapshot);
+}
+
+static void stonewall_layer_button_init(StonewallLayerButton* self) {
+    self->layer = StonewallLayer{GdkRGBA{0, 0, 0, 0}, 0};
+}
+
+static constexpr const char* kOnActivateKey = "stonewall-on-activate";
+
+// Space, Return and an assistive technology's press act at once: GtkButton
+// would show the button pressed for a quarter of a second first, and the row
+// has its own feedback.
+static void stonewall_layer_button_activate(GtkButton* button) {
+    auto* onActivate =
+        static_cast<std::function<void()>*>(g_object_get_data(G_OBJECT(button), kOnActivateKey));
+    if (onActivate && *onActivate) {
+        // The call may replace the callback; keep it alive.
+        const std::function<void()> call = *onActivate;
+        call();
+        return;
+    }
+    GTK_BUTTON_CLASS(stonewall_layer_button_parent_class)->activate(button);
+}
+
+static void stonewall_layer_button_class_init(StonewallLayerButtonClass* klass) {
+    GTK_WIDGET_CLASS(klass)->snapshot = stonewall_layer_button_snapshot;
+    GTK_BUTTON_CLASS(klass)->activate = stonewall_layer_button_activate;
 }
 
 namespace stonewall::browser {
@@ -47,10 +93,15 @@ namespace {
 
 // Per thread: a group applies to the changes its caller makes.
 thread_local double gAnimationDuration = 0;
+// Main thread.
+bool gHighContrast = false;
 
-StonewallLayerBox* asLayerBox(GtkWidget* widget) {
-    if (!G_TYPE_CHECK_INSTANCE_TYPE(widget, stonewall_layer_box_get_type())) return nullptr;
-    return reinterpret_cast<StonewallLayerBox*>(widget);
+StonewallLayer* asLayer(GtkWidget* widget) {
+    if (G_TYPE_CHECK_INSTANCE_TYPE(widget, stonewall_layer_box_get_type()))
+        return &reinterpret_cast<StonewallLayerBox*>(widget)->layer;
+    if (G_TYPE_CHECK_INSTANCE_TYPE(widget, stonewall_layer_button_get_type()))
+        return &reinterpret_cast<StonewallLayerButton*>(widget)->layer;
+    return nullptr;
 }
 
 bool darkAppearance() {
@@ -96,6 +147,8 @@ void onMainThread(std::function<void()> work) {
     platform::dispatch().mainQueue().async(std::move(work));
 }
 
+void setHighContrast(bool on) { gHighContrast = on; }
+
 double animationDurationInEffect() { return gAnimationDuration; }
 void setAnimationDurationInEffect(double seconds) { gAnimationDuration = seconds; }
 
@@ -105,22 +158,28 @@ GdkRGBA resolveColor(const NSColor& color, bool dark) {
                        static_cast<float>(color.blue), static_cast<float>(color.alpha)};
     }
     // The desktop's label, separator and selection colours as libadwaita
-    // draws them, light and dark.
+    // draws them, light and dark. Secondary text is as dim as a dim label
+    // can be and still read at 4.5:1 on the popover (docs/accessibility.md
+    // has the measured ratios); high contrast draws every text near full
+    // strength, as libadwaita's high-contrast style does.
     const float ink = dark ? 1.0f : 0.0f;
+    const bool high = gHighContrast;
     switch (*color.system) {
         case SystemColor::Label:
-            return {ink, ink, ink, 0.85f};
+            return {ink, ink, ink, high ? 1.0f : 0.85f};
         case SystemColor::SecondaryLabel:
-            return {ink, ink, ink, dark ? 0.55f : 0.5f};
+            return {ink, ink, ink, high ? 0.85f : 0.56f};
         case SystemColor::TertiaryLabel:
-            return {ink, ink, ink, dark ? 0.25f : 0.26f};
+            return {ink, ink, ink, high ? 0.6f : dark ? 0.25f : 0.26f};
         case SystemColor::Separator:
-            return {ink, ink, ink, 0.1f};
+            return {ink, ink, ink, high ? 0.5f : 0.1f};
         case SystemColor::DisabledControlText:
-            return {ink, ink, ink, 0.25f};
+            return {ink, ink, ink, high ? 0.5f : 0.25f};
         case SystemColor::SelectedContentBackground:
         case SystemColor::SelectedMenuItem:
-            return dark ? GdkRGBA{0.21f, 0.52f, 0.89f, 1} : GdkRGBA{0.11f, 0.44f, 0.85f, 1};
+            // One blue in both schemes: white on the lighter dark-scheme blue
+            // read at 3.7:1 only.
+            return GdkRGBA{0.11f, 0.44f, 0.85f, 1};
         case SystemColor::SelectedMenuItemText:
             return {1, 1, 1, 1};
         case SystemColor::WindowBackground:
@@ -135,6 +194,17 @@ GtkWidget* layerBoxNew(GtkOrientation orientation, int spacing) {
     GtkWidget* box = GTK_WIDGET(g_object_new(stonewall_layer_box_get_type(), "orientation",
                                              orientation, "spacing", spacing, nullptr));
     return box;
+}
+
+GtkWidget* layerButtonNew(GtkAccessibleRole role) {
+    return GTK_WIDGET(
+        g_object_new(stonewall_layer_button_get_type(), "accessible-role", role, nullptr));
+}
+
+void layerButtonSetOnActivate(GtkWidget* button, std::function<void()> onActivate) {
+    g_object_set_data_full(
+        G_OBJECT(button), kOnActivateKey, new std::function<void()>(std::move(onActivate)),
+        +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
 }
 
 // --- GtkImageResource ------------------------------------------------------------
@@ -170,12 +240,31 @@ template <typename Base>
 void GtkViewBase<Base>::refreshAppearance() {
     if (!background_) return;
     onMainThread([widget = widget_, color = *background_, radius = cornerRadius_] {
-        StonewallLayerBox* box = asLayerBox(widget);
-        if (!box) return;
-        box->background = resolveColor(color, darkAppearance());
-        box->cornerRadius = static_cast<float>(radius);
+        StonewallLayer* layer = asLayer(widget);
+        if (!layer) return;
+        layer->background = resolveColor(color, darkAppearance());
+        layer->cornerRadius = static_cast<float>(radius);
         gtk_widget_queue_draw(widget);
     });
+}
+
+template <typename Base>
+void GtkViewBase<Base>::setAccessibilityValue(std::optional<bool> checked) {
+    onMainThread([widget = widget_, checked] {
+        if (!checked) {
+            gtk_accessible_reset_state(GTK_ACCESSIBLE(widget), GTK_ACCESSIBLE_STATE_CHECKED);
+            return;
+        }
+        gtk_accessible_update_state(
+            GTK_ACCESSIBLE(widget), GTK_ACCESSIBLE_STATE_CHECKED,
+            *checked ? GTK_ACCESSIBLE_TRISTATE_TRUE : GTK_ACCESSIBLE_TRISTATE_FALSE, -1);
+    });
+}
+
+// Insensitive: out of the keyboard's way too, as a menu skips a disabled item.
+template <typename Base>
+void GtkViewBase<Base>::setAccessibilityEnabled(bool enabled) {
+    onMainThread([widget = widget_, enabled] { gtk_widget_set_sensitive(widget, enabled); });
 }
 
 template <typename Base>
@@ -198,6 +287,31 @@ template class GtkViewBase<NSPopUpButton>;
 template class GtkViewBase<NSProgressIndicator>;
 template class GtkViewBase<NSStackView>;
 
+// --- GtkRowView ---------------------------------------------------------------------
+
+void GtkRowView::setAccessibilityLabel(const std::string& label) {
+    onMainThread([this, label] {
+        label_ = label;
+        updateAccessibleText();
+    });
+}
+
+void GtkRowView::setVisibleTitle(const std::string& title) {
+    title_ = title;
+    updateAccessibleText();
+}
+
+void GtkRowView::updateAccessibleText() {
+    if (label_) {
+        gtk_accessible_update_property(GTK_ACCESSIBLE(widget_), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                       label_->c_str(), GTK_ACCESSIBLE_PROPERTY_DESCRIPTION,
+                                       title_.c_str(), -1);
+    } else {
+        gtk_accessible_update_property(GTK_ACCESSIBLE(widget_), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                       title_.c_str(), -1);
+    }
+}
+
 // --- GtkTextField -------------------------------------------------------------------
 
 void GtkTextField::setStringValue(const std::string& text) {
@@ -205,7 +319,10 @@ void GtkTextField::setStringValue(const std::string& text) {
         std::lock_guard lock(mutex_);
         text_ = text;
     }
-    onMainThread([widget = widget_, text] { gtk_label_set_text(GTK_LABEL(widget), text.c_str()); });
+    onMainThread([widget = widget_, onTextShown = onTextShown_, text] {
+        gtk_label_set_text(GTK_LABEL(widget), text.c_str());
+        if (onTextShown) onTextShown(text);
+    });
 }
 
 std::string GtkTextField::stringValue() const {
@@ -255,8 +372,10 @@ void GtkTextField::applyAttributes() {
                                    pango_attr_foreground_alpha_new(channel(rgba.alpha)));
         }
         if (font) {
-            pango_attr_list_insert(attributes, pango_attr_size_new_absolute(
-                                                   static_cast<int>(font->size * PANGO_SCALE)));
+            // The front's sizes are pixels at 96 dpi; given in points they
+            // follow the desktop's text scale, as the theme's texts do.
+            pango_attr_list_insert(
+                attributes, pango_attr_size_new(static_cast<int>(font->size * 0.75 * PANGO_SCALE)));
             pango_attr_list_insert(attributes, pango_attr_weight_new(pangoWeight(font->weight)));
         }
         gtk_label_set_attributes(GTK_LABEL(widget), attributes);
@@ -319,9 +438,16 @@ void GtkPushButton::setActionHandler(std::function<void()> action) {
 
 // --- GtkPopUpButton ------------------------------------------------------------------------
 
-GtkPopUpButton::GtkPopUpButton()
-    : GtkViewBase(gtk_drop_down_new(G_LIST_MODEL(gtk_string_list_new(nullptr)), nullptr)) {
-    model_ = GTK_STRING_LIST(gtk_drop_down_get_model(GTK_DROP_DOWN(widget_)));
+GtkPopUpButton::GtkPopUpButton() : GtkViewBase(gtk_scrolled_window_new()) {
+    list_ = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+    gtk_widget_add_css_class(list_, "profile-list");
+    gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(widget_), GTK_POLICY_NEVER,
+                                   GTK_POLICY_AUTOMATIC);
+    gtk_scrolled_window_set_propagate_natural_height(GTK_SCROLLED_WINDOW(widget_), TRUE);
+    gtk_scrolled_window_set_max_content_height(GTK_SCROLLED_WINDOW(widget_), 160);
+    gtk_scrolled_window_set_child(GTK_SCROLLED_WINDOW(widget_), list_);
+    // The rows take the focus, not the frame around them.
+    gtk_widget_set_focusable(widget_, FALSE);
 }
 
 void GtkPopUpButton::removeAllItems() {
@@ -329,8 +455,9 @@ void GtkPopUpButton::removeAllItems() {
         std::lock_guard lock(mutex_);
         items_.clear();
     }
-    onMainThread([model = model_] {
-        gtk_string_list_splice(model, 0, g_list_model_get_n_items(G_LIST_MODEL(model)), nullptr);
+    onMainThread([list = list_] {
+        while (GtkWidget* child = gtk_widget_get_first_child(list))
+            gtk_box_remove(GTK_BOX(list), child);
     });
 }
 
@@ -339,8 +466,44 @@ void GtkPopUpButton::addItem(const NSMenuItem& item) {
         std::lock_guard lock(mutex_);
         items_.push_back(item);
     }
-    onMainThread(
-        [model = model_, title = item.title] { gtk_string_list_append(model, title.c_str()); });
+    onMainThread([list = list_, title = item.title] {
+        // A toggle button is what GTK lets assistive technologies press; it
+        // is told as a radio item, and checked with its mark.
+        GtkWidget* row = GTK_WIDGET(g_object_new(GTK_TYPE_TOGGLE_BUTTON, "accessible-role",
+                                                 GTK_ACCESSIBLE_ROLE_RADIO, nullptr));
+        gtk_widget_add_css_class(row, "flat");
+        gtk_widget_add_css_class(row, "profile-row");
+        GtkWidget* box = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 6);
+        GtkWidget* mark = gtk_image_new_from_icon_name("object-select-symbolic");
+        gtk_widget_set_opacity(mark, 0);
+        GtkWidget* text = gtk_label_new(title.c_str());
+        gtk_label_set_xalign(GTK_LABEL(text), 0);
+        gtk_label_set_ellipsize(GTK_LABEL(text), PANGO_ELLIPSIZE_END);
+        gtk_widget_set_hexpand(text, TRUE);
+        gtk_box_append(GTK_BOX(box), mark);
+        gtk_box_append(GTK_BOX(box), text);
+        gtk_button_set_child(GTK_BUTTON(row), box);
+        gtk_accessible_update_property(GTK_ACCESSIBLE(row), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                       title.c_str(), -1);
+        gtk_accessible_update_state(GTK_ACCESSIBLE(row), GTK_ACCESSIBLE_STATE_CHECKED,
+                                    GTK_ACCESSIBLE_TRISTATE_FALSE, -1);
+        g_object_set_data(G_OBJECT(row), "stonewall-mark", mark);
+        g_signal_connect(
+            row, "toggled", G_CALLBACK(+[](GtkToggleButton* row, gpointer) {
+                const bool active = gtk_toggle_button_get_active(row);
+                auto* mark =
+                    static_cast<GtkWidget*>(g_object_get_data(G_OBJECT(row), "stonewall-mark"));
+                gtk_widget_set_opacity(mark, active ? 1 : 0);
+                gtk_accessible_update_state(
+                    GTK_ACCESSIBLE(row), GTK_ACCESSIBLE_STATE_CHECKED,
+                    active ? GTK_ACCESSIBLE_TRISTATE_TRUE : GTK_ACCESSIBLE_TRISTATE_FALSE, -1);
+            }),
+            nullptr);
+        if (GtkWidget* first = gtk_widget_get_first_child(list)) {
+            gtk_toggle_button_set_group(GTK_TOGGLE_BUTTON(row), GTK_TOGGLE_BUTTON(first));
+        }
+        gtk_box_append(GTK_BOX(list), row);
+    });
 }
 
 int64_t GtkPopUpButton::numberOfItems() const {
@@ -349,20 +512,31 @@ int64_t GtkPopUpButton::numberOfItems() const {
 }
 
 void GtkPopUpButton::selectItemAtIndex(int64_t index) {
-    const bool inside = index >= 0 && index < numberOfItems();
-    onMainThread([widget = widget_, index, inside] {
-        gtk_drop_down_set_selected(GTK_DROP_DOWN(widget),
-                                   inside ? static_cast<guint>(index) : GTK_INVALID_LIST_POSITION);
+    onMainThread([list = list_, index] {
+        int64_t at = 0;
+        for (GtkWidget* row = gtk_widget_get_first_child(list); row;
+             row = gtk_widget_get_next_sibling(row), ++at) {
+            if (at == index) {
+                gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(row), TRUE);
+                return;
+            }
+        }
+        // Outside the list: nothing selected.
+        for (GtkWidget* row = gtk_widget_get_first_child(list); row;
+             row = gtk_widget_get_next_sibling(row)) {
+            gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(row), FALSE);
+        }
     });
 }
 
 int64_t GtkPopUpButton::indexOfSelectedItem() const {
-    const guint selected = gtk_drop_down_get_selected(GTK_DROP_DOWN(widget_));
-    if (selected == GTK_INVALID_LIST_POSITION ||
-        static_cast<int64_t>(selected) >= numberOfItems()) {
-        return -1;
+    int64_t at = 0;
+    for (GtkWidget* row = gtk_widget_get_first_child(list_); row;
+         row = gtk_widget_get_next_sibling(row), ++at) {
+        if (gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(row)))
+            return at < numberOfItems() ? at : -1;
     }
-    return static_cast<int64_t>(selected);
+    return -1;
 }
 
 std::optional<NSMenuItem> GtkPopUpButton::selectedItem() const {

@@ -27,8 +27,11 @@ namespace stonewall::browser {
 // Runs `work` now on the main thread, else posts it there.
 void onMainThread(std::function<void()> work);
 
-// A colour of the front as GTK draws it in the given appearance.
+// A colour of the front as GTK draws it in the given appearance, and with
+// the desktop's high contrast when that is on (setHighContrast).
 GdkRGBA resolveColor(const NSColor& color, bool dark);
+// Main thread: the toolkit follows the desktop's contrast setting.
+void setHighContrast(bool on);
 
 // The duration of the animation group being run (Toolkit::runAnimationGroup),
 // 0 outside one. Main thread.
@@ -54,8 +57,15 @@ class AppearanceDependent {
 };
 
 // A box that paints its layer background (rounded by the corner radius)
-// under its children: the rows and separators of the popover.
+// under its children: the separators of the popover.
 GtkWidget* layerBoxNew(GtkOrientation orientation, int spacing);
+// A button that paints its layer background under its child, in the given
+// accessible role (a push button, a toggle): the rows of the popover.
+GtkWidget* layerButtonNew(GtkAccessibleRole role);
+// What activating a layer button from the keyboard or an assistive
+// technology does (instead of GtkButton's delayed "clicked"); a pointer
+// click still emits "clicked".
+void layerButtonSetOnActivate(GtkWidget* button, std::function<void()> onActivate);
 
 template <typename Base>
 class GtkViewBase : public Base, public AppearanceDependent {
@@ -73,6 +83,8 @@ class GtkViewBase : public Base, public AppearanceDependent {
     void setLayerCornerRadius(double radius) override;
     Rect bounds() const override;
     bool isFirstResponder() const override;
+    void setAccessibilityValue(std::optional<bool> checked) override;
+    void setAccessibilityEnabled(bool enabled) override;
     void refreshAppearance() override;
 
   protected:
@@ -87,6 +99,22 @@ class GtkView : public GtkViewBase<NSView> {
     using GtkViewBase::GtkViewBase;
 };
 
+// A row of the popover. Assistive technologies read its visible title as its
+// name, unless the front names it: then the title (what a press does) is its
+// description.
+class GtkRowView : public GtkView {
+  public:
+    using GtkView::GtkView;
+    void setAccessibilityLabel(const std::string& label) override;
+    // Main thread.
+    void setVisibleTitle(const std::string& title);
+
+  private:
+    void updateAccessibleText();
+    std::optional<std::string> label_;
+    std::string title_;
+};
+
 class GtkTextField : public GtkViewBase<NSTextField> {
   public:
     explicit GtkTextField(GtkWidget* label) : GtkViewBase(label) {}
@@ -95,9 +123,15 @@ class GtkTextField : public GtkViewBase<NSTextField> {
     void setTextColor(const NSColor& color) override;
     void setFont(const NSFont& font) override;
     void refreshAppearance() override;
+    // Called on the main thread with each text shown. Set it before the
+    // first text.
+    void setOnTextShown(std::function<void(const std::string&)> onTextShown) {
+        onTextShown_ = std::move(onTextShown);
+    }
 
   private:
     void applyAttributes();
+    std::function<void(const std::string&)> onTextShown_;
     mutable std::mutex mutex_;
     std::string text_;
     std::optional<NSColor> color_;
@@ -126,7 +160,9 @@ class GtkPushButton : public GtkViewBase<NSButton> {
     std::function<void()> action_;
 };
 
-// Over a GtkDropDown of a GtkStringList; the items' tags are kept here.
+// The items as a group of radio rows, one a line, scrolled when there are
+// many: each is a button with a check mark that assistive technologies read
+// as a radio item, checked when selected. The items' tags are kept here.
 class GtkPopUpButton : public GtkViewBase<NSPopUpButton> {
   public:
     GtkPopUpButton();
@@ -139,7 +175,7 @@ class GtkPopUpButton : public GtkViewBase<NSPopUpButton> {
     std::optional<NSMenuItem> selectedItem() const override;
 
   private:
-    GtkStringList* model_;
+    GtkWidget* list_;  // the box of rows, inside widget_
     mutable std::mutex mutex_;
     std::vector<NSMenuItem> items_;
 };

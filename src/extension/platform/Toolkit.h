@@ -141,6 +141,15 @@ class NSView {
     virtual Rect bounds() const = 0;
     // True while the view has the keyboard focus of its window.
     virtual bool isFirstResponder() const = 0;
+
+    // What assistive technologies (screen readers) are told of the view,
+    // where it differs from what it shows: a name that stays while the
+    // visible title says what a press does, a state of a toggle (absent:
+    // the view is no toggle), and whether it can be used. A toolkit without
+    // assistive technologies ignores them.
+    virtual void setAccessibilityLabel(const std::string& /*label*/) {}
+    virtual void setAccessibilityValue(std::optional<bool> /*checked*/) {}
+    virtual void setAccessibilityEnabled(bool /*enabled*/) {}
 };
 
 class NSTextField : public NSView {

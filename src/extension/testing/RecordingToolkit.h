@@ -29,7 +29,15 @@ class RecordingViewBase : public Base {
     void setLayerCornerRadius(double radius) override { cornerRadius_ = radius; }
     Rect bounds() const override { return bounds_; }
     bool isFirstResponder() const override { return firstResponder_; }
+    void setAccessibilityLabel(const std::string& label) override { accessibilityLabel_ = label; }
+    void setAccessibilityValue(std::optional<bool> checked) override {
+        accessibilityValue_ = checked;
+    }
+    void setAccessibilityEnabled(bool enabled) override { accessibilityEnabled_ = enabled; }
 
+    const std::optional<std::string>& accessibilityLabel() const { return accessibilityLabel_; }
+    const std::optional<bool>& accessibilityValue() const { return accessibilityValue_; }
+    bool accessibilityEnabled() const { return accessibilityEnabled_; }
     const std::optional<NSColor>& layerBackgroundColor() const { return background_; }
     double layerCornerRadius() const { return cornerRadius_; }
     void setBounds(Rect bounds) { bounds_ = bounds; }
@@ -41,6 +49,9 @@ class RecordingViewBase : public Base {
     double cornerRadius_ = 0;
     Rect bounds_{{0, 0}, {290, 24}};
     bool firstResponder_ = false;
+    std::optional<std::string> accessibilityLabel_;
+    std::optional<bool> accessibilityValue_;
+    bool accessibilityEnabled_ = true;
 };
 
 class RecordingView : public RecordingViewBase<NSView> {};
