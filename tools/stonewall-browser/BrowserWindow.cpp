@@ -96,7 +96,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     location_ = gtk_entry_new();
     gtk_widget_set_hexpand(location_, TRUE);
     gtk_widget_set_size_request(location_, 480, -1);
-    name(location_, "Address", "Address (Ctrl+L)");
+    name(location_, tr("Address"), "Ctrl+L");
     gtk_header_bar_set_title_widget(GTK_HEADER_BAR(header), location_);
 
     // The extension's toolbar item: its image with the badge over a corner.
@@ -122,7 +122,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     toolbarButton_ = GTK_WIDGET(
         g_object_new(GTK_TYPE_MENU_BUTTON, "accessible-role", GTK_ACCESSIBLE_ROLE_GROUP, nullptr));
     gtk_menu_button_set_child(GTK_MENU_BUTTON(toolbarButton_), overlay);
-    name(toolbarButton_, "Stonewall", "Stonewall (Alt+Shift+S)");
+    name(toolbarButton_, "Stonewall", "Alt+Shift+S");
     // GtkMenuButton presses an inner toggle button, labelled by the menu
     // button; that is what assistive technologies find and press.
     if (GtkWidget* inner = gtk_widget_get_first_child(toolbarButton_)) {
@@ -286,7 +286,8 @@ void BrowserWindow::describeToolbarButton() {
                                       GTK_ACCESSIBLE_PROPERTY_DESCRIPTION);
         return;
     }
-    const std::string text = *badge + (*badge == "1" ? " blocked load" : " blocked loads");
+    std::string text = *badge == "1" ? tr("1 blocked load") : tr("%s blocked loads");
+    if (const size_t at = text.find("%s"); at != std::string::npos) text.replace(at, 2, *badge);
     gtk_accessible_update_property(GTK_ACCESSIBLE(toolbarButton_),
                                    GTK_ACCESSIBLE_PROPERTY_DESCRIPTION, text.c_str(), -1);
 }
@@ -352,9 +353,9 @@ void BrowserWindow::openTab(const std::string& url) {
     gtk_label_set_ellipsize(GTK_LABEL(titleLabel), PANGO_ELLIPSIZE_END);
     GtkWidget* close = gtk_button_new_from_icon_name("window-close-symbolic");
     gtk_button_set_has_frame(GTK_BUTTON(close), FALSE);
-    gtk_widget_set_tooltip_text(close, "Close Tab (Ctrl+W)");
+    gtk_widget_set_tooltip_text(close, (tr("Close Tab") + " (Ctrl+W)").c_str());
     gtk_accessible_update_property(GTK_ACCESSIBLE(close), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                   "Close Tab", -1);
+                                   tr("Close Tab").c_str(), -1);
     gtk_box_append(GTK_BOX(title), titleLabel);
     gtk_box_append(GTK_BOX(title), close);
     g_object_bind_property(tab->view, "title", titleLabel, "label", G_BINDING_DEFAULT);
