@@ -18,6 +18,7 @@
 // Needs the process services (platform/Platform.h) and the front services
 // (extension/platform/FrontServices.h) installed before first use.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -57,6 +58,10 @@ inline constexpr const char* kWhitelistWebsite = "stonewall://whitelistwebsite";
 inline constexpr const char* kVisual = "stonewall://visual";
 inline constexpr const char* kOpen = "stonewall://open";
 }  // namespace InternalURL
+
+// How long a website choice or a picked element waits for another
+// program's lock on the profile's database before it is given up.
+inline constexpr std::chrono::milliseconds kStorageWaitLimit{60000};
 
 // Browser extension-services levels (ExtensionState::isSafariVersionAvailable).
 inline constexpr int64_t kServicesLevel11 = 2;
@@ -158,6 +163,17 @@ class SafariExtensionViewController {
     void setupSeperators();
     void setupButtons();
 
+    // Worker threads: waits for this program's turn among those that change
+    // the container (the command takes the same lock), held while the
+    // result lives; null when the lock cannot be had. Without it two
+    // programs that each add a host to a list rule (read, merge, write)
+    // could lose one of the hosts.
+    [[nodiscard]] static std::shared_ptr<void> takeContainerTurn();
+
+    // The error view in place of a reload: a website choice or picked
+    // elements could not be stored, and nothing changed. Any thread.
+    void websiteChoiceNotStored();
+
     // The reload outcome: processCompletedAction, then on an error below
     // services level 2 open `url`, else reload the active page.
     void completeReload(const std::optional<Error>& error, const char* url);
@@ -175,6 +191,9 @@ class SafariExtensionViewController {
     bool counterOn() const;
     void askForWebsiteConfirmation(int64_t action, const char* messageFormat, const char* title,
                                    const char* doneTitle);
+    // Worker thread: the confirmed website choice stored on an engine of its
+    // own, then the reload; the outcome reaches the popover on the main queue.
+    void storeWebsiteChoice(int64_t action, const NullableString& url);
 
     bool reloading_ = false;
     bool popoverVisible_ = false;

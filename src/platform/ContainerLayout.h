@@ -15,6 +15,10 @@ inline constexpr char kContentBlockerIdentifier[] =
     "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
 
 // Folders of the container.
+// The programs that change a container take turns by a lock on this file
+// in it (platform::lockFile): the command for each run, the browser for each
+// change it stores.
+inline constexpr std::string_view kContainerLockFile = ".stonewall.lock";
 inline constexpr std::string_view kProfilesFolder = ".Profiles";
 inline constexpr std::string_view kSharedFolder = ".Shared";
 
