@@ -14,6 +14,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -105,8 +106,8 @@ int main(int argc, char** argv) {
         sqlite3* database = nullptr;
         sqlite3_open(profile.c_str(), &database);
         sqlite3_exec(database,
-                     "INSERT INTO ProfileRules (ruleID, blocker, action, filter) "
-                     "VALUES ('bench-ad', 1, 1, 'ads/banner\\.svg')",
+                     "INSERT INTO ProfileRules VALUES "
+                     "('bench-ad', 1, 1, NULL, 'ads/banner\\.svg', NULL, NULL, -1, NULL, 0)",
                      nullptr, nullptr, nullptr);
         sqlite3_close(database);
     }
@@ -146,6 +147,8 @@ int main(int argc, char** argv) {
         std::snprintf(what, sizeof what, "profile database locked %.0f s", lockSeconds);
         ok &= report(what, run, residentKiB(browser.pid()) - before, extra) && run.finished;
     }
+    // The website blocked above loads again for the floods.
+    runStonewall(env, "unblock '" + server.url("/") + "'");
     {
         BrowserProcess browser(STONEWALL_BROWSER_BINARY, {"--control", server.url("/")}, env);
         if (!browser.waitFor("loaded", 120s)) fail(browser, "the browser did not start");
@@ -157,12 +160,16 @@ int main(int argc, char** argv) {
             "const start = performance.now(); for (let i = 0; i < 100000; ++i) "
             "h.postMessage({name: 'VisualStatus', userInfo: {status: 0}}); "
             "return Math.round(performance.now() - start); })()");
-        const auto run =
-            browser.drivePinging([](const std::string&) { return false; }, 3s, [](double) {}, 10ms);
-        std::string posted = ", posted in ? ms";
-        for (const auto& [at, line] : run.lines) {
-            if (line.starts_with("js ")) posted = ", posted in " + line.substr(3) + " ms";
-        }
+        auto run = browser.drivePinging(
+            [](const std::string& line) { return line.starts_with("js "); }, 60s, [](double) {},
+            10ms);
+        const std::string posted =
+            run.finished ? ", posted in " + run.lines.back().second.substr(3) + " ms" : "";
+        // And while the browser drops what is still queued.
+        const auto settled =
+            browser.drivePinging([](const std::string&) { return false; }, 1s, [](double) {}, 10ms);
+        run.longest = std::max(run.longest, settled.longest);
+        run.answered += settled.answered;
         ok &= report("100,000 picker messages", run, residentKiB(browser.pid()) - before, posted);
 
         const long loadsBefore = residentKiB(browser.pid());
@@ -171,8 +178,12 @@ int main(int argc, char** argv) {
         const auto loads = browser.drivePinging(
             [](const std::string& line) { return line == "badge 10000"; }, 60s, [](double) {},
             10ms);
+        std::string badge = " (the badge never said 10000";
+        for (const auto& [at, line] : loads.lines) {
+            if (line.starts_with("badge ")) badge = " (the badge never said 10000, last " + line;
+        }
         ok &= report("10,000 blocked loads", loads, residentKiB(browser.pid()) - loadsBefore,
-                     loads.finished ? "" : " (the badge never said 10000)") &&
+                     loads.finished ? "" : badge + ")") &&
               loads.finished;
     }
     std::error_code ignored;
