@@ -299,8 +299,8 @@ TEST_F(BrowserFaultTest, AFloodOfPickerMessagesIsDroppedAndThePopoverStaysRespon
     // The popover answers a press at once, and nothing queued takes it back.
     browser_->send("press blockButton");
     expect("view 4", 2s);
-    const auto after = browser_->drivePinging([](const std::string&) { return false; }, 1s,
-                                              [](double) {});
+    const auto after =
+        browser_->drivePinging([](const std::string&) { return false; }, 1s, [](double) {});
     EXPECT_FALSE(after.saw("view ")) << browser_->transcript();
     EXPECT_EQ(state()["view"], 4);
     EXPECT_LT(residentKiB(browser_->pid()) - residentBefore, 64 * 1024);
@@ -335,8 +335,8 @@ class SecondDisplay {
         int ready[2];
         if (::pipe(ready) != 0) return;
         const std::string fd = std::to_string(ready[1]);
-        const char* argv[] = {"Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1280x1024x24",
-                              "-nolisten", "tcp", nullptr};
+        const char* argv[] = {"Xvfb",         "-displayfd", fd.c_str(), "-screen", "0",
+                              "1280x1024x24", "-nolisten",  "tcp",      nullptr};
         if (::posix_spawnp(&pid_, "Xvfb", nullptr, nullptr, const_cast<char**>(argv), environ) !=
             0) {
             pid_ = -1;
@@ -366,13 +366,12 @@ class SecondDisplay {
 void blockFromPopover(BrowserProcess& browser, const std::vector<std::string>& hosts) {
     for (const std::string& host : hosts) {
         const std::string url = "http://" + host + "/";
-        for (const auto& [command, event] :
-             std::vector<std::pair<std::string, std::string>>{{"load " + url, "loaded " + url},
-                                                              {"popup", "view 1"},
-                                                              {"press blockButton", "view 4"},
-                                                              {"press websiteDoneButton",
-                                                               "page-reload"},
-                                                              {"", "loaded"}}) {
+        for (const auto& [command, event] : std::vector<std::pair<std::string, std::string>>{
+                 {"load " + url, "loaded " + url},
+                 {"popup", "view 1"},
+                 {"press blockButton", "view 4"},
+                 {"press websiteDoneButton", "page-reload"},
+                 {"", "loaded"}}) {
             if (!command.empty()) browser.send(command);
             if (!browser.waitFor(event, 60s)) {
                 ADD_FAILURE() << host << ": no \"" << event << "\"; the browser said:\n"
