@@ -170,8 +170,6 @@ void ProfileDatabase::restoreDatabase() {
     }
 }
 
-// The handle is cleared after closing (rather than left dangling) so
-// that the destructor's close and any later use find no connection.
 bool ProfileDatabase::waitForWriteAccess(std::chrono::milliseconds limit) {
     if (!profilesDatabase_ || !usable_) return false;
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -190,6 +188,8 @@ bool ProfileDatabase::waitForWriteAccess(std::chrono::milliseconds limit) {
     }
 }
 
+// The handle is cleared after closing (rather than left dangling) so
+// that the destructor's close and any later use find no connection.
 void ProfileDatabase::close() {
     if (!profilesDatabase_) return;
     if (sqlite3_close_v2(profilesDatabase_) != SQLITE_OK) {
