@@ -138,7 +138,8 @@ void SafariExtensionHandler::messageReceivedWithName(const std::string& messageN
                     const auto turn = SafariExtensionViewController::takeContainerTurn();
                     auto engine = std::make_shared<CompanionController>();
                     const auto& database = engine->activeDatabase();
-                    if (!database || !database->waitForWriteAccess(kStorageWaitLimit)) {
+                    if (!database || !database->waitForWriteAccess(
+                                         SafariExtensionViewController::storageWaitLimit())) {
                         platform::dispatch().mainQueue().async(
                             [&controller] { controller.websiteChoiceNotStored(); });
                         return;

@@ -1,6 +1,7 @@
 #include "extension/SafariExtensionViewController.h"
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -744,6 +745,19 @@ void SafariExtensionViewController::websiteDoneAction() {
     websiteAction_ = 1;
 }
 
+namespace {
+constexpr std::chrono::milliseconds kStorageWaitLimit{60000};
+std::atomic<int64_t> gStorageWaitLimitMs{kStorageWaitLimit.count()};
+}  // namespace
+
+std::chrono::milliseconds SafariExtensionViewController::storageWaitLimit() {
+    return std::chrono::milliseconds(gStorageWaitLimitMs.load());
+}
+
+void SafariExtensionViewController::setStorageWaitLimitForTesting(std::chrono::milliseconds limit) {
+    gStorageWaitLimitMs = limit.count() < 0 ? kStorageWaitLimit.count() : limit.count();
+}
+
 std::shared_ptr<void> SafariExtensionViewController::takeContainerTurn() {
     const auto container =
         platform::host().containerPathForApplicationGroup(std::string(kApplicationGroup));
@@ -767,7 +781,7 @@ void SafariExtensionViewController::storeWebsiteChoice(int64_t action, const Nul
     // Waiting first, rather than retrying a write that failed part-way,
     // means the choice is written once: the shared record and the profile
     // are written together, after the lock is gone.
-    if (!database || !database->waitForWriteAccess(kStorageWaitLimit)) {
+    if (!database || !database->waitForWriteAccess(storageWaitLimit())) {
         websiteChoiceNotStored();
         return;
     }

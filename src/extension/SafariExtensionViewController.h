@@ -59,10 +59,6 @@ inline constexpr const char* kVisual = "stonewall://visual";
 inline constexpr const char* kOpen = "stonewall://open";
 }  // namespace InternalURL
 
-// How long a website choice or a picked element waits for another
-// program's lock on the profile's database before it is given up.
-inline constexpr std::chrono::milliseconds kStorageWaitLimit{60000};
-
 // Browser extension-services levels (ExtensionState::isSafariVersionAvailable).
 inline constexpr int64_t kServicesLevel11 = 2;
 inline constexpr int64_t kServicesLevel13 = 5;
@@ -162,6 +158,13 @@ class SafariExtensionViewController {
     void setupViews();
     void setupSeperators();
     void setupButtons();
+
+    // How long a website choice or picked elements wait for another
+    // program's lock on the profile's database before they are given up
+    // (a minute).
+    static std::chrono::milliseconds storageWaitLimit();
+    // Tests: another limit (a negative one restores the minute).
+    static void setStorageWaitLimitForTesting(std::chrono::milliseconds limit);
 
     // Worker threads: waits for this program's turn among those that change
     // the container (the command takes the same lock), held while the
