@@ -415,6 +415,11 @@ TEST_F(BrowserFaultTest, TwoBrowsersAndTheCommandBlockFiftyWebsitesAtOnceAndLose
         pages["http://" + hosts.back() + "/"] = {"text/html", "<!doctype html><p>" + hosts.back()};
     }
     HttpServer proxy(pages);
+    // The block list has its one list rule from here on: every website
+    // joins it, each change reading the rule and writing it back, so that
+    // two programs writing at once would lose one of their hosts.
+    runOK({"block", "http://seed.test/"});
+    ASSERT_EQ(sharedValue("domainStatus"), "1,-1,-1");
     auto env = browserEnvironment();
     env["http_proxy"] = proxy.url("/");
     env["no_proxy"] = "";
@@ -440,6 +445,11 @@ TEST_F(BrowserFaultTest, TwoBrowsersAndTheCommandBlockFiftyWebsitesAtOnceAndLose
     second.join();
 
     const std::string list = readFile(ruleFile());
+    EXPECT_EQ(tool::testing::sqlQuery(profileDatabase(),
+                                      "SELECT COUNT(*) FROM ProfileRules WHERE action = 5")
+                  .at(0)
+                  .at(0),
+              "1");
     for (const std::string& host : hosts) {
         EXPECT_EQ(blockListEntries(host), std::make_pair(1, 1)) << host;
         // As the list writes it: "site1\\.test" in a JSON string.
