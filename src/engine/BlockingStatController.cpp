@@ -1,6 +1,7 @@
 #include "engine/BlockingStatController.h"
 
 #include <algorithm>
+#include <iterator>
 #include <mutex>
 
 namespace stonewall {
@@ -9,11 +10,16 @@ namespace stonewall {
 // have no hash; a badge table holds a handful of pages, so a list searched
 // linearly serves.
 struct BlockingStatController::Table {
+    struct Entry {
+        Page first;
+        URLs second;    // the first kMaximumKeptURLs of them
+        int64_t count;  // all of them
+    };
     mutable std::mutex mutex;
-    std::vector<std::pair<Page, URLs>> entries;
+    std::vector<Entry> entries;
 
     // Call with the mutex held.
-    std::vector<std::pair<Page, URLs>>::iterator find(const SFSafariPage& page) {
+    std::vector<Entry>::iterator find(const SFSafariPage& page) {
         return std::find_if(entries.begin(), entries.end(),
                             [&](const auto& entry) { return entry.first->isEqual(page); });
     }
@@ -40,17 +46,25 @@ void BlockingStatController::addURLsForPage(const URLs& urls, const Page& page) 
     std::lock_guard lock(table_->mutex);
     auto it = table_->find(*page);
     if (it == table_->entries.end()) {
-        table_->entries.emplace_back(page, urls);
-        return;
+        table_->entries.push_back({page, {}, 0});
+        it = std::prev(table_->entries.end());
     }
-    it->second.insert(it->second.end(), urls.begin(), urls.end());
+    // A page can block loads without end; past the kept ones only the count
+    // grows, so a page's entry stays small whatever it asks for.
+    const size_t room = kMaximumKeptURLs - std::min(kMaximumKeptURLs, it->second.size());
+    it->second.insert(it->second.end(), urls.begin(),
+                      urls.begin() + static_cast<std::ptrdiff_t>(std::min(room, urls.size())));
+    it->count += static_cast<int64_t>(urls.size());
 }
 
 void BlockingStatController::resetURLsForPage(const Page& page) {
     if (!page) return;
     std::lock_guard lock(table_->mutex);
     auto it = table_->find(*page);
-    if (it != table_->entries.end()) it->second.clear();
+    if (it != table_->entries.end()) {
+        it->second.clear();
+        it->count = 0;
+    }
 }
 
 void BlockingStatController::removeURLsForPage(const Page& page) { table_->remove(page); }
@@ -67,7 +81,7 @@ int64_t BlockingStatController::URLsCountForPage(const Page& page) const {
     try {
         std::lock_guard lock(table_->mutex);
         auto it = table_->find(*page);
-        return it == table_->entries.end() ? 0 : static_cast<int64_t>(it->second.size());
+        return it == table_->entries.end() ? 0 : it->count;
     } catch (...) {
         return 0;
     }
@@ -102,7 +116,10 @@ void BlockingStatController::cleanupPages(bool blockingCounter) {
 std::vector<std::pair<BlockingStatController::Page, BlockingStatController::URLs>>
 BlockingStatController::blockedRequests() const {
     std::lock_guard lock(table_->mutex);
-    return table_->entries;
+    std::vector<std::pair<Page, URLs>> requests;
+    requests.reserve(table_->entries.size());
+    for (const auto& entry : table_->entries) requests.emplace_back(entry.first, entry.second);
+    return requests;
 }
 
 size_t BlockingStatController::pageCount() const {

@@ -30,7 +30,11 @@ class BlockingStatController {
     BlockingStatController(const BlockingStatController&) = delete;
     BlockingStatController& operator=(const BlockingStatController&) = delete;
 
-    // Appends in arrival order, duplicates kept. A null page is ignored.
+    // The URLs kept per page; the count goes on past them.
+    static constexpr size_t kMaximumKeptURLs = 1000;
+
+    // Appends in arrival order, duplicates kept, up to kMaximumKeptURLs a
+    // page; every URL counts. A null page is ignored.
     void addURLsForPage(const URLs& urls, const Page& page);
     // Empties a known page's list (it keeps its entry); unknown pages get none.
     void resetURLsForPage(const Page& page);
@@ -44,7 +48,8 @@ class BlockingStatController {
     // the ones that have neither, as their answers arrive.
     void cleanupPages(bool blockingCounter);
 
-    // A snapshot of the table, pages in the order they were first seen.
+    // A snapshot of the table (the kept URLs), pages in the order they were
+    // first seen.
     std::vector<std::pair<Page, URLs>> blockedRequests() const;
     size_t pageCount() const;
 

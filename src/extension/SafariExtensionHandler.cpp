@@ -128,18 +128,32 @@ void SafariExtensionHandler::messageReceivedWithName(const std::string& messageN
             const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
             std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
             if (elements.empty()) return;
-            // A fresh engine for this message: the popover's own may be busy
-            // on the main thread.
-            auto engine = std::make_shared<CompanionController>();
             controller.changeToolbarImage(2);
-            engine->createVisualCustomRules(elements, [engine, &controller](std::optional<Error>) {
-                const auto& data = engine->sharedData();
-                CompanionController::reloadBlockerRules(
-                    data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
-                    [&controller](std::optional<Error> error) {
-                        controller.completeReload(error, InternalURL::kVisual);
+            // A fresh engine for this message, on a worker: the popover's own
+            // may be busy on the main thread, and storing waits for as long
+            // as another program holds the profile's database.
+            platform::dispatch()
+                .globalQueue(platform::QueuePriority::High)
+                .async([&controller, elements = std::move(elements)] {
+                    const auto turn = SafariExtensionViewController::takeContainerTurn();
+                    auto engine = std::make_shared<CompanionController>();
+                    const auto& database = engine->activeDatabase();
+                    if (!database || !database->waitForWriteAccess(
+                                         SafariExtensionViewController::storageWaitLimit())) {
+                        platform::dispatch().mainQueue().async(
+                            [&controller] { controller.websiteChoiceNotStored(); });
+                        return;
+                    }
+                    engine->createVisualCustomRules(elements, [engine,
+                                                               &controller](std::optional<Error>) {
+                        const auto& data = engine->sharedData();
+                        CompanionController::reloadBlockerRules(
+                            data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
+                            [&controller](std::optional<Error> error) {
+                                controller.completeReload(error, InternalURL::kVisual);
+                            });
                     });
-            });
+                });
         });
 }
 

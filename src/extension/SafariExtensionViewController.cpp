@@ -1,6 +1,7 @@
 #include "extension/SafariExtensionViewController.h"
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -9,6 +10,7 @@
 #include "extension/platform/FrontServices.h"
 #include "model/RuleCodes.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
 #include "utilities/PunycodeAdditions.h"
 #include "utilities/Unicode.h"
 
@@ -751,42 +753,114 @@ void SafariExtensionViewController::websiteDoneAction() {
         return;
     }
     getActivePageURL([this, action](const std::shared_ptr<SFSafariPage>&, NullableString url) {
-        CompanionController& engine = *companionController_;
-        const auto reload = [this](const char* internalURL) {
-            const auto& data = companionController_->sharedData();
-            CompanionController::reloadBlockerRules(
-                data ? data->activeProfileID : std::nullopt, companionController_->activeDatabase(),
-                [this, internalURL](std::optional<Error> error) {
-                    if (internalURL) {
-                        completeReload(error, internalURL);
-                        return;
-                    }
-                    // Allowing a website reports a failure on every browser:
-                    // the user expects the page to load now and it may not.
-                    processCompletedAction();
-                    if (error) {
-                        openURL(InternalURL::kAllowWebsite);
-                    } else {
-                        reloadPage();
-                    }
-                });
-        };
-        switch (action) {
-            case 2:
-                engine.createBlockWebsiteCustomRule(
-                    url, [reload](std::optional<Error>) { reload(InternalURL::kBlockWebsite); });
-                break;
-            case 3:
-                engine.createSecureWebsiteCustomRule(
-                    url, [reload](std::optional<Error>) { reload(InternalURL::kSecureWebsite); });
-                break;
-            default:
-                engine.createWhitelistWebsiteCustomRule(
-                    url, [reload](std::optional<Error>) { reload(nullptr); });
-                break;
-        }
+        // Storing waits for any other program that holds the databases
+        // (the application, the command, another browser), for as long as
+        // it holds them: on a worker, with an engine of its own, so that
+        // the popover shows the wait and the window stays live meanwhile.
+        platform::dispatch().globalQueue(platform::QueuePriority::High).async([this, action, url] {
+            storeWebsiteChoice(action, url);
+        });
     });
     websiteAction_ = 1;
+}
+
+namespace {
+constexpr std::chrono::milliseconds kStorageWaitLimit{60000};
+std::atomic<int64_t> gStorageWaitLimitMs{kStorageWaitLimit.count()};
+}  // namespace
+
+std::chrono::milliseconds SafariExtensionViewController::storageWaitLimit() {
+    return std::chrono::milliseconds(gStorageWaitLimitMs.load());
+}
+
+void SafariExtensionViewController::setStorageWaitLimitForTesting(std::chrono::milliseconds limit) {
+    gStorageWaitLimitMs = limit.count() < 0 ? kStorageWaitLimit.count() : limit.count();
+}
+
+std::shared_ptr<void> SafariExtensionViewController::takeContainerTurn() {
+    const auto container =
+        platform::host().containerPathForApplicationGroup(std::string(kApplicationGroup));
+    if (!container) return nullptr;
+    std::string why;
+    std::shared_ptr<platform::FileLock> lock = platform::lockFile(
+        *container + "/" + std::string(ContainerLayout::kContainerLockFile), why);
+    if (!lock) platform::log(platform::LogLevel::Error, "The container cannot be locked: " + why);
+    return lock;
+}
+
+void SafariExtensionViewController::storeWebsiteChoice(int64_t action, const NullableString& url) {
+    // Until the rule file is written: the last program to write it then
+    // wrote every change.
+    const auto turn = takeContainerTurn();
+    auto engine = std::make_shared<CompanionController>();
+    const auto& database = engine->activeDatabase();
+    const int64_t list = action == 2   ? ActionCode::kBlockWebsite
+                         : action == 3 ? ActionCode::kSecureWebsite
+                                       : ActionCode::kAllowWebsite;
+    // Waiting first, rather than retrying a write that failed part-way,
+    // means the choice is written once: the shared record and the profile
+    // are written together, after the lock is gone.
+    if (!database || !database->waitForWriteAccess(storageWaitLimit())) {
+        websiteChoiceNotStored();
+        return;
+    }
+    const CompletionHandler stored = [](std::optional<Error>) {};
+    switch (action) {
+        case 2:
+            engine->createBlockWebsiteCustomRule(url, stored);
+            break;
+        case 3:
+            engine->createSecureWebsiteCustomRule(url, stored);
+            break;
+        default:
+            engine->createWhitelistWebsiteCustomRule(url, stored);
+            break;
+    }
+    // The engine cannot tell a dropped write from a stored one; with the
+    // shared record only (status 0) the profile has nothing to show.
+    const NullableString host = CompanionController::hostFromURL(url);
+    if (engine->getWebsitesStatusShared(list) != WebsiteListStatus::kSharedOnly &&
+        !engine->checkWebsiteExists(host, list)) {
+        websiteChoiceNotStored();
+        return;
+    }
+    const char* internalURL = action == 2   ? InternalURL::kBlockWebsite
+                              : action == 3 ? InternalURL::kSecureWebsite
+                                            : nullptr;
+    const auto& data = engine->sharedData();
+    CompanionController::reloadBlockerRules(
+        data ? data->activeProfileID : std::nullopt, database,
+        [this, internalURL, engine](std::optional<Error> error) {
+            if (internalURL) {
+                completeReload(error, internalURL);
+                return;
+            }
+            // Allowing a website reports a failure on every browser: the
+            // user expects the page to load now and it may not.
+            processCompletedAction();
+            if (error) {
+                openURL(InternalURL::kAllowWebsite);
+            } else {
+                reloadPage();
+            }
+        });
+}
+
+void SafariExtensionViewController::websiteChoiceNotStored() {
+    platform::dispatch().mainQueue().async([this] {
+        Outlets& o = *outlets_;
+        if (o.errorTitleLabel) o.errorTitleLabel->setStringValue(localized("Nothing Changed"));
+        if (o.errorMessageLabel) {
+            o.errorMessageLabel->setStringValue(
+                localized("Another program kept the blocker's rules busy. Try again later."));
+        }
+        if (o.errorDoneButton) o.errorDoneButton->setTitle(localized("OK"));
+        changeToolbarImage(1);
+        // After the view that the image change shows.
+        getActivePage([this](const std::shared_ptr<SFSafariPage>&) {
+            platform::dispatch().mainQueue().async([this] { showExtensionView(6, Animated::No); });
+        });
+    });
 }
 
 void SafariExtensionViewController::changeActiveProfile() {

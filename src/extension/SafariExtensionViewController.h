@@ -18,6 +18,7 @@
 // Needs the process services (platform/Platform.h) and the front services
 // (extension/platform/FrontServices.h) installed before first use.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -158,6 +159,24 @@ class SafariExtensionViewController {
     void setupSeperators();
     void setupButtons();
 
+    // How long a website choice or picked elements wait for another
+    // program's lock on the profile's database before they are given up
+    // (a minute).
+    static std::chrono::milliseconds storageWaitLimit();
+    // Tests: another limit (a negative one restores the minute).
+    static void setStorageWaitLimitForTesting(std::chrono::milliseconds limit);
+
+    // Worker threads: waits for this program's turn among those that change
+    // the container (the command takes the same lock), held while the
+    // result lives; null when the lock cannot be had. Without it two
+    // programs that each add a host to a list rule (read, merge, write)
+    // could lose one of the hosts.
+    [[nodiscard]] static std::shared_ptr<void> takeContainerTurn();
+
+    // The error view in place of a reload: a website choice or picked
+    // elements could not be stored, and nothing changed. Any thread.
+    void websiteChoiceNotStored();
+
     // The reload outcome: processCompletedAction, then on an error below
     // services level 2 open `url`, else reload the active page.
     void completeReload(const std::optional<Error>& error, const char* url);
@@ -175,6 +194,9 @@ class SafariExtensionViewController {
     bool counterOn() const;
     void askForWebsiteConfirmation(int64_t action, const char* messageFormat, const char* title,
                                    const char* doneTitle);
+    // Worker thread: the confirmed website choice stored on an engine of its
+    // own, then the reload; the outcome reaches the popover on the main queue.
+    void storeWebsiteChoice(int64_t action, const NullableString& url);
 
     bool reloading_ = false;
     bool popoverVisible_ = false;

@@ -14,6 +14,11 @@ namespace stonewall::ContainerLayout {
 inline constexpr char kContentBlockerIdentifier[] =
     "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
 
+// The programs that change a container take turns by a lock on this file
+// in it (platform::lockFile): the command for each run, the browser for each
+// change it stores.
+inline constexpr std::string_view kContainerLockFile = ".stonewall.lock";
+
 // Folders of the container.
 inline constexpr std::string_view kProfilesFolder = ".Profiles";
 inline constexpr std::string_view kSharedFolder = ".Shared";

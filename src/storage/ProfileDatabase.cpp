@@ -181,6 +181,24 @@ void ProfileDatabase::ensureWholeForWrite() {
     }
 }
 
+bool ProfileDatabase::waitForWriteAccess(std::chrono::milliseconds limit) {
+    if (!profilesDatabase_ || !usable_) return false;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (true) {
+        // Each attempt waits out the busy timeout before it gives up.
+        armDeadline();
+        if (sqlite3_exec(profilesDatabase_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) ==
+            SQLITE_OK) {
+            sqlite3_exec(profilesDatabase_, "ROLLBACK", nullptr, nullptr, nullptr);
+            return true;
+        }
+        if (!failedOnLock(profilesDatabase_) || std::chrono::steady_clock::now() >= deadline) {
+            logError(sqlite3_errmsg(profilesDatabase_));
+            return false;
+        }
+    }
+}
+
 // The handle is cleared after closing (rather than left dangling) so
 // that the destructor's close and any later use find no connection.
 void ProfileDatabase::close() {

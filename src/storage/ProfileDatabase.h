@@ -8,6 +8,7 @@
 // processes may open the same file; every connection waits for their locks
 // (busy timeout) instead of dropping a write.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -106,6 +107,13 @@ class ProfileDatabase {
     // Kept for the interface's other users; does nothing.
     void reloadProfileRules(int64_t reloadType, int64_t reloadOperation,
                             const std::vector<ProfileRule>& rules);
+
+    // Waits until this connection could write: another program's lock on
+    // the file may last far longer than the busy timeout of one statement.
+    // True once a write could start (nothing is written), false when the
+    // lock outlasted `limit` or the file cannot be written at all. Blocks
+    // the calling thread: never the main thread of a program with a window.
+    [[nodiscard]] bool waitForWriteAccess(std::chrono::milliseconds limit);
 
     [[nodiscard]] bool beginTransactionProfilesDatabase();
     [[nodiscard]] bool commitTransactionProfilesDatabase();

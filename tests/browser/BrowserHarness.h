@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -145,6 +146,73 @@ class BrowserProcess {
 
     // Every line read so far, for failure messages.
     const std::string& transcript() const { return seen_; }
+    pid_t pid() const { return pid_; }
+
+    // What drivePinging saw: the longest the main loop took to answer a
+    // ping, and every other line with its time since the start.
+    struct PingRun {
+        std::chrono::duration<double, std::milli> longest{0};
+        int answered = 0;
+        bool finished = false;  // `done` said so before the limit
+        std::vector<std::pair<double, std::string>> lines;
+        bool saw(const std::string& prefix) const {
+            for (const auto& [at, line] : lines) {
+                if (line.starts_with(prefix)) return true;
+            }
+            return false;
+        }
+        // When the first line with `prefix` came (ms), or -1.
+        double when(const std::string& prefix) const {
+            for (const auto& [at, line] : lines) {
+                if (line.starts_with(prefix)) return at;
+            }
+            return -1;
+        }
+    };
+    // Pings the main loop every `interval` until a line satisfies `done` or
+    // `limit` passes; `tick` is called with the time since the start between
+    // reads (to let a fault go at a given moment).
+    template <typename Done, typename Tick>
+    PingRun drivePinging(Done done, std::chrono::milliseconds limit, Tick tick,
+                         std::chrono::milliseconds interval = std::chrono::milliseconds(20)) {
+        using Clock = std::chrono::steady_clock;
+        PingRun run;
+        const auto start = Clock::now();
+        int sent = 0;
+        bool waiting = false;  // for the answer to ping `sent`, sent at `pinged`
+        Clock::time_point pinged = start;
+        auto nextPing = start;
+        while (Clock::now() - start < limit) {
+            const auto now = Clock::now();
+            tick(std::chrono::duration<double, std::milli>(now - start).count());
+            if (!waiting && now >= nextPing) {
+                send("ping " + std::to_string(++sent));
+                waiting = true;
+                pinged = now;
+                nextPing = now + interval;
+            }
+            const auto waited = [&] {
+                return std::chrono::duration<double, std::milli>(Clock::now() - pinged);
+            };
+            if (waiting) run.longest = std::max(run.longest, waited());
+            const auto line = waitFor("", std::chrono::milliseconds(5));
+            if (!line) continue;
+            if (*line == "pong " + std::to_string(sent) && waiting) {
+                run.longest = std::max(run.longest, waited());
+                waiting = false;
+                ++run.answered;
+                continue;
+            }
+            if (line->starts_with("pong ")) continue;
+            run.lines.emplace_back(
+                std::chrono::duration<double, std::milli>(Clock::now() - start).count(), *line);
+            if (done(*line)) {
+                run.finished = true;
+                break;
+            }
+        }
+        return run;
+    }
 
   private:
     pid_t pid_ = -1;

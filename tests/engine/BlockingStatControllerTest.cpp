@@ -96,6 +96,25 @@ TEST(BlockingStatController, CountsPerPageWithDuplicatesUntilResetOrRemoved) {
     EXPECT_EQ(stats.URLsCountForPage(page(2)), 1);
 }
 
+TEST(BlockingStatController, APageThatBlocksWithoutEndKeepsItsCountButNotEveryURL) {
+    BlockingStatController stats;
+    constexpr size_t kept = BlockingStatController::kMaximumKeptURLs;
+    stats.addURLsForPage(BlockingStatController::URLs(kept - 1, "https://a/x"), page(1));
+    stats.addURLsForPage({"https://a/last", "https://a/past"}, page(1));
+    for (int i = 0; i < 100; ++i) {
+        stats.addURLsForPage(BlockingStatController::URLs(1000, std::string(8192, 'u')), page(1));
+    }
+    EXPECT_EQ(stats.URLsCountForPage(page(1)), static_cast<int64_t>(kept + 1 + 100000));
+    const auto requests = stats.blockedRequests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].second.size(), kept);
+    EXPECT_EQ(requests[0].second.back(), "https://a/last");
+    stats.resetURLsForPage(page(1));
+    EXPECT_EQ(stats.URLsCountForPage(page(1)), 0);
+    stats.addURLsForPage({"https://a/again"}, page(1));
+    EXPECT_EQ(stats.URLsCountForPage(page(1)), 1);
+}
+
 TEST(BlockingStatController, CleanupStartsAtItsThreshold) {
     struct Case {
         int pages;

@@ -2,12 +2,15 @@
 // what its buttons say and allow, profile switching and its start-up layout.
 
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 
 #include <functional>
 
 #include "FrontTestSupport.h"
 #include "engine/CompanionController.h"
 #include "extension/Palette.h"
+#include "model/RuleCodes.h"
+#include "storage/SQLiteSupport.h"
 
 namespace stonewall::testing {
 namespace {
@@ -136,6 +139,32 @@ TEST_F(ViewControllerTest, WebsiteButtonsFollowThePageAndTheLists) {
             EXPECT_EQ(popover()->rowView(button)->accessibilityEnabled(), c.pageButtons) << button;
         }
     }
+}
+
+TEST_F(ViewControllerTest, AChoiceThatCannotBeStoredSaysSoAndReloadsNothing) {
+    // Another program holds the profile's database past the wait.
+    storage_detail::setBusyTimeoutForTesting(10);
+    SafariExtensionViewController::setStorageWaitLimitForTesting(std::chrono::milliseconds(50));
+    openPopoverOn(kPageURL);
+    const std::string database =
+        platform.containerPath() + "/.Profiles/profile_defaultProfile_data";
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(database.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    controller().blockWebsiteAction();
+    controller().websiteDoneAction();
+    run();
+    finish();
+    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    EXPECT_EQ(popover()->visibleStack(), 6);
+    EXPECT_EQ(popover()->label("errorTitleLabel")->stringValue(), "Nothing Changed");
+    EXPECT_TRUE(platform.contentBlocker->calls().empty());
+    EXPECT_FALSE(controller().reloading());
+    EXPECT_FALSE(controller().companionController().checkWebsiteExists(
+        std::string("www.example.com"), ActionCode::kBlockWebsite));
+    SafariExtensionViewController::setStorageWaitLimitForTesting(std::chrono::milliseconds(-1));
+    storage_detail::setBusyTimeoutForTesting(-1);
 }
 
 TEST_F(ViewControllerTest, ProfileNamesInThePopupAndOnTheButton) {

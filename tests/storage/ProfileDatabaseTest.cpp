@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "StorageTestSupport.h"
 #include "storage/ProfileDatabase.h"
@@ -279,6 +281,38 @@ TEST_F(ProfileDatabaseTest, UnusableStorageGivesEmptyResults) {
     EXPECT_TRUE(database->getProfileRulesByAction(1).empty());
     EXPECT_FALSE(database->beginTransactionProfilesDatabase());
     EXPECT_EQ(open()->getProfileRulesCount(), 0);  // made again from the template
+}
+
+TEST_F(ProfileDatabaseTest, WaitingForWriteAccessOutlastsTheBusyTimeoutAndWritesNothing) {
+    // Another program's lock outlasts one statement's busy timeout by far.
+    storage_detail::setBusyTimeoutForTesting(20);
+    auto database = open();
+    struct Case {
+        const char* name;
+        std::chrono::milliseconds lock, limit;
+        bool granted;
+    };
+    for (const Case& c : {Case{"lock gone within the limit", std::chrono::milliseconds(300),
+                               std::chrono::milliseconds(5000), true},
+                          Case{"lock held past the limit", std::chrono::milliseconds(1000),
+                               std::chrono::milliseconds(200), false}}) {
+        SCOPED_TRACE(c.name);
+        RawDatabase other(profilePath("p1"));
+        other.exec("BEGIN EXCLUSIVE");
+        std::thread holder([&] {
+            std::this_thread::sleep_for(c.lock);
+            other.exec("COMMIT");
+        });
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(database->waitForWriteAccess(c.limit), c.granted);
+        const auto waited = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(waited, std::min(c.lock, c.limit));
+        holder.join();
+    }
+    // Nothing was left open: a write goes through at once.
+    database->addProfileRules({makeRule("after", 1, 1, "x")});
+    EXPECT_EQ(database->getProfileRulesCount(), 1);
+    storage_detail::setBusyTimeoutForTesting(-1);
 }
 
 }  // namespace

@@ -1,19 +1,21 @@
 #pragma once
 
-// A one-thread HTTP server on 127.0.0.1 (or another loopback address, for a
-// second "site") for tests: it reads each request's
+// An HTTP server on 127.0.0.1 (or another loopback address, for a second
+// "site") for tests: it reads each request's
 // head, asks `respond` for the whole answer (status line, headers, body) and
 // sends it, then closes the connection. Tests never reach past loopback.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace stonewall::test_support {
 
@@ -56,12 +58,24 @@ class LoopbackServer {
   private:
     void serve() {
         for (int client; (client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-            std::string request;
-            char buffer[4096];
-            for (ssize_t got; request.find("\r\n\r\n") == std::string::npos &&
-                              (got = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
-                request.append(buffer, static_cast<size_t>(got));
-            }
+            // A connection of its own each: a browser opens connections
+            // ahead of need, and one that sends nothing yet must not hold up
+            // the others.
+            connections_.emplace_back([this, client] { answer(client); });
+        }
+        for (std::thread& connection : connections_) connection.join();
+    }
+
+    void answer(int client) {
+        timeval patience{5, 0};
+        ::setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        std::string request;
+        char buffer[4096];
+        for (ssize_t got; request.find("\r\n\r\n") == std::string::npos &&
+                          (got = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
+            request.append(buffer, static_cast<size_t>(got));
+        }
+        if (!request.empty()) {
             const std::string response = respond_(request);
             for (size_t sent = 0; sent < response.size();) {
                 const ssize_t put =
@@ -69,15 +83,16 @@ class LoopbackServer {
                 if (put <= 0) break;  // the reader gave up (a body over its limit)
                 sent += static_cast<size_t>(put);
             }
-            ::shutdown(client, SHUT_RDWR);
-            ::close(client);
         }
+        ::shutdown(client, SHUT_RDWR);
+        ::close(client);
     }
 
     Respond respond_;
     std::string host_;
     int listener_ = -1;
     int port_ = 0;
+    std::vector<std::thread> connections_;  // the serving thread's only
     std::thread thread_;
 };
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "BrowserProtocol.h"
 #include "GtkMainDispatch.h"
@@ -304,6 +305,7 @@ BrowserWindow::~BrowserWindow() {
     }
     for (auto& tab : tabs_) {
         filters_->removeContentManager(tab->contentManager);
+        if (tab->blockedFlush) g_source_remove(tab->blockedFlush);
         tab->page->detach();
     }
     if (control_) g_object_unref(control_);
@@ -378,17 +380,48 @@ void BrowserWindow::openTab(const std::string& url) {
                      }),
                      this);
 
+    g_signal_connect(tab->view, "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
+
+    // What a tab whose web process died shows over its (blank) view: the
+    // other tabs, the toolbar button and the extension go on as before.
+    tab->crashNotice = adw_status_page_new();
+    adw_status_page_set_icon_name(ADW_STATUS_PAGE(tab->crashNotice), "dialog-warning-symbolic");
+    adw_status_page_set_title(ADW_STATUS_PAGE(tab->crashNotice), "This Page Stopped Working");
+    adw_status_page_set_description(
+        ADW_STATUS_PAGE(tab->crashNotice),
+        "The process that showed it ended unexpectedly. Reload the page to show it again.");
+    GtkWidget* reloadCrashed = gtk_button_new_with_label("Reload");
+    gtk_widget_set_halign(reloadCrashed, GTK_ALIGN_CENTER);
+    gtk_widget_add_css_class(reloadCrashed, "suggested-action");
+    gtk_widget_add_css_class(reloadCrashed, "pill");
+    adw_status_page_set_child(ADW_STATUS_PAGE(tab->crashNotice), reloadCrashed);
+    gtk_widget_add_css_class(tab->crashNotice, "stonewall-crash-notice");
+    gtk_widget_set_visible(tab->crashNotice, FALSE);
+    g_object_set_data(G_OBJECT(reloadCrashed), "stonewall-view", tab->view);
+    g_signal_connect(
+        reloadCrashed, "clicked", G_CALLBACK(+[](GtkButton* button, BrowserWindow* self) {
+            auto* view =
+                static_cast<WebKitWebView*>(g_object_get_data(G_OBJECT(button), "stonewall-view"));
+            if (Tab* tab = self->tabForView(view)) self->reloadCrashedTab(tab);
+        }),
+        this);
+    tab->frame = gtk_overlay_new();
+    gtk_overlay_set_child(GTK_OVERLAY(tab->frame), GTK_WIDGET(tab->view));
+    gtk_overlay_add_overlay(GTK_OVERLAY(tab->frame), tab->crashNotice);
+
     WebKitWebView* view = tab->view;
+    GtkWidget* frame = tab->frame;
     tabs_.push_back(std::move(tab));
-    const int index = gtk_notebook_append_page(GTK_NOTEBOOK(notebook_), GTK_WIDGET(view), title);
-    gtk_notebook_set_tab_reorderable(GTK_NOTEBOOK(notebook_), GTK_WIDGET(view), TRUE);
+    const int index = gtk_notebook_append_page(GTK_NOTEBOOK(notebook_), frame, title);
+    gtk_notebook_set_tab_reorderable(GTK_NOTEBOOK(notebook_), frame, TRUE);
     gtk_notebook_set_current_page(GTK_NOTEBOOK(notebook_), index);
     webkit_web_view_load_uri(view, url.c_str());
 }
 
 void BrowserWindow::closeTab(Tab* tab) {
-    const int index = gtk_notebook_page_num(GTK_NOTEBOOK(notebook_), GTK_WIDGET(tab->view));
+    const int index = gtk_notebook_page_num(GTK_NOTEBOOK(notebook_), tab->frame);
     filters_->removeContentManager(tab->contentManager);
+    if (tab->blockedFlush) g_source_remove(tab->blockedFlush);
     tab->page->detach();
     if (index >= 0) gtk_notebook_remove_page(GTK_NOTEBOOK(notebook_), index);
     for (auto it = tabs_.begin(); it != tabs_.end(); ++it) {
@@ -415,11 +448,36 @@ BrowserWindow::Tab* BrowserWindow::tabForView(WebKitWebView* view) {
     return nullptr;
 }
 
+BrowserWindow::Tab* BrowserWindow::tabForFrame(GtkWidget* frame) {
+    for (auto& tab : tabs_) {
+        if (tab->frame == frame) return tab.get();
+    }
+    return nullptr;
+}
+
 BrowserWindow::Tab* BrowserWindow::currentTab() {
     const int index = gtk_notebook_get_current_page(GTK_NOTEBOOK(notebook_));
     if (index < 0) return nullptr;
     GtkWidget* child = gtk_notebook_get_nth_page(GTK_NOTEBOOK(notebook_), index);
-    return child ? tabForView(WEBKIT_WEB_VIEW(child)) : nullptr;
+    return child ? tabForFrame(child) : nullptr;
+}
+
+bool BrowserWindow::selectTab(int index) {
+    if (index < 0 || index >= gtk_notebook_get_n_pages(GTK_NOTEBOOK(notebook_))) return false;
+    gtk_notebook_set_current_page(GTK_NOTEBOOK(notebook_), index);
+    return true;
+}
+
+bool BrowserWindow::reloadCrashedCurrentTab() {
+    Tab* tab = currentTab();
+    if (!tab || !tab->crashed) return false;
+    reloadCrashedTab(tab);
+    return true;
+}
+
+void BrowserWindow::reloadCrashedTab(Tab* tab) {
+    // A reload starts a new web process; the notice goes when its load starts.
+    webkit_web_view_reload(tab->view);
 }
 
 void BrowserWindow::updateNavigationControls() {
@@ -440,6 +498,12 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent
     if (!tab) return;
     if (loadEvent == WEBKIT_LOAD_STARTED) {
         tab->loadStarted = g_get_monotonic_time();
+        if (tab->crashed) {
+            tab->crashed = false;
+            gtk_widget_set_visible(tab->crashNotice, FALSE);
+        }
+        // The last document's reports count for it, before it is dropped.
+        self->flushBlockedLoads(tab);
         // Told at the start, not at the commit: the web process reports the
         // new document's blocked loads on its own channel, which can
         // overtake the commit.
@@ -461,6 +525,27 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent
     if (tab == self->currentTab()) self->updateNavigationControls();
 }
 
+void BrowserWindow::onWebProcessTerminated(WebKitWebView* view,
+                                           WebKitWebProcessTerminationReason reason,
+                                           BrowserWindow* self) {
+    Tab* tab = self->tabForView(view);
+    if (!tab) return;
+    tab->crashed = true;
+    tab->loadStarted = 0;
+    gtk_widget_set_visible(tab->crashNotice, TRUE);
+    const char* why = reason == WEBKIT_WEB_PROCESS_EXCEEDED_MEMORY_LIMIT ? "memory"
+                      : reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API   ? "ended"
+                                                                         : "crashed";
+    platform::log(platform::LogLevel::Error,
+                  std::string("The web process of a tab ended (") + why + ").");
+    self->event(std::string("web-process-terminated ") + why);
+    // The page's document is gone, and with it what was blocked on it: its
+    // count leaves the badge. Everything else the extension holds stays.
+    SafariExtensionHandler().popoverViewController().blockingStatController().removeURLsForPage(
+        tab->page);
+    self->toolbarItemsNeedUpdate();
+}
+
 void BrowserWindow::onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow* self) {
     Tab* tab = self->tabForView(view);
     if (!tab) return;
@@ -480,11 +565,41 @@ gboolean BrowserWindow::onUserMessage(WebKitWebView* view, WebKitUserMessage* me
     if (!tab || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_STRING))
         return TRUE;
     const std::string url = g_variant_get_string(parameters, nullptr);
-    self->blockedReportArrived_ = g_get_monotonic_time();
+    if (!self->blockedReportArrived_) self->blockedReportArrived_ = g_get_monotonic_time();
     self->event("blocked " + url);
-    SafariExtensionHandler().contentBlockerWithIdentifier(
-        ContainerLayout::kContentBlockerIdentifier, {url}, tab->page);
+    // A page that blocks thousands of loads at once reports them in a burst:
+    // the extension gets them together, and the badge changes once a burst
+    // rather than once a load.
+    tab->blockedPending.push_back(url);
+    if (!tab->blockedFlush) {
+        struct Flush {
+            BrowserWindow* self;
+            WebKitWebView* view;
+        };
+        tab->blockedFlush = g_idle_add_full(
+            G_PRIORITY_DEFAULT,
+            +[](gpointer data) -> gboolean {
+                auto* flush = static_cast<Flush*>(data);
+                if (Tab* tab = flush->self->tabForView(flush->view)) {
+                    tab->blockedFlush = 0;
+                    flush->self->flushBlockedLoads(tab);
+                }
+                return G_SOURCE_REMOVE;
+            },
+            new Flush{self, view}, +[](gpointer data) { delete static_cast<Flush*>(data); });
+    }
     return TRUE;
+}
+
+void BrowserWindow::flushBlockedLoads(Tab* tab) {
+    if (tab->blockedFlush) {
+        g_source_remove(tab->blockedFlush);
+        tab->blockedFlush = 0;
+    }
+    if (tab->blockedPending.empty()) return;
+    SafariExtensionHandler().contentBlockerWithIdentifier(
+        ContainerLayout::kContentBlockerIdentifier, std::exchange(tab->blockedPending, {}),
+        tab->page);
 }
 
 void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue* value,
@@ -494,6 +609,21 @@ void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue*
         if (tab->contentManager == manager) sender = tab.get();
     }
     if (!sender) return;
+    const gint64 second = g_get_monotonic_time() / G_USEC_PER_SEC;
+    if (second != sender->messageSecond) {
+        if (sender->messagesThisSecond > kMessagesPerSecond) {
+            platform::log(platform::LogLevel::Error,
+                          "A page sent " + std::to_string(sender->messagesThisSecond) +
+                              " script messages in a second; those past " +
+                              std::to_string(kMessagesPerSecond) + " were dropped.");
+        }
+        sender->messageSecond = second;
+        sender->messagesThisSecond = 0;
+    }
+    if (++sender->messagesThisSecond > kMessagesPerSecond) {
+        ++sender->messagesDropped;
+        return;
+    }
     char* json = jsc_value_to_json(value, 0);
     auto message = json ? checkPageMessage(json) : std::nullopt;
     g_free(json);

@@ -65,7 +65,13 @@ class BrowserWindow {
     bool snapshotPopover(const std::string& path);
     // `page`, when given, is the picture of `pageView`'s page.
     bool snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page);
-    void evaluateInPage(const std::string& script);
+    // In the page's own world, or in `world`.
+    void evaluateInPage(const std::string& script, const char* world = nullptr);
+    // Switches to tab `index` (from 0); false when there is none.
+    bool selectTab(int index);
+    // Presses the crash notice's Reload button of the current tab; false
+    // when it shows none.
+    bool reloadCrashedCurrentTab();
     std::string stateLine();
     std::string clippedLabels();
     std::string paletteLine();
@@ -73,11 +79,30 @@ class BrowserWindow {
   private:
     struct Tab {
         WebKitWebView* view = nullptr;
+        // The notebook's page: the view, with the notice of a crashed web
+        // process over it.
+        GtkWidget* frame = nullptr;
+        GtkWidget* crashNotice = nullptr;
         WebKitUserContentManager* contentManager = nullptr;
         std::shared_ptr<BrowserPage> page;
         gint64 loadStarted = 0;
+        bool crashed = false;
+        // Page-script messages of the current second, and those dropped.
+        gint64 messageSecond = 0;
+        int messagesThisSecond = 0;
+        int64_t messagesDropped = 0;
+        // Blocked-load reports not yet handed to the extension.
+        std::vector<std::string> blockedPending;
+        guint blockedFlush = 0;
     };
+    // The picker sends a message or two per pick; a flood of them, from a
+    // page that found its way into the picker's world, is dropped here
+    // rather than queued: each one makes the extension read the databases.
+    static constexpr int kMessagesPerSecond = 20;
+    // Hands a tab's pending blocked-load reports to the extension at once.
+    void flushBlockedLoads(Tab* tab);
     Tab* tabForView(WebKitWebView* view);
+    Tab* tabForFrame(GtkWidget* frame);
     Tab* currentTab();
     void closeTab(Tab* tab);
     void updateNavigationControls();
@@ -88,6 +113,11 @@ class BrowserWindow {
     void afterNextFrame(std::function<void()> work);
 
     static void onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent, BrowserWindow* self);
+    static void onWebProcessTerminated(WebKitWebView* view,
+                                       WebKitWebProcessTerminationReason reason,
+                                       BrowserWindow* self);
+    // Loads the tab's page again in a new web process (the crash notice's button).
+    void reloadCrashedTab(Tab* tab);
     static void onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow* self);
     static gboolean onUserMessage(WebKitWebView* view, WebKitUserMessage* message,
                                   BrowserWindow* self);

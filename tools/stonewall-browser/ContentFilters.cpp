@@ -37,6 +37,7 @@ struct ContentFilters::Batch {
     std::vector<WebKitUserContentFilter*> filters;  // the new set, one reference each
     std::vector<std::string> keys;
     size_t pending = 0;
+    uint64_t generation = 0;
     std::optional<Error> error;
     std::function<void(Batch&)> finish;
 
@@ -94,6 +95,12 @@ ContentFilters::ContentFilters(std::string containerPath, std::string defaultsPa
       keys_(kRuleListParts) {}
 
 ContentFilters::~ContentFilters() {
+    if (followSource_) g_source_remove(followSource_);
+    for (GFileMonitor* monitor : monitors_) {
+        g_file_monitor_cancel(monitor);
+        g_signal_handlers_disconnect_by_data(monitor, this);
+        g_object_unref(monitor);
+    }
     for (WebKitUserContentFilter* filter : filters_) {
         if (filter) webkit_user_content_filter_unref(filter);
     }
@@ -126,6 +133,13 @@ void ContentFilters::removeContentManager(WebKitUserContentManager* manager) {
 
 void ContentFilters::setFilters(std::vector<WebKitUserContentFilter*> filters) {
     filters.resize(kRuleListParts, nullptr);
+    if (filters == filters_) {
+        // The same filters (a reload that found nothing new): the views keep them.
+        for (WebKitUserContentFilter* filter : filters) {
+            if (filter) webkit_user_content_filter_unref(filter);
+        }
+        return;
+    }
     for (WebKitUserContentFilter* filter : filters_) {
         if (filter) webkit_user_content_filter_unref(filter);
     }
@@ -181,6 +195,7 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
                             std::vector<WebKitUserContentFilter*>(kRuleListParts, nullptr),
                             std::vector<std::string>(kRuleListParts),
                             kRuleListParts,
+                            0,
                             std::nullopt,
                             nullptr};
     batch->finish = [this, done](Batch& finished) {
@@ -254,6 +269,7 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
                                 std::vector<WebKitUserContentFilter*>(kRuleListParts),
                                 std::vector<std::string>(kRuleListParts),
                                 0,
+                                ++self->started_,
                                 std::nullopt,
                                 nullptr};
         for (size_t index = 0; index < kRuleListParts; ++index) {
@@ -267,8 +283,10 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
         }
         batch->finish = [handler = std::move(handler)](Batch& finished) {
             ContentFilters& filters = *finished.self;
-            // A part WebKit refused leaves the whole set as it was.
-            if (!finished.error) {
+            // A part WebKit refused leaves the whole set as it was; a reload
+            // started before the one applied last is out of date.
+            if (!finished.error && finished.generation > filters.applied_) {
+                filters.applied_ = finished.generation;
                 filters.keys_ = std::move(finished.keys);
                 filters.setFilters(std::exchange(finished.filters, {}));
             }
@@ -289,6 +307,45 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
             g_bytes_unref(source);
         }
     });
+}
+
+void ContentFilters::followChanges() {
+    if (!monitors_.empty()) return;
+    const auto watch = [this](const std::string& folder) {
+        GFile* file = g_file_new_for_path(folder.c_str());
+        GFileMonitor* monitor =
+            g_file_monitor_directory(file, G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr);
+        g_object_unref(file);
+        if (!monitor) return;
+        g_signal_connect(
+            monitor, "changed",
+            G_CALLBACK(+[](GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent,
+                           ContentFilters* self) {
+                // The rule files and the defaults are replaced by a rename:
+                // the new name is the one that counts.
+                char* name = g_file_get_basename(other ? other : file);
+                const std::string changed = name ? name : "";
+                g_free(name);
+                const bool ruleFile = changed.ends_with("_unarchive.json");
+                const bool defaults = changed == fs::path(self->defaultsPath_).filename().string();
+                if (!ruleFile && !defaults) return;
+                // One reload for a burst of changes (a write is several events).
+                if (self->followSource_) g_source_remove(self->followSource_);
+                self->followSource_ = g_timeout_add_once(
+                    150,
+                    +[](gpointer data) {
+                        auto* self = static_cast<ContentFilters*>(data);
+                        self->followSource_ = 0;
+                        self->reloadContentBlockerWithIdentifier(
+                            WebKitContentBlockerManager::kContentBlockerIdentifier, {});
+                    },
+                    self);
+            }),
+            this);
+        monitors_.push_back(monitor);
+    };
+    watch((fs::path(containerPath_) / ContainerLayout::kProfilesFolder).string());
+    if (!defaultsPath_.empty()) watch(fs::path(defaultsPath_).parent_path().string());
 }
 
 }  // namespace stonewall::browser

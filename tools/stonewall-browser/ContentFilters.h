@@ -18,6 +18,7 @@
 
 #include <webkit/webkit.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -44,6 +45,11 @@ class ContentFilters : public platform::ContentBlockerManager,
     // store holds no list yet.
     void applyStoredList(std::function<void(bool found)> done = {});
 
+    // Main thread. From now on a change that another program (the command,
+    // another browser) makes to the rule file or to the shared defaults is
+    // applied here too, as a reload would apply it.
+    void followChanges();
+
     // Called on the main thread after each switch of the filter.
     void setFilterChanged(std::function<void(bool filtering)> observer) {
         filterChanged_ = std::move(observer);
@@ -69,6 +75,12 @@ class ContentFilters : public platform::ContentBlockerManager,
     std::vector<std::string> keys_;                  // the content key of each part's source
     std::vector<WebKitUserContentManager*> managers_;
     std::function<void(bool)> filterChanged_;
+    // Reloads overlap when other programs change the list meanwhile: the
+    // last one started is the one that stays.
+    uint64_t started_ = 0;
+    uint64_t applied_ = 0;
+    std::vector<GFileMonitor*> monitors_;
+    guint followSource_ = 0;
 };
 
 }  // namespace stonewall::browser

@@ -4,11 +4,17 @@
 //
 //   load URL            navigate the current tab
 //   tab URL             open a new tab
+//   select-tab N        show tab N (from 0)
+//   reload-crashed      press Reload on the current tab's crashed-page notice
+//   ping TOKEN          answers "pong TOKEN" at once: how long the main loop
+//                       takes to answer (the read is a main-loop source)
 //   popup               click the toolbar button (reports "timing popover-shown MS")
 //   popdown             close the popover
 //   press OUTLET        press a popover control by its outlet name
 //   select-profile N    choose entry N of the profile pop-up
 //   js SCRIPT           run SCRIPT in the page's own world; answers "js RESULT-JSON"
+//   js-picker SCRIPT    the same in the picker's world (what a page could do
+//                       there if it ever got in)
 //   show-view N         switch the open popover to view N (screenshots)
 //   dark 0|1            force the light or dark colour scheme
 //   snapshot-popover P  render the popover's view to the PNG file P
@@ -30,7 +36,8 @@
 //
 // Events: ready, loaded URL, image NAME, badge TEXT|none, view N, message
 // NAME, message-rejected, blocked URL, page-reload, open-url URL,
-// popover-closed, filter on|off, timing NAME MS (popover-shown: click to the
+// popover-closed, filter on|off, web-process-terminated crashed|memory|ended,
+// timing NAME MS (popover-shown: click to the
 // popover's first frame; badge-shown: blocked-load report to the badge's
 // frame; page-load: start to finish of a main-frame load), reload-error TEXT,
 // done COMMAND, error COMMAND.
@@ -44,6 +51,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "BrowserProtocol.h"
 #include "BrowserWindow.h"
 #include "extension/SafariExtensionHandler.h"
 #include "platform/Platform.h"
@@ -142,8 +150,17 @@ void BrowserWindow::startControlChannel() {
                     const std::string argument = parts.second;
                     g_free(line);
                     bool ok = true;
+                    if (command == "ping") {
+                        self->event("pong " + argument);
+                        next(self);
+                        return;
+                    }
                     if (command == "load")
                         self->load(argument);
+                    else if (command == "select-tab")
+                        ok = self->selectTab(std::atoi(argument.c_str()));
+                    else if (command == "reload-crashed")
+                        ok = self->reloadCrashedCurrentTab();
                     else if (command == "tab")
                         self->openTab(argument);
                     else if (command == "popup")
@@ -157,6 +174,8 @@ void BrowserWindow::startControlChannel() {
                             static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
                     else if (command == "js")
                         self->evaluateInPage(argument);
+                    else if (command == "js-picker")
+                        self->evaluateInPage(argument, kScriptWorldName);
                     else if (command == "show-view")
                         self->showViewForTesting(std::atoi(argument.c_str()));
                     else if (command == "dark")
@@ -319,14 +338,14 @@ void BrowserWindow::setDarkForTesting(bool dark) {
         dark ? ADW_COLOR_SCHEME_FORCE_DARK : ADW_COLOR_SCHEME_FORCE_LIGHT);
 }
 
-void BrowserWindow::evaluateInPage(const std::string& script) {
+void BrowserWindow::evaluateInPage(const std::string& script, const char* world) {
     Tab* tab = currentTab();
     if (!tab) {
         event("js null");
         return;
     }
     webkit_web_view_evaluate_javascript(
-        tab->view, script.c_str(), static_cast<gssize>(script.size()), nullptr, nullptr, nullptr,
+        tab->view, script.c_str(), static_cast<gssize>(script.size()), world, nullptr, nullptr,
         +[](GObject* view, GAsyncResult* result, gpointer data) {
             auto* self = static_cast<BrowserWindow*>(data);
             GError* error = nullptr;
@@ -539,6 +558,8 @@ std::string BrowserWindow::stateLine() {
         {"reloading", controller.reloading()},
         {"blocked", page ? controller.blockingStatController().URLsCountForPage(page) : 0},
         {"tabs", tabs_.size()},
+        {"crashed", currentTab() && currentTab()->crashed},
+        {"messagesDropped", currentTab() ? currentTab()->messagesDropped : 0},
         {"website", title("blockButton")},
         {"blockEnabled", views && views->rowEnabled("blockButton")},
         {"profile", title("profileButton")},

@@ -111,6 +111,8 @@ void activate(GtkApplication* application, Program* program) {
         }
         program->window->openTab(program->url);
         gtk_window_present(GTK_WINDOW(program->window->window()));
+        // What the command or another browser changes applies here too.
+        program->filters->followChanges();
     });
 }
 

@@ -27,7 +27,6 @@ namespace {
 // The templates the storage layer copies into a new container.
 constexpr const char* kTemplateNames[] = {"shared_data", "profiles"};
 // Held by every command that opens the engine, for the whole command.
-constexpr const char* kLockFileName = ".stonewall.lock";
 
 std::string absolutePath(const std::string& path) {
     std::error_code error;
@@ -133,7 +132,8 @@ void Session::lockContainer() const {
     if (containerLock_) return;
     // Blocks while another stonewall command works on this container.
     std::string why;
-    containerLock_ = platform::lockFile(containerPath_ + "/" + kLockFileName, why);
+    containerLock_ = platform::lockFile(
+        containerPath_ + "/" + std::string(ContainerLayout::kContainerLockFile), why);
     if (!containerLock_) {
         throw CommandFailure(ExitCode::Storage, "container " + containerPath_,
                              "cannot be locked: " + why);
