@@ -107,6 +107,28 @@ TEST_F(BrowserTest, BlockingTheWebsiteFromThePopoverStopsItsLoads) {
     EXPECT_EQ(server_.requests("/"), 1);
 }
 
+// Allowing a website recompiles every part of the list; the page's views
+// are let through at once, before that compile, and the compiled list then
+// takes over with the same verdict.
+TEST_F(BrowserTest, AllowingTheWebsiteLetsItsLoadsThroughBeforeTheListIsCompiled) {
+    const fs::path list = scratch("ads.txt");
+    tool::testing::writeFile(list, "/ads/banner.png\n");
+    runOK({"profile", "import", "defaultProfile", list.string()});
+    startBrowser(server_.url("/"));
+    ASSERT_EQ(server_.requests("/ads/banner.png"), 0);
+    run({{"popup", "view 1"},
+         {"press whitelistButton", "view 4"},
+         {"press websiteDoneButton", "filter allow"},
+         {"", "filter on"},
+         {"", "page-reload"},
+         {"", "loaded"}});
+    EXPECT_EQ(server_.requests("/ads/banner.png"), 1);
+    // A later reload of the same list lets nothing through early again.
+    runOK({"compile"});
+    run({{"load " + server_.url("/"), "loaded"}});
+    EXPECT_EQ(server_.requests("/ads/banner.png"), 2);
+}
+
 TEST_F(BrowserTest, PickedElementBecomesAHideRuleAndDisappears) {
     startBrowser(server_.url("/"));
     // The page's own world sees neither the picker nor its message handler.

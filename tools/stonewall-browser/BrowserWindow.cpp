@@ -332,6 +332,7 @@ void BrowserWindow::openTab(const std::string& url) {
 
     tab->view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
                                              "user-content-manager", tab->contentManager, nullptr));
+    filters_->setView(tab->contentManager, tab->view);
     gtk_widget_set_hexpand(GTK_WIDGET(tab->view), TRUE);
     gtk_widget_set_vexpand(GTK_WIDGET(tab->view), TRUE);
     tab->page = std::make_shared<BrowserPage>(tab->view, [this](const BrowserPage& page) {

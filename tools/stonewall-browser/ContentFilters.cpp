@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "platform/ContainerLayout.h"
@@ -40,6 +42,7 @@ struct ContentFilters::Batch {
     uint64_t generation = 0;
     std::optional<Error> error;
     std::function<void(Batch&)> finish;
+    std::set<std::string> allows;  // the allow patterns of the list it applies
 
     ~Batch() {
         for (WebKitUserContentFilter* filter : filters) {
@@ -129,6 +132,7 @@ void ContentFilters::addContentManager(WebKitUserContentManager* manager) {
 
 void ContentFilters::removeContentManager(WebKitUserContentManager* manager) {
     managers_.erase(std::remove(managers_.begin(), managers_.end(), manager), managers_.end());
+    views_.erase(manager);
 }
 
 void ContentFilters::setFilters(std::vector<WebKitUserContentFilter*> filters) {
@@ -155,22 +159,28 @@ void ContentFilters::setFilters(std::vector<WebKitUserContentFilter*> filters) {
     if (filterChanged_) filterChanged_(filtering);
 }
 
+std::optional<std::string> ContentFilters::storedRuleList() const {
+    platform::gnulinux::FileUserDefaults defaults(defaultsPath_);
+    const auto profile = defaults.stringForKey("activeProfileID");
+    if (!profile || !ContainerLayout::isSafeProfileIdentifier(*profile)) return std::nullopt;
+    std::ifstream stream(fs::path(containerPath_) / ContainerLayout::kProfilesFolder /
+                             ContainerLayout::ruleListFileName(*profile),
+                         std::ios::binary);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    if (!stream) return std::nullopt;
+    return std::move(text).str();
+}
+
 std::vector<std::string> ContentFilters::storedPartKeys() const {
     // The reload service keeps each stored part as a link to its entry in
     // the cache, named by the content key of its source; a part that is
     // that link for the current rule list's part was made from it. Any
     // other part is compiled again by the first reload.
     std::vector<std::string> keys(kRuleListParts);
-    platform::gnulinux::FileUserDefaults defaults(defaultsPath_);
-    const auto profile = defaults.stringForKey("activeProfileID");
-    if (!profile || !ContainerLayout::isSafeProfileIdentifier(*profile)) return keys;
-    std::ifstream stream(fs::path(containerPath_) / ContainerLayout::kProfilesFolder /
-                             ContainerLayout::ruleListFileName(*profile),
-                         std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    const auto parts = platform::splitRuleList(std::move(text).str());
-    if (!stream || !parts) return keys;
+    const auto list = storedRuleList();
+    const auto parts = list ? platform::splitRuleList(*list) : std::nullopt;
+    if (!parts) return keys;
     const platform::gnulinux::CompiledRuleListCache cache(
         WebKitContentBlockerManager::storePathForContainer(containerPath_), nullptr, nullptr);
     for (size_t index = 0; index < kRuleListParts; ++index) {
@@ -185,6 +195,73 @@ std::vector<std::string> ContentFilters::storedPartKeys() const {
     return keys;
 }
 
+std::set<std::string> ContentFilters::allowedPagePatterns(std::string_view ruleList) {
+    // The compiler writes an allowed website's rule in this one form; a
+    // scan for it costs a fraction of parsing a list of 50,000 rules.
+    static constexpr std::string_view kAllowRule =
+        R"({"action":{"type":"ignore-previous-rules"},"trigger":{"url-filter":".*","if-top-url":)";
+    std::set<std::string> patterns;
+    for (size_t at = ruleList.find(kAllowRule); at != std::string_view::npos;
+         at = ruleList.find(kAllowRule, at + 1)) {
+        // The array of JSON strings that follows, up to its "]" (the
+        // patterns hold brackets of their own).
+        size_t end = at + kAllowRule.size();
+        if (end >= ruleList.size() || ruleList[end] != '[') continue;
+        bool inString = false;
+        for (++end; end < ruleList.size(); ++end) {
+            const char c = ruleList[end];
+            if (inString && c == '\\') {
+                ++end;
+            } else if (c == '"') {
+                inString = !inString;
+            } else if (!inString && c == ']') {
+                break;
+            }
+        }
+        if (end >= ruleList.size()) break;
+        const size_t start = at + kAllowRule.size();
+        const nlohmann::json array = nlohmann::json::parse(ruleList.substr(start, end + 1 - start),
+                                                           nullptr, /*allow_exceptions=*/false);
+        if (!array.is_array()) continue;
+        for (const auto& pattern : array) {
+            if (pattern.is_string()) patterns.insert(pattern.get<std::string>());
+        }
+    }
+    return patterns;
+}
+
+void ContentFilters::setView(WebKitUserContentManager* manager, WebKitWebView* view) {
+    views_[manager] = view;
+}
+
+void ContentFilters::letAllowedPagesThrough(const std::set<std::string>& allows) {
+    std::vector<std::regex> added;
+    for (const std::string& pattern : allows) {
+        if (appliedAllows_.contains(pattern)) continue;
+        try {
+            // WebKit matches if-top-url without regard to case.
+            added.emplace_back(pattern, std::regex::ECMAScript | std::regex::icase |
+                                            std::regex::nosubs | std::regex::optimize);
+        } catch (const std::regex_error&) {
+            // Not a pattern of ours: the compiled list alone decides.
+        }
+    }
+    if (added.empty()) return;
+    bool letThrough = false;
+    for (WebKitUserContentManager* manager : managers_) {
+        const auto view = views_.find(manager);
+        const char* uri = view != views_.end() ? webkit_web_view_get_uri(view->second) : nullptr;
+        if (!uri) continue;
+        const bool allowed = std::any_of(added.begin(), added.end(), [uri](const std::regex& page) {
+            return std::regex_search(uri, page);
+        });
+        if (!allowed) continue;
+        webkit_user_content_manager_remove_all_filters(manager);
+        letThrough = true;
+    }
+    if (letThrough && allowApplied_) allowApplied_();
+}
+
 void ContentFilters::applyStoredList(std::function<void(bool)> done) {
     if (blockingOff()) {
         setFilters({});
@@ -197,12 +274,14 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
                             kRuleListParts,
                             0,
                             std::nullopt,
-                            nullptr};
+                            nullptr,
+                            {}};
     batch->finish = [this, done](Batch& finished) {
         // A store without every part has not been compiled yet: nothing to apply.
         const bool found = !finished.error;
         if (found) {
             keys_ = storedPartKeys();
+            if (const auto list = storedRuleList()) appliedAllows_ = allowedPagePatterns(*list);
             setFilters(std::exchange(finished.filters, {}));
         }
         if (done) done(found);
@@ -271,7 +350,8 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
                                 0,
                                 ++self->started_,
                                 std::nullopt,
-                                nullptr};
+                                nullptr,
+                                {}};
         for (size_t index = 0; index < kRuleListParts; ++index) {
             batch->keys[index] =
                 platform::gnulinux::CompiledRuleListCache::contentKey(parts[index].json);
@@ -288,15 +368,18 @@ void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& ident
             if (!finished.error && finished.generation > filters.applied_) {
                 filters.applied_ = finished.generation;
                 filters.keys_ = std::move(finished.keys);
+                filters.appliedAllows_ = std::move(finished.allows);
                 filters.setFilters(std::exchange(finished.filters, {}));
             }
             if (handler) handler(finished.error);
         };
+        batch->allows = allowedPagePatterns(json);
         if (batch->pending == 0) {
             std::unique_ptr<Batch> owned(batch);
             owned->finish(*owned);
             return;
         }
+        self->letAllowedPagesThrough(batch->allows);
         for (size_t index = 0; index < kRuleListParts; ++index) {
             if (batch->filters[index]) continue;
             GBytes* source = g_bytes_new(parts[index].json.data(), parts[index].json.size());

@@ -20,8 +20,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/ContentBlockerManager.h"
@@ -40,6 +44,9 @@ class ContentFilters : public platform::ContentBlockerManager,
     // Main thread. A manager gets the current filter at once and every later one.
     void addContentManager(WebKitUserContentManager* manager);
     void removeContentManager(WebKitUserContentManager* manager);
+    // Main thread. The view a manager serves, whose page an allowed website
+    // is looked for in (see below).
+    void setView(WebKitUserContentManager* manager, WebKitWebView* view);
     // Applies the stored list (or none while blocking is off); `done` is
     // called on the main thread once it is in place, with false when the
     // store holds no list yet.
@@ -54,6 +61,13 @@ class ContentFilters : public platform::ContentBlockerManager,
     void setFilterChanged(std::function<void(bool filtering)> observer) {
         filterChanged_ = std::move(observer);
     }
+    // Called on the main thread when a newly allowed website's pages were
+    // let through at once, before the list that allows it is compiled.
+    void setAllowApplied(std::function<void()> observer) { allowApplied_ = std::move(observer); }
+
+    // The page patterns ("if-top-url") of the list's allow-website rules:
+    // ignore-previous-rules for every address of a page.
+    static std::set<std::string> allowedPagePatterns(std::string_view ruleList);
 
   private:
     struct Batch;
@@ -67,6 +81,15 @@ class ContentFilters : public platform::ContentBlockerManager,
     WebKitUserContentFilterStore* store();
     // The content key of each stored part's source, where it is known.
     std::vector<std::string> storedPartKeys() const;
+    // The active profile's rule list as stored, or nothing.
+    std::optional<std::string> storedRuleList() const;
+    // Allowing a website changes every part (its rule must follow every
+    // rule it could cancel), which takes seconds to compile on a large
+    // list. Meanwhile the views showing a page of a newly allowed website
+    // get no filter at all, which is what the allow rule gives them except
+    // for the upgrades to HTTPS that follow it; the compiled list then
+    // takes over.
+    void letAllowedPagesThrough(const std::set<std::string>& allows);
 
     std::string containerPath_;
     std::string defaultsPath_;
@@ -74,6 +97,10 @@ class ContentFilters : public platform::ContentBlockerManager,
     std::vector<WebKitUserContentFilter*> filters_;  // by part; empty: no filter
     std::vector<std::string> keys_;                  // the content key of each part's source
     std::vector<WebKitUserContentManager*> managers_;
+    std::map<WebKitUserContentManager*, WebKitWebView*> views_;
+    // The allow patterns of the list applied last.
+    std::set<std::string> appliedAllows_;
+    std::function<void()> allowApplied_;
     std::function<void(bool)> filterChanged_;
     // Reloads overlap when other programs change the list meanwhile: the
     // last one started is the one that stays.

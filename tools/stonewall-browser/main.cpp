@@ -96,6 +96,8 @@ void activate(GtkApplication* application, Program* program) {
     platform::installFront(std::move(front));
     program->window = std::make_unique<browser::BrowserWindow>(
         application, program->options, program->filters, program->application);
+    program->filters->setAllowApplied(
+        [window = program->window.get()] { window->event("filter allow"); });
     program->filters->setFilterChanged([window = program->window.get()](bool filtering) {
         window->event(filtering ? "filter on" : "filter off");
     });
