@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "extension/platform/FrontServices.h"
+#include "engine/PageProtocol.h"
 #include "platform/Platform.h"
 #include "utilities/PunycodeAdditions.h"
 
@@ -77,7 +78,7 @@ SafariExtensionViewController& SafariExtensionHandler::useSharedController() {
 
 int8_t SafariExtensionHandler::visualStatusFromUserInfo(const Json& userInfo) {
     if (!userInfo.is_object()) return 0;
-    const auto status = userInfo.find("status");
+    const auto status = userInfo.find(page_protocol::kStatusKey);
     if (status == userInfo.end()) return 0;
     // The page's flag is a boolean carried in a number; only its low byte
     // counts, so 257 reads as 1.
@@ -88,7 +89,7 @@ int8_t SafariExtensionHandler::visualStatusFromUserInfo(const Json& userInfo) {
 std::vector<DataElement> SafariExtensionHandler::visualElementsFromUserInfo(
     const Json& userInfo, const NullableString& host) {
     if (!userInfo.is_object()) return {};
-    const auto data = userInfo.find("data");
+    const auto data = userInfo.find(page_protocol::kDataKey);
     if (data == userInfo.end()) return {};
     auto elements = DataElement::elementsFromMessageData(*data);
     if (!elements) return {};
@@ -117,18 +118,18 @@ void SafariExtensionHandler::messageReceivedWithName(const std::string& messageN
             SafariExtensionHandler handler;
             SafariExtensionViewController& controller = handler.useSharedController();
 
-            if (messageName == "VisualStatus") {
+            if (messageName == page_protocol::kVisualStatus) {
                 const int8_t status = visualStatusFromUserInfo(userInfo);
                 platform::dispatch().mainQueue().async(
                     [&controller, status] { controller.popoverWillShowInWindow(status); });
                 return;
             }
-            if (messageName != "VisualData") return;
+            if (messageName != page_protocol::kVisualData) return;
 
             const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
             std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
             if (elements.empty()) return;
-            controller.changeToolbarImage(2);
+            controller.changeToolbarImage(ToolbarImage::Reloading);
             // A fresh engine for this message, on a worker: the popover's own
             // may be busy on the main thread, and storing waits for as long
             // as another program holds the profile's database.
@@ -189,7 +190,7 @@ void SafariExtensionHandler::validateToolbarItemInWindow(const std::shared_ptr<S
     }
 
     const bool on = engine.sharedData() && engine.sharedData()->status == 1;
-    controller.changeToolbarImage(on ? 1 : 3);
+    controller.changeToolbarImage(on ? ToolbarImage::Normal : ToolbarImage::Off);
 
     if (ExtensionState::isSafariVersionAvailable(kServicesLevel13)) {
         const bool counter = state && state->blockingCounter();
@@ -223,7 +224,7 @@ void SafariExtensionHandler::popoverWillShowInWindow(const std::shared_ptr<SFSaf
     controller.popoverWillShowInWindow(0);
     // The page script answers whether picking is still on there.
     controller.getActivePage([](const std::shared_ptr<SFSafariPage>& page) {
-        page->dispatchMessageToScriptWithName("VisualStatus", nullptr);
+        page->dispatchMessageToScriptWithName(page_protocol::kVisualStatus, nullptr);
     });
 }
 

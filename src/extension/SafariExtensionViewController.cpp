@@ -5,6 +5,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "engine/PageProtocol.h"
 #include "extension/Palette.h"
 #include "extension/PopoverOutlets.h"
 #include "extension/platform/FrontServices.h"
@@ -348,40 +349,43 @@ void SafariExtensionViewController::setupButtons() {
 
 // --- View switching -------------------------------------------------------------------
 
-void SafariExtensionViewController::showExtensionView(int64_t viewCode, Animated animated) {
+void SafariExtensionViewController::showExtensionView(ExtensionView view, Animated animated) {
     if (!popoverVisible_) return;
     Outlets& o = *outlets_;
-    const auto showOnly = [&](int64_t code) {
+    // The stacks are in view order, the main view's first.
+    const auto showOnly = [&](ExtensionView shown) {
         for (size_t i = 0; i < o.stacks.size(); ++i) {
-            if (o.stacks[i]) o.stacks[i]->setHidden(static_cast<int64_t>(i) + 1 != code);
+            if (o.stacks[i])
+                o.stacks[i]->setHidden(static_cast<int64_t>(i) + 1 !=
+                                       static_cast<int64_t>(shown));
         }
-        currentView_ = code;
+        currentView_ = shown;
     };
     platform::toolkit().runAnimationGroup(
         animated == Animated::Yes ? kSwitchAnimationDuration : 0.0,
         [&] {
-            switch (viewCode) {
-                case 1:
+            switch (view) {
+                case ExtensionView::Main:
                     if (o.reloadProgressIndicator) o.reloadProgressIndicator->stopAnimation();
                     updateMenu();
                     setupButtons();
                     updateStatus();
                     updateCounterStatus();
                     setupProfileButton();
-                    showOnly(1);
+                    showOnly(view);
                     break;
-                case 2:
+                case ExtensionView::Picking:
                     updateVisual();
-                    showOnly(2);
+                    showOnly(view);
                     break;
-                case 3:
-                case 4:
-                case 6:
-                    showOnly(viewCode);
+                case ExtensionView::Profile:
+                case ExtensionView::Website:
+                case ExtensionView::Error:
+                    showOnly(view);
                     break;
-                case 5:
+                case ExtensionView::Reloading:
                     if (o.reloadProgressIndicator) o.reloadProgressIndicator->startAnimation();
-                    showOnly(5);
+                    showOnly(view);
                     break;
                 default:
                     break;
@@ -406,9 +410,10 @@ void SafariExtensionViewController::popoverWillShowInWindow(int64_t visualStatus
     popoverVisible_ = true;
     refreshSharedData(Repair::Yes);
     if (visualStatus == 1) {
-        showExtensionView(2, Animated::No);
+        showExtensionView(ExtensionView::Picking, Animated::No);
     } else {
-        showExtensionView(reloading_ ? 5 : 1, Animated::No);
+        showExtensionView(reloading_ ? ExtensionView::Reloading : ExtensionView::Main,
+                          Animated::No);
     }
     getActivePageURL([this](const std::shared_ptr<SFSafariPage>&, NullableString url) {
         platform::dispatch().mainQueue().async([this, url] { updateWebsiteButtons(url); });
@@ -538,18 +543,18 @@ void SafariExtensionViewController::setupProfileButton() {
 
 // --- Toolbar image and completion ------------------------------------------------------
 
-void SafariExtensionViewController::changeToolbarImage(int64_t imageCode) {
+void SafariExtensionViewController::changeToolbarImage(ToolbarImage imageCode) {
     std::string imageName;
     switch (imageCode) {
-        case 3:
+        case ToolbarImage::Off:
             imageName = "ToolbarItemIconOff";
             reloading_ = false;
             break;
-        case 2:
+        case ToolbarImage::Reloading:
             imageName = "ToolbarItemIconReloading";
             reloading_ = true;
             break;
-        case 1:
+        case ToolbarImage::Normal:
             imageName = "ToolbarItemIcon";
             reloading_ = false;
             break;
@@ -558,25 +563,29 @@ void SafariExtensionViewController::changeToolbarImage(int64_t imageCode) {
     }
     auto image = imageName.empty() ? nullptr : platform::toolkit().imageNamed(imageName);
     platform::safariApplication().getActiveWindowWithCompletionHandler(
-        [this, imageCode, image](const std::shared_ptr<SFSafariWindow>& window) {
+        [this, imageCode, image, known = !imageName.empty()](
+            const std::shared_ptr<SFSafariWindow>& window) {
             if (!window) return;
             window->getToolbarItemWithCompletionHandler(
-                [this, imageCode, image](const std::shared_ptr<SFSafariToolbarItem>& item) {
+                [this, imageCode, image, known](const std::shared_ptr<SFSafariToolbarItem>& item) {
                     if (!item) return;
                     if (!item->respondsToSetImage()) {
-                        showExtensionView(1, Animated::Yes);
+                        showExtensionView(ExtensionView::Main, Animated::Yes);
                         return;
                     }
                     item->setImage(image);
-                    if (imageCode >= 1 && imageCode <= 3) {
-                        showExtensionView(imageCode == 2 ? 5 : 1, Animated::Yes);
+                    if (known) {
+                        showExtensionView(imageCode == ToolbarImage::Reloading
+                                              ? ExtensionView::Reloading
+                                              : ExtensionView::Main,
+                                          Animated::Yes);
                     }
                 });
         });
 }
 
 void SafariExtensionViewController::processCompletedAction() {
-    changeToolbarImage(1);
+    changeToolbarImage(ToolbarImage::Normal);
     if (counterOn()) platform::safariApplication().setToolbarItemsNeedUpdate();
     dismissMainPopover();
 }
@@ -636,13 +645,13 @@ void SafariExtensionViewController::changeStatusAction() {
             extensionState_->setStatusUpdated(false);
             extensionState_->saveData();
         }
-        changeToolbarImage(2);
+        changeToolbarImage(ToolbarImage::Reloading);
         updateStatus();
         CompanionController::reloadBlockerRules(
             std::nullopt, companionController_->activeDatabase(),
             [this](std::optional<Error> error) {
                 const auto& record = companionController_->sharedData();
-                changeToolbarImage(record && record->status == 1 ? 1 : 3);
+                changeToolbarImage(record && record->status == 1 ? ToolbarImage::Normal : ToolbarImage::Off);
                 blockingStatController_->removeAllURLs();
                 if (counterOn()) platform::safariApplication().setToolbarItemsNeedUpdate();
                 dismissMainPopover();
@@ -664,7 +673,7 @@ void SafariExtensionViewController::changeCounterAction() {
                 localized("This feature is only available in Safari 13 or above."));
         }
         if (o.errorDoneButton) o.errorDoneButton->setTitle(localized("OK"));
-        showExtensionView(6, Animated::No);
+        showExtensionView(ExtensionView::Error, Animated::No);
         return;
     }
     if (extensionState_) {
@@ -679,10 +688,10 @@ void SafariExtensionViewController::changeCounterAction() {
 void SafariExtensionViewController::visualBlockAction() {
     visualAction_ = 2;
     getActivePage([this](const std::shared_ptr<SFSafariPage>& page) {
-        page->dispatchMessageToScriptWithName("BlockVisually", nlohmann::json::object());
+        page->dispatchMessageToScriptWithName(page_protocol::kBlockVisually, nlohmann::json::object());
         extensionStatus_ = 2;
         page->getPagePropertiesWithCompletionHandler([this](std::optional<SFSafariPageProperties>) {
-            platform::dispatch().mainQueue().async([this] { showExtensionView(2, Animated::Yes); });
+            platform::dispatch().mainQueue().async([this] { showExtensionView(ExtensionView::Picking, Animated::Yes); });
         });
     });
 }
@@ -697,16 +706,16 @@ void SafariExtensionViewController::visualHideAction() {
 void SafariExtensionViewController::visualCancelAction() {
     visualAction_ = 1;
     getActivePage([](const std::shared_ptr<SFSafariPage>& page) {
-        page->dispatchMessageToScriptWithName("VisualCancel", nullptr);
+        page->dispatchMessageToScriptWithName(page_protocol::kVisualCancel, nullptr);
     });
-    showExtensionView(1, Animated::Yes);
+    showExtensionView(ExtensionView::Main, Animated::Yes);
 }
 
 void SafariExtensionViewController::visualDoneAction() {
     visualAction_ = 1;
     // The page answers with "VisualData", whose reload shows view 5.
     getActivePage([](const std::shared_ptr<SFSafariPage>& page) {
-        page->dispatchMessageToScriptWithName("VisualDone", nullptr);
+        page->dispatchMessageToScriptWithName(page_protocol::kVisualDone, nullptr);
     });
 }
 
@@ -720,7 +729,7 @@ void SafariExtensionViewController::askForWebsiteConfirmation(int64_t action,
     if (o.websiteTitleLabel) o.websiteTitleLabel->setStringValue(localized(title));
     if (o.websiteMessageLabel) o.websiteMessageLabel->setStringValue(message);
     if (o.websiteDoneButton) o.websiteDoneButton->setTitle(localized(doneTitle));
-    showExtensionView(4, Animated::Yes);
+    showExtensionView(ExtensionView::Website, Animated::Yes);
 }
 
 void SafariExtensionViewController::blockWebsiteAction() {
@@ -740,11 +749,11 @@ void SafariExtensionViewController::whitelistWebsiteAction() {
 
 void SafariExtensionViewController::websiteCancelAction() {
     websiteAction_ = 1;
-    showExtensionView(1, Animated::Yes);
+    showExtensionView(ExtensionView::Main, Animated::Yes);
 }
 
 void SafariExtensionViewController::websiteDoneAction() {
-    changeToolbarImage(2);
+    changeToolbarImage(ToolbarImage::Reloading);
     const int64_t action = websiteAction_;
     if (action < 2 || action > 4) {
         // Nothing was confirmed; the icon stays on reloading until the next
@@ -855,17 +864,17 @@ void SafariExtensionViewController::websiteChoiceNotStored() {
                 localized("Another program kept the blocker's rules busy. Try again later."));
         }
         if (o.errorDoneButton) o.errorDoneButton->setTitle(localized("OK"));
-        changeToolbarImage(1);
+        changeToolbarImage(ToolbarImage::Normal);
         // After the view that the image change shows.
         getActivePage([this](const std::shared_ptr<SFSafariPage>&) {
-            platform::dispatch().mainQueue().async([this] { showExtensionView(6, Animated::No); });
+            platform::dispatch().mainQueue().async([this] { showExtensionView(ExtensionView::Error, Animated::No); });
         });
     });
 }
 
 void SafariExtensionViewController::changeActiveProfile() {
     Outlets& o = *outlets_;
-    showExtensionView(3, Animated::Yes);
+    showExtensionView(ExtensionView::Profile, Animated::Yes);
     for (size_t i = 0; i < profileIDs_.size(); ++i) {
         if (profileIDs_[i] == activeProfileID_) {
             if (i < profiles_.size()) setButtonTitle(o.profileButton, profiles_[i]);
@@ -885,7 +894,7 @@ void SafariExtensionViewController::changeActiveProfile() {
     popup.selectItemAtIndex(selected < 0 ? 0 : selected);
 }
 
-void SafariExtensionViewController::profileCancelAction() { showExtensionView(1, Animated::Yes); }
+void SafariExtensionViewController::profileCancelAction() { showExtensionView(ExtensionView::Main, Animated::Yes); }
 
 void SafariExtensionViewController::profileDoneAction() {
     const auto& popup = outlets_->profilePopupButton;
@@ -894,7 +903,7 @@ void SafariExtensionViewController::profileDoneAction() {
     if (!item || item->tag < 0 || static_cast<size_t>(item->tag) >= profileIDs_.size()) return;
     const std::string identifier = profileIDs_[static_cast<size_t>(item->tag)];
     if (identifier == activeProfileID_) return;
-    changeToolbarImage(2);
+    changeToolbarImage(ToolbarImage::Reloading);
     platform::dispatch().globalQueue(platform::QueuePriority::High).async([this, identifier] {
         CompanionController& engine = *companionController_;
         engine.activateProfile(identifier, [this, identifier](std::optional<Error>) {
@@ -908,7 +917,7 @@ void SafariExtensionViewController::profileDoneAction() {
     });
 }
 
-void SafariExtensionViewController::errorDoneAction() { showExtensionView(1, Animated::Yes); }
+void SafariExtensionViewController::errorDoneAction() { showExtensionView(ExtensionView::Main, Animated::Yes); }
 
 void SafariExtensionViewController::openAppAction() {
     platform::dispatch().globalQueue(platform::QueuePriority::Default).async([] {

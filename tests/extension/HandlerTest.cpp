@@ -63,7 +63,7 @@ TEST_F(HandlerTest, VisualStatusPicksTheView) {
     auto page = openPopoverOn(kPageURL);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.userInfo.dump() + (c.reloading ? " reloading" : ""));
-        controller().changeToolbarImage(c.reloading ? 2 : 1);
+        controller().changeToolbarImage(c.reloading ? ToolbarImage::Reloading : ToolbarImage::Normal);
         run();
         browser->deliverMessage("VisualStatus", page, c.userInfo);
         run();
@@ -90,7 +90,7 @@ TEST_F(HandlerTest, ReloadOutcomeByServicesLevelAndAction) {
     };
     const Act activate = [](HandlerTest& t, SimulatedPage&) {
         t.storeTwoProfiles();
-        t.controller().showExtensionView(1, C::Animated::No);
+        t.controller().showExtensionView(ExtensionView::Main, C::Animated::No);
         t.controller().changeActiveProfile();
         t.popover()->popup()->selectItemAtIndex(1);
         t.controller().profileDoneAction();
