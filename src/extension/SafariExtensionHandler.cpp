@@ -4,8 +4,8 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
-#include "extension/platform/FrontServices.h"
 #include "engine/PageProtocol.h"
+#include "extension/platform/FrontServices.h"
 #include "platform/Platform.h"
 #include "utilities/PunycodeAdditions.h"
 

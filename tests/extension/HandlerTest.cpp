@@ -63,7 +63,8 @@ TEST_F(HandlerTest, VisualStatusPicksTheView) {
     auto page = openPopoverOn(kPageURL);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.userInfo.dump() + (c.reloading ? " reloading" : ""));
-        controller().changeToolbarImage(c.reloading ? ToolbarImage::Reloading : ToolbarImage::Normal);
+        controller().changeToolbarImage(c.reloading ? ToolbarImage::Reloading
+                                                    : ToolbarImage::Normal);
         run();
         browser->deliverMessage("VisualStatus", page, c.userInfo);
         run();

@@ -1,7 +1,6 @@
 #include "extension/testing/SimulatedBrowser.h"
 
 #include "engine/PageProtocol.h"
-
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 
@@ -50,7 +49,8 @@ void SimulatedPage::dispatchMessageToScriptWithName(const std::string& messageNa
         auto browser = self->browser_.lock();
         if (messageName == page_protocol::kVisualStatus) {
             if (browser)
-                browser->deliverMessage(page_protocol::kVisualStatus, self, {{page_protocol::kStatusKey, self->picking_ ? 1 : 0}});
+                browser->deliverMessage(page_protocol::kVisualStatus, self,
+                                        {{page_protocol::kStatusKey, self->picking_ ? 1 : 0}});
         } else if (messageName == page_protocol::kBlockVisually) {
             self->picking_ = true;
         } else if (messageName == page_protocol::kVisualCancel) {
@@ -58,7 +58,8 @@ void SimulatedPage::dispatchMessageToScriptWithName(const std::string& messageNa
         } else if (messageName == page_protocol::kVisualDone) {
             self->picking_ = false;
             if (browser && !self->pickedElements_.empty()) {
-                browser->deliverMessage(page_protocol::kVisualData, self, {{page_protocol::kDataKey, self->pickedElements_}});
+                browser->deliverMessage(page_protocol::kVisualData, self,
+                                        {{page_protocol::kDataKey, self->pickedElements_}});
             }
         }
     });
