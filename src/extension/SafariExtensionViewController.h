@@ -194,6 +194,11 @@ class SafariExtensionViewController {
     void setButtonTitle(const std::shared_ptr<ExtensionButton>& button, const std::string& title);
     void setButtonEnabled(const std::shared_ptr<ExtensionButton>& button, bool enabled);
     bool counterOn() const;
+    // A switch row: its title, its on or off image (on the button and the
+    // image view beside it) and its accessible name and state.
+    void showSwitch(const std::shared_ptr<ExtensionButton>& button,
+                    const std::shared_ptr<NSImageView>& imageView, bool on,
+                    const std::string& title, const std::string& accessibleName);
     void askForWebsiteConfirmation(int64_t action, const char* messageFormat, const char* title,
                                    const char* doneTitle);
     // Worker thread: the confirmed website choice stored on an engine of its
