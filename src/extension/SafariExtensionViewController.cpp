@@ -1,8 +1,8 @@
+#include "extension/SafariExtensionViewController.h"
+
 // SafariExtensionViewController: the shared instance and its creation, the
 // toolbar image, the reload outcome and the active page. Layout, view
 // switching and actions are in the files beside this one.
-
-#include "extension/SafariExtensionViewController.h"
 
 #include <atomic>
 #include <mutex>

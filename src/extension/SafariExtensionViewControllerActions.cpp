@@ -1,7 +1,7 @@
+#include "extension/SafariExtensionViewController.h"
+
 // SafariExtensionViewController: what the popover's buttons do, and the
 // worker that stores a confirmed website choice.
-
-#include "extension/SafariExtensionViewController.h"
 
 #include <nlohmann/json.hpp>
 
@@ -33,7 +33,8 @@ void SafariExtensionViewController::changeStatusAction() {
             std::nullopt, companionController_->activeDatabase(),
             [this](std::optional<Error> error) {
                 const auto& record = companionController_->sharedData();
-                changeToolbarImage(record && record->status == 1 ? ToolbarImage::Normal : ToolbarImage::Off);
+                changeToolbarImage(record && record->status == 1 ? ToolbarImage::Normal
+                                                                 : ToolbarImage::Off);
                 blockingStatController_->removeAllURLs();
                 if (counterOn()) platform::safariApplication().setToolbarItemsNeedUpdate();
                 dismissMainPopover();
@@ -70,10 +71,12 @@ void SafariExtensionViewController::changeCounterAction() {
 void SafariExtensionViewController::visualBlockAction() {
     visualAction_ = 2;
     getActivePage([this](const std::shared_ptr<SFSafariPage>& page) {
-        page->dispatchMessageToScriptWithName(page_protocol::kBlockVisually, nlohmann::json::object());
+        page->dispatchMessageToScriptWithName(page_protocol::kBlockVisually,
+                                              nlohmann::json::object());
         extensionStatus_ = 2;
         page->getPagePropertiesWithCompletionHandler([this](std::optional<SFSafariPageProperties>) {
-            platform::dispatch().mainQueue().async([this] { showExtensionView(ExtensionView::Picking, Animated::Yes); });
+            platform::dispatch().mainQueue().async(
+                [this] { showExtensionView(ExtensionView::Picking, Animated::Yes); });
         });
     });
 }
@@ -225,7 +228,8 @@ void SafariExtensionViewController::websiteChoiceNotStored() {
         changeToolbarImage(ToolbarImage::Normal);
         // After the view that the image change shows.
         getActivePage([this](const std::shared_ptr<SFSafariPage>&) {
-            platform::dispatch().mainQueue().async([this] { showExtensionView(ExtensionView::Error, Animated::No); });
+            platform::dispatch().mainQueue().async(
+                [this] { showExtensionView(ExtensionView::Error, Animated::No); });
         });
     });
 }
@@ -252,7 +256,9 @@ void SafariExtensionViewController::changeActiveProfile() {
     popup.selectItemAtIndex(selected < 0 ? 0 : selected);
 }
 
-void SafariExtensionViewController::profileCancelAction() { showExtensionView(ExtensionView::Main, Animated::Yes); }
+void SafariExtensionViewController::profileCancelAction() {
+    showExtensionView(ExtensionView::Main, Animated::Yes);
+}
 
 void SafariExtensionViewController::profileDoneAction() {
     const auto& popup = outlets_->profilePopupButton;
@@ -275,7 +281,9 @@ void SafariExtensionViewController::profileDoneAction() {
     });
 }
 
-void SafariExtensionViewController::errorDoneAction() { showExtensionView(ExtensionView::Main, Animated::Yes); }
+void SafariExtensionViewController::errorDoneAction() {
+    showExtensionView(ExtensionView::Main, Animated::Yes);
+}
 
 void SafariExtensionViewController::openAppAction() {
     platform::dispatch().globalQueue(platform::QueuePriority::Default).async([] {

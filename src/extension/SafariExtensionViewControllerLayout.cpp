@@ -1,7 +1,7 @@
+#include "extension/SafariExtensionViewController.h"
+
 // SafariExtensionViewController: the popover's outlets, their actions, and
 // the views, labels, separators and buttons set up once at creation.
-
-#include "extension/SafariExtensionViewController.h"
 
 #include "extension/Palette.h"
 #include "extension/PopoverOutlets.h"

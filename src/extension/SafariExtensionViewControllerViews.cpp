@@ -1,8 +1,8 @@
+#include "extension/SafariExtensionViewController.h"
+
 // SafariExtensionViewController: which of the six views shows, and the rows
 // of the main view refreshed as it shows (status and counter switches,
 // website buttons, profile button).
-
-#include "extension/SafariExtensionViewController.h"
 
 #include "extension/SafariExtensionViewControllerInternal.h"
 #include "model/RuleCodes.h"
@@ -22,8 +22,7 @@ void SafariExtensionViewController::showExtensionView(ExtensionView view, Animat
     const auto showOnly = [&](ExtensionView shown) {
         for (size_t i = 0; i < o.stacks.size(); ++i) {
             if (o.stacks[i])
-                o.stacks[i]->setHidden(static_cast<int64_t>(i) + 1 !=
-                                       static_cast<int64_t>(shown));
+                o.stacks[i]->setHidden(static_cast<int64_t>(i) + 1 != static_cast<int64_t>(shown));
         }
         currentView_ = shown;
     };
