@@ -69,6 +69,16 @@ int64_t integerValue(const Json& value) {
     }
 }
 
+// Every message is logged, known or not.
+void logMessage(const std::string& messageName, const NullableString& url, const Json& userInfo) {
+    const std::string info = userInfo.is_null()
+                                 ? std::string(kNullText)
+                                 : userInfo.dump(-1, ' ', false, Json::error_handler_t::replace);
+    platform::log(platform::LogLevel::Info, "The extension received a message (" + messageName +
+                                                ") from a script injected into (" +
+                                                textOrNull(url) + ") with userInfo (" + info + ")");
+}
+
 }  // namespace
 
 SafariExtensionViewController& SafariExtensionHandler::useSharedController() {
@@ -103,58 +113,61 @@ void SafariExtensionHandler::messageReceivedWithName(const std::string& messageN
                                                      const std::shared_ptr<SFSafariPage>& page,
                                                      const Json& userInfo) {
     if (!page) return;
+    // Weak: the page holds this completion until it answers.
+    std::weak_ptr<SFSafariPage> weakPage = page;
     page->getPagePropertiesWithCompletionHandler(
-        [messageName, userInfo](std::optional<SFSafariPageProperties> properties) {
-            const NullableString url = properties ? properties->url : std::nullopt;
-            const std::string info =
-                userInfo.is_null() ? std::string(kNullText)
-                                   : userInfo.dump(-1, ' ', false, Json::error_handler_t::replace);
-            platform::log(platform::LogLevel::Info,
-                          "The extension received a message (" + messageName +
-                              ") from a script injected into (" + textOrNull(url) +
-                              ") with userInfo (" + info + ")");
-            if (!properties) return;
-            // This handler may be gone by now; the browser makes them at will.
-            SafariExtensionHandler handler;
-            SafariExtensionViewController& controller = handler.useSharedController();
-
-            if (messageName == page_protocol::kVisualStatus) {
-                const int8_t status = visualStatusFromUserInfo(userInfo);
-                platform::dispatch().mainQueue().async(
-                    [&controller, status] { controller.popoverWillShowInWindow(status); });
+        [messageName, weakPage, userInfo](std::optional<SFSafariPageProperties> properties) {
+            if (!properties) {
+                logMessage(messageName, std::nullopt, userInfo);
                 return;
             }
-            if (messageName != page_protocol::kVisualData) return;
+            // This handler may be gone by now; the browser makes them at will.
+            SafariExtensionHandler().messageReceivedWithName(
+                messageName, PageEvent{weakPage.lock(), *properties, nullptr}, userInfo);
+        });
+}
 
-            const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
-            std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
-            if (elements.empty()) return;
-            controller.changeToolbarImage(ToolbarImage::Reloading);
-            // A fresh engine for this message, on a worker: the popover's own
-            // may be busy on the main thread, and storing waits for as long
-            // as another program holds the profile's database.
-            platform::dispatch()
-                .globalQueue(platform::QueuePriority::High)
-                .async([&controller, elements = std::move(elements)] {
-                    const auto turn = SafariExtensionViewController::takeContainerTurn();
-                    auto engine = std::make_shared<CompanionController>();
-                    const auto& database = engine->activeDatabase();
-                    if (!database || !database->waitForWriteAccess(
-                                         SafariExtensionViewController::storageWaitLimit())) {
-                        platform::dispatch().mainQueue().async(
-                            [&controller] { controller.websiteChoiceNotStored(); });
-                        return;
-                    }
-                    engine->createVisualCustomRules(elements, [engine,
-                                                               &controller](std::optional<Error>) {
-                        const auto& data = engine->sharedData();
-                        CompanionController::reloadBlockerRules(
-                            data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
-                            [&controller](std::optional<Error> error) {
-                                controller.completeReload(error, InternalURL::kVisual);
-                            });
+void SafariExtensionHandler::messageReceivedWithName(const std::string& messageName,
+                                                     const PageEvent& event, const Json& userInfo) {
+    const NullableString& url = event.properties.url;
+    logMessage(messageName, url, userInfo);
+    SafariExtensionViewController& controller = useSharedController();
+
+    if (messageName == page_protocol::kVisualStatus) {
+        const int8_t status = visualStatusFromUserInfo(userInfo);
+        platform::dispatch().mainQueue().async(
+            [&controller, status] { controller.popoverWillShowInWindow(status); });
+        return;
+    }
+    if (messageName != page_protocol::kVisualData) return;
+
+    const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
+    std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
+    if (elements.empty()) return;
+    controller.changeToolbarImage(ToolbarImage::Reloading);
+    // A fresh engine for this message, on a worker: the popover's own may be
+    // busy on the main thread, and storing waits for as long as another
+    // program holds the profile's database.
+    platform::dispatch()
+        .globalQueue(platform::QueuePriority::High)
+        .async([&controller, elements = std::move(elements)] {
+            const auto turn = SafariExtensionViewController::takeContainerTurn();
+            auto engine = std::make_shared<CompanionController>();
+            const auto& database = engine->activeDatabase();
+            if (!database ||
+                !database->waitForWriteAccess(SafariExtensionViewController::storageWaitLimit())) {
+                platform::dispatch().mainQueue().async(
+                    [&controller] { controller.websiteChoiceNotStored(); });
+                return;
+            }
+            engine->createVisualCustomRules(elements, [engine, &controller](std::optional<Error>) {
+                const auto& data = engine->sharedData();
+                CompanionController::reloadBlockerRules(
+                    data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
+                    [&controller](std::optional<Error> error) {
+                        controller.completeReload(error, InternalURL::kVisual);
                     });
-                });
+            });
         });
 }
 
@@ -243,6 +256,14 @@ void SafariExtensionHandler::contentBlockerWithIdentifier(
     updateBlockingCounter();
 }
 
+void SafariExtensionHandler::contentBlockerWithIdentifier(const std::string&,
+                                                          const std::vector<std::string>& urls,
+                                                          const PageEvent& onPage) {
+    if (!onPage.page) return;
+    useSharedController().blockingStatController().addURLsForPage(urls, onPage.page);
+    updateBlockingCounter(onPage);
+}
+
 void SafariExtensionHandler::page(const std::shared_ptr<SFSafariPage>& page,
                                   const NullableString& willNavigateToURL) {
     if (!page) return;
@@ -259,6 +280,11 @@ void SafariExtensionHandler::page(const std::shared_ptr<SFSafariPage>& page,
         });
 }
 
+void SafariExtensionHandler::page(const PageEvent& page, const NullableString& willNavigateToURL) {
+    if (!page.page || !page.properties.url || !willNavigateToURL) return;
+    useSharedController().blockingStatController().removeURLsForPage(page.page);
+}
+
 void SafariExtensionHandler::reloadPage() { useSharedController().reloadPage(); }
 
 void SafariExtensionHandler::updateBlockingCounter() {
@@ -266,34 +292,39 @@ void SafariExtensionHandler::updateBlockingCounter() {
     ExtensionState* state = controller.extensionState();
     if (!state || !state->blockingCounter()) return;
     platform::safariApplication().getActiveWindowWithCompletionHandler(
-        [&controller](const std::shared_ptr<SFSafariWindow>& window) {
+        [](const std::shared_ptr<SFSafariWindow>& window) {
             if (!window) return;
-            window->getActiveTabWithCompletionHandler([&controller, window](
+            window->getActiveTabWithCompletionHandler([window](
                                                           const std::shared_ptr<SFSafariTab>& tab) {
                 if (!tab) return;
                 tab->getActivePageWithCompletionHandler(
-                    [&controller, window](const std::shared_ptr<SFSafariPage>& page) {
+                    [window](const std::shared_ptr<SFSafariPage>& page) {
                         if (!page) return;
                         window->getToolbarItemWithCompletionHandler(
-                            [&controller, page](const std::shared_ptr<SFSafariToolbarItem>& item) {
+                            [page](const std::shared_ptr<SFSafariToolbarItem>& item) {
                                 if (!item) return;
                                 page->getPagePropertiesWithCompletionHandler(
-                                    [&controller, page,
-                                     item](std::optional<SFSafariPageProperties> properties) {
-                                        if (!properties || !properties->url ||
-                                            !properties->isActive)
-                                            return;
-                                        platform::dispatch().mainQueue().async(
-                                            [&controller, page, item] {
-                                                item->setBadgeText(
-                                                    badgeText(controller.blockingStatController()
-                                                                  .URLsCountForPage(page)));
-                                            });
+                                    [page, item](std::optional<SFSafariPageProperties> properties) {
+                                        if (!properties) return;
+                                        SafariExtensionHandler().updateBlockingCounter(
+                                            PageEvent{page, *properties, item});
                                     });
                             });
                     });
             });
         });
+}
+
+void SafariExtensionHandler::updateBlockingCounter(const PageEvent& event) {
+    SafariExtensionViewController& controller = useSharedController();
+    ExtensionState* state = controller.extensionState();
+    if (!state || !state->blockingCounter()) return;
+    if (!event.page || !event.toolbarItem || !event.properties.url || !event.properties.isActive)
+        return;
+    platform::dispatch().mainQueue().async([&controller, page = event.page,
+                                            item = event.toolbarItem] {
+        item->setBadgeText(badgeText(controller.blockingStatController().URLsCountForPage(page)));
+    });
 }
 
 }  // namespace stonewall

@@ -214,6 +214,45 @@ TEST_F(HandlerTest, BadgeCountsAndTheCounterGate) {
     }
 }
 
+// A browser that hands the page's URL, shown state and toolbar item with a
+// blocked-load report has the badge set directly, by the same gate as the
+// asked path: counter on, a document loaded, the page shown.
+TEST_F(HandlerTest, ReportsWithThePageAtHandSetTheBadgeDirectly) {
+    struct Case {
+        const char* label;
+        bool counter;
+        NullableString url;
+        bool shown;
+        bool hasItem;
+        bool badgeSet;
+    };
+    const Case cases[] = {
+        {"shown page", true, kPageURL, true, true, true},
+        {"counter off", false, kPageURL, true, true, false},
+        {"page in a tab not shown", true, kPageURL, false, true, false},
+        {"no document yet", true, std::nullopt, true, true, false},
+        {"window without the item", true, kPageURL, true, false, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
+        reset();
+        platform.host->setSafariServicesVersion(6);
+        auto page = browser->openWindow(kPageURL);
+        controller().extensionState()->setBlockingCounter(c.counter);
+        auto item = std::make_shared<SimulatedToolbarItem>();
+        SafariExtensionHandler().contentBlockerWithIdentifier(
+            "blocker", {"https://ads.example/a", "https://ads.example/b"},
+            PageEvent{page, SFSafariPageProperties{c.url, c.shown}, c.hasItem ? item : nullptr});
+        run();
+        // Counted whatever the badge shows.
+        EXPECT_EQ(controller().blockingStatController().URLsCountForPage(page), 2);
+        EXPECT_EQ(item->badges, c.badgeSet ? std::vector<std::optional<std::string>>{"2"}
+                                           : std::vector<std::optional<std::string>>{});
+        // Nothing asked of the browser's own item on this path.
+        EXPECT_TRUE(browser->toolbarItem()->badges.empty());
+    }
+}
+
 // Leaving a loaded page drops its counts (the real browser's badge test);
 // these are the cases without a page to leave or one to go to.
 TEST_F(HandlerTest, NavigationKeepsCountsWithoutALoadedPageOnEitherSide) {
