@@ -2,10 +2,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "engine/PageProtocol.h"
+
 namespace stonewall {
 
 namespace {
-constexpr size_t kElementFieldCount = 9;
+using page_protocol::kElementFieldCount;
 }
 
 DataElement DataElement::initWithElement(const std::vector<NullableString>& element) {
@@ -31,11 +33,11 @@ DataElement DataElement::initWithElement(const std::vector<std::string>& element
 
 std::optional<std::vector<DataElement>> DataElement::elementsFromMessageData(
     const nlohmann::json& data) {
-    if (!data.is_array()) return std::nullopt;
+    if (!page_protocol::isElementList(data)) return std::nullopt;
     std::vector<DataElement> elements;
     elements.reserve(data.size());
     for (const auto& entry : data) {
-        if (!entry.is_array() || entry.size() != kElementFieldCount) {
+        if (!page_protocol::isElementEntry(entry)) {
             elements.emplace_back();
             continue;
         }

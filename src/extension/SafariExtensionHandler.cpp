@@ -4,6 +4,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "engine/PageProtocol.h"
 #include "extension/platform/FrontServices.h"
 #include "platform/Platform.h"
 #include "utilities/PunycodeAdditions.h"
@@ -68,6 +69,16 @@ int64_t integerValue(const Json& value) {
     }
 }
 
+// Every message is logged, known or not.
+void logMessage(const std::string& messageName, const NullableString& url, const Json& userInfo) {
+    const std::string info = userInfo.is_null()
+                                 ? std::string(kNullText)
+                                 : userInfo.dump(-1, ' ', false, Json::error_handler_t::replace);
+    platform::log(platform::LogLevel::Info, "The extension received a message (" + messageName +
+                                                ") from a script injected into (" +
+                                                textOrNull(url) + ") with userInfo (" + info + ")");
+}
+
 }  // namespace
 
 SafariExtensionViewController& SafariExtensionHandler::useSharedController() {
@@ -77,7 +88,7 @@ SafariExtensionViewController& SafariExtensionHandler::useSharedController() {
 
 int8_t SafariExtensionHandler::visualStatusFromUserInfo(const Json& userInfo) {
     if (!userInfo.is_object()) return 0;
-    const auto status = userInfo.find("status");
+    const auto status = userInfo.find(page_protocol::kStatusKey);
     if (status == userInfo.end()) return 0;
     // The page's flag is a boolean carried in a number; only its low byte
     // counts, so 257 reads as 1.
@@ -88,7 +99,7 @@ int8_t SafariExtensionHandler::visualStatusFromUserInfo(const Json& userInfo) {
 std::vector<DataElement> SafariExtensionHandler::visualElementsFromUserInfo(
     const Json& userInfo, const NullableString& host) {
     if (!userInfo.is_object()) return {};
-    const auto data = userInfo.find("data");
+    const auto data = userInfo.find(page_protocol::kDataKey);
     if (data == userInfo.end()) return {};
     auto elements = DataElement::elementsFromMessageData(*data);
     if (!elements) return {};
@@ -102,58 +113,61 @@ void SafariExtensionHandler::messageReceivedWithName(const std::string& messageN
                                                      const std::shared_ptr<SFSafariPage>& page,
                                                      const Json& userInfo) {
     if (!page) return;
+    // Weak: the page holds this completion until it answers.
+    std::weak_ptr<SFSafariPage> weakPage = page;
     page->getPagePropertiesWithCompletionHandler(
-        [messageName, userInfo](std::optional<SFSafariPageProperties> properties) {
-            const NullableString url = properties ? properties->url : std::nullopt;
-            const std::string info =
-                userInfo.is_null() ? std::string(kNullText)
-                                   : userInfo.dump(-1, ' ', false, Json::error_handler_t::replace);
-            platform::log(platform::LogLevel::Info,
-                          "The extension received a message (" + messageName +
-                              ") from a script injected into (" + textOrNull(url) +
-                              ") with userInfo (" + info + ")");
-            if (!properties) return;
-            // This handler may be gone by now; the browser makes them at will.
-            SafariExtensionHandler handler;
-            SafariExtensionViewController& controller = handler.useSharedController();
-
-            if (messageName == "VisualStatus") {
-                const int8_t status = visualStatusFromUserInfo(userInfo);
-                platform::dispatch().mainQueue().async(
-                    [&controller, status] { controller.popoverWillShowInWindow(status); });
+        [messageName, weakPage, userInfo](std::optional<SFSafariPageProperties> properties) {
+            if (!properties) {
+                logMessage(messageName, std::nullopt, userInfo);
                 return;
             }
-            if (messageName != "VisualData") return;
+            // This handler may be gone by now; the browser makes them at will.
+            SafariExtensionHandler().messageReceivedWithName(
+                messageName, PageEvent{weakPage.lock(), *properties, nullptr}, userInfo);
+        });
+}
 
-            const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
-            std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
-            if (elements.empty()) return;
-            controller.changeToolbarImage(2);
-            // A fresh engine for this message, on a worker: the popover's own
-            // may be busy on the main thread, and storing waits for as long
-            // as another program holds the profile's database.
-            platform::dispatch()
-                .globalQueue(platform::QueuePriority::High)
-                .async([&controller, elements = std::move(elements)] {
-                    const auto turn = SafariExtensionViewController::takeContainerTurn();
-                    auto engine = std::make_shared<CompanionController>();
-                    const auto& database = engine->activeDatabase();
-                    if (!database || !database->waitForWriteAccess(
-                                         SafariExtensionViewController::storageWaitLimit())) {
-                        platform::dispatch().mainQueue().async(
-                            [&controller] { controller.websiteChoiceNotStored(); });
-                        return;
-                    }
-                    engine->createVisualCustomRules(elements, [engine,
-                                                               &controller](std::optional<Error>) {
-                        const auto& data = engine->sharedData();
-                        CompanionController::reloadBlockerRules(
-                            data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
-                            [&controller](std::optional<Error> error) {
-                                controller.completeReload(error, InternalURL::kVisual);
-                            });
+void SafariExtensionHandler::messageReceivedWithName(const std::string& messageName,
+                                                     const PageEvent& event, const Json& userInfo) {
+    const NullableString& url = event.properties.url;
+    logMessage(messageName, url, userInfo);
+    SafariExtensionViewController& controller = useSharedController();
+
+    if (messageName == page_protocol::kVisualStatus) {
+        const int8_t status = visualStatusFromUserInfo(userInfo);
+        platform::dispatch().mainQueue().async(
+            [&controller, status] { controller.popoverWillShowInWindow(status); });
+        return;
+    }
+    if (messageName != page_protocol::kVisualData) return;
+
+    const NullableString host = url ? PunycodeAdditions::hostFromURL(*url) : std::nullopt;
+    std::vector<DataElement> elements = visualElementsFromUserInfo(userInfo, host);
+    if (elements.empty()) return;
+    controller.changeToolbarImage(ToolbarImage::Reloading);
+    // A fresh engine for this message, on a worker: the popover's own may be
+    // busy on the main thread, and storing waits for as long as another
+    // program holds the profile's database.
+    platform::dispatch()
+        .globalQueue(platform::QueuePriority::High)
+        .async([&controller, elements = std::move(elements)] {
+            const auto turn = SafariExtensionViewController::takeContainerTurn();
+            auto engine = std::make_shared<CompanionController>();
+            const auto& database = engine->activeDatabase();
+            if (!database ||
+                !database->waitForWriteAccess(SafariExtensionViewController::storageWaitLimit())) {
+                platform::dispatch().mainQueue().async(
+                    [&controller] { controller.websiteChoiceNotStored(); });
+                return;
+            }
+            engine->createVisualCustomRules(elements, [engine, &controller](std::optional<Error>) {
+                const auto& data = engine->sharedData();
+                CompanionController::reloadBlockerRules(
+                    data ? data->activeProfileID : std::nullopt, engine->activeDatabase(),
+                    [&controller](std::optional<Error> error) {
+                        controller.completeReload(error, InternalURL::kVisual);
                     });
-                });
+            });
         });
 }
 
@@ -189,7 +203,7 @@ void SafariExtensionHandler::validateToolbarItemInWindow(const std::shared_ptr<S
     }
 
     const bool on = engine.sharedData() && engine.sharedData()->status == 1;
-    controller.changeToolbarImage(on ? 1 : 3);
+    controller.changeToolbarImage(on ? ToolbarImage::Normal : ToolbarImage::Off);
 
     if (ExtensionState::isSafariVersionAvailable(kServicesLevel13)) {
         const bool counter = state && state->blockingCounter();
@@ -223,7 +237,7 @@ void SafariExtensionHandler::popoverWillShowInWindow(const std::shared_ptr<SFSaf
     controller.popoverWillShowInWindow(0);
     // The page script answers whether picking is still on there.
     controller.getActivePage([](const std::shared_ptr<SFSafariPage>& page) {
-        page->dispatchMessageToScriptWithName("VisualStatus", nullptr);
+        page->dispatchMessageToScriptWithName(page_protocol::kVisualStatus, nullptr);
     });
 }
 
@@ -242,6 +256,14 @@ void SafariExtensionHandler::contentBlockerWithIdentifier(
     updateBlockingCounter();
 }
 
+void SafariExtensionHandler::contentBlockerWithIdentifier(const std::string&,
+                                                          const std::vector<std::string>& urls,
+                                                          const PageEvent& onPage) {
+    if (!onPage.page) return;
+    useSharedController().blockingStatController().addURLsForPage(urls, onPage.page);
+    updateBlockingCounter(onPage);
+}
+
 void SafariExtensionHandler::page(const std::shared_ptr<SFSafariPage>& page,
                                   const NullableString& willNavigateToURL) {
     if (!page) return;
@@ -258,6 +280,11 @@ void SafariExtensionHandler::page(const std::shared_ptr<SFSafariPage>& page,
         });
 }
 
+void SafariExtensionHandler::page(const PageEvent& page, const NullableString& willNavigateToURL) {
+    if (!page.page || !page.properties.url || !willNavigateToURL) return;
+    useSharedController().blockingStatController().removeURLsForPage(page.page);
+}
+
 void SafariExtensionHandler::reloadPage() { useSharedController().reloadPage(); }
 
 void SafariExtensionHandler::updateBlockingCounter() {
@@ -265,34 +292,39 @@ void SafariExtensionHandler::updateBlockingCounter() {
     ExtensionState* state = controller.extensionState();
     if (!state || !state->blockingCounter()) return;
     platform::safariApplication().getActiveWindowWithCompletionHandler(
-        [&controller](const std::shared_ptr<SFSafariWindow>& window) {
+        [](const std::shared_ptr<SFSafariWindow>& window) {
             if (!window) return;
-            window->getActiveTabWithCompletionHandler([&controller, window](
+            window->getActiveTabWithCompletionHandler([window](
                                                           const std::shared_ptr<SFSafariTab>& tab) {
                 if (!tab) return;
                 tab->getActivePageWithCompletionHandler(
-                    [&controller, window](const std::shared_ptr<SFSafariPage>& page) {
+                    [window](const std::shared_ptr<SFSafariPage>& page) {
                         if (!page) return;
                         window->getToolbarItemWithCompletionHandler(
-                            [&controller, page](const std::shared_ptr<SFSafariToolbarItem>& item) {
+                            [page](const std::shared_ptr<SFSafariToolbarItem>& item) {
                                 if (!item) return;
                                 page->getPagePropertiesWithCompletionHandler(
-                                    [&controller, page,
-                                     item](std::optional<SFSafariPageProperties> properties) {
-                                        if (!properties || !properties->url ||
-                                            !properties->isActive)
-                                            return;
-                                        platform::dispatch().mainQueue().async(
-                                            [&controller, page, item] {
-                                                item->setBadgeText(
-                                                    badgeText(controller.blockingStatController()
-                                                                  .URLsCountForPage(page)));
-                                            });
+                                    [page, item](std::optional<SFSafariPageProperties> properties) {
+                                        if (!properties) return;
+                                        SafariExtensionHandler().updateBlockingCounter(
+                                            PageEvent{page, *properties, item});
                                     });
                             });
                     });
             });
         });
+}
+
+void SafariExtensionHandler::updateBlockingCounter(const PageEvent& event) {
+    SafariExtensionViewController& controller = useSharedController();
+    ExtensionState* state = controller.extensionState();
+    if (!state || !state->blockingCounter()) return;
+    if (!event.page || !event.toolbarItem || !event.properties.url || !event.properties.isActive)
+        return;
+    platform::dispatch().mainQueue().async([&controller, page = event.page,
+                                            item = event.toolbarItem] {
+        item->setBadgeText(badgeText(controller.blockingStatController().URLsCountForPage(page)));
+    });
 }
 
 }  // namespace stonewall

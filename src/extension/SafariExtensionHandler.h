@@ -28,6 +28,17 @@
 
 namespace stonewall {
 
+// What a browser that knows it hands with an event about a page: the page,
+// its URL and whether it is the one shown in its window, and that window's
+// toolbar item (null when it has none). With it the handler makes direct
+// calls instead of asking the browser back, step by step, for the window,
+// tab, page, item and properties.
+struct PageEvent {
+    std::shared_ptr<SFSafariPage> page;
+    SFSafariPageProperties properties;
+    std::shared_ptr<SFSafariToolbarItem> toolbarItem;
+};
+
 class SafariExtensionHandler {
   public:
     SafariExtensionHandler() = default;
@@ -41,6 +52,9 @@ class SafariExtensionHandler {
 
     void messageReceivedWithName(const std::string& messageName,
                                  const std::shared_ptr<SFSafariPage>& page,
+                                 const nlohmann::json& userInfo);
+    // The same with the page's properties at hand.
+    void messageReceivedWithName(const std::string& messageName, const PageEvent& event,
                                  const nlohmann::json& userInfo);
 
     // The toolbar item is never disabled; the badge is the active page's
@@ -59,16 +73,29 @@ class SafariExtensionHandler {
     void contentBlockerWithIdentifier(const std::string& contentBlockerIdentifier,
                                       const std::vector<std::string>& blockedResourcesWithURLs,
                                       const std::shared_ptr<SFSafariPage>& onPage);
+    // The same for a browser that hands the page's properties and toolbar
+    // item: the badge is refreshed directly.
+    void contentBlockerWithIdentifier(const std::string& contentBlockerIdentifier,
+                                      const std::vector<std::string>& blockedResourcesWithURLs,
+                                      const PageEvent& onPage);
 
     // page:willNavigateToURL: drops the page's counts when it had a URL and
     // goes to a new one.
     void page(const std::shared_ptr<SFSafariPage>& page, const NullableString& willNavigateToURL);
+    // The same with the page's properties at hand.
+    void page(const PageEvent& page, const NullableString& willNavigateToURL);
 
     // --- Own operations -------------------------------------------------------------------
 
     void reloadPage();
-    // Refreshes the badge of the active window's toolbar item.
+    // Refreshes the badge of the active window's toolbar item, asking the
+    // browser for the window, its tab, page and item, then the page's
+    // properties.
     void updateBlockingCounter();
+    // The same for the page and item at hand: the badge shows the page's
+    // count when the counter is on and the page has a URL and is shown.
+    // Posted to the main queue.
+    void updateBlockingCounter(const PageEvent& event);
 
     // --- Message shape (outside input) ------------------------------------------------------
 

@@ -7,8 +7,8 @@
 // presses into engine calls, drives the toolbar image and reloads the active
 // page when rules change.
 //
-// View codes: 1 main, 2 picking, 3 profile, 4 website confirmation,
-// 5 reloading, 6 error. Toolbar image codes: 1 normal, 2 reloading, 3 off.
+// Views (ExtensionView): main, picking, profile, website confirmation,
+// reloading, error. Toolbar images (ToolbarImage): normal, reloading, off.
 // View switches are dropped while the popover is not visible.
 //
 // Threads: actions arrive on the main thread; changeToolbarImage and
@@ -36,10 +36,12 @@
 
 namespace stonewall {
 
-// Toolbar image codes.
+// Toolbar image codes: blocking on, rules being rebuilt and reloaded,
+// blocking off. A code outside these clears the image.
 enum class ToolbarImage : int64_t { Normal = 1, Reloading = 2, Off = 3 };
-// View codes.
+// The popover's views, each shown alone. None: nothing shown yet.
 enum class ExtensionView : int64_t {
+    None = 0,
     Main = 1,
     Picking = 2,
     Profile = 3,
@@ -99,8 +101,8 @@ class SafariExtensionViewController {
     const NullableString& activeProfileName() const { return activeProfileName_; }
     const std::vector<std::string>& profiles() const { return profiles_; }
     const std::vector<std::string>& profileIDs() const { return profileIDs_; }
-    // The view last shown (0 before any).
-    int64_t currentView() const { return currentView_; }
+    // The view last shown (None before any).
+    ExtensionView currentView() const { return currentView_; }
     const std::shared_ptr<PopoverView>& popoverView() const { return popoverView_; }
 
     // --- Actions (main thread) --------------------------------------------------------
@@ -126,12 +128,12 @@ class SafariExtensionViewController {
 
     // Marks the popover visible, refreshes the shared record (repairing the
     // connection when it cannot be read) and shows view 2 when visualStatus
-    // is 1, else view 5 while reloading, else view 1.
+    // is 1, else the reloading view while reloading, else the main view.
     void popoverWillShowInWindow(int64_t visualStatus);
     void popoverWillCloseInWindow();
-    // Sets the toolbar image of a code (1, 2, 3) and the reloading flag, then
-    // shows the matching view; an unknown code clears the image only.
-    void changeToolbarImage(int64_t imageCode);
+    // Sets the toolbar image and the reloading flag, then shows the matching
+    // view; an unknown code clears the image only.
+    void changeToolbarImage(ToolbarImage image);
     // Normal icon, badge refresh request, popover dismissed.
     void processCompletedAction();
     // Reloads the active page of the active window's active tab.
@@ -140,7 +142,7 @@ class SafariExtensionViewController {
     // --- Internal, open for the toolkit and tests ----------------------------------------
 
     enum class Animated : bool { No, Yes };
-    void showExtensionView(int64_t viewCode, Animated animated);
+    void showExtensionView(ExtensionView view, Animated animated);
     void updateMenu();
     void updateStatus();
     void updateCounterStatus();
@@ -192,6 +194,11 @@ class SafariExtensionViewController {
     void setButtonTitle(const std::shared_ptr<ExtensionButton>& button, const std::string& title);
     void setButtonEnabled(const std::shared_ptr<ExtensionButton>& button, bool enabled);
     bool counterOn() const;
+    // A switch row: its title, its on or off image (on the button and the
+    // image view beside it) and its accessible name and state.
+    void showSwitch(const std::shared_ptr<ExtensionButton>& button,
+                    const std::shared_ptr<NSImageView>& imageView, bool on,
+                    const std::string& title, const std::string& accessibleName);
     void askForWebsiteConfirmation(int64_t action, const char* messageFormat, const char* title,
                                    const char* doneTitle);
     // Worker thread: the confirmed website choice stored on an engine of its
@@ -203,7 +210,7 @@ class SafariExtensionViewController {
     int64_t extensionStatus_ = 1;
     int64_t websiteAction_ = 1;
     int64_t visualAction_ = 1;
-    int64_t currentView_ = 0;
+    ExtensionView currentView_ = ExtensionView::None;
     ExtensionState* extensionState_ = nullptr;
     std::unique_ptr<CompanionController> companionController_;
     std::unique_ptr<BlockingStatController> blockingStatController_;

@@ -63,7 +63,8 @@ TEST_F(HandlerTest, VisualStatusPicksTheView) {
     auto page = openPopoverOn(kPageURL);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.userInfo.dump() + (c.reloading ? " reloading" : ""));
-        controller().changeToolbarImage(c.reloading ? 2 : 1);
+        controller().changeToolbarImage(c.reloading ? ToolbarImage::Reloading
+                                                    : ToolbarImage::Normal);
         run();
         browser->deliverMessage("VisualStatus", page, c.userInfo);
         run();
@@ -90,7 +91,7 @@ TEST_F(HandlerTest, ReloadOutcomeByServicesLevelAndAction) {
     };
     const Act activate = [](HandlerTest& t, SimulatedPage&) {
         t.storeTwoProfiles();
-        t.controller().showExtensionView(1, C::Animated::No);
+        t.controller().showExtensionView(ExtensionView::Main, C::Animated::No);
         t.controller().changeActiveProfile();
         t.popover()->popup()->selectItemAtIndex(1);
         t.controller().profileDoneAction();
@@ -210,6 +211,45 @@ TEST_F(HandlerTest, BadgeCountsAndTheCounterGate) {
         ASSERT_FALSE(browser->validations().empty());
         EXPECT_EQ(browser->validations().back(), (Validation{true, c.badge}));
         EXPECT_EQ(controller().blockingStatController().pageCount(), c.pagesKept);
+    }
+}
+
+// A browser that hands the page's URL, shown state and toolbar item with a
+// blocked-load report has the badge set directly, by the same gate as the
+// asked path: counter on, a document loaded, the page shown.
+TEST_F(HandlerTest, ReportsWithThePageAtHandSetTheBadgeDirectly) {
+    struct Case {
+        const char* label;
+        bool counter;
+        NullableString url;
+        bool shown;
+        bool hasItem;
+        bool badgeSet;
+    };
+    const Case cases[] = {
+        {"shown page", true, kPageURL, true, true, true},
+        {"counter off", false, kPageURL, true, true, false},
+        {"page in a tab not shown", true, kPageURL, false, true, false},
+        {"no document yet", true, std::nullopt, true, true, false},
+        {"window without the item", true, kPageURL, true, false, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
+        reset();
+        platform.host->setSafariServicesVersion(6);
+        auto page = browser->openWindow(kPageURL);
+        controller().extensionState()->setBlockingCounter(c.counter);
+        auto item = std::make_shared<SimulatedToolbarItem>();
+        SafariExtensionHandler().contentBlockerWithIdentifier(
+            "blocker", {"https://ads.example/a", "https://ads.example/b"},
+            PageEvent{page, SFSafariPageProperties{c.url, c.shown}, c.hasItem ? item : nullptr});
+        run();
+        // Counted whatever the badge shows.
+        EXPECT_EQ(controller().blockingStatController().URLsCountForPage(page), 2);
+        EXPECT_EQ(item->badges, c.badgeSet ? std::vector<std::optional<std::string>>{"2"}
+                                           : std::vector<std::optional<std::string>>{});
+        // Nothing asked of the browser's own item on this path.
+        EXPECT_TRUE(browser->toolbarItem()->badges.empty());
     }
 }
 

@@ -49,7 +49,7 @@ TEST_F(ViewControllerTest, StateMachine) {
     };
     const Step toProfile = [](T& t, P&) {
         t.storeTwoProfiles();
-        t.controller().showExtensionView(1, C::Animated::No);
+        t.controller().showExtensionView(ExtensionView::Main, C::Animated::No);
         t.controller().changeActiveProfile();
     };
     const Step toWebsite = press(&C::blockWebsiteAction);
@@ -84,7 +84,7 @@ TEST_F(ViewControllerTest, StateMachine) {
         {"any: closing drops later switches", toWebsite,
          [](T& t, P&) {
              t.browser->closePopover();
-             t.controller().showExtensionView(5, C::Animated::Yes);
+             t.controller().showExtensionView(ExtensionView::Reloading, C::Animated::Yes);
          },
          4, 4, false},
     };

@@ -1,7 +1,9 @@
 #pragma once
 
 // Names shared by the browser's UI process, its web-process extension and
-// its page script.
+// its page script. The page script's messages to and from the extension
+// ("VisualStatus", "VisualData", ...) and the shape of a picked element are
+// in engine/PageProtocol.h, which the extension's handler uses too.
 
 namespace stonewall::browser {
 

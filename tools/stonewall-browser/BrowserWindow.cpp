@@ -509,7 +509,8 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent
         // new document's blocked loads on its own channel, which can
         // overtake the commit.
         const char* uri = webkit_web_view_get_uri(view);
-        SafariExtensionHandler().page(tab->page, uri ? NullableString(uri) : std::nullopt);
+        SafariExtensionHandler().page(self->pageEvent(*tab),
+                                      uri ? NullableString(uri) : std::nullopt);
     }
     if (loadEvent == WEBKIT_LOAD_FINISHED) {
         const char* uri = webkit_web_view_get_uri(view);
@@ -553,7 +554,8 @@ void BrowserWindow::onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow
     // Same-document navigations change the URL without a new load.
     if (!webkit_web_view_is_loading(view)) {
         const char* uri = webkit_web_view_get_uri(view);
-        SafariExtensionHandler().page(tab->page, uri ? NullableString(uri) : std::nullopt);
+        SafariExtensionHandler().page(self->pageEvent(*tab),
+                                      uri ? NullableString(uri) : std::nullopt);
     }
     if (tab == self->currentTab()) self->updateNavigationControls();
 }
@@ -600,7 +602,7 @@ void BrowserWindow::flushBlockedLoads(Tab* tab) {
     if (tab->blockedPending.empty()) return;
     SafariExtensionHandler().contentBlockerWithIdentifier(
         ContainerLayout::kContentBlockerIdentifier, std::exchange(tab->blockedPending, {}),
-        tab->page);
+        pageEvent(*tab));
 }
 
 void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue* value,
@@ -635,7 +637,7 @@ void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue*
         return;
     }
     self->event("message " + message->name);
-    SafariExtensionHandler().messageReceivedWithName(message->name, sender->page,
+    SafariExtensionHandler().messageReceivedWithName(message->name, self->pageEvent(*sender),
                                                      message->userInfo);
 }
 
@@ -676,6 +678,11 @@ void BrowserWindow::releaseMainQueue() {
 }
 
 // --- What the extension asks -----------------------------------------------------
+
+PageEvent BrowserWindow::pageEvent(const Tab& tab) const {
+    return PageEvent{tab.page, SFSafariPageProperties{tab.page->url(), tab.page->isActive()},
+                     toolbarItem_};
+}
 
 std::shared_ptr<BrowserPage> BrowserWindow::activePage() {
     Tab* tab = currentTab();

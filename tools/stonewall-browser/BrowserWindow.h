@@ -26,6 +26,7 @@
 #include "BrowserServices.h"
 #include "ContentFilters.h"
 #include "GtkPopoverView.h"
+#include "extension/SafariExtensionHandler.h"
 
 namespace stonewall::browser {
 
@@ -77,6 +78,11 @@ class BrowserWindow {
     std::string paletteLine();
 
   private:
+    struct Tab;
+    // A tab's page with what the extension would otherwise ask for, step by
+    // step: its URL, whether it is shown, and this window's toolbar item.
+    PageEvent pageEvent(const Tab& tab) const;
+
     struct Tab {
         WebKitWebView* view = nullptr;
         // The notebook's page: the view, with the notice of a crashed web

@@ -329,7 +329,7 @@ void BrowserWindow::popupFromToolbar() {
 
 void BrowserWindow::showViewForTesting(int code) {
     SafariExtensionHandler().popoverViewController().showExtensionView(
-        code, SafariExtensionViewController::Animated::No);
+        static_cast<ExtensionView>(code), SafariExtensionViewController::Animated::No);
 }
 
 void BrowserWindow::setDarkForTesting(bool dark) {

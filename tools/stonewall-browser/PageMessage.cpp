@@ -1,31 +1,22 @@
 #include "PageMessage.h"
 
+#include "engine/PageProtocol.h"
+
 namespace stonewall::browser {
 
 namespace {
 
-bool isElementArray(const nlohmann::json& element) {
-    if (!element.is_array() || element.size() != 9) return false;
-    for (const auto& field : element) {
-        if (!field.is_string()) return false;
-    }
-    return true;
-}
-
 bool hasExpectedShape(const std::string& name, const nlohmann::json& userInfo) {
-    if (name == "VisualStatus") {
-        const auto status = userInfo.find("status");
+    if (name == page_protocol::kVisualStatus) {
+        const auto status = userInfo.find(page_protocol::kStatusKey);
         return status != userInfo.end() && status->is_number();
     }
-    if (name == "VisualData") {
-        const auto data = userInfo.find("data");
-        if (data == userInfo.end() || !data->is_array() || data->size() > kMaximumPickedElements) {
-            return false;
-        }
-        for (const auto& element : *data) {
-            if (!isElementArray(element)) return false;
-        }
-        return true;
+    if (name == page_protocol::kVisualData) {
+        // Entries are not judged here: the engine reads each one by the
+        // protocol's element rule, so one bad entry costs only itself.
+        const auto data = userInfo.find(page_protocol::kDataKey);
+        return data != userInfo.end() && page_protocol::isElementList(*data) &&
+               data->size() <= kMaximumPickedElements;
     }
     return true;
 }

@@ -25,9 +25,11 @@ inline constexpr size_t kMaximumPickedElements = 1000;
 inline constexpr size_t kMaximumNameBytes = 128;
 
 // Accepts {"name": string, "userInfo": object (optional)}. "VisualStatus"
-// needs a numeric "status"; "VisualData" needs "data", an array of arrays of
-// exactly nine strings each. Other names pass with any object, so that the
-// handler can log them. Anything else gives none. Never throws.
+// needs a numeric "status"; "VisualData" needs "data", an array of at most
+// kMaximumPickedElements entries, each read by the element rule of
+// engine/PageProtocol.h (an entry of another shape is an empty element, not
+// a reason to drop the others). Other names pass with any object, so that
+// the handler can log them. Anything else gives none. Never throws.
 [[nodiscard]] std::optional<PageMessage> checkPageMessage(std::string_view jsonText);
 
 // The script-side call that delivers `name` with `userInfo` (a JSON object or

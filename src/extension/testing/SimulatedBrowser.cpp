@@ -1,5 +1,6 @@
 #include "extension/testing/SimulatedBrowser.h"
 
+#include "engine/PageProtocol.h"
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 
@@ -46,17 +47,19 @@ void SimulatedPage::dispatchMessageToScriptWithName(const std::string& messageNa
         auto self = weakSelf.lock();
         if (!self) return;
         auto browser = self->browser_.lock();
-        if (messageName == "VisualStatus") {
+        if (messageName == page_protocol::kVisualStatus) {
             if (browser)
-                browser->deliverMessage("VisualStatus", self, {{"status", self->picking_ ? 1 : 0}});
-        } else if (messageName == "BlockVisually") {
+                browser->deliverMessage(page_protocol::kVisualStatus, self,
+                                        {{page_protocol::kStatusKey, self->picking_ ? 1 : 0}});
+        } else if (messageName == page_protocol::kBlockVisually) {
             self->picking_ = true;
-        } else if (messageName == "VisualCancel") {
+        } else if (messageName == page_protocol::kVisualCancel) {
             self->picking_ = false;
-        } else if (messageName == "VisualDone") {
+        } else if (messageName == page_protocol::kVisualDone) {
             self->picking_ = false;
             if (browser && !self->pickedElements_.empty()) {
-                browser->deliverMessage("VisualData", self, {{"data", self->pickedElements_}});
+                browser->deliverMessage(page_protocol::kVisualData, self,
+                                        {{page_protocol::kDataKey, self->pickedElements_}});
             }
         }
     });
