@@ -117,8 +117,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     // Damaged inputs are moved aside, never deleted: clear them so that a
     // long run does not fill the folder.
-    for (const std::string& folder : {std::filesystem::path(env.profilePath).parent_path(),
-                                      std::filesystem::path(env.sharedPath).parent_path()}) {
+    for (const std::filesystem::path& folder :
+         {std::filesystem::path(env.profilePath).parent_path(),
+          std::filesystem::path(env.sharedPath).parent_path()}) {
         std::error_code error;
         for (const auto& item : std::filesystem::directory_iterator(folder, error)) {
             if (item.path().filename().string().find(".damaged-") != std::string::npos) {

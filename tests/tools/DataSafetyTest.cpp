@@ -270,7 +270,7 @@ TEST_F(DataSafetyTest, DamageIsFoundBeforeAWriteAndEveryReadablePageRecovered) {
                     "NULL, 0, 0, 1, 1, 1, NULL, 0, NULL FROM n");
     };
     // Garbles one page of `file`; pages from SQLite's own page list.
-    const auto garblePage = [this](const fs::path& file, size_t page) {
+    const auto garblePage = [](const fs::path& file, size_t page) {
         const size_t pageSize = std::stoul(*sqlQuery(file, "PRAGMA page_size")[0][0]);
         std::string bytes = readFile(file);
         for (size_t i = (page - 1) * pageSize; i < page * pageSize && i < bytes.size(); ++i) {
