@@ -15,8 +15,7 @@
 #include <set>
 #include <sstream>
 
-#include "BrowserHarness.h"
-#include "ToolTestSupport.h"
+#include "BrowserProgramTest.h"
 
 namespace stonewall::browser::testing {
 namespace {
@@ -102,49 +101,13 @@ std::set<pid_t> webProcessesOf(pid_t root) {
     return found;
 }
 
-class BrowserFaultTest : public tool::testing::ToolTest {
+class BrowserFaultTest : public BrowserProgramTest {
   protected:
     BrowserFaultTest()
-        : server_({{"/", {"text/html", kNewsPage}},
-                   {"/flood", {"text/html", kFloodPage}},
-                   {"/tracker.js", {"text/javascript", "window.tracked = true;"}},
-                   {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
-
-    void SetUp() override {
-        if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) {
-            FAIL() << "No display: run the browser tests through scripts/with-display.";
-        }
-        createContainer();
-    }
-
-    std::map<std::string, std::string> browserEnvironment() {
-        const fs::path root = runner().root();
-        fs::create_directories(root / "home");
-        return {{"HOME", (root / "home").string()},
-                {"XDG_DATA_HOME", (root / "data").string()},
-                {"XDG_CONFIG_HOME", (root / "config").string()},
-                {"XDG_CACHE_HOME", (root / "cache").string()},
-                {"STONEWALL_CONTAINER", container().string()},
-                {"GSK_RENDERER", "cairo"},
-                {"ASAN_OPTIONS", "detect_leaks=0"}};
-    }
-
-    void startBrowser(const std::string& url) {
-        browser_.emplace(STONEWALL_BROWSER_BINARY, std::vector<std::string>{"--control", url},
-                         browserEnvironment());
-        expect("ready");
-        expect("loaded " + url);
-    }
-
-    std::string expect(const std::string& prefix, std::chrono::milliseconds timeout = 30s) {
-        auto line = browser_->waitFor(prefix, timeout);
-        if (!line) {
-            ADD_FAILURE() << "no \"" << prefix << "\"; the browser said:\n"
-                          << browser_->transcript();
-            return {};
-        }
-        return *line;
-    }
+        : BrowserProgramTest({{"/", {"text/html", kNewsPage}},
+                              {"/flood", {"text/html", kFloodPage}},
+                              {"/tracker.js", {"text/javascript", "window.tracked = true;"}},
+                              {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
 
     nlohmann::json state() {
         browser_->send("state");
@@ -184,9 +147,6 @@ class BrowserFaultTest : public tool::testing::ToolTest {
             "SELECT COUNT(*) FROM SharedCustomRules WHERE action = 5 AND domains = '" + host + "'");
         return {inProfile, std::atoi(shared.at(0).at(0).value_or("0").c_str())};
     }
-
-    HttpServer server_;
-    std::optional<BrowserProcess> browser_;
 };
 
 TEST_F(BrowserFaultTest, AKilledWebProcessLeavesItsTabReloadableAndTheRestWorking) {

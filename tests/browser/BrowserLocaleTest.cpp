@@ -8,56 +8,28 @@
 #include <clocale>
 #include <cstdlib>
 
-#include "BrowserHarness.h"
-#include "ToolTestSupport.h"
+#include "BrowserProgramTest.h"
 
 namespace stonewall::browser::testing {
 namespace {
 
 namespace fs = std::filesystem;
 
-class BrowserLocaleTest : public tool::testing::ToolTest {
+class BrowserLocaleTest : public BrowserProgramTest {
   protected:
-    void SetUp() override {
-        if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) {
-            FAIL() << "No display: run the browser tests through scripts/with-display.";
-        }
-        createContainer();
-    }
+    BrowserLocaleTest()
+        : BrowserProgramTest(
+              {{"/", {"text/html", "<!doctype html><title>News</title><h1>News</h1>"}}}) {}
 
     // Starts the browser under `locale`; false (and the test skipped) when
     // the system lacks it.
-    bool startBrowser(const std::string& locale, const std::string& language) {
+    bool startBrowserIn(const std::string& locale, const std::string& language) {
         const std::string saved = std::setlocale(LC_ALL, nullptr);
         const bool available = std::setlocale(LC_ALL, locale.c_str()) != nullptr;
         std::setlocale(LC_ALL, saved.c_str());
         if (!available) return false;
-        const fs::path root = runner().root();
-        browser_.emplace(
-            STONEWALL_BROWSER_BINARY, std::vector<std::string>{"--control", server_.url("/")},
-            std::map<std::string, std::string>{{"HOME", (root / "home").string()},
-                                               {"XDG_DATA_HOME", (root / "data").string()},
-                                               {"XDG_CONFIG_HOME", (root / "config").string()},
-                                               {"XDG_CACHE_HOME", (root / "cache").string()},
-                                               {"STONEWALL_CONTAINER", container().string()},
-                                               {"GSK_RENDERER", "cairo"},
-                                               {"LC_ALL", ""},
-                                               {"LANG", locale},
-                                               {"LANGUAGE", language},
-                                               {"ASAN_OPTIONS", "detect_leaks=0"}});
-        expect("ready");
-        expect("loaded ");
+        startBrowser(server_.url("/"), {{"LC_ALL", ""}, {"LANG", locale}, {"LANGUAGE", language}});
         return true;
-    }
-
-    std::string expect(const std::string& prefix) {
-        auto line = browser_->waitFor(prefix);
-        if (!line) {
-            ADD_FAILURE() << "no \"" << prefix << "\"; the browser said:\n"
-                          << browser_->transcript();
-            return {};
-        }
-        return *line;
     }
 
     // Every view: the labels that are cut, by view.
@@ -84,13 +56,10 @@ class BrowserLocaleTest : public tool::testing::ToolTest {
         browser_->send("snapshot-window " + (fs::path(docs) / name).string());
         expect("done snapshot-window");
     }
-
-    HttpServer server_{{{"/", {"text/html", "<!doctype html><title>News</title><h1>News</h1>"}}}};
-    std::optional<BrowserProcess> browser_;
 };
 
 TEST_F(BrowserLocaleTest, GermanPopoverShowsEveryLabelWhole) {
-    if (!startBrowser("de_DE.UTF-8", "de")) {
+    if (!startBrowserIn("de_DE.UTF-8", "de")) {
         GTEST_SKIP() << "the de_DE.UTF-8 locale is missing (scripts/setup makes it)";
     }
     EXPECT_EQ(clippedLabelsOfEveryView(), "");
@@ -103,7 +72,7 @@ TEST_F(BrowserLocaleTest, GermanPopoverShowsEveryLabelWhole) {
 }
 
 TEST_F(BrowserLocaleTest, RightToLeftPopoverShowsEveryLabelWhole) {
-    if (!startBrowser("he_IL.UTF-8", "he")) {
+    if (!startBrowserIn("he_IL.UTF-8", "he")) {
         GTEST_SKIP() << "the he_IL.UTF-8 locale is missing (scripts/setup makes it)";
     }
     EXPECT_EQ(clippedLabelsOfEveryView(), "");

@@ -11,8 +11,7 @@
 #include <set>
 #include <sstream>
 
-#include "BrowserHarness.h"
-#include "ToolTestSupport.h"
+#include "BrowserProgramTest.h"
 
 namespace stonewall::browser::testing {
 namespace {
@@ -31,67 +30,13 @@ constexpr const char* kPlainPage = "<!doctype html><title>Plain</title><p>Nothin
 constexpr const char* kAdImage =
     R"(<svg xmlns="http://www.w3.org/2000/svg" width="100" height="50"><rect width="100" height="50" fill="red"/></svg>)";
 
-// A command to send (none when empty) and the event prefix to wait for.
-using Step = std::pair<std::string, std::string>;
-
-class BrowserTest : public tool::testing::ToolTest {
+class BrowserTest : public BrowserProgramTest {
   protected:
     BrowserTest()
-        : server_({{"/", {"text/html", kNewsPage}},
-                   {"/plain", {"text/html", kPlainPage}},
-                   {"/tracker.js", {"text/javascript", "window.tracked = true;"}},
-                   {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
-
-    void SetUp() override {
-        if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) {
-            FAIL() << "No display: run the browser tests through scripts/with-display "
-                      "(dbus-run-session and xvfb-run, installed by scripts/setup).";
-        }
-        createContainer();
-    }
-
-    void startBrowser(const std::string& url) {
-        const fs::path root = runner().root();
-        const std::map<std::string, std::string> env = {
-            {"HOME", (root / "home").string()},
-            {"XDG_DATA_HOME", (root / "data").string()},
-            {"XDG_CONFIG_HOME", (root / "config").string()},
-            {"XDG_CACHE_HOME", (root / "cache").string()},
-            {"STONEWALL_CONTAINER", container().string()},
-            {"GSK_RENDERER", "cairo"},
-            // GTK and fontconfig keep caches for the life of the process.
-            {"ASAN_OPTIONS", "detect_leaks=0"}};
-        browser_.emplace(STONEWALL_BROWSER_BINARY, std::vector<std::string>{"--control", url}, env);
-        expect("ready");
-        expect("loaded " + url);
-    }
-
-    std::string expect(const std::string& prefix) {
-        auto line = browser_->waitFor(prefix);
-        if (!line) {
-            ADD_FAILURE() << "no \"" << prefix << "\"; the browser said:\n"
-                          << browser_->transcript();
-            return {};
-        }
-        return *line;
-    }
-
-    void run(const std::vector<Step>& steps) {
-        for (const auto& [command, event] : steps) {
-            if (!command.empty()) browser_->send(command);
-            if (expect(event).empty()) return;
-        }
-    }
-
-    // The value a page expression gives, as JSON text.
-    std::string evaluate(const std::string& expression) {
-        browser_->send("js " + expression);
-        const std::string line = expect("js");
-        return line.size() > 3 ? line.substr(3) : line;
-    }
-
-    HttpServer server_;
-    std::optional<BrowserProcess> browser_;
+        : BrowserProgramTest({{"/", {"text/html", kNewsPage}},
+                              {"/plain", {"text/html", kPlainPage}},
+                              {"/tracker.js", {"text/javascript", "window.tracked = true;"}},
+                              {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
 };
 
 TEST_F(BrowserTest, BlockingTheWebsiteFromThePopoverStopsItsLoads) {
