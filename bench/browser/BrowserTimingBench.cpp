@@ -3,8 +3,7 @@
 // toolbar button, a blocked-load report to the badge's frame, and page loads
 // with a 50000-rule list applied against the same loads with none, and the
 // time from confirming "Secure" in the popover until the new filters are in
-// place for the next load, and from confirming "Allow" until the page is let
-// through (and until the recompiled list is applied).
+// place for the next load.
 //
 //   scripts/with-display build/default/bench/browser/browser_timing [ROUNDS] [LIST]
 //
@@ -160,7 +159,7 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    Series popovers, badges, filtered, unfiltered, actions, allows, allowsCompiled;
+    Series popovers, badges, filtered, unfiltered, actions;
     {
         BrowserProcess browser(STONEWALL_BROWSER_BINARY, {"--control", server.url("/")}, env);
         if (!browser.waitFor("loaded", std::chrono::seconds(120))) {
@@ -192,32 +191,6 @@ int main(int argc, char** argv) {
             browser.waitFor("loaded", std::chrono::seconds(10));
             runStonewall(env, "unsecure '" + server.url("/") + "'");
         }
-        // Allow the website: the page is let through at once, before the
-        // whole list (every part changes) is compiled again.
-        for (int i = 0; i < rounds; ++i) {
-            browser.send("popup");
-            browser.waitFor("view 1");
-            browser.send("press whitelistButton");
-            browser.waitFor("view 4");
-            const auto start = std::chrono::steady_clock::now();
-            browser.send("press websiteDoneButton");
-            if (!browser.waitFor("filter allow", std::chrono::seconds(30))) break;
-            allows.values.push_back(
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                    .count());
-            if (!browser.waitFor("filter on", std::chrono::seconds(60))) break;
-            allowsCompiled.values.push_back(
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                    .count());
-            browser.waitFor("loaded", std::chrono::seconds(10));
-            runStonewall(env, "unallow '" + server.url("/") + "'");
-            // The browser follows the command's change with a compile of its
-            // own; every "filter on" until it is applied is drained, so that
-            // the next round starts from the list without the allow.
-            browser.waitFor("filter on", std::chrono::seconds(60));
-            while (browser.waitFor("filter on", std::chrono::seconds(4))) {
-            }
-        }
     }
     runStonewall(env, "status off");
     {
@@ -233,10 +206,6 @@ int main(int argc, char** argv) {
                 badges.median(), badges.max(), badges.values.size());
     std::printf("secure to filters in place:     median %6.2f ms, max %6.2f ms (%zu rounds)\n",
                 actions.median(), actions.max(), actions.values.size());
-    std::printf("allow to page let through:      median %6.2f ms, max %6.2f ms (%zu rounds)\n",
-                allows.median(), allows.max(), allows.values.size());
-    std::printf("allow to compiled list applied: median %6.2f ms, max %6.2f ms (%zu rounds)\n",
-                allowsCompiled.median(), allowsCompiled.max(), allowsCompiled.values.size());
     std::printf("page load, 50000-rule list:     median %6.2f ms\n", filtered.median());
     std::printf("page load, no list:             median %6.2f ms\n", unfiltered.median());
     std::printf(
