@@ -316,48 +316,47 @@ int64_t salvageRows(sqlite3* fresh, const DamagedFile& damaged, const char* tabl
     const ErrorHook quiet = [](std::string_view) {};
     const std::string select =
         std::string("SELECT rowid, * FROM ") + table + " WHERE rowid >= ? ORDER BY rowid";
-    const Statement reading = prepareStatement(damaged.get(), select.c_str(), quiet);
+    Statement reading = prepareStatement(damaged.get(), select.c_str(), quiet);
     const int columns = reading ? sqlite3_column_count(reading.get()) - 1 : 0;
     if (columns <= 0) return 0;
     std::string insert = std::string("INSERT INTO ") + table + " VALUES (";
     for (int i = 0; i < columns; ++i) insert += i == 0 ? "?" : ",?";
     insert += ")";
     Transaction transaction(fresh, quiet);
-    const Statement writing =
+    Statement writing =
         transaction.begun() ? prepareStatement(fresh, insert.c_str(), quiet) : Statement();
     if (!writing) return 0;
 
-    // Reads from `from` on; the result of the step that ended the read.
+    // The first step of a read from rowid `from` on.
+    const auto seek = [&](int64_t from) {
+        reading.reset();
+        sqlite3_bind_int64(reading.get(), 1, from);
+        return reading.step();
+    };
     int64_t copied = 0;
     // The rowid of the last row this turn read, if it read one.
     int64_t last = 0;
     bool readAny = false;
+    // Copies the rows from `from` on; the result of the step that ended the read.
     const auto readFrom = [&](int64_t from) {
         readAny = false;
-        sqlite3_reset(reading.get());
-        sqlite3_bind_int64(reading.get(), 1, from);
-        armDeadline();
         int result;
-        while ((result = sqlite3_step(reading.get())) == SQLITE_ROW) {
+        for (result = seek(from); result == SQLITE_ROW; result = reading.step()) {
             last = sqlite3_column_int64(reading.get(), 0);
             readAny = true;
             for (int i = 0; i < columns; ++i) {
                 sqlite3_bind_value(writing.get(), i + 1,
                                    sqlite3_column_value(reading.get(), i + 1));
             }
-            armDeadline();
-            if (sqlite3_step(writing.get()) == SQLITE_DONE) ++copied;
-            sqlite3_reset(writing.get());
+            if (writing.step() == SQLITE_DONE) ++copied;
+            writing.reset();
         }
         return result;
     };
     // Whether a read from `from` gets past the damaged page (finds a row or
     // the table's end) without reading anything.
     const auto readable = [&](int64_t from) {
-        sqlite3_reset(reading.get());
-        sqlite3_bind_int64(reading.get(), 1, from);
-        armDeadline();
-        const int result = sqlite3_step(reading.get());
+        const int result = seek(from);
         return result == SQLITE_ROW || result == SQLITE_DONE;
     };
 
@@ -396,7 +395,7 @@ int64_t salvageRows(sqlite3* fresh, const DamagedFile& damaged, const char* tabl
         }
         from = *passes;
     }
-    sqlite3_reset(reading.get());
+    reading.reset();
     if (!transaction.commit()) return 0;
     return copied;
 }

@@ -172,13 +172,13 @@ std::optional<std::string> ContentFilters::storedRuleList() const {
     return std::move(text).str();
 }
 
-std::vector<std::string> ContentFilters::storedPartKeys() const {
+std::vector<std::string> ContentFilters::storedPartKeys(
+    const std::optional<std::string>& list) const {
     // The reload service keeps each stored part as a link to its entry in
     // the cache, named by the content key of its source; a part that is
     // that link for the current rule list's part was made from it. Any
     // other part is compiled again by the first reload.
     std::vector<std::string> keys(kRuleListParts);
-    const auto list = storedRuleList();
     const auto parts = list ? platform::splitRuleList(*list) : std::nullopt;
     if (!parts) return keys;
     const platform::gnulinux::CompiledRuleListCache cache(
@@ -280,8 +280,9 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
         // A store without every part has not been compiled yet: nothing to apply.
         const bool found = !finished.error;
         if (found) {
-            keys_ = storedPartKeys();
-            if (const auto list = storedRuleList()) appliedAllows_ = allowedPagePatterns(*list);
+            const auto list = storedRuleList();
+            keys_ = storedPartKeys(list);
+            if (list) appliedAllows_ = allowedPagePatterns(*list);
             setFilters(std::exchange(finished.filters, {}));
         }
         if (done) done(found);

@@ -79,8 +79,9 @@ class ContentFilters : public platform::ContentBlockerManager,
     void setFilters(std::vector<WebKitUserContentFilter*> filters);
     bool blockingOff() const;
     WebKitUserContentFilterStore* store();
-    // The content key of each stored part's source, where it is known.
-    std::vector<std::string> storedPartKeys() const;
+    // The content key of each stored part's source (the parts of `list`,
+    // the stored rule list), where it is known.
+    std::vector<std::string> storedPartKeys(const std::optional<std::string>& list) const;
     // The active profile's rule list as stored, or nothing.
     std::optional<std::string> storedRuleList() const;
     // Allowing a website changes every part (its rule must follow every

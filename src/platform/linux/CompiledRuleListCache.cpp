@@ -117,6 +117,13 @@ std::optional<std::pair<uintmax_t, std::string>> fileDigest(const fs::path& path
     return result;
 }
 
+// The entry of that name, or end().
+template <typename Entries>
+auto findEntry(Entries& entries, const std::string& name) {
+    return std::find_if(entries.begin(), entries.end(),
+                        [&](const Entry& listed) { return listed.name == name; });
+}
+
 // A missing or damaged index is an empty one: at worst a list is compiled
 // again. So is one that names anything but entries of this folder.
 Index readIndex(const fs::path& path) {
@@ -269,10 +276,6 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
         }
         return std::nullopt;
     };
-    auto find = [](std::vector<Entry>& entries, const std::string& name) {
-        return std::find_if(entries.begin(), entries.end(),
-                            [&](const Entry& listed) { return listed.name == name; });
-    };
     auto markUsed = [&](Index& index, Entry used) {
         index.entries.erase(std::remove(index.entries.begin(), index.entries.end(), used),
                             index.entries.end());
@@ -283,7 +286,7 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
         IndexLock lock(lockFile);
         Index index = readIndex(indexFile);
         const bool sameLibrary = index.library && stampOf(index.library->path) == index.library;
-        if (const auto listed = find(index.entries, entry);
+        if (const auto listed = findEntry(index.entries, entry);
             sameLibrary && listed != index.entries.end()) {
             // The file must still be what was compiled: cut short, or swapped
             // for another compile, it is dropped and compiled anew.
@@ -333,9 +336,7 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
     // Entries dropped from the index go; files that no index listed go only
     // when old, since another process may have just compiled one.
     auto contains = [](const std::vector<Entry>& entries, const std::string& name) {
-        return std::find_if(entries.begin(), entries.end(), [&](const Entry& listed) {
-                   return listed.name == name;
-               }) != entries.end();
+        return findEntry(entries, name) != entries.end();
     };
     const auto now = fs::file_time_type::clock::now();
     for (fs::directory_iterator it(cachePath_, error), end; !error && it != end;
