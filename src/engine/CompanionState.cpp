@@ -14,8 +14,8 @@ namespace stonewall {
 namespace {
 
 // "blockingStatus" values read by the content-blocker extension.
-constexpr int64_t kBlockingStatusOn = 1;
-constexpr int64_t kBlockingStatusOff = 2;
+using ContainerLayout::kBlockingStatusOff;
+using ContainerLayout::kBlockingStatusOn;
 
 }  // namespace
 

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "model/SharedData.h"
+#include "platform/ContainerLayout.h"
 #include "platform/Error.h"
 #include "storage/FileHandler.h"
 #include "storage/ProfileDatabase.h"
@@ -29,7 +30,7 @@ namespace stonewall {
 
 // The shared defaults key of the blocking status, read by the content-blocker
 // extension on its load.
-inline constexpr std::string_view kBlockingStatusKey = "blockingStatus";
+inline constexpr std::string_view kBlockingStatusKey = ContainerLayout::kBlockingStatusKey;
 // The notification that tells the main application to re-read shared state.
 inline constexpr std::string_view kExtensionUpdateNotification = "extensionUpdate";
 inline constexpr std::string_view kExtensionUpdateObject = "StonewallExtension";

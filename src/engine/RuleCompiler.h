@@ -37,7 +37,7 @@ inline constexpr std::string_view kContentBlockerIdentifier =
 inline constexpr size_t kMaximumRuleCount = 50000;
 // Shared defaults keys that the content-blocker extension reads on its load
 // ("blockingStatus", the third, is CompanionState's).
-inline constexpr std::string_view kActiveProfileIDKey = "activeProfileID";
+inline constexpr std::string_view kActiveProfileIDKey = ContainerLayout::kActiveProfileIDKey;
 inline constexpr std::string_view kBlockerReloadTypeKey = "blockerReloadType";
 // Errors of our own that a reload completion may carry (the code is the
 // CompileReport::Failure): the list could not be made, nothing was reloaded.

@@ -5,6 +5,7 @@
 // the content-blocker extension find the same files by these names, so each
 // is written down once, here.
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,13 @@ namespace stonewall::ContainerLayout {
 // The browser identifier of the product's content-blocker extension.
 inline constexpr char kContentBlockerIdentifier[] =
     "com.mapleharbor.osx.Stonewall.ContentBlockerExtension";
+
+// The shared defaults' keys that say which list the content blocker loads:
+// the active profile's rule list, or none while the blocking status is off.
+inline constexpr std::string_view kActiveProfileIDKey = "activeProfileID";
+inline constexpr std::string_view kBlockingStatusKey = "blockingStatus";
+inline constexpr int64_t kBlockingStatusOn = 1;
+inline constexpr int64_t kBlockingStatusOff = 2;
 
 // The programs that change a container take turns by a lock on this file
 // in it (platform::lockFile): the command for each run, the browser for each

@@ -39,6 +39,27 @@ class BrowserTest : public BrowserProgramTest {
                               {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
 };
 
+// Every part the container's store serves is one of the compiled lists kept
+// by content: what this browser compiled, the command and other browsers
+// reuse instead of compiling it again.
+void expectStoreServesCachedParts(const fs::path& container) {
+    const fs::path store = container / "Library" / "ContentBlockers";
+    size_t parts = 0;
+    for (const auto& served : fs::directory_iterator(store)) {
+        if (!served.is_regular_file() ||
+            served.path().filename().string().rfind("ContentRuleList-", 0) != 0) {
+            continue;
+        }
+        ++parts;
+        bool cached = false;
+        for (const auto& kept : fs::directory_iterator(store / ".cache")) {
+            cached = cached || fs::equivalent(kept.path(), served.path());
+        }
+        EXPECT_TRUE(cached) << served.path() << " is no compiled list of the cache";
+    }
+    EXPECT_GT(parts, 0u);
+}
+
 TEST_F(BrowserTest, BlockingTheWebsiteFromThePopoverStopsItsLoads) {
     startBrowser(server_.url("/"));
     ASSERT_EQ(server_.requests("/"), 1);
@@ -50,6 +71,7 @@ TEST_F(BrowserTest, BlockingTheWebsiteFromThePopoverStopsItsLoads) {
          {"", "loaded"}});
     // The document itself is blocked now: the reload never reached us.
     EXPECT_EQ(server_.requests("/"), 1);
+    expectStoreServesCachedParts(container());
 }
 
 // Allowing a website recompiles every part of the list; the page's views

@@ -11,7 +11,6 @@
 #include "platform/Platform.h"
 #include "platform/RuleListSplit.h"
 #include "platform/linux/CompiledRuleListCache.h"
-#include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall::browser {
@@ -43,6 +42,7 @@ struct ContentFilters::Batch {
     std::optional<Error> error;
     std::function<void(Batch&)> finish;
     std::set<std::string> allows;  // the allow patterns of the list it applies
+    std::vector<bool> loaded;      // by part: loaded from the store, not kept
 
     ~Batch() {
         for (WebKitUserContentFilter* filter : filters) {
@@ -91,9 +91,12 @@ void ContentFilters::storeAnswered(GObject* store, GAsyncResult* result, gpointe
     Batch::answered(static_cast<Batch*>(call->batch), call->index, filter, error);
 }
 
-ContentFilters::ContentFilters(std::string containerPath, std::string defaultsPath)
+ContentFilters::ContentFilters(std::string containerPath, std::string defaultsPath,
+                               std::shared_ptr<platform::Log> log)
     : containerPath_(std::move(containerPath)),
       defaultsPath_(std::move(defaultsPath)),
+      service_(std::make_shared<WebKitContentBlockerManager>(containerPath_, defaultsPath_,
+                                                             std::move(log))),
       filters_(kRuleListParts, nullptr),
       keys_(kRuleListParts) {}
 
@@ -119,8 +122,8 @@ WebKitUserContentFilterStore* ContentFilters::store() {
 }
 
 bool ContentFilters::blockingOff() const {
-    platform::gnulinux::FileUserDefaults defaults(defaultsPath_);
-    return defaults.integerForKey("blockingStatus") == 2;
+    const auto active = WebKitContentBlockerManager::activeRuleList(containerPath_, defaultsPath_);
+    return !active.error && !active.path;
 }
 
 void ContentFilters::addContentManager(WebKitUserContentManager* manager) {
@@ -160,12 +163,9 @@ void ContentFilters::setFilters(std::vector<WebKitUserContentFilter*> filters) {
 }
 
 std::optional<std::string> ContentFilters::storedRuleList() const {
-    platform::gnulinux::FileUserDefaults defaults(defaultsPath_);
-    const auto profile = defaults.stringForKey("activeProfileID");
-    if (!profile || !ContainerLayout::isSafeProfileIdentifier(*profile)) return std::nullopt;
-    std::ifstream stream(fs::path(containerPath_) / ContainerLayout::kProfilesFolder /
-                             ContainerLayout::ruleListFileName(*profile),
-                         std::ios::binary);
+    const auto active = WebKitContentBlockerManager::activeRuleList(containerPath_, defaultsPath_);
+    if (!active.path) return std::nullopt;
+    std::ifstream stream(*active.path, std::ios::binary);
     std::ostringstream text;
     text << stream.rdbuf();
     if (!stream) return std::nullopt;
@@ -184,13 +184,9 @@ std::vector<std::string> ContentFilters::storedPartKeys(
     const platform::gnulinux::CompiledRuleListCache cache(
         WebKitContentBlockerManager::storePathForContainer(containerPath_), nullptr, nullptr);
     for (size_t index = 0; index < kRuleListParts; ++index) {
-        const std::string part = partIdentifier(index);
-        std::error_code error;
-        if (fs::equivalent(cache.currentListPath(part), cache.entryPath(part, (*parts)[index].json),
-                           error)) {
-            keys[index] =
-                platform::gnulinux::CompiledRuleListCache::contentKey((*parts)[index].json);
-        }
+        std::string key =
+            platform::gnulinux::CompiledRuleListCache::contentKey((*parts)[index].json);
+        if (cache.isCurrent(partIdentifier(index), key)) keys[index] = std::move(key);
     }
     return keys;
 }
@@ -275,6 +271,7 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
                             0,
                             std::nullopt,
                             nullptr,
+                            {},
                             {}};
     batch->finish = [this, done](Batch& finished) {
         // A store without every part has not been compiled yet: nothing to apply.
@@ -297,100 +294,104 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
 
 void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& identifier,
                                                         CompletionHandler completionHandler) {
-    platform::dispatch().mainQueue().async([self = shared_from_this(), identifier,
-                                            handler = std::move(completionHandler)]() mutable {
-        const auto complete = [&handler](std::optional<Error> error) {
-            if (handler) handler(std::move(error));
-        };
-        if (identifier != WebKitContentBlockerManager::kContentBlockerIdentifier) {
-            complete(ourError(WebKitContentBlockerManager::kUnknownIdentifier,
-                              "No content blocker has the identifier \"" + identifier + "\"."));
-            return;
-        }
-        // Blocking off: the views get no filter at all, which is what the
-        // empty list would give them, without compiling anything.
-        if (self->blockingOff()) {
-            self->setFilters({});
-            self->keys_.assign(kRuleListParts, std::string());
-            complete(std::nullopt);
-            return;
-        }
-        platform::gnulinux::FileUserDefaults defaults(self->defaultsPath_);
-        const auto profile = defaults.stringForKey("activeProfileID");
-        if (!profile || profile->empty() || !ContainerLayout::isSafeProfileIdentifier(*profile)) {
-            complete(ourError(WebKitContentBlockerManager::kNoActiveProfile,
-                              "No usable active profile is set in the shared defaults."));
-            return;
-        }
-        const fs::path file = fs::path(self->containerPath_) / ContainerLayout::kProfilesFolder /
-                              ContainerLayout::ruleListFileName(*profile);
-        std::ifstream stream(file, std::ios::binary);
-        if (!stream) {
-            complete(ourError(WebKitContentBlockerManager::kRuleListMissing,
-                              "The rule list " + file.string() + " cannot be opened."));
-            return;
-        }
-        std::ostringstream text;
-        text << stream.rdbuf();
-        const std::string json = std::move(text).str();
-        std::vector<platform::RuleListPart> parts;
-        if (auto split = platform::splitRuleList(json)) {
-            parts = std::move(*split);
-        } else {
-            // Not a rule list: WebKit gives its verdict on the whole text.
-            parts.assign(kRuleListParts,
-                         platform::RuleListPart{std::string(platform::kEmptyRuleListPart), {}});
-            parts[0].json = json;
-        }
+    const uint64_t generation = ++started_;
+    // The observer and the completion run one after the other on the
+    // service's thread.
+    auto allows = std::make_shared<std::set<std::string>>();
+    service_->reload(
+        identifier,
+        [self = shared_from_this(), generation, allows,
+         handler = std::move(completionHandler)](ReloadReport report) mutable {
+            platform::dispatch().mainQueue().async([self, generation, allows,
+                                                    report = std::move(report),
+                                                    handler = std::move(handler)]() mutable {
+                self->apply(std::move(report), generation, std::move(*allows), std::move(handler));
+            });
+        },
+        [self = weak_from_this(), allows](std::string_view ruleList) {
+            *allows = allowedPagePatterns(ruleList);
+            if (allows->empty()) return;
+            platform::dispatch().mainQueue().async([self, patterns = *allows] {
+                if (const auto filters = self.lock()) filters->letAllowedPagesThrough(patterns);
+            });
+        });
+}
 
-        // The parts whose source is what the applied filter was made from
-        // stay; the others are compiled.
-        auto* batch = new Batch{self,
-                                std::vector<WebKitUserContentFilter*>(kRuleListParts),
-                                std::vector<std::string>(kRuleListParts),
-                                0,
-                                ++self->started_,
-                                std::nullopt,
-                                nullptr,
-                                {}};
+void ContentFilters::apply(ReloadReport report, uint64_t generation, std::set<std::string> allows,
+                           CompletionHandler handler) {
+    // A failed reload leaves the filters as they were.
+    if (report.error) {
+        if (handler) handler(std::move(report.error));
+        return;
+    }
+    // Blocking off: the views get no filter at all, which is what the
+    // service's allow-everything list would give them.
+    if (report.blockingOff) {
+        if (generation > applied_) {
+            applied_ = generation;
+            keys_.assign(kRuleListParts, std::string());
+            appliedAllows_.clear();
+            setFilters({});
+        }
+        if (handler) handler(std::nullopt);
+        return;
+    }
+    // The parts whose source is what an applied filter was made from stay;
+    // the others are loaded from the store.
+    report.partKeys.resize(kRuleListParts);
+    auto* batch = new Batch{shared_from_this(),
+                            std::vector<WebKitUserContentFilter*>(kRuleListParts),
+                            std::move(report.partKeys),
+                            0,
+                            generation,
+                            std::nullopt,
+                            nullptr,
+                            std::move(allows),
+                            {}};
+    batch->loaded.assign(kRuleListParts, false);
+    for (size_t index = 0; index < kRuleListParts; ++index) {
+        if (filters_[index] && !batch->keys[index].empty() && batch->keys[index] == keys_[index]) {
+            batch->filters[index] = webkit_user_content_filter_ref(filters_[index]);
+        } else {
+            batch->loaded[index] = true;
+            ++batch->pending;
+        }
+    }
+    batch->finish = [handler = std::move(handler)](Batch& finished) {
+        ContentFilters& filters = *finished.self;
+        // Another program may have installed a newer list meanwhile: a
+        // loaded part is known by its key only while the store's current
+        // part is still that key's entry.
+        const platform::gnulinux::CompiledRuleListCache cache(filters.service_->storePath(),
+                                                              nullptr, nullptr);
         for (size_t index = 0; index < kRuleListParts; ++index) {
-            batch->keys[index] =
-                platform::gnulinux::CompiledRuleListCache::contentKey(parts[index].json);
-            if (self->filters_[index] && batch->keys[index] == self->keys_[index]) {
-                batch->filters[index] = webkit_user_content_filter_ref(self->filters_[index]);
-            } else {
-                ++batch->pending;
+            if (finished.loaded[index] && !cache.isCurrent(partIdentifier(index),
+                                                           finished.keys[index])) {
+                finished.keys[index].clear();
             }
         }
-        batch->finish = [handler = std::move(handler)](Batch& finished) {
-            ContentFilters& filters = *finished.self;
-            // A part WebKit refused leaves the whole set as it was; a reload
-            // started before the one applied last is out of date.
-            if (!finished.error && finished.generation > filters.applied_) {
-                filters.applied_ = finished.generation;
-                filters.keys_ = std::move(finished.keys);
-                filters.appliedAllows_ = std::move(finished.allows);
-                filters.setFilters(std::exchange(finished.filters, {}));
-            }
-            if (handler) handler(finished.error);
-        };
-        batch->allows = allowedPagePatterns(json);
-        if (batch->pending == 0) {
-            std::unique_ptr<Batch> owned(batch);
-            owned->finish(*owned);
-            return;
+        // A part that could not be loaded leaves the whole set as it was; a
+        // reload started before the one applied last is out of date.
+        if (!finished.error && finished.generation > filters.applied_) {
+            filters.applied_ = finished.generation;
+            filters.keys_ = std::move(finished.keys);
+            filters.appliedAllows_ = std::move(finished.allows);
+            filters.setFilters(std::exchange(finished.filters, {}));
         }
-        self->letAllowedPagesThrough(batch->allows);
-        for (size_t index = 0; index < kRuleListParts; ++index) {
-            if (batch->filters[index]) continue;
-            GBytes* source = g_bytes_new(parts[index].json.data(), parts[index].json.size());
-            webkit_user_content_filter_store_save(
-                self->store(), partIdentifier(index).c_str(), source, nullptr,
-                &storeAnswered<webkit_user_content_filter_store_save_finish>,
-                new StoreCall{batch, index});
-            g_bytes_unref(source);
-        }
-    });
+        if (handler) handler(finished.error);
+    };
+    if (batch->pending == 0) {
+        std::unique_ptr<Batch> owned(batch);
+        owned->finish(*owned);
+        return;
+    }
+    for (size_t index = 0; index < kRuleListParts; ++index) {
+        if (!batch->loaded[index]) continue;
+        webkit_user_content_filter_store_load(
+            store(), partIdentifier(index).c_str(), nullptr,
+            &storeAnswered<webkit_user_content_filter_store_load_finish>,
+            new StoreCall{batch, index});
+    }
 }
 
 void ContentFilters::followChanges() {

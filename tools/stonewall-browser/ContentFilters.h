@@ -1,23 +1,22 @@
 #pragma once
 
 // The content blocker inside the browser. It stands in for the browser's
-// reload of the Stonewall content blocker: it reads the shared defaults as
-// the engine left them, compiles the active profile's rule list (or, with
-// "blockingStatus" 2, none) into the WebKit content-filter store of the
-// container, and switches every open web view to the result. At start it
-// applies what the store already holds.
-//
-// The list is applied in parts, as the command's reload service stores it
-// (RuleListSplit.h): a reload compiles only the parts whose rules changed,
-// so blocking a website on a profile of 50,000 rules recompiles a part of
-// about 6,000 instead of the whole list.
+// reload of the Stonewall content blocker, through the same reload service
+// as the command (WebKitContentBlockerManager): the service reads the shared
+// defaults as the engine left them, installs the active profile's rule list
+// (or, with blocking off, none) into the container's content-filter store,
+// compiling only the parts that its cache by content does not hold; this
+// class then loads the parts that changed and switches every open web view
+// to the result. At start it applies what the store already holds.
 //
 // WebKit is used on the main thread only (WebKit binds to the thread it is
-// first used on, and the web views live there); reload requests from other
-// threads are passed to it.
+// first used on, and the web views live there): the service's compiles are
+// handed to it (WebKitContentBlockerManager::useMainThreadWebKit), and
+// reload requests from other threads are passed to it.
 
 #include <webkit/webkit.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -29,13 +28,17 @@
 #include <vector>
 
 #include "platform/ContentBlockerManager.h"
+#include "platform/Log.h"
+#include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall::browser {
 
 class ContentFilters : public platform::ContentBlockerManager,
                        public std::enable_shared_from_this<ContentFilters> {
   public:
-    ContentFilters(std::string containerPath, std::string defaultsPath);
+    // Call WebKitContentBlockerManager::useMainThreadWebKit() first.
+    ContentFilters(std::string containerPath, std::string defaultsPath,
+                   std::shared_ptr<platform::Log> log = nullptr);
     ~ContentFilters() override;
 
     void reloadContentBlockerWithIdentifier(const std::string& identifier,
@@ -74,6 +77,10 @@ class ContentFilters : public platform::ContentBlockerManager,
     template <WebKitUserContentFilter* (*Finish)(WebKitUserContentFilterStore*, GAsyncResult*,
                                                  GError**)>
     static void storeAnswered(GObject* store, GAsyncResult* result, gpointer data);
+    using ReloadReport = platform::gnulinux::WebKitContentBlockerManager::ReloadReport;
+    // Main thread: applies what the reload service installed.
+    void apply(ReloadReport report, uint64_t generation, std::set<std::string> allows,
+               CompletionHandler handler);
     // Takes the parts (one reference each; null entries for none) and
     // applies them to every content manager.
     void setFilters(std::vector<WebKitUserContentFilter*> filters);
@@ -94,6 +101,7 @@ class ContentFilters : public platform::ContentBlockerManager,
 
     std::string containerPath_;
     std::string defaultsPath_;
+    std::shared_ptr<platform::gnulinux::WebKitContentBlockerManager> service_;
     WebKitUserContentFilterStore* store_ = nullptr;
     std::vector<WebKitUserContentFilter*> filters_;  // by part; empty: no filter
     std::vector<std::string> keys_;                  // the content key of each part's source
@@ -105,7 +113,7 @@ class ContentFilters : public platform::ContentBlockerManager,
     std::function<void(bool)> filterChanged_;
     // Reloads overlap when other programs change the list meanwhile: the
     // last one started is the one that stays.
-    uint64_t started_ = 0;
+    std::atomic<uint64_t> started_ = 0;
     uint64_t applied_ = 0;
     std::vector<GFileMonitor*> monitors_;
     guint followSource_ = 0;

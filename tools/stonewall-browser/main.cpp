@@ -150,8 +150,11 @@ int main(int argc, char** argv) {
             .value_or("");
     auto defaults =
         std::dynamic_pointer_cast<platform::gnulinux::FileUserDefaultsService>(services.defaults);
+    // WebKit runs on this thread: the reload service compiles there too.
+    platform::gnulinux::WebKitContentBlockerManager::useMainThreadWebKit();
     program.filters = std::make_shared<browser::ContentFilters>(
-        container, defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : "");
+        container, defaults ? defaults->pathForSuite(platform::gnulinux::kApplicationGroup) : "",
+        services.log);
     // The browser's reloads reach GNOME Web too when the user turned that on.
     services.contentBlocker =
         std::make_shared<platform::gnulinux::GnomeWebPublishingContentBlocker>(
@@ -180,6 +183,7 @@ int main(int argc, char** argv) {
     g_signal_connect(application, "activate", G_CALLBACK(activate), &program);
     char* noArguments[] = {argv[0], nullptr};
     const int status = g_application_run(G_APPLICATION(application), 1, noArguments);
+    platform::gnulinux::WebKitContentBlockerManager::mainLoopEnded();
     program.window.reset();
     g_object_unref(application);
     return status;

@@ -222,8 +222,18 @@ std::string CompiledRuleListCache::currentListPath(const std::string& identifier
 
 std::string CompiledRuleListCache::entryPath(const std::string& identifier,
                                              std::string_view source) const {
-    return (fs::path(cachePath_) / (kListFilePrefix + identifier + "." + contentKey(source)))
-        .string();
+    return keyedEntryPath(identifier, contentKey(source));
+}
+
+std::string CompiledRuleListCache::keyedEntryPath(const std::string& identifier,
+                                                  const std::string& key) const {
+    return (fs::path(cachePath_) / (kListFilePrefix + identifier + "." + key)).string();
+}
+
+bool CompiledRuleListCache::isCurrent(const std::string& identifier, const std::string& key) const {
+    std::error_code error;
+    return !key.empty() &&
+           fs::equivalent(currentListPath(identifier), keyedEntryPath(identifier, key), error);
 }
 
 CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string& identifier,
@@ -248,7 +258,8 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
     fs::create_directories(cachePath_, error);
     if (error) return {storeError("The rule-list store " + cachePath_ + " cannot be made", error)};
 
-    const std::string entry = identifier + "." + contentKey(source);
+    const std::string key = contentKey(source);
+    const std::string entry = identifier + "." + key;
     const fs::path entryFile = fs::path(cachePath_) / (kListFilePrefix + entry);
     const fs::path indexFile = fs::path(cachePath_) / "index.json";
     const fs::path lockFile = fs::path(cachePath_) / "index.lock";
@@ -294,7 +305,7 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
             if (digest && digest->first == listed->size && digest->second == listed->digest) {
                 markUsed(index, *listed);
                 (void)writeIndex(indexFile, index);  // only the order of use is lost
-                return {makeCurrent(), false};
+                return {makeCurrent(), false, key};
             }
             index.entries.erase(listed);
             std::error_code ignored;
@@ -357,7 +368,7 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
         fs::remove(it->path(), ignored);
     }
     (void)writeIndex(indexFile, index);
-    return {makeCurrent(), true};
+    return {makeCurrent(), true, key};
 }
 
 }  // namespace stonewall::platform::gnulinux

@@ -64,6 +64,7 @@ class CompiledRuleListCache {
     struct Outcome {
         std::optional<Error> error;  // the compiler's; the current list is then unchanged
         bool compiled = false;       // false: served from the cache
+        std::string key = {};        // contentKey(source), on success
     };
 
     // Makes the compiled form of `source` the current list of `identifier`,
@@ -75,6 +76,10 @@ class CompiledRuleListCache {
     // source (whether or not it exists).
     std::string currentListPath(const std::string& identifier) const;
     std::string entryPath(const std::string& identifier, std::string_view source) const;
+    std::string keyedEntryPath(const std::string& identifier, const std::string& key) const;
+    // Whether the current list of `identifier` is the entry of the source
+    // with content key `key`. Needs no compiler.
+    bool isCurrent(const std::string& identifier, const std::string& key) const;
 
     static std::string contentKey(std::string_view source);
 

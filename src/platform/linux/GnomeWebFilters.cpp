@@ -12,7 +12,7 @@
 
 #include "platform/ContainerLayout.h"
 #include "platform/FileSystem.h"
-#include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/WebKitContentBlockerManager.h"
 
 namespace stonewall::platform::gnulinux {
 namespace fs = std::filesystem;
@@ -244,15 +244,16 @@ GnomeWebFilters::Outcome GnomeWebFilters::publish() {
     const std::string ours = fileURI(folder) + "/";
 
     // The list the content blocker loads now: none while blocking is off.
-    FileUserDefaults defaults(defaultsPath_);
+    const auto active = WebKitContentBlockerManager::activeRuleList(containerPath_, defaultsPath_);
+    if (active.error) {
+        return failed(Failure::Storage,
+                      active.error->code == WebKitContentBlockerManager::kNoActiveProfile
+                          ? "no active profile is set"
+                          : active.error->message);
+    }
     std::optional<fs::path> listFile;
-    if (defaults.integerForKey("blockingStatus") != 2) {
-        const auto profile = defaults.stringForKey("activeProfileID");
-        if (!profile || !ContainerLayout::isSafeProfileIdentifier(*profile)) {
-            return failed(Failure::Storage, "no active profile is set");
-        }
-        const fs::path ruleFile = fs::path(containerPath_) / ContainerLayout::kProfilesFolder /
-                                  ContainerLayout::ruleListFileName(*profile);
+    if (active.path) {
+        const fs::path ruleFile = *active.path;
         std::string rules;
         if (!readWhole(ruleFile, rules)) {
             return failed(Failure::Storage, "cannot read the rule list " + ruleFile.string() +

@@ -219,19 +219,61 @@ std::string WebKitContentBlockerManager::storePathForContainer(const std::string
     return (fs::path(containerPath) / "Library" / "ContentBlockers").string();
 }
 
+WebKitContentBlockerManager::ActiveList WebKitContentBlockerManager::activeRuleList(
+    const std::string& containerPath, const std::string& defaultsPath) {
+    // Something other than a file where the defaults belong (a folder that
+    // could not be moved aside) is a storage fault, not a missing profile.
+    if (std::error_code error; fs::exists(fs::symlink_status(defaultsPath, error)) &&
+                               !fs::is_regular_file(defaultsPath, error)) {
+        return {ourError(kStoreUnusable,
+                         "The shared defaults file " + defaultsPath + " is not a file."),
+                std::nullopt};
+    }
+    // The browser sees what was synchronised, not this process's memory.
+    FileUserDefaults defaults(defaultsPath);
+    if (defaults.integerForKey(std::string(ContainerLayout::kBlockingStatusKey)) ==
+        ContainerLayout::kBlockingStatusOff) {
+        return {};
+    }
+    const auto profile = defaults.stringForKey(std::string(ContainerLayout::kActiveProfileIDKey));
+    if (!profile || !isSafeFileNamePart(*profile)) {
+        return {ourError(kNoActiveProfile,
+                         profile ? "The active profile identifier \"" + *profile +
+                                       "\" cannot name a rule list."
+                                 : "No active profile is set in the shared defaults."),
+                std::nullopt};
+    }
+    return {std::nullopt, (fs::path(containerPath) / ContainerLayout::kProfilesFolder /
+                           ContainerLayout::ruleListFileName(*profile))
+                              .string()};
+}
+
 void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
     const std::string& identifier, CompletionHandler completionHandler) {
-    auto complete = [handler = std::move(completionHandler), log = log_, identifier](
-                        std::optional<Error> error, bool compiled) {
+    reload(identifier, [handler = std::move(completionHandler)](ReloadReport report) {
+        if (handler) handler(std::move(report.error));
+    });
+}
+
+void WebKitContentBlockerManager::reload(const std::string& identifier,
+                                         std::function<void(ReloadReport)> done,
+                                         ListObserver observer) {
+    auto complete = [done = std::move(done), log = log_, identifier](ReloadReport report) {
         if (log) {
+            const std::optional<Error>& error = report.error;
             log->write(LogLevel::Debug,
                        "content blocker " + identifier + " reloaded" +
-                           (compiled ? "" : " (compiled before)") +
+                           (report.compiled ? "" : " (compiled before)") +
                            (error ? ": " + error->domain + " " + std::to_string(error->code) + " " +
                                         error->message
                                   : std::string()));
         }
-        if (handler) handler(std::move(error));
+        if (done) done(std::move(report));
+    };
+    auto fail = [](Error error) {
+        ReloadReport report;
+        report.error = std::move(error);
+        return report;
     };
     // The thread starts with the first reload; a service that never
     // reloads costs nothing.
@@ -243,60 +285,39 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
     }
     current->thread.invoke([worker = std::weak_ptr<Worker>(current), container = containerPath_,
                             storePath = storePath_, defaultsPath = defaultsPath_, identifier,
-                            complete = std::move(complete)]() mutable {
+                            complete = std::move(complete), observer = std::move(observer),
+                            fail]() mutable {
         if (identifier != kContentBlockerIdentifier) {
-            complete(ourError(kUnknownIdentifier,
-                              "No content blocker has the identifier \"" + identifier + "\"."),
-                     false);
+            complete(fail(ourError(kUnknownIdentifier, "No content blocker has the identifier \"" +
+                                                           identifier + "\".")));
             return;
         }
-        // Something other than a file where the defaults belong (a folder
-        // that could not be moved aside) is a storage fault, not a missing
-        // profile.
-        if (std::error_code error; fs::exists(fs::symlink_status(defaultsPath, error)) &&
-                                   !fs::is_regular_file(defaultsPath, error)) {
-            complete(ourError(kStoreUnusable,
-                              "The shared defaults file " + defaultsPath + " is not a file."),
-                     false);
+        ActiveList active = activeRuleList(container, defaultsPath);
+        if (active.error) {
+            complete(fail(std::move(*active.error)));
             return;
         }
-        // The browser sees what was synchronised, not this process's memory.
-        FileUserDefaults defaults(defaultsPath);
         std::optional<MappedFile> mapped;
-        std::string_view ruleList;
-        if (defaults.integerForKey("blockingStatus") == 2) {
-            ruleList = kAllowEverythingRuleList;
-        } else {
-            const auto profile = defaults.stringForKey("activeProfileID");
-            if (!profile || !isSafeFileNamePart(*profile)) {
-                complete(ourError(kNoActiveProfile,
-                                  profile ? "The active profile identifier \"" + *profile +
-                                                "\" cannot name a rule list."
-                                          : "No active profile is set in the shared defaults."),
-                         false);
-                return;
-            }
-            const fs::path file = fs::path(container) / ContainerLayout::kProfilesFolder /
-                                  ContainerLayout::ruleListFileName(*profile);
+        std::string_view ruleList = kAllowEverythingRuleList;
+        if (active.path) {
             std::error_code error;
-            if (!fs::exists(file, error)) {
-                complete(ourError(kRuleListMissing,
-                                  "The rule list " + file.string() + " does not exist."),
-                         false);
+            if (!fs::exists(*active.path, error)) {
+                complete(fail(ourError(kRuleListMissing,
+                                       "The rule list " + *active.path + " does not exist.")));
                 return;
             }
             std::string failure;
-            mapped.emplace(file, failure);
+            mapped.emplace(*active.path, failure);
             if (!failure.empty()) {
-                complete(ourError(kRuleListUnreadable,
-                                  "The rule list " + file.string() + " " + failure + "."),
-                         false);
+                complete(fail(ourError(kRuleListUnreadable,
+                                       "The rule list " + *active.path + " " + failure + ".")));
                 return;
             }
             ruleList = mapped->text();
         }
         const auto owner = worker.lock();
         if (!owner) return;  // the service is gone
+        if (observer) observer(ruleList);
         // The list goes to WebKit in parts, and only the parts whose rules
         // changed are compiled (RuleListSplit.h). Text that is no rule list
         // goes whole, for WebKit's own verdict.
@@ -307,8 +328,8 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
             parts.assign(kRuleListParts, RuleListPart{std::string(kEmptyRuleListPart), {}});
             parts[0] = RuleListPart{std::string(ruleList), {}};
         }
-        std::optional<Error> firstError;
-        bool compiled = false;
+        ReloadReport report;
+        report.blockingOff = !active.path;
         for (size_t index = 0; index < parts.size(); ++index) {
             const std::string part = ruleListPartIdentifier(identifier, index);
             auto outcome = owner->cache.install(part, parts[index].json);
@@ -316,11 +337,25 @@ void WebKitContentBlockerManager::reloadContentBlockerWithIdentifier(
                 outcome.error =
                     loadWithoutRejectedRules(storePath, part, parts[index], *outcome.error);
             }
-            compiled |= outcome.compiled;
-            if (outcome.error && !firstError) firstError = std::move(outcome.error);
+            report.compiled |= outcome.compiled;
+            if (outcome.error && !report.error) report.error = std::move(outcome.error);
+            report.partKeys.push_back(outcome.error ? std::string() : std::move(outcome.key));
         }
-        complete(std::move(firstError), compiled);
+        if (report.error) report.partKeys.clear();
+        complete(std::move(report));
     });
+}
+
+void WebKitContentBlockerManager::useMainThreadWebKit() {
+    if (const ModuleLoad& load = webKitModule(); load.module) {
+        load.module->setWebKitThread(kWebKitOnMainContext);
+    }
+}
+
+void WebKitContentBlockerManager::mainLoopEnded() {
+    if (const ModuleLoad& load = webKitModule(); load.module) {
+        load.module->setWebKitThread(kWebKitMainContextEnded);
+    }
 }
 
 std::vector<WebKitContentBlockerManager::DroppedRule>

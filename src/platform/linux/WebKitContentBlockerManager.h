@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -9,6 +10,7 @@
 #include "platform/ContainerLayout.h"
 #include "platform/ContentBlockerManager.h"
 #include "platform/Log.h"
+#include "platform/RuleListSplit.h"
 
 namespace stonewall::platform::gnulinux {
 
@@ -67,6 +69,40 @@ class WebKitContentBlockerManager : public ContentBlockerManager {
 
     void reloadContentBlockerWithIdentifier(const std::string& identifier,
                                             CompletionHandler completionHandler) override;
+
+    // What a reload did, for a browser that applies the result itself.
+    struct ReloadReport {
+        std::optional<Error> error;
+        bool compiled = false;  // false: every part came from the cache
+        bool blockingOff = false;
+        // The content key (CompiledRuleListCache::contentKey) of each
+        // part's source, kRuleListParts of them; empty on error.
+        std::vector<std::string> partKeys;
+    };
+    // Sees the rule list of a reload before any of it is compiled, on the
+    // service's thread.
+    using ListObserver = std::function<void(std::string_view ruleList)>;
+    // A reload as above, with its report; `done` is called on the
+    // service's thread.
+    void reload(const std::string& identifier, std::function<void(ReloadReport)> done,
+                ListObserver observer = {});
+
+    // The rule-list file the content blocker loads now, as the shared
+    // defaults file says: null while blocking is off (then it loads
+    // kAllowEverythingRuleList), an error when no usable profile is active.
+    struct ActiveList {
+        std::optional<Error> error;
+        std::optional<std::string> path;
+    };
+    static ActiveList activeRuleList(const std::string& containerPath,
+                                     const std::string& defaultsPath);
+
+    // For a program that runs WebKit on its main thread already (a
+    // browser): from now on this class compiles and looks up there (see
+    // kWebKitOnMainContext). `mainLoopEnded` tells it that the main loop has
+    // ended, so that nothing waits for it any more.
+    static void useMainThreadWebKit();
+    static void mainLoopEnded();
 
     // A rule left out of a reload because WebKit rejected it, so that the
     // rest of the list could load (also logged as an error).

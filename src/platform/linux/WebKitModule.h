@@ -36,6 +36,13 @@ struct StonewallWebKitModule {
     // The file of the WebKit library this module runs with, so that lists
     // compiled by another WebKit can be told from ours without loading it.
     const char* (*libraryPath)(void);
+    // Where WebKit runs (kWebKitOn...). A program that uses WebKit on its
+    // main thread already (a browser) must say so before the first call,
+    // since WebKit binds to one thread: compiles and look-ups are then
+    // handed to the default main context and waited for, from any other
+    // thread; once that context's loop has ended, calls fail at once
+    // instead of waiting for it.
+    void (*setWebKitThread)(int where);
 };
 
 // The module's one exported symbol.
@@ -44,7 +51,10 @@ const StonewallWebKitModule* stonewall_webkit_module(void);
 
 namespace stonewall::platform::gnulinux {
 
-inline constexpr uint32_t kWebKitModuleInterfaceVersion = 1;
+inline constexpr uint32_t kWebKitModuleInterfaceVersion = 2;
+inline constexpr int kWebKitOnOwnThread = 0;
+inline constexpr int kWebKitOnMainContext = 1;
+inline constexpr int kWebKitMainContextEnded = 2;
 inline constexpr const char* kWebKitModuleEntryPoint = "stonewall_webkit_module";
 inline constexpr const char* kWebKitModuleFileName = "libstonewall-webkit.so";
 

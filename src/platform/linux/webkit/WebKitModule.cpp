@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <webkit/webkit.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -116,24 +117,51 @@ void startLookUp(const std::string& storePath, const std::string& identifier,
         request);
 }
 
+std::atomic<int> webKitThreadChoice{kWebKitOnOwnThread};
+
 // Runs `start` on the WebKit thread and waits for the result it reports.
 // On the WebKit thread itself (a completion calling back in) it iterates
 // that thread's context until done instead of waiting for itself.
 template <typename Result>
-Result runAndWait(std::function<void(std::function<void(Result)>)> start, Result timedOut) {
-    GLibThread& thread = webKitThread();
-    if (thread.isCurrent()) {
+Result runAndWait(std::function<void(std::function<void(Result)>)> start, Result timedOut,
+                  Result mainLoopEnded) {
+    const int where = webKitThreadChoice.load();
+    if (where == kWebKitMainContextEnded) return mainLoopEnded;
+    const bool onMainContext = where == kWebKitOnMainContext;
+    GMainContext* context = onMainContext ? g_main_context_default() : webKitThread().context();
+    const bool current =
+        onMainContext ? g_main_context_is_owner(context) : webKitThread().isCurrent();
+    if (current) {
         auto result = std::make_shared<std::optional<Result>>();
         start([result](Result value) { *result = std::move(value); });
-        while (!*result) g_main_context_iteration(thread.context(), TRUE);
+        while (!*result) g_main_context_iteration(context, TRUE);
         return std::move(**result);
     }
     auto promise = std::make_shared<std::promise<Result>>();
     auto future = promise->get_future();
-    thread.invoke([start = std::move(start), promise] {
+    std::function<void()> work = [start = std::move(start), promise] {
         start([promise](Result value) { promise->set_value(std::move(value)); });
-    });
-    if (future.wait_for(kSynchronousTimeout) != std::future_status::ready) return timedOut;
+    };
+    if (!onMainContext) {
+        webKitThread().invoke(std::move(work));
+        if (future.wait_for(kSynchronousTimeout) != std::future_status::ready) return timedOut;
+        return future.get();
+    }
+    g_main_context_invoke_full(
+        context, G_PRIORITY_DEFAULT,
+        [](gpointer data) {
+            (*static_cast<std::function<void()>*>(data))();
+            return G_SOURCE_REMOVE;
+        },
+        new std::function<void()>(std::move(work)),
+        [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+    // The main loop may end meanwhile (the browser closing): then nothing
+    // answers, and the caller is not kept waiting for it.
+    const auto deadline = std::chrono::steady_clock::now() + kSynchronousTimeout;
+    while (future.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+        if (webKitThreadChoice.load() == kWebKitMainContextEnded) return mainLoopEnded;
+        if (std::chrono::steady_clock::now() >= deadline) return timedOut;
+    }
     return future.get();
 }
 
@@ -153,7 +181,8 @@ int compile(const char* storePath, const char* identifier, const char* source, s
          bytes](std::function<void(std::optional<Error>)> finish) {
             startCompile(store, id, bytes, std::move(finish));
         },
-        ourError(Manager::kTimedOut, "WebKit did not finish compiling the rule list."));
+        ourError(Manager::kTimedOut, "WebKit did not finish compiling the rule list."),
+        ourError(Manager::kWebKitUnavailable, "The program is closing; nothing was compiled."));
     return report(error, sink, context);
 }
 
@@ -169,6 +198,8 @@ int lookUp(const char* storePath, const char* identifier, StonewallWebKitTextSin
                         });
         },
         {ourError(Manager::kTimedOut, "WebKit did not finish loading the rule list."),
+         std::string()},
+        {ourError(Manager::kWebKitUnavailable, "The program is closing; nothing was loaded."),
          std::string()});
     if (!outcome.first && loaded) loaded(context, outcome.second.c_str());
     return report(outcome.first, sink, context);
@@ -186,11 +217,10 @@ const char* libraryPath() {
     return path.c_str();
 }
 
+void setWebKitThread(int where) { webKitThreadChoice.store(where); }
+
 const StonewallWebKitModule kModule = {
-    kWebKitModuleInterfaceVersion,
-    &compile,
-    &lookUp,
-    &libraryPath,
+    kWebKitModuleInterfaceVersion, &compile, &lookUp, &libraryPath, &setWebKitThread,
 };
 
 }  // namespace
