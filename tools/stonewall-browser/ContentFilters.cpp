@@ -365,8 +365,8 @@ void ContentFilters::apply(ReloadReport report, uint64_t generation, std::set<st
         const platform::gnulinux::CompiledRuleListCache cache(filters.service_->storePath(),
                                                               nullptr, nullptr);
         for (size_t index = 0; index < kRuleListParts; ++index) {
-            if (finished.loaded[index] && !cache.isCurrent(partIdentifier(index),
-                                                           finished.keys[index])) {
+            if (finished.loaded[index] &&
+                !cache.isCurrent(partIdentifier(index), finished.keys[index])) {
                 finished.keys[index].clear();
             }
         }
