@@ -8,14 +8,48 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "Report.h"
 #include "StonewallRunner.h"
+#include "Text.h"
 #include "ToolTestSupport.h"
 
 namespace stonewall::tool::testing {
 namespace {
+
+// A translation may reorder the values; other braces are text (a message
+// lists "{ }" among the characters a rule cannot match).
+TEST(LanguageTest, PlaceholdersAreFilledInAnyOrderAndOtherBracesStay) {
+    const struct {
+        const char* pattern;
+        const char* first;
+        const char* second;
+        const char* made;
+    } cases[] = {
+        {"{0} of {1}", "a", "b", "a of b"},
+        {"{1} von {0}", "a", "b", "b von a"},
+        {"{0} and {0}", "a", "b", "a and a"},
+        {"( ) { } [ ] {x} {", "a", "b", "( ) { } [ ] {x} {"},
+        {"{2} missing", "a", "b", "{2} missing"},
+        {"{0}{1}", "{1}", "b", "{1}b"},  // a value is not read again
+    };
+    for (const auto& item : cases) {
+        EXPECT_EQ(format(item.pattern, {item.first, item.second}), item.made) << item.pattern;
+    }
+}
+
+// Translated labels hold letters of two bytes; the values still line up.
+TEST(LanguageTest, TableColumnsLineUpByCharacters) {
+    Table table;
+    table.add("Blockieren", "aus");
+    table.add("übersprungen", "1 Zeile");
+    std::ostringstream out;
+    table.print(out);
+    EXPECT_EQ(out.str(), "Blockieren    aus\nübersprungen  1 Zeile\n");
+}
 
 bool hasGermanLocale() {
     const std::string saved = std::setlocale(LC_ALL, nullptr);
