@@ -112,6 +112,9 @@ StonewallRunner::StonewallRunner(fs::path root) : root_(std::move(root)) {
     for (const char* folder : {"home", "data", "config", "cache"}) {
         fs::create_directories(root_ / folder);
     }
+    // The command speaks the user's language; the tests read its English
+    // texts, whatever the locale of the one who runs them.
+    overrides_ = {{"LC_ALL", ""}, {"LC_MESSAGES", "C"}, {"LANGUAGE", ""}};
 }
 
 BackgroundProcess StonewallRunner::start(std::vector<std::string> args, bool withContainer,

@@ -63,6 +63,7 @@ class StonewallRunner {
     std::filesystem::path containerPath() const { return root_ / "container"; }
 
     // Over the test's own environment; an empty value removes the variable.
+    // Messages are English (LC_MESSAGES=C) unless a test sets the locale.
     void setEnvironment(const std::string& name, const std::string& value) {
         overrides_[name] = value;
     }

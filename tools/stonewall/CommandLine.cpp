@@ -1,7 +1,5 @@
 #include "CommandLine.h"
 
-#include <libintl.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
@@ -17,6 +15,7 @@
 #include "Progress.h"
 #include "Report.h"
 #include "SubscriptionCommands.h"
+#include "Text.h"
 #include "application/ImportBudget.h"
 #include "platform/linux/LinuxHost.h"
 
@@ -27,14 +26,8 @@
 namespace stonewall::tool {
 namespace {
 
-// Marks a text for the translation template; tr() translates it where it is
-// shown (the table below is made before main() chooses the locale).
-constexpr const char* N_(const char* text) { return text; }
-
-// A text for people from the bundle's catalogue, keyed by its English text.
-const char* tr(const char* text) {
-    return text && *text ? ::dgettext(platform::gnulinux::LinuxBundle::kTextDomain, text) : text;
-}
+// The table below is made before main() chooses the locale: its texts are
+// marked with N_() and translated with tr() where they are shown.
 
 constexpr const char* kDescription =
     N_("Compile the active Stonewall blocker profile into the content-blocker rule list and "
@@ -107,7 +100,9 @@ constexpr const char* kImportDetails =
 // An empty value would silently mean "the default"; say so instead.
 CLI::Validator NotEmpty() {
     return CLI::Validator(
-        [](std::string& value) { return value.empty() ? std::string("must not be empty") : ""; },
+        [](std::string& value) {
+            return value.empty() ? std::string(tr("must not be empty")) : "";
+        },
         "", "NotEmpty");
 }
 
@@ -429,7 +424,8 @@ int usageError(const CLI::App& app, const CLI::ParseError& error) {
         }
         sub = next;
     }
-    std::cerr << "stonewall: usage: " << error.what() << " (see " << command << " --help)"
+    // CLI11's own message stays in English.
+    std::cerr << "stonewall: " << format(tr("usage: {0} (see {1} --help)"), {error.what(), command})
               << std::endl;
     return toInt(ExitCode::Usage);
 }
@@ -484,14 +480,15 @@ std::vector<CLI::App*> addSubcommands(CLI::App& app, Arguments& arguments) {
                                     {"message", failure.reason()}};
     } catch (const std::bad_alloc&) {
         code = ExitCode::Storage;
-        failureLine = "stonewall: out of memory (the input is too large for the memory allowed)";
+        failureLine = std::string("stonewall: ") +
+                      tr("out of memory (the input is too large for the memory allowed)");
         report.json["error"] =
             Json{{"exitCode", toInt(code)}, {"subject", "memory"}, {"message", "out of memory"}};
     } catch (const std::exception& exception) {
         // Nothing should get here; if something does, say so plainly rather
         // than die with an uncaught exception.
         code = ExitCode::Storage;
-        failureLine = std::string("stonewall: error: ") + exception.what();
+        failureLine = "stonewall: " + format(tr("error: {0}"), {exception.what()});
         report.json["error"] =
             Json{{"exitCode", toInt(code)}, {"subject", "error"}, {"message", exception.what()}};
     }

@@ -10,6 +10,7 @@
 
 #include "Failure.h"
 #include "Progress.h"
+#include "Text.h"
 #include "model/RuleCodes.h"
 #include "platform/linux/WebKitContentBlockerManager.h"
 #include "utilities/URLParts.h"
@@ -27,9 +28,9 @@ double millisecondsSince(Clock::time_point start) {
 }  // namespace
 
 const WebsiteListNames kWebsiteLists[3] = {
-    {ActionCode::kBlockWebsite, "block", "blocked", "unblock"},
-    {ActionCode::kSecureWebsite, "secure", "secured", "unsecure"},
-    {ActionCode::kAllowWebsite, "allow", "allowed", "unallow"},
+    {ActionCode::kBlockWebsite, N_("block"), N_("block list"), N_("blocked"), "unblock"},
+    {ActionCode::kSecureWebsite, N_("secure"), N_("secure list"), N_("secured"), "unsecure"},
+    {ActionCode::kAllowWebsite, N_("allow"), N_("allow list"), N_("allowed"), "unallow"},
 };
 
 const WebsiteListNames& websiteListNames(WebsiteList list) {
@@ -128,21 +129,23 @@ std::string printable(std::string_view text) {
 }  // namespace
 
 PageURL requirePageURL(const std::string& text) {
-    const std::string subject = "URL \"" + printable(text) + "\"";
+    const Message subject = message(N_("URL \"{0}\""), {printable(text)});
+    const Message noHost =
+        message(N_("has no host (give a full URL such as https://example.com/)"));
     if (!unicode::isValidUTF8(text)) {
-        throw CommandFailure(ExitCode::BadInput, subject, "is not valid UTF-8");
+        throw CommandFailure(ExitCode::BadInput, subject, message(N_("is not valid UTF-8")));
     }
     // "https://" alone would otherwise be read as the host "https".
     if (const size_t separator = text.find("://"); separator != std::string::npos) {
         const size_t start = separator + 3;
         if (start == text.size() || text.find_first_of("/?#", start) == start) {
-            throw CommandFailure(ExitCode::BadInput, subject,
-                                 "has no host (give a full URL such as https://example.com/)");
+            throw CommandFailure(ExitCode::BadInput, subject, noHost);
         }
     }
     if (text.size() > kMaximumURLLength) {
-        throw CommandFailure(ExitCode::BadInput, subject.substr(0, 80) + "...\"",
-                             "is longer than " + std::to_string(kMaximumURLLength) + " bytes");
+        throw CommandFailure(
+            ExitCode::BadInput, message(N_("URL \"{0}...\""), {printable(text).substr(0, 75)}),
+            message(N_("is longer than {0} bytes"), {std::to_string(kMaximumURLLength)}));
     }
     // People type URLs with Unicode hosts and blanks; the browser gives the
     // extension their encoded form, and the engine's host helper expects it
@@ -150,14 +153,13 @@ PageURL requirePageURL(const std::string& text) {
     const auto absolute = PunycodeAdditions::URLWithUnicodeString(withLowerCaseHost(text));
     const NullableString host = absolute ? PunycodeAdditions::hostFromURL(*absolute) : std::nullopt;
     if (!host || host->empty()) {
-        throw CommandFailure(ExitCode::BadInput, subject,
-                             "has no host (give a full URL such as https://example.com/)");
+        throw CommandFailure(ExitCode::BadInput, subject, noHost);
     }
     if (!isHostName(*host)) {
         throw CommandFailure(ExitCode::BadInput, subject,
-                             "has no valid host name (letters, digits, \"-\" and \".\"; "
-                             "international names are encoded): \"" +
-                                 printable(*host) + "\"");
+                             message(N_("has no valid host name (letters, digits, \"-\" and "
+                                        "\".\"; international names are encoded): \"{0}\""),
+                                     {printable(*host)}));
     }
     return PageURL{*absolute, *host};
 }
@@ -167,14 +169,15 @@ void requireKnownProfile(const SharedData& sharedData, const std::string& profil
     if (std::find(known.begin(), known.end(), profileID) != known.end()) return;
     std::string list;
     for (const auto& id : known) list += (list.empty() ? "" : ", ") + id;
-    throw CommandFailure(
-        ExitCode::BadInput, "profile \"" + profileID + "\"",
-        "unknown profile identifier (known: " + (list.empty() ? std::string("none") : list) + ")");
+    throw CommandFailure(ExitCode::BadInput, message(N_("profile \"{0}\""), {profileID}),
+                         message(N_("unknown profile identifier (known: {0})"),
+                                 {list.empty() ? message(N_("none")) : Message(list)}));
 }
 
 std::string requireActiveProfile(const SharedData& sharedData) {
     if (!sharedData.activeProfileID || sharedData.activeProfileID->empty()) {
-        throw CommandFailure(ExitCode::Storage, "shared database", "names no active profile");
+        throw CommandFailure(ExitCode::Storage, message(N_("shared database")),
+                             message(N_("names no active profile")));
     }
     return *sharedData.activeProfileID;
 }
@@ -185,8 +188,8 @@ ReloadRun ReloadRequest::run(const std::function<void(CompletionHandler then)>& 
     result.hostSkipsReload = !CompanionController::hostReloadsContentBlockers();
     CompileReport* report = report_;
     const auto start = Clock::now();
-    progress::stage("compiling and reloading the content blocker");
-    result.error = session_.await("reload", [&](CompletionHandler done) {
+    progress::stage(tr("compiling and reloading the content blocker"));
+    result.error = session_.await(message(N_("reload")), [&](CompletionHandler done) {
         first([&, done](std::optional<Error>) {
             auto [profileID, database] = target();
             result.compiled = profileID.has_value();
@@ -213,39 +216,40 @@ ReloadRequest::Target activeProfileOf(CompanionController& engine) {
     };
 }
 
-std::string_view actionName(int64_t action) {
+const char* actionName(int64_t action) {
     switch (action) {
         case ActionCode::kBlockWebsite:
-            return "block website";
+            return N_("block website");
         case ActionCode::kBlock:
-            return "block";
+            return N_("block");
         case ActionCode::kBlockCookies:
-            return "block cookies";
+            return N_("block cookies");
         case ActionCode::kHide:
-            return "hide";
+            return N_("hide");
         case ActionCode::kAllowWebsite:
-            return "allow website";
+            return N_("allow website");
         case ActionCode::kException:
-            return "exception";
+            return N_("exception");
         case ActionCode::kSecureWebsite:
-            return "secure website";
+            return N_("secure website");
         case ActionCode::kUpgradeHTTPS:
-            return "upgrade to HTTPS";
+            return N_("upgrade to HTTPS");
         default:
-            return "unknown";
+            return N_("unknown");
     }
 }
 
 void describeCompile(const CompileReport& compile, Report& report) {
-    report.add("profile", compile.profileID ? Json(*compile.profileID) : Json(nullptr), "profile",
-               textOrNull(compile.profileID));
+    report.add("profile", compile.profileID ? Json(*compile.profileID) : Json(nullptr),
+               tr("profile"), textOrNull(compile.profileID));
 
     Json byAction = Json::object();
-    report.add("rulesRead", compile.rulesRead(), "rules read", std::to_string(compile.rulesRead()));
+    report.add("rulesRead", compile.rulesRead(), tr("rules read"),
+               std::to_string(compile.rulesRead()));
     for (int64_t action : kCompileOrder) {
         const int64_t read = compile.rulesReadByAction[static_cast<size_t>(action)];
         byAction[std::to_string(action)] = read;
-        report.table.add("  " + std::to_string(action) + " " + std::string(actionName(action)),
+        report.table.add("  " + std::to_string(action) + " " + actionLabel(action),
                          std::to_string(read));
     }
     report.json["rulesReadByAction"] = std::move(byAction);
@@ -257,27 +261,30 @@ void describeCompile(const CompileReport& compile, Report& report) {
     report.json["bytesWritten"] = compile.bytesWritten;
     report.json["fileWritten"] = compile.fileWritten;
     report.json["ruleFile"] = compile.outputPath;
-    report.table.add("duplicates dropped", std::to_string(compile.duplicatesDropped));
-    report.table.add("dropped by cap", std::to_string(compile.rulesDroppedByCap));
-    report.table.add(
-        "rules written",
-        std::to_string(compile.rulesWritten) +
-            (compile.placeholderUsed ? " (the placeholder: the profile has no rules)" : ""));
-    report.table.add("bytes written", std::to_string(compile.bytesWritten));
-    report.table.add("rule file", compile.outputPath);
+    report.table.add(tr("duplicates dropped"), std::to_string(compile.duplicatesDropped));
+    report.table.add(tr("dropped by cap"), std::to_string(compile.rulesDroppedByCap));
+    const std::string written = std::to_string(compile.rulesWritten);
+    report.table.add(tr("rules written"),
+                     compile.placeholderUsed
+                         ? format(tr("{0} (the placeholder: the profile has no rules)"), {written})
+                         : written);
+    report.table.add(tr("bytes written"), std::to_string(compile.bytesWritten));
+    report.table.add(tr("rule file"), compile.outputPath);
 }
 
 void describeReload(const ReloadRun& run, Report& report) {
     if (run.compiled) report.json["writeMilliseconds"] = run.writeMilliseconds;
     report.json["totalMilliseconds"] = run.totalMilliseconds;
     if (run.hostSkipsReload) {
-        report.add("reload", "skipped", "reload",
-                   "skipped: the host's toolkit is older than 1504, nothing done");
+        report.add("reload", "skipped", tr("reload"),
+                   tr("skipped: the host's toolkit is older than 1504, nothing done"));
         return;
     }
-    report.table.add("time", (run.compiled ? formatDuration(run.writeMilliseconds) + " to write, "
-                                           : std::string()) +
-                                 formatDuration(run.totalMilliseconds) + " until reloaded");
+    const std::string total = formatDuration(run.totalMilliseconds);
+    report.table.add(tr("time"), run.compiled
+                                     ? format(tr("{0} to write, {1} until reloaded"),
+                                              {formatDuration(run.writeMilliseconds), total})
+                                     : format(tr("{0} until reloaded"), {total}));
     // A rule WebKit could not compile was left out so that the rest loaded;
     // the user must hear of it, or the rule would seem to work.
     const auto dropped = platform::gnulinux::WebKitContentBlockerManager::takeDroppedRules();
@@ -287,45 +294,50 @@ void describeReload(const ReloadRun& run, Report& report) {
             list.push_back(Json{{"index", rule.index},
                                 {"rule", Json::parse(rule.rule, nullptr, false)},
                                 {"webkitError", errorJSON(rule.error)}});
-            report.table.add("left out", "rule " + std::to_string(rule.index) + " " +
-                                             rule.rule.substr(0, 200) + ": " + rule.error.message);
+            report.table.add(
+                tr("left out"),
+                format(tr("rule {0} {1}: {2}"),
+                       {std::to_string(rule.index), rule.rule.substr(0, 200), rule.error.message}));
         }
         report.json["rulesLeftOut"] = std::move(list);
-        report.notes.push_back(std::to_string(dropped.size()) +
-                               " rule(s) rejected by WebKit were left out of the reload; "
-                               "remove or fix them.");
+        // "rule(s)": the English line is kept as scripts have always seen it.
+        report.notes.push_back(format(tr("{0} rule(s) rejected by WebKit were left out of the "
+                                         "reload; remove or fix them."),
+                                      {std::to_string(dropped.size())}));
     }
     if (!run.error) {
-        report.add("reload", "reload", "done");
+        report.add("reload", "done", tr("reload"), tr("done"));
         return;
     }
     report.json["reload"] = "failed";
-    report.add("reloadError", errorJSON(*run.error), "reload", "failed");
+    report.add("reloadError", errorJSON(*run.error), tr("reload"), tr("failed"));
 }
 
 void checkOutcome(const ReloadRun& run, const CompileReport* compile) {
     if (run.hostSkipsReload) return;
     if (compile && compile->failure != CompileReport::Failure::None) {
-        const std::string subject = "profile " + textOrNull(compile->profileID);
+        const Message subject = message(N_("profile {0}"), {textOrNull(compile->profileID)});
         switch (compile->failure) {
             case CompileReport::Failure::DatabaseBusy:
-                throw CommandFailure(ExitCode::Storage, subject,
-                                     "the profile database is busy (another program holds its "
-                                     "lock); the rule list was left as it was, nothing reloaded");
+                throw CommandFailure(
+                    ExitCode::Storage, subject,
+                    message(N_("the profile database is busy (another program holds its lock); "
+                               "the rule list was left as it was, nothing reloaded")));
             case CompileReport::Failure::OutOfMemory:
-                throw CommandFailure(ExitCode::Storage, subject,
-                                     "out of memory while compiling the rule list; the rule list "
-                                     "was left as it was, nothing reloaded");
+                throw CommandFailure(
+                    ExitCode::Storage, subject,
+                    message(N_("out of memory while compiling the rule list; the rule list was "
+                               "left as it was, nothing reloaded")));
             default:
-                throw CommandFailure(ExitCode::Storage, subject,
-                                     "the profile database could not be read completely (it may "
-                                     "be damaged); the rule list was left as it was, nothing "
-                                     "reloaded");
+                throw CommandFailure(
+                    ExitCode::Storage, subject,
+                    message(N_("the profile database could not be read completely (it may be "
+                               "damaged); the rule list was left as it was, nothing reloaded")));
         }
     }
     if (compile && !compile->fileWritten) {
-        throw CommandFailure(ExitCode::Storage, "rule file " + compile->outputPath,
-                             "could not be written");
+        throw CommandFailure(ExitCode::Storage, message(N_("rule file {0}"), {compile->outputPath}),
+                             message(N_("could not be written")));
     }
     if (run.error) {
         // A store or defaults file that cannot be used is the container's
@@ -333,26 +345,27 @@ void checkOutcome(const ReloadRun& run, const CompileReport* compile) {
         const bool storage =
             run.error->domain == platform::gnulinux::WebKitContentBlockerManager::kErrorDomain &&
             run.error->code == platform::gnulinux::WebKitContentBlockerManager::kStoreUnusable;
-        throw CommandFailure(storage ? ExitCode::Storage : ExitCode::Reload, "reload",
+        // WebKit's message is shown as it came.
+        throw CommandFailure(storage ? ExitCode::Storage : ExitCode::Reload, message(N_("reload")),
                              run.error->message + " (" + run.error->domain + " " +
                                  std::to_string(run.error->code) + ")");
     }
 }
 
 void requireStored(const Session& session, int64_t failuresBefore,
-                   const std::function<bool()>& isStored, const std::string& what) {
+                   const std::function<bool()>& isStored, const Message& what) {
     const bool failed = session.storageFailures() > failuresBefore;
     if (!failed && isStored()) return;
-    const std::string why = failed ? "storage failed: " + session.lastStorageFailure()
-                                   : std::string("the change is not in the database");
-    throw CommandFailure(ExitCode::Storage, what, why);
+    throw CommandFailure(ExitCode::Storage, what,
+                         failed ? message(N_("storage failed: {0}"), {session.lastStorageFailure()})
+                                : message(N_("the change is not in the database")));
 }
 
 void describeRuleFile(const ReloadRun& run, const CompileReport& compile, Report& report) {
     if (run.hostSkipsReload) return;
     report.json["rulesWritten"] = compile.rulesWritten;
     report.json["bytesWritten"] = compile.bytesWritten;
-    report.add("ruleFile", compile.outputPath, "rules", compileSummary(compile));
+    report.add("ruleFile", compile.outputPath, tr("rules"), compileSummary(compile));
 }
 
 void finishReload(const ReloadRun& run, const CompileReport* compile, Report& report) {
@@ -380,13 +393,15 @@ void throwIfFailed(const ApplicationOutcome& outcome) {
     if (outcome) throw CommandFailure(exitCodeOf(*outcome), outcome->subject, outcome->reason);
 }
 
-std::string plural(int64_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+std::string notActiveNote(const std::string& profileID) {
+    return format(tr("Profile {0} is not the active one; its rules take effect once it is "
+                     "activated (stonewall profile activate {0})."),
+                  {profileID});
 }
 
 std::string compileSummary(const CompileReport& compile) {
-    return std::to_string(compile.rulesWritten) + " written, " +
-           std::to_string(compile.bytesWritten) + " bytes";
+    return format(tr("{0} written, {1} bytes"),
+                  {std::to_string(compile.rulesWritten), std::to_string(compile.bytesWritten)});
 }
 
 }  // namespace stonewall::tool

@@ -25,7 +25,9 @@ enum class WebsiteList { Block, Secure, Allow };
 struct WebsiteListNames {
     int64_t action;       // the action code of its rules
     const char* name;     // "block": the list, the command that adds to it, its JSON member
-    const char* done;     // "blocked": what adding a website did
+                          // (marked: check shows it translated)
+    const char* list;     // "block list", for people (marked for translation)
+    const char* done;     // "blocked": what adding a website did (marked for translation)
     const char* removal;  // "unblock": the command that takes a website off it
 };
 // Block, secure, allow: the order in which the lists are tidied and shown.
@@ -115,24 +117,31 @@ ExitCode exitCodeOf(const ApplicationError& error);
 // Throws the refusal as a CommandFailure; nothing when there is none.
 void throwIfFailed(const ApplicationOutcome& outcome);
 
-// "1 rule", "2 rules".
-std::string plural(int64_t count, const std::string& noun);
-
 // Throws CommandFailure (ExitCode::Storage) with `what` when the session met
 // more storage failures than `failuresBefore` (its count before the change)
 // or `isStored` answers false.
 void requireStored(const Session& session, int64_t failuresBefore,
-                   const std::function<bool()>& isStored, const std::string& what);
+                   const std::function<bool()>& isStored, const Message& what);
 
 // The short compile line of the commands that change rules: "12 written, 1234 bytes".
 std::string compileSummary(const CompileReport& compile);
 
-std::string_view actionName(int64_t action);
+// The note of a command that changed a profile other than the active one.
+std::string notActiveNote(const std::string& profileID);
+
+// The action's name in English ("block website"), as --json gives it.
+const char* actionName(int64_t action);
+// The same for people, in their language.
+inline const char* actionLabel(int64_t action) { return tr(actionName(action)); }
 
 // The shared record's blocking status; any other value is off to the browser.
 constexpr int64_t kStatusOn = 1;
 constexpr int64_t kStatusOff = 0;
-// "on" or "off", as the browser sees the status.
+// "on" or "off", as the browser sees the status (for --json).
 inline const char* blockingText(int64_t status) { return status == kStatusOn ? "on" : "off"; }
+// The same for people.
+inline const char* blockingLabel(int64_t status) {
+    return status == kStatusOn ? tr("on") : tr("off");
+}
 
 }  // namespace stonewall::tool

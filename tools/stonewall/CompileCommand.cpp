@@ -35,8 +35,8 @@ void runCompile(const CommonOptions& common, const CompileOptions& options, Repo
         describeCompile(compile, report);
         report.json["writeMilliseconds"] = milliseconds;
         report.json["reload"] = "skipped";
-        report.table.add("time", formatDuration(milliseconds) + " to write");
-        report.table.add("reload", "skipped (--no-reload)");
+        report.table.add(tr("time"), format(tr("{0} to write"), {formatDuration(milliseconds)}));
+        report.table.add(tr("reload"), tr("skipped (--no-reload)"));
         checkOutcome(ReloadRun{}, &compile);
         return;
     }

@@ -1,13 +1,16 @@
 #pragma once
 
 // How the command tells people and scripts that something went wrong: one
-// line on stderr, "stonewall: <what>: <why>", and an exit code from the table
-// below. The codes are part of the command's interface (documented in --help
+// line on stderr, "stonewall: <what>: <why>" in the user's language, and an
+// exit code from the table below; --json carries the English subject and
+// reason. The codes are part of the command's interface (documented in --help
 // and docs/session.md); scripts branch on them, so never renumber.
 
 #include <exception>
 #include <string>
 #include <utility>
+
+#include "Text.h"
 
 namespace stonewall::tool {
 
@@ -27,21 +30,22 @@ inline constexpr int toInt(ExitCode code) { return static_cast<int>(code); }
 // a command with a message; caught once in run().
 class CommandFailure : public std::exception {
   public:
-    CommandFailure(ExitCode code, std::string what, std::string why)
+    CommandFailure(ExitCode code, Message what, Message why)
         : code_(code), subject_(std::move(what)), reason_(std::move(why)) {
-        line_ = "stonewall: " + subject_ + ": " + reason_;
+        line_ = "stonewall: " + subject_.local + ": " + reason_.local;
     }
 
     ExitCode code() const { return code_; }
-    const std::string& subject() const { return subject_; }
-    const std::string& reason() const { return reason_; }
+    // In English, for scripts.
+    const std::string& subject() const { return subject_.english; }
+    const std::string& reason() const { return reason_.english; }
     // The whole line as printed on stderr (without the newline).
     const char* what() const noexcept override { return line_.c_str(); }
 
   private:
     ExitCode code_;
-    std::string subject_;
-    std::string reason_;
+    Message subject_;
+    Message reason_;
     std::string line_;
 };
 

@@ -23,7 +23,7 @@ std::string defaultsPath() {
     throw CommandFailure(outcome.failure == GnomeWebFilters::Failure::Unavailable
                              ? ExitCode::Unavailable
                              : ExitCode::Storage,
-                         "gnome-web", outcome.message);
+                         "gnome-web", outcome.message);  // the platform's words, in English
 }
 
 void describeStatus(const GnomeWebFilters& filters, Report& report) {
@@ -31,14 +31,15 @@ void describeStatus(const GnomeWebFilters& filters, Report& report) {
     const auto status = filters.status(failure);
     if (!status) throw CommandFailure(ExitCode::Unavailable, "gnome-web", failure);
     report.add("gnomeWeb", status->on ? "on" : "off", "GNOME Web",
-               status->on ? "on (uses the active profile)" : "off");
-    report.add(
-        "list", status->published ? Json(*status->published) : Json(nullptr), "list",
-        status->published ? *status->published : (status->on ? "none (blocking is off)" : "none"));
+               status->on ? tr("on (uses the active profile)") : tr("off"));
+    report.add("list", status->published ? Json(*status->published) : Json(nullptr), tr("list"),
+               status->published ? *status->published
+                                 : (status->on ? tr("none (blocking is off)") : tr("none")));
     const size_t others = status->filters.size() - (status->published ? 1 : 0);
-    report.add("otherFilters", Json(others), "other lists",
-               std::to_string(others) + (others == 1 ? " list" : " lists"));
-    report.add("adblock", Json(status->blockingEnabled), "GNOME Web blocks",
+    report.add("otherFilters", Json(others), tr("other lists"),
+               format(trn(NN_("{0} list", "{0} lists"), static_cast<int64_t>(others)),
+                      {std::to_string(others)}));
+    report.add("adblock", Json(status->blockingEnabled), tr("GNOME Web blocks"),
                yesNo(status->blockingEnabled));
 }
 
@@ -63,7 +64,8 @@ void runGnomeWeb(const CommonOptions& common, const std::optional<std::string>& 
         if (outcome.failure) fail(outcome);
         if (!wasOn) {
             report.json["changed"] = false;
-            report.notes.push_back("GNOME Web does not use Stonewall's rules; nothing changed.");
+            report.notes.push_back(
+                tr("GNOME Web does not use Stonewall's rules; nothing changed."));
             return;
         }
         report.json["changed"] = true;
@@ -89,7 +91,7 @@ void runGnomeWeb(const CommonOptions& common, const std::optional<std::string>& 
     describeStatus(filters, report);
     describeRuleFile(run, compile, report);
     describeReload(run, report);
-    if (wasOn) report.notes.push_back("GNOME Web was using Stonewall's rules already.");
+    if (wasOn) report.notes.push_back(tr("GNOME Web was using Stonewall's rules already."));
 }
 
 }  // namespace stonewall::tool

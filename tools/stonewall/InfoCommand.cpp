@@ -23,12 +23,12 @@ std::string fileKind(const std::string& folder, const std::string& name) {
         return name.size() > suffix.size() &&
                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
     };
-    if (folder == "Library/Preferences") return "shared defaults";
-    if (folder == "Library/ContentBlockers") return "compiled list";
-    if (name == "shared_data") return "shared database";
-    if (name.rfind(kProfilePrefix, 0) == 0 && endsWith(kRulesSuffix)) return "rule file";
-    if (name.rfind(kProfilePrefix, 0) == 0 && endsWith(kDataSuffix)) return "profile database";
-    return "file";
+    if (folder == "Library/Preferences") return tr("shared defaults");
+    if (folder == "Library/ContentBlockers") return tr("compiled list");
+    if (name == "shared_data") return tr("shared database");
+    if (name.rfind(kProfilePrefix, 0) == 0 && endsWith(kRulesSuffix)) return tr("rule file");
+    if (name.rfind(kProfilePrefix, 0) == 0 && endsWith(kDataSuffix)) return tr("profile database");
+    return tr("file");
 }
 
 // The files of one container folder, by name, with their sizes; lock files
@@ -50,7 +50,8 @@ Json listFolder(const fs::path& container, const std::string& folder, Table& tab
     for (const auto& [name, size] : entries) {
         const std::string relative = folder + "/" + name;
         files.push_back(Json{{"path", relative}, {"bytes", size}});
-        table.add(fileKind(folder, name), relative + ", " + std::to_string(size) + " bytes");
+        table.add(fileKind(folder, name),
+                  format(tr("{0}, {1} bytes"), {relative, std::to_string(size)}));
     }
     return files;
 }
@@ -88,13 +89,15 @@ void runInfo(const CommonOptions& common, Report& report) {
                                {"appKitVersion", appKit},
                                {"safariServicesVersion", services ? Json(*services) : Json()},
                                {"safariServicesAvailable", servicesAvailable}};
-    report.table.add("container", session.containerPath());
-    report.table.add("resources", session.resourcePath());
-    report.table.add("version", "stonewall " + bundle.shortVersionString());
-    report.table.add("host", "system " + osVersion + ", toolkit " + numberText(appKit) +
-                                 ", browser services " +
-                                 (services ? std::to_string(*services) : std::string("none")) +
-                                 (servicesAvailable ? "" : " (unavailable)"));
+    report.table.add(tr("container"), session.containerPath());
+    report.table.add(tr("resources"), session.resourcePath());
+    report.table.add(tr("version"), "stonewall " + bundle.shortVersionString());
+    const std::string servicesText = services ? std::to_string(*services) : tr("none");
+    report.table.add(tr("host"),
+                     format(servicesAvailable
+                                ? tr("system {0}, toolkit {1}, browser services {2}")
+                                : tr("system {0}, toolkit {1}, browser services {2} (unavailable)"),
+                            {osVersion, numberText(appKit), servicesText}));
 
     const auto ids = splitList(shared.profileIDs);
     const auto names = splitList(shared.profiles);
@@ -109,9 +112,9 @@ void runInfo(const CommonOptions& common, Report& report) {
     report.json["blocking"] = blockingText(shared.status);
     report.json["status"] = shared.status;
     report.json["domainStatus"] = shared.domainStatus ? Json(*shared.domainStatus) : Json();
-    report.table.add("active profile", textOrNull(shared.activeProfileID) +
-                                           (activeName.empty() ? "" : " (" + activeName + ")"));
-    report.table.add("blocking", blockingText(shared.status));
+    report.table.add(tr("active profile"), textOrNull(shared.activeProfileID) +
+                                               (activeName.empty() ? "" : " (" + activeName + ")"));
+    report.table.add(tr("blocking"), blockingLabel(shared.status));
 
     // What the content blocker reads on its next load.
     auto suite = platform::defaults().suiteNamed(std::string(kApplicationGroup));
@@ -132,7 +135,7 @@ void runInfo(const CommonOptions& common, Report& report) {
         }
         defaultsText += (defaultsText.empty() ? "" : ", ") + name + " " + value;
     }
-    report.add("defaults", std::move(defaults), "defaults", defaultsText);
+    report.add("defaults", std::move(defaults), tr("defaults"), defaultsText);
 
     Json files = Json::array();
     for (const char* folder :

@@ -40,16 +40,17 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
         const NullableString source =
             CompanionController::getElementSource(element.source, element.currentSource);
         if (!source) continue;
-        const std::string subject = inputName(file) + ": element " + std::to_string(index);
+        const Message subject =
+            message(N_("{0}: element {1}"), {inputName(file), std::to_string(index)});
         if (source->size() > kMaximumSourceLength) {
-            throw CommandFailure(
-                ExitCode::BadInput, subject,
-                "its source is longer than " + std::to_string(kMaximumSourceLength) + " bytes");
+            throw CommandFailure(ExitCode::BadInput, subject,
+                                 message(N_("its source is longer than {0} bytes"),
+                                         {std::to_string(kMaximumSourceLength)}));
         }
         if (source->find_first_of(kUnescapedPatternCharacters) != std::string::npos) {
             throw CommandFailure(ExitCode::BadInput, subject,
-                                 "its source holds a character a rule cannot match exactly "
-                                 "(\\ $ ( ) { } [ ] or a control character)");
+                                 message(N_("its source holds a character a rule cannot match "
+                                            "exactly (\\ $ ( ) { } [ ] or a control character)")));
         }
     }
 
@@ -75,21 +76,23 @@ void runPick(const CommonOptions& common, const std::string& pageURL, const std:
             .run([&](CompletionHandler then) { engine->createVisualCustomRules(elements, then); },
                  activeProfileOf(*engine));
 
-    report.add("page", "page", host);
-    report.add("profile", "profile", profileID);
-    report.add("elements", elements.size(), "elements", std::to_string(elements.size()));
+    report.add("page", tr("page"), host);
+    report.add("profile", tr("profile"), profileID);
+    report.add("elements", elements.size(), tr("elements"), std::to_string(elements.size()));
     report.json["hideRules"] = hideRules;
     report.json["blockRules"] = blockRules;
     report.json["skipped"] = skipped;
-    report.table.add(
-        "new rules",
-        std::to_string(hideRules) + " hide, " + std::to_string(blockRules) + " block" +
-            (skipped ? ", " + std::to_string(skipped) + " skipped (media without a usable source)"
-                     : std::string()));
+    std::string newRules =
+        format(tr("{0} hide, {1} block"), {std::to_string(hideRules), std::to_string(blockRules)});
+    if (skipped) {
+        newRules = format(tr("{0}, {1} skipped (media without a usable source)"),
+                          {newRules, std::to_string(skipped)});
+    }
+    report.table.add(tr("new rules"), newRules);
     // The rules written are shown also when the picked rules turn out unstored.
     describeRuleFile(run, compile, report);
     requireStored(
-        session, failuresBefore, [] { return true; }, "the picked elements' rules");
+        session, failuresBefore, [] { return true; }, message(N_("the picked elements' rules")));
     finishReload(run, &compile, report);
 }
 

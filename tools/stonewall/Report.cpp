@@ -31,15 +31,27 @@ std::string withoutControls(std::string_view text) {
     return out;
 }
 
+namespace {
+
+// Columns a label takes: one per character (translated labels hold
+// "ü", two bytes in UTF-8).
+size_t columns(std::string_view text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
+}
+
+}  // namespace
+
 void Table::print(std::ostream& out) const {
     size_t width = 0;
-    for (const auto& [label, value] : rows_) width = std::max(width, label.size());
+    for (const auto& [label, value] : rows_) width = std::max(width, columns(label));
     for (const auto& [label, value] : rows_) {
         if (value.empty()) {
             out << withoutControls(label) << '\n';
             continue;
         }
-        out << withoutControls(label) << std::string(width - label.size() + 2, ' ')
+        out << withoutControls(label) << std::string(width - columns(label) + 2, ' ')
             << withoutControls(value) << '\n';
     }
 }
@@ -79,5 +91,7 @@ std::string formatDuration(double milliseconds) {
     }
     return buffer;
 }
+
+std::string yesNo(bool value) { return value ? tr("yes") : tr("no"); }
 
 }  // namespace stonewall::tool

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "Text.h"
 #include "platform/Error.h"
 
 namespace stonewall::tool {
@@ -71,7 +72,7 @@ Json errorJSON(const Error& error);
 
 // "12.3 ms", "1.24 s".
 std::string formatDuration(double milliseconds);
-// "yes" / "no".
-inline std::string yesNo(bool value) { return value ? "yes" : "no"; }
+// "yes" / "no", in the user's language.
+std::string yesNo(bool value);
 
 }  // namespace stonewall::tool

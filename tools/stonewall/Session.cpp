@@ -52,9 +52,9 @@ Session::Session(const CommonOptions& options, Signals signals)
     const auto container =
         platform::host().containerPathForApplicationGroup(std::string(kApplicationGroup));
     if (!container || container->empty()) {
-        throw CommandFailure(ExitCode::Storage, "container",
-                             "no container is configured for the application group (set "
-                             "--container or STONEWALL_CONTAINER)");
+        throw CommandFailure(ExitCode::Storage, message(N_("container")),
+                             message(N_("no container is configured for the application group "
+                                        "(set --container or STONEWALL_CONTAINER)")));
     }
     containerPath_ = trimmedSlash(absolutePath(*container));
 
@@ -64,6 +64,7 @@ Session::Session(const CommonOptions& options, Signals signals)
     StorageEvents::setObserver([this](StorageEvents::Kind kind, std::string_view message) {
         std::lock_guard lock(storageMutex_);
         if (kind == StorageEvents::Kind::MovedAside) {
+            // The storage layer's words, in English.
             std::string line = "stonewall: ";
             line.append(message).append("\n");
             std::fputs(line.c_str(), stderr);
@@ -103,28 +104,30 @@ void Session::prepareContainer() const {
     for (const char* name : kTemplateNames) {
         const fs::path path = fs::path(resources) / name;
         if (!fs::is_regular_file(path, error)) {
-            throw CommandFailure(ExitCode::Storage, "resources " + resources,
-                                 std::string("the template database \"") + name +
-                                     "\" is missing (set STONEWALL_RESOURCES to the folder "
-                                     "that holds the templates)");
+            throw CommandFailure(ExitCode::Storage, message(N_("resources {0}"), {resources}),
+                                 message(N_("the template database \"{0}\" is missing (set "
+                                            "STONEWALL_RESOURCES to the folder that holds the "
+                                            "templates)"),
+                                         {name}));
         }
     }
 
-    const std::string subject = "container " + containerPath_;
+    const Message subject = message(N_("container {0}"), {containerPath_});
     const auto status = fs::status(containerPath_, error);
     if (status.type() == fs::file_type::not_found) {
         error.clear();
         fs::create_directories(containerPath_, error);
         if (error)
-            throw CommandFailure(ExitCode::Storage, subject,
-                                 "cannot be created: " + error.message());
+            throw CommandFailure(
+                ExitCode::Storage, subject,
+                message(N_("cannot be created: {0}"), {systemMessage(error.value())}));
     } else if (error) {
-        throw CommandFailure(ExitCode::Storage, subject, error.message());
+        throw CommandFailure(ExitCode::Storage, subject, systemMessage(error.value()));
     } else if (status.type() != fs::file_type::directory) {
-        throw CommandFailure(ExitCode::Storage, subject, "not a directory");
+        throw CommandFailure(ExitCode::Storage, subject, message(N_("not a directory")));
     }
     if (std::string why; !platform::canWriteInto(containerPath_, why)) {
-        throw CommandFailure(ExitCode::Storage, subject, "not writable: " + why);
+        throw CommandFailure(ExitCode::Storage, subject, message(N_("not writable: {0}"), {why}));
     }
 }
 
@@ -135,8 +138,8 @@ void Session::lockContainer() const {
     containerLock_ = platform::lockFile(
         containerPath_ + "/" + std::string(ContainerLayout::kContainerLockFile), why);
     if (!containerLock_) {
-        throw CommandFailure(ExitCode::Storage, "container " + containerPath_,
-                             "cannot be locked: " + why);
+        throw CommandFailure(ExitCode::Storage, message(N_("container {0}"), {containerPath_}),
+                             message(N_("cannot be locked: {0}"), {why}));
     }
 }
 
@@ -161,20 +164,23 @@ std::unique_ptr<CompanionController> Session::openEngine(ActiveProfile use) cons
         engine->connectProfileDatabase();
     }
     if (!engine->sharedData()) {
-        throw CommandFailure(ExitCode::Storage,
-                             "shared database " + engine->sharedDatabase().dataPath(),
-                             "cannot be read");
+        throw CommandFailure(
+            ExitCode::Storage,
+            message(N_("shared database {0}"), {engine->sharedDatabase().dataPath()}),
+            message(N_("cannot be read")));
     }
     const auto& database = engine->activeDatabase();
     std::error_code error;
     const NullableString& active = engine->sharedData()->activeProfileID;
     if (active && !isUsableProfileID(*active)) {
-        const std::string subject = "shared database";
-        const std::string why = "the active profile identifier \"" + withoutControls(*active) +
-                                "\" cannot name a file; choose another with "
-                                "\"stonewall profile activate <id>\"";
+        const Message subject = message(N_("shared database"));
+        const Message why =
+            message(N_("the active profile identifier \"{0}\" cannot name a file; choose "
+                       "another with \"stonewall profile activate <id>\""),
+                    {withoutControls(*active)});
         if (use == ActiveProfile::Required) throw CommandFailure(ExitCode::Storage, subject, why);
-        std::cerr << "stonewall: warning: " << subject << ": " << why << std::endl;
+        std::cerr << "stonewall: " << format(tr("warning: {0}: {1}"), {subject.local, why.local})
+                  << std::endl;
         return engine;
     }
     if (use == ActiveProfile::Optional &&
@@ -182,15 +188,17 @@ std::unique_ptr<CompanionController> Session::openEngine(ActiveProfile use) cons
         return engine;
     }
     if (!database || !fs::is_regular_file(database->profilesDataPath(), error)) {
-        throw CommandFailure(
-            ExitCode::Storage, "profile " + textOrNull(engine->sharedData()->activeProfileID),
-            "its database cannot be opened" +
-                (database ? " (" + database->profilesDataPath() + ")" : std::string()));
+        const Message subject =
+            message(N_("profile {0}"), {textOrNull(engine->sharedData()->activeProfileID)});
+        throw CommandFailure(ExitCode::Storage, subject,
+                             database ? message(N_("its database cannot be opened ({0})"),
+                                                {database->profilesDataPath()})
+                                      : message(N_("its database cannot be opened")));
     }
     return engine;
 }
 
-std::optional<Error> Session::await(const std::string& what,
+std::optional<Error> Session::await(const Message& what,
                                     const std::function<void(CompletionHandler)>& start) {
     struct State {
         std::atomic<bool> finished{false};
@@ -231,8 +239,9 @@ std::optional<Error> Session::await(const std::string& what,
         char seconds[32];
         std::snprintf(seconds, sizeof seconds, "%g", options_.timeoutSeconds);
         throw CommandFailure(ExitCode::Reload, what,
-                             std::string("no answer within ") + seconds +
-                                 " s (the content blocker did not complete; see --timeout)");
+                             message(N_("no answer within {0} s (the content blocker did not "
+                                        "complete; see --timeout)"),
+                                     {seconds}));
     }
     if (state->exception) std::rethrow_exception(state->exception);
     return state->error;
@@ -255,7 +264,8 @@ void Session::watchStopRequests() {
     stopWatch_ = platform::watchStopRequests(
         [this] { platform::dispatch().mainQueue().async([this] { stop(); }); }, why);
     if (!stopWatch_) {
-        throw CommandFailure(ExitCode::Unavailable, "signals", "cannot be watched: " + why);
+        throw CommandFailure(ExitCode::Unavailable, message(N_("signals")),
+                             message(N_("cannot be watched: {0}"), {why}));
     }
 }
 

@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "Text.h"
 #include "engine/CompanionController.h"
 #include "platform/Error.h"
 #include "platform/Process.h"
@@ -68,7 +69,7 @@ class Session {
     // Starts the operation from the main queue and runs the main queue until
     // its completion is called, returning the completion's error. Throws
     // CommandFailure (ExitCode::Reload) naming `what` when the watchdog fires first.
-    [[nodiscard]] std::optional<Error> await(const std::string& what,
+    [[nodiscard]] std::optional<Error> await(const Message& what,
                                              const std::function<void(CompletionHandler)>& start);
 
     // Runs the main queue until SIGINT or SIGTERM (Signals::StopMainLoop) or

@@ -10,11 +10,10 @@ namespace stonewall::tool {
 namespace {
 
 std::string statusText(int64_t status) {
-    if (status == kStatusOn) return "on";
-    if (status == kStatusOff) return "off";
+    if (status == kStatusOn || status == kStatusOff) return blockingLabel(status);
     // Anything else is off as far as the browser side goes (the toolbar shows
     // the off image), but worth showing as it is.
-    return "off (status " + std::to_string(status) + ")";
+    return format(tr("off (status {0})"), {std::to_string(status)});
 }
 
 }  // namespace
@@ -28,7 +27,7 @@ void runStatus(const CommonOptions& common, const std::optional<std::string>& st
 
     if (!state) {
         report.json["blocking"] = blockingText(before);
-        report.add("status", before, "blocking", statusText(before));
+        report.add("status", before, tr("blocking"), statusText(before));
         return;
     }
 
@@ -37,7 +36,8 @@ void runStatus(const CommonOptions& common, const std::optional<std::string>& st
         report.json["blocking"] = *state;
         report.json["status"] = before;
         report.json["changed"] = false;
-        report.notes.push_back("Blocking is already " + *state + "; nothing changed.");
+        report.notes.push_back(wantOn ? tr("Blocking is already on; nothing changed.")
+                                      : tr("Blocking is already off; nothing changed."));
         return;
     }
 
@@ -75,14 +75,14 @@ void runStatus(const CommonOptions& common, const std::optional<std::string>& st
 
     const int64_t after = engine->sharedData() ? engine->sharedData()->status : before;
     report.json["blocking"] = blockingText(after);
-    report.add("status", after, "blocking",
-               statusText(after) + " (was " + statusText(before) + ")");
+    report.add("status", after, tr("blocking"),
+               format(tr("{0} (was {1})"), {statusText(after), statusText(before)}));
     report.json["changed"] = true;
     if (run.compiled && !run.hostSkipsReload) {
         report.json["rulesWritten"] = compile.rulesWritten;
-        report.add("ruleFile", compile.outputPath, "rules",
-                   compileSummary(compile) + " (first compile of profile " +
-                       textOrNull(reloadProfile) + ")");
+        report.add("ruleFile", compile.outputPath, tr("rules"),
+                   format(tr("{0} (first compile of profile {1})"),
+                          {compileSummary(compile), textOrNull(reloadProfile)}));
     }
     finishReload(run, run.compiled ? &compile : nullptr, report);
 }
@@ -98,8 +98,9 @@ void runProfileList(const CommonOptions& common, Report& report) {
     Json profiles = Json::array();
     for (size_t index = 0; index < ids.size(); ++index) {
         if (!isUsableProfileID(ids[index])) {
-            report.notes.push_back("Ignored the unusable profile identifier \"" + ids[index] +
-                                   "\" of the shared record.");
+            report.notes.push_back(
+                format(tr("Ignored the unusable profile identifier \"{0}\" of the shared record."),
+                       {ids[index]}));
             continue;
         }
         const std::string name = index < names.size() ? names[index] : std::string();
@@ -110,14 +111,15 @@ void runProfileList(const CommonOptions& common, Report& report) {
     report.json["activeProfileID"] =
         shared.activeProfileID ? Json(*shared.activeProfileID) : Json(nullptr);
     report.json["profiles"] = std::move(profiles);
-    if (ids.empty()) report.notes.push_back("The shared record lists no profiles.");
+    if (ids.empty()) report.notes.push_back(tr("The shared record lists no profiles."));
 }
 
 void runProfileActivate(const CommonOptions& common, const std::string& profileID, Report& report) {
     report.json["command"] = "profile activate";
     if (!isUsableProfileID(profileID)) {
-        throw CommandFailure(ExitCode::BadInput, "profile \"" + withoutControls(profileID) + "\"",
-                             "not a usable profile identifier");
+        throw CommandFailure(ExitCode::BadInput,
+                             message(N_("profile \"{0}\""), {withoutControls(profileID)}),
+                             message(N_("not a usable profile identifier")));
     }
     Session session(common);
     auto engine = session.openEngine(Session::ActiveProfile::Optional);
@@ -126,7 +128,8 @@ void runProfileActivate(const CommonOptions& common, const std::string& profileI
     report.json["profile"] = profileID;
     if (engine->sharedData()->activeProfileID == profileID) {
         report.json["changed"] = false;
-        report.notes.push_back("Profile " + profileID + " is already active; nothing changed.");
+        report.notes.push_back(
+            format(tr("Profile {0} is already active; nothing changed."), {profileID}));
         return;
     }
 
@@ -146,8 +149,8 @@ void runProfileActivate(const CommonOptions& common, const std::string& profileI
                 });
 
     report.json["changed"] = true;
-    report.add("previousProfile", previous, "active profile",
-               profileID + " (was " + previous + ")");
+    report.add("previousProfile", previous, tr("active profile"),
+               format(tr("{0} (was {1})"), {profileID, previous}));
     reportReload(run, compile, report);
 }
 

@@ -23,9 +23,9 @@ namespace {
 constexpr int64_t kRetryAfterFailure = 3600;
 
 std::string resolveURL(const std::string& text) {
-    std::string why;
+    Message why;
     if (auto url = subscriptionURL(text, why)) return *url;
-    throw CommandFailure(ExitCode::BadInput, "URL \"" + text + "\"", why);
+    throw CommandFailure(ExitCode::BadInput, message(N_("URL \"{0}\""), {text}), why);
 }
 
 // What one fetch of one list came to.
@@ -33,7 +33,7 @@ struct Fetch {
     enum class Kind { Updated, NotModified, Failed };
     Kind kind = Kind::Failed;
     ExitCode code = ExitCode::Ok;  // of a failure
-    std::string why;               // of a failure
+    Message why;                   // of a failure
     ProfileManager::ImportReport import;
 };
 
@@ -42,17 +42,19 @@ struct Fetch {
 Fetch fetchList(CompanionController& engine, Subscription& subscription, bool conditional) {
     Fetch fetch;
     const int64_t now = secondsNow();
-    const auto fail = [&](ExitCode code, std::string why) {
+    const auto fail = [&](ExitCode code, Message why) {
         fetch.kind = Fetch::Kind::Failed;
         fetch.code = code;
         fetch.why = std::move(why);
-        subscription.lastError = fetch.why;
+        // Kept in English: the file and --json are read by scripts.
+        subscription.lastError = fetch.why.english;
         subscription.nextDue = now + kRetryAfterFailure;
         return fetch;
     };
     ProfileManager profiles(engine);
     if (!profiles.profileIndex(subscription.profile)) {
-        return fail(ExitCode::BadInput, "profile " + subscription.profile + " no longer exists");
+        return fail(ExitCode::BadInput,
+                    message(N_("profile {0} no longer exists"), {subscription.profile}));
     }
     platform::DownloadRequest request;
     request.url = subscription.url;
@@ -64,6 +66,7 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
         platform::gnulinux::downloadTimeoutsFromEnvironment());
     platform::DownloadResult result = downloader->download(request);
     using Outcome = platform::DownloadResult::Outcome;
+    // The downloader's reason, in English.
     if (result.outcome == Outcome::Failed) return fail(ExitCode::Download, result.error);
     // A server without ETag, or a file, may hand over the very list
     // imported last: that is no change either.
@@ -93,8 +96,8 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
                                                subscription.tag())) {
         // The import refuses text that is no filter list under that subject.
         return fail(exitCodeOf(*error), error->subject == "filter list"
-                                            ? "not a filter list: " + error->reason
-                                            : error->reason);
+                                            ? message(N_("not a filter list: {0}"), {error->reason})
+                                            : Message(error->reason));
     }
     fetch.kind = Fetch::Kind::Updated;
     subscription.etag = result.etag;
@@ -108,10 +111,15 @@ Fetch fetchList(CompanionController& engine, Subscription& subscription, bool co
 }
 
 std::string updatedText(const Fetch& fetch) {
-    std::string text = "updated: " + plural(fetch.import.added, "rule");
-    if (fetch.import.replaced > 0) text += " (were " + std::to_string(fetch.import.replaced) + ")";
-    if (fetch.import.leftOut() > 0)
-        text += ", " + std::to_string(fetch.import.leftOut()) + " left out";
+    const int64_t added = fetch.import.added;
+    std::string text =
+        format(trn(NN_("updated: {0} rule", "updated: {0} rules"), added), {std::to_string(added)});
+    if (fetch.import.replaced > 0) {
+        text = format(tr("{0} (were {1})"), {text, std::to_string(fetch.import.replaced)});
+    }
+    if (fetch.import.leftOut() > 0) {
+        text = format(tr("{0}, {1} left out"), {text, std::to_string(fetch.import.leftOut())});
+    }
     return text;
 }
 
@@ -121,7 +129,7 @@ bool sameSubscription(const Subscription& a, const std::string& profile, const s
 
 void requireSaved(const SubscriptionStore& store, const std::vector<Subscription>& subscriptions) {
     if (!store.save(subscriptions)) {
-        throw CommandFailure(ExitCode::Storage, store.path(), "could not be written");
+        throw CommandFailure(ExitCode::Storage, store.path(), message(N_("could not be written")));
     }
 }
 
@@ -142,9 +150,9 @@ void runProfileSubscribe(const CommonOptions& common, const std::string& profile
             return sameSubscription(each, profileID, url);
         })) {
         report.json["changed"] = false;
-        report.notes.push_back("Profile " + profileID + " is subscribed to " + url +
-                               " already; nothing changed (stonewall update --force fetches it "
-                               "now).");
+        report.notes.push_back(format(tr("Profile {0} is subscribed to {1} already; nothing "
+                                         "changed (stonewall update --force fetches it now)."),
+                                      {profileID, url}));
         return;
     }
     Subscription subscription;
@@ -152,35 +160,36 @@ void runProfileSubscribe(const CommonOptions& common, const std::string& profile
     subscription.url = url;
     const Fetch fetch = fetchList(*engine, subscription, false);
     if (fetch.kind != Fetch::Kind::Updated) {
-        throw CommandFailure(fetch.code, url, fetch.why + "; not subscribed");
+        throw CommandFailure(fetch.code, url, message(N_("{0}; not subscribed"), {fetch.why}));
     }
     subscriptions.push_back(subscription);
     if (!store.save(subscriptions)) {
         int64_t removed = 0;
         (void)ProfileManager(*engine).removeFilterList(profileID, subscription.tag(), removed);
-        throw CommandFailure(ExitCode::Storage, store.path(),
-                             "could not be written; the list's rules were taken out again");
+        throw CommandFailure(
+            ExitCode::Storage, store.path(),
+            message(N_("could not be written; the list's rules were taken out again")));
     }
     report.json["changed"] = true;
     report.json["added"] = fetch.import.added;
     report.json["leftOut"] = fetch.import.leftOut();
     report.json["nextDue"] = subscription.nextDue;
-    report.table.add("subscribed", url);
-    report.table.add("profile", profileID);
-    report.table.add("imported", plural(fetch.import.added, "rule") +
-                                     (fetch.import.leftOut() > 0
-                                          ? " (" + std::to_string(fetch.import.leftOut()) +
-                                                " left out; see profile import --help)"
-                                          : std::string()));
-    report.table.add("next update", timeText(subscription.nextDue));
+    report.table.add(tr("subscribed"), url);
+    report.table.add(tr("profile"), profileID);
+    const int64_t added = fetch.import.added;
+    std::string imported =
+        format(trn(NN_("{0} rule", "{0} rules"), added), {std::to_string(added)});
+    if (fetch.import.leftOut() > 0) {
+        imported = format(tr("{0} ({1} left out; see profile import --help)"),
+                          {imported, std::to_string(fetch.import.leftOut())});
+    }
+    report.table.add(tr("imported"), imported);
+    report.table.add(tr("next update"), timeText(subscription.nextDue));
     if (engine->sharedData()->activeProfileID == profileID) {
         engine->connectProfileDatabase();
         reloadActiveProfile(session, *engine, report);
     } else {
-        report.notes.push_back("Profile " + profileID +
-                               " is not the active one; its rules take effect once it is "
-                               "activated (stonewall profile activate " +
-                               profileID + ").");
+        report.notes.push_back(notActiveNote(profileID));
     }
 }
 
@@ -197,10 +206,10 @@ void runProfileUnsubscribe(const CommonOptions& common, const std::string& profi
         subscriptions.begin(), subscriptions.end(),
         [&](const Subscription& each) { return sameSubscription(each, profileID, url); });
     if (found == subscriptions.end()) {
-        throw CommandFailure(ExitCode::BadInput, "URL \"" + url + "\"",
-                             "profile " + profileID +
-                                 " is not subscribed to it (see profile "
-                                 "subscriptions)");
+        throw CommandFailure(
+            ExitCode::BadInput, message(N_("URL \"{0}\""), {url}),
+            message(N_("profile {0} is not subscribed to it (see profile subscriptions)"),
+                    {profileID}));
     }
     int64_t removed = 0;
     throwIfFailed(ProfileManager(*engine).removeFilterList(profileID, found->tag(), removed));
@@ -209,9 +218,9 @@ void runProfileUnsubscribe(const CommonOptions& common, const std::string& profi
     report.json["profile"] = profileID;
     report.json["url"] = url;
     report.json["removed"] = removed;
-    report.table.add("unsubscribed", url);
-    report.table.add("profile", profileID);
-    report.table.add("rules removed", std::to_string(removed));
+    report.table.add(tr("unsubscribed"), url);
+    report.table.add(tr("profile"), profileID);
+    report.table.add(tr("rules removed"), std::to_string(removed));
     if (removed > 0 && engine->sharedData()->activeProfileID == profileID) {
         engine->connectProfileDatabase();
         reloadActiveProfile(session, *engine, report);
@@ -231,12 +240,15 @@ void runProfileSubscriptions(const CommonOptions& common, Report& report) {
                             {"nextDue", each.nextDue},
                             {"lastError", each.lastError}});
         report.table.add(each.profile, each.url);
-        report.table.add("  last update", timeText(each.lastUpdate));
-        report.table.add("  next due", timeText(each.nextDue));
-        if (!each.lastError.empty()) report.table.add("  last error", each.lastError);
+        report.table.add(std::string("  ") + tr("last update"), timeText(each.lastUpdate));
+        report.table.add(std::string("  ") + tr("next due"), timeText(each.nextDue));
+        // Kept in English in the subscriptions file.
+        if (!each.lastError.empty()) {
+            report.table.add(std::string("  ") + tr("last error"), each.lastError);
+        }
     }
     report.json["subscriptions"] = std::move(list);
-    if (subscriptions.empty()) report.table.add("subscriptions", "none");
+    if (subscriptions.empty()) report.table.add(tr("subscriptions"), tr("none"));
 
     const std::string active = textOrNull(engine->sharedData()->activeProfileID);
     Json offered = Json::array();
@@ -250,7 +262,7 @@ void runProfileSubscriptions(const CommonOptions& common, Report& report) {
             "stonewall profile subscribe " + active + " " + offeredList.name;
         offered.push_back(
             Json{{"name", offeredList.name}, {"url", offeredList.url}, {"command", command}});
-        report.table.add("offered " + std::string(offeredList.name), command);
+        report.table.add(format(tr("offered {0}"), {offeredList.name}), command);
     }
     report.json["offered"] = std::move(offered);
 }
@@ -271,7 +283,7 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
     for (const Subscription& each : subscriptions) dueTotal += force || each.nextDue <= now;
     for (Subscription& each : subscriptions) {
         if (!force && each.nextDue > now) continue;
-        progress::stage("updating " + each.url);
+        progress::stage(format(tr("updating {0}"), {each.url}));
         progress::count(due, dueTotal);
         ++due;
         const Fetch fetch = fetchList(*engine, each, true);
@@ -284,11 +296,11 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
                 break;
             case Fetch::Kind::NotModified:
                 outcome = "not modified";
-                text = outcome;
+                text = tr("not modified");
                 break;
             case Fetch::Kind::Failed:
                 outcome = "failed";
-                text = "failed: " + fetch.why + " (the old rules stay)";
+                text = format(tr("failed: {0} (the old rules stay)"), {fetch.why.local});
                 ++failed;
                 // Storage outranks a list that could not be had.
                 if (failure != ExitCode::Storage) failure = fetch.code;
@@ -297,7 +309,7 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
         lists.push_back(Json{{"profile", each.profile},
                              {"url", each.url},
                              {"outcome", outcome},
-                             {"message", fetch.why},
+                             {"message", fetch.why.english},
                              {"added", fetch.import.added},
                              {"nextDue", each.nextDue}});
         report.table.add(each.url, text);
@@ -305,9 +317,9 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
     report.json["lists"] = std::move(lists);
     if (due == 0) {
         report.notes.push_back(
-            subscriptions.empty() ? "No lists are subscribed (see stonewall profile subscriptions)."
-                                  : "No list is due yet; nothing changed (--force fetches every "
-                                    "list now).");
+            subscriptions.empty()
+                ? tr("No lists are subscribed (see stonewall profile subscriptions).")
+                : tr("No list is due yet; nothing changed (--force fetches every list now)."));
         return;
     }
     requireSaved(store, subscriptions);
@@ -316,10 +328,11 @@ void runUpdate(const CommonOptions& common, bool force, Report& report) {
         reloadActiveProfile(session, *engine, report);
     }
     if (failed > 0) {
-        throw CommandFailure(failure == ExitCode::Storage ? ExitCode::Storage : ExitCode::Download,
-                             "update",
-                             plural(failed, "list") + " of " + std::to_string(due) +
-                                 " could not be updated; their old rules stay");
+        throw CommandFailure(
+            failure == ExitCode::Storage ? ExitCode::Storage : ExitCode::Download, "update",
+            message(NN_("{0} list of {1} could not be updated; their old rules stay",
+                        "{0} lists of {1} could not be updated; their old rules stay"),
+                    failed, {std::to_string(failed), std::to_string(due)}));
     }
 }
 

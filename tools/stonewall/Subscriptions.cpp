@@ -7,6 +7,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "Text.h"
 #include "platform/ContainerLayout.h"
 #include "storage/FileHandler.h"
 
@@ -42,15 +43,17 @@ std::string Subscription::tag() const {
     return tag;
 }
 
-std::optional<std::string> subscriptionURL(const std::string& text, std::string& why) {
+std::optional<std::string> subscriptionURL(const std::string& text, Message& why) {
     for (const OfferedList& offered : kOfferedLists) {
         if (lowerCase(text) == offered.name) return std::string(offered.url);
     }
     GError* error = nullptr;
     GUri* uri = g_uri_parse(text.c_str(), G_URI_FLAGS_NONE, &error);
     if (!uri) {
-        why = std::string("is not a URL (") + error->message +
-              "); give an http, https or file URL, or easylist or easyprivacy";
+        // GLib's reason follows the user's language itself.
+        why = message(N_("is not a URL ({0}); give an http, https or file URL, or easylist or "
+                         "easyprivacy"),
+                      {std::string(error->message)});
         g_error_free(error);
         return std::nullopt;
     }
@@ -62,19 +65,19 @@ std::optional<std::string> subscriptionURL(const std::string& text, std::string&
     g_uri_unref(uri);
     if (scheme == "http" || scheme == "https") {
         if (host.empty()) {
-            why = "has no host";
+            why = message(N_("has no host"));
             return std::nullopt;
         }
         return text;
     }
     if (scheme == "file") {
         if (path.empty() || path.front() != '/') {
-            why = "names no absolute path";
+            why = message(N_("names no absolute path"));
             return std::nullopt;
         }
         return text;
     }
-    why = "is a " + scheme + " URL; lists come from http, https or file URLs";
+    why = message(N_("is a {0} URL; lists come from http, https or file URLs"), {scheme});
     return std::nullopt;
 }
 
@@ -115,10 +118,14 @@ std::vector<Subscription> SubscriptionStore::load() const {
     }
     if (!damaged) return subscriptions;
     const NullableString aside = folder.moveAside(kFileName);
-    std::fprintf(stderr, "stonewall: %s: damaged (not a list of subscriptions); %s\n",
-                 path().c_str(),
-                 aside ? ("moved aside to " + *aside + "; starting with no subscriptions").c_str()
-                       : "it could not be moved aside");
+    const std::string line =
+        aside ? format(tr("{0}: damaged (not a list of subscriptions); moved aside to {1}; "
+                          "starting with no subscriptions"),
+                       {path(), *aside})
+              : format(tr("{0}: damaged (not a list of subscriptions); it could not be moved "
+                          "aside"),
+                       {path()});
+    std::fprintf(stderr, "stonewall: %s\n", line.c_str());
     return {};
 }
 
@@ -144,7 +151,7 @@ bool SubscriptionStore::save(const std::vector<Subscription>& subscriptions) con
 }
 
 std::string timeText(int64_t seconds) {
-    if (seconds <= 0) return "never";
+    if (seconds <= 0) return tr("never");
     const std::time_t time = static_cast<std::time_t>(seconds);
     std::tm parts{};
     gmtime_r(&time, &parts);

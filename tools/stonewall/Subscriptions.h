@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "Text.h"
+
 namespace stonewall::tool {
 
 struct Subscription {
@@ -38,7 +40,7 @@ extern const OfferedList kOfferedLists[2];
 
 // The URL a subscription command means: an offered list's name, or an http,
 // https or file URL. Why not otherwise.
-[[nodiscard]] std::optional<std::string> subscriptionURL(const std::string& text, std::string& why);
+[[nodiscard]] std::optional<std::string> subscriptionURL(const std::string& text, Message& why);
 
 class SubscriptionStore {
   public:
@@ -52,7 +54,7 @@ class SubscriptionStore {
     std::string path() const;
 };
 
-// "2026-11-25 06:30 UTC", or "never" for 0.
+// "2026-11-25 06:30 UTC", or "never" (in the user's language) for 0.
 std::string timeText(int64_t seconds);
 int64_t secondsNow();
 

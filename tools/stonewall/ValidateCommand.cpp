@@ -4,7 +4,6 @@
 #include <stdlib.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 #include "Commands.h"
@@ -26,8 +25,8 @@ class TemporaryStore {
         std::string pattern =
             (fs::temp_directory_path(error) / "stonewall-validate-XXXXXX").string();
         if (error || !::mkdtemp(pattern.data())) {
-            throw CommandFailure(ExitCode::Storage, "temporary folder",
-                                 std::string("cannot be created: ") + std::strerror(errno));
+            throw CommandFailure(ExitCode::Storage, message(N_("temporary folder")),
+                                 message(N_("cannot be created: {0}"), {systemMessage(errno)}));
         }
         path_ = pattern;
     }
@@ -49,16 +48,16 @@ constexpr const char* kIdentifier = "com.mapleharbor.osx.Stonewall.Validation";
 
 void runValidate(const CommonOptions& /*common*/, const std::string& file, Report& report) {
     report.json["command"] = "validate";
-    const std::string name = inputName(file);
+    const Message name = inputName(file);
     const std::string text = readInputFile(file);
     // Not an array is the caller's mistake, not WebKit's verdict: say so
     // without asking WebKit.
     const nlohmann::json list = parseJSONArray(text, name);
 
-    report.json["file"] = name;
+    report.json["file"] = name.english;
     report.json["rules"] = list.size();
-    report.table.add("file", name);
-    report.table.add("rules", std::to_string(list.size()));
+    report.table.add(tr("file"), name.local);
+    report.table.add(tr("rules"), std::to_string(list.size()));
 
     const TemporaryStore store;
     int64_t compiles = 0;
@@ -73,7 +72,7 @@ void runValidate(const CommonOptions& /*common*/, const std::string& file, Repor
     if (!verdict) {
         report.json["accepted"] = true;
         report.json["compiles"] = compiles;
-        report.table.add("verdict", "accepted by WebKit");
+        report.table.add(tr("verdict"), tr("accepted by WebKit"));
         return;
     }
 
@@ -88,26 +87,29 @@ void runValidate(const CommonOptions& /*common*/, const std::string& file, Repor
         });
 
     report.json["accepted"] = false;
-    report.table.add("verdict", "rejected by WebKit");
+    report.table.add(tr("verdict"), tr("rejected by WebKit"));
     if (rejected.index) {
         report.json["rejectedIndex"] = *rejected.index;
         report.json["rejectedRule"] = list[*rejected.index];
-        report.table.add("culprit",
-                         "rule " + std::to_string(*rejected.index) + " (counting from 0)");
-        report.table.add("rule", compactJSON(list[*rejected.index]));
+        report.table.add(tr("culprit"), format(tr("rule {0} (counting from 0)"),
+                                               {std::to_string(*rejected.index)}));
+        report.table.add(tr("rule"), compactJSON(list[*rejected.index]));
     } else {
-        report.table.add("culprit", list.empty() ? "none: the list is empty"
-                                                 : "none: WebKit finds no usable rule in the list");
+        report.table.add(tr("culprit"), list.empty()
+                                            ? tr("none: the list is empty")
+                                            : tr("none: WebKit finds no usable rule in the list"));
     }
     report.json["webkitError"] = errorJSON(rejected.error);
     report.json["compiles"] = compiles;
-    report.table.add("message", rejected.error.message);
-    report.table.add("compiles", std::to_string(compiles));
+    // WebKit's message, in English.
+    report.table.add(tr("message"), rejected.error.message);
+    report.table.add(tr("compiles"), std::to_string(compiles));
 
-    throw CommandFailure(
-        ExitCode::Reload, name,
-        (rejected.index ? "rule " + std::to_string(*rejected.index) + " " : std::string()) +
-            "rejected by WebKit: " + rejected.error.message);
+    throw CommandFailure(ExitCode::Reload, name,
+                         rejected.index
+                             ? message(N_("rule {0} rejected by WebKit: {1}"),
+                                       {std::to_string(*rejected.index), rejected.error.message})
+                             : message(N_("rejected by WebKit: {0}"), {rejected.error.message}));
 }
 
 }  // namespace stonewall::tool

@@ -39,7 +39,7 @@ std::string timestamp(TimeZone zone) {
 void runWatch(const CommonOptions& common, std::optional<int64_t> count, Report& report) {
     if (count && *count < 1) {
         throw CommandFailure(ExitCode::BadInput, "--count " + std::to_string(*count),
-                             "must be at least 1");
+                             message(N_("must be at least 1")));
     }
     Session session(common, Session::Signals::StopMainLoop);
     const std::string name(kExtensionUpdateNotification);
@@ -64,9 +64,11 @@ void runWatch(const CommonOptions& common, std::optional<int64_t> count, Report&
         });
     if (!token) {
         throw CommandFailure(ExitCode::Unavailable, "watch",
-                             "notifications cannot be observed here (no D-Bus session bus; "
-                             "check DBUS_SESSION_BUS_ADDRESS)");
+                             message(N_("notifications cannot be observed here (no D-Bus session "
+                                        "bus; check DBUS_SESSION_BUS_ADDRESS)")));
     }
+    // Scripts wait for this line before they send the first notification; it
+    // stays in English in every locale.
     std::cerr << "stonewall: watching for \"" << name << "\" notifications; press Ctrl-C to stop"
               << std::endl;
 

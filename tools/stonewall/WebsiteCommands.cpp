@@ -29,8 +29,9 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
     // The popover offers the button only while the host is not on the list.
     if (engine->checkWebsiteExists(host, info.action)) {
         report.json["changed"] = false;
-        report.notes.push_back(host + " is already on the " + info.name + " list of profile " +
-                               profileID + "; nothing changed.");
+        report.notes.push_back(
+            format(tr("{0} is already on the {1} of profile {2}; nothing changed."),
+                   {host, tr(info.list), profileID}));
         return;
     }
 
@@ -74,11 +75,12 @@ void runWebsite(const CommonOptions& common, WebsiteList list, const std::string
             }
             return false;
         },
-        host + " could not be stored in the " + info.name + " list of profile " + profileID);
+        message(N_("{0} could not be stored in the {1} of profile {2}"),
+                {host, message(info.list), profileID}));
 
     report.json["changed"] = true;
-    report.table.add(info.done, host);
-    report.table.add("profile", profileID);
+    report.table.add(tr(info.done), host);
+    report.table.add(tr("profile"), profileID);
     reportReload(run, compile, report);
 }
 
@@ -89,13 +91,14 @@ void runCheck(const CommonOptions& common, const std::string& url, Report& repor
     Session session(common);
     auto engine = session.openEngine();
     const NullableString& active = engine->sharedData()->activeProfileID;
-    report.add("host", "host", host);
-    report.add("profile", active ? Json(*active) : Json(nullptr), "profile", textOrNull(active));
+    report.add("host", tr("host"), host);
+    report.add("profile", active ? Json(*active) : Json(nullptr), tr("profile"),
+               textOrNull(active));
     std::array<int64_t, std::size(kWebsiteLists)> actions{};
     for (size_t i = 0; i < actions.size(); ++i) actions[i] = kWebsiteLists[i].action;
     const std::vector<bool> listed = engine->checkWebsiteExists(host, actions);
     for (size_t i = 0; i < actions.size(); ++i) {
-        report.add(kWebsiteLists[i].name, static_cast<bool>(listed[i]), kWebsiteLists[i].name,
+        report.add(kWebsiteLists[i].name, static_cast<bool>(listed[i]), tr(kWebsiteLists[i].name),
                    yesNo(listed[i]));
     }
 }
