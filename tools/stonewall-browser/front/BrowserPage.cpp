@@ -1,9 +1,9 @@
-#include "BrowserPage.h"
+#include "front/BrowserPage.h"
 
-#include "BrowserProtocol.h"
-#include "BrowserServices.h"
-#include "GtkViews.h"
-#include "PageMessage.h"
+#include "front/BrowserServices.h"
+#include "front/GtkViews.h"
+#include "page/BrowserProtocol.h"
+#include "page/PageMessage.h"
 #include "platform/Platform.h"
 
 namespace stonewall::browser {

@@ -1,15 +1,15 @@
-#include "BrowserWindow.h"
+#include "window/BrowserWindow.h"
 
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <utility>
 
-#include "BrowserProtocol.h"
-#include "GtkMainDispatch.h"
-#include "PageMessage.h"
 #include "extension/SafariExtensionHandler.h"
 #include "extension/platform/FrontServices.h"
+#include "front/GtkMainDispatch.h"
+#include "page/BrowserProtocol.h"
+#include "page/PageMessage.h"
 #include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 

@@ -22,11 +22,11 @@
 #include <string>
 #include <vector>
 
-#include "BrowserPage.h"
-#include "BrowserServices.h"
 #include "ContentFilters.h"
-#include "GtkPopoverView.h"
 #include "extension/SafariExtensionHandler.h"
+#include "front/BrowserPage.h"
+#include "front/BrowserServices.h"
+#include "front/GtkPopoverView.h"
 
 namespace stonewall::browser {
 

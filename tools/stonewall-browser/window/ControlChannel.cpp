@@ -51,10 +51,10 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "BrowserProtocol.h"
-#include "BrowserWindow.h"
 #include "extension/SafariExtensionHandler.h"
+#include "page/BrowserProtocol.h"
 #include "platform/Platform.h"
+#include "window/BrowserWindow.h"
 
 namespace stonewall::browser {
 

@@ -17,8 +17,8 @@
 #include <optional>
 #include <string>
 
-#include "BrowserPage.h"
 #include "extension/platform/SafariServices.h"
+#include "front/BrowserPage.h"
 
 namespace stonewall::browser {
 

@@ -1,8 +1,8 @@
-#include "BrowserServices.h"
+#include "front/BrowserServices.h"
 
-#include "BrowserWindow.h"
-#include "GtkViews.h"
+#include "front/GtkViews.h"
 #include "platform/Platform.h"
+#include "window/BrowserWindow.h"
 
 namespace stonewall::browser {
 
