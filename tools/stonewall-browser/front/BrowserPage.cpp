@@ -41,7 +41,7 @@ void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler compl
 void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
     answerSoon([self = shared_from_this(), handler = std::move(completionHandler)] {
-        handler(self->view_ ? std::make_shared<BrowserTab>(self) : nullptr);
+        handler(self->view_ ? std::make_shared<BrowserTabHandle>(self) : nullptr);
     });
 }
 
