@@ -6,11 +6,7 @@
 #include <utility>
 
 #include "extension/SafariExtensionHandler.h"
-#include "extension/platform/FrontServices.h"
 #include "front/GtkMainDispatch.h"
-#include "page/BrowserProtocol.h"
-#include "page/PageMessage.h"
-#include "platform/ContainerLayout.h"
 #include "platform/Platform.h"
 
 namespace stonewall::browser {
@@ -171,8 +167,8 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                          const bool picking =
                              self->popoverView_ && self->popoverView_->shownView() == 2;
                          SafariExtensionHandler().popoverDidCloseInWindow(self->handle_);
-                         if (Tab* tab = self->currentTab(); tab && picking) {
-                             gtk_widget_grab_focus(GTK_WIDGET(tab->view));
+                         if (BrowserTab* tab = self->currentTab(); tab && picking) {
+                             gtk_widget_grab_focus(GTK_WIDGET(tab->view()));
                          }
                          self->event("popover-closed");
                      }),
@@ -189,15 +185,15 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                            this);
 
     g_signal_connect(backButton_, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
-                         if (Tab* tab = self->currentTab()) webkit_web_view_go_back(tab->view);
+                         if (BrowserTab* tab = self->currentTab()) tab->goBack();
                      }),
                      this);
     g_signal_connect(forwardButton_, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
-                         if (Tab* tab = self->currentTab()) webkit_web_view_go_forward(tab->view);
+                         if (BrowserTab* tab = self->currentTab()) tab->goForward();
                      }),
                      this);
     g_signal_connect(reload, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
-                         if (Tab* tab = self->currentTab()) webkit_web_view_reload(tab->view);
+                         if (BrowserTab* tab = self->currentTab()) tab->reload();
                      }),
                      this);
     g_signal_connect(newTab, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
@@ -258,16 +254,16 @@ void BrowserWindow::addShortcuts() {
         gtk_widget_grab_focus(self->location_);
     });
     add("<Control>w", [](BrowserWindow* self) {
-        if (Tab* tab = self->currentTab()) self->closeTab(tab);
+        if (BrowserTab* tab = self->currentTab()) self->closeTab(*tab);
     });
     add("<Alt>Left", [](BrowserWindow* self) {
-        if (Tab* tab = self->currentTab()) webkit_web_view_go_back(tab->view);
+        if (BrowserTab* tab = self->currentTab()) tab->goBack();
     });
     add("<Alt>Right", [](BrowserWindow* self) {
-        if (Tab* tab = self->currentTab()) webkit_web_view_go_forward(tab->view);
+        if (BrowserTab* tab = self->currentTab()) tab->goForward();
     });
     add("F5|<Control>r", [](BrowserWindow* self) {
-        if (Tab* tab = self->currentTab()) webkit_web_view_reload(tab->view);
+        if (BrowserTab* tab = self->currentTab()) tab->reload();
     });
     gtk_widget_add_controller(window_, controller);
     // The popover is a surface of its own: its keys never reach the window.
@@ -303,164 +299,46 @@ BrowserWindow::~BrowserWindow() {
         popoverView_->setPopover(nullptr);
         popoverView_->setOnViewShown({});
     }
-    for (auto& tab : tabs_) {
-        filters_->removeContentManager(tab->contentManager);
-        if (tab->blockedFlush) g_source_remove(tab->blockedFlush);
-        tab->page->detach();
-    }
+    tabs_.clear();
     if (control_) g_object_unref(control_);
     g_object_unref(css_);
     g_object_unref(context_);
 }
 
 void BrowserWindow::openTab(const std::string& url) {
-    auto tab = std::make_unique<Tab>();
-    tab->contentManager = webkit_user_content_manager_new();
-    // The handler lives in our world only: the page's own scripts find no
-    // window.webkit.messageHandlers.stonewall.
-    g_signal_connect(tab->contentManager,
-                     (std::string("script-message-received::") + kScriptMessageHandlerName).c_str(),
-                     G_CALLBACK(onScriptMessage), this);
-    webkit_user_content_manager_register_script_message_handler(
-        tab->contentManager, kScriptMessageHandlerName, kScriptWorldName);
-    WebKitUserScript* picker = webkit_user_script_new_for_world(
-        pickerSource_.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
-        WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_END, kScriptWorldName, nullptr, nullptr);
-    webkit_user_content_manager_add_script(tab->contentManager, picker);
-    webkit_user_script_unref(picker);
-    filters_->addContentManager(tab->contentManager);
-
-    tab->view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
-                                             "user-content-manager", tab->contentManager, nullptr));
-    filters_->setView(tab->contentManager, tab->view);
-    gtk_widget_set_hexpand(GTK_WIDGET(tab->view), TRUE);
-    gtk_widget_set_vexpand(GTK_WIDGET(tab->view), TRUE);
-    tab->page = std::make_shared<BrowserPage>(tab->view, [this](const BrowserPage& page) {
-        Tab* current = currentTab();
-        return current && current->page.get() == &page;
-    });
-    tab->page->setOnReload([this] { event("page-reload"); });
-    g_signal_connect(tab->view, "load-changed", G_CALLBACK(onLoadChanged), this);
-    g_signal_connect(tab->view, "notify::uri", G_CALLBACK(onURIChanged), this);
-    g_signal_connect(tab->view, "user-message-received", G_CALLBACK(onUserMessage), this);
-    g_signal_connect(tab->view, "decide-policy", G_CALLBACK(onDecidePolicy), this);
-    g_signal_connect(tab->view, "close", G_CALLBACK(+[](WebKitWebView* view, BrowserWindow* self) {
-                         if (Tab* tab = self->tabForView(view)) self->closeTab(tab);
-                     }),
-                     this);
-
-    GtkWidget* title = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
-    GtkWidget* titleLabel = gtk_label_new(tr("New Tab").c_str());
-    gtk_label_set_width_chars(GTK_LABEL(titleLabel), 12);
-    gtk_label_set_max_width_chars(GTK_LABEL(titleLabel), 20);
-    gtk_label_set_ellipsize(GTK_LABEL(titleLabel), PANGO_ELLIPSIZE_END);
-    GtkWidget* close = gtk_button_new_from_icon_name("window-close-symbolic");
-    gtk_button_set_has_frame(GTK_BUTTON(close), FALSE);
-    gtk_widget_set_tooltip_text(close, (tr("Close Tab") + " (Ctrl+W)").c_str());
-    gtk_accessible_update_property(GTK_ACCESSIBLE(close), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                   tr("Close Tab").c_str(), -1);
-    gtk_box_append(GTK_BOX(title), titleLabel);
-    gtk_box_append(GTK_BOX(title), close);
-    g_object_bind_property(tab->view, "title", titleLabel, "label", G_BINDING_DEFAULT);
-    // The notebook names every tab "Tab"; its page's title says which.
-    g_signal_connect(titleLabel, "notify::label", G_CALLBACK(+[](GtkLabel* label, GParamSpec*) {
-                         GtkWidget* tab =
-                             gtk_widget_get_parent(gtk_widget_get_parent(GTK_WIDGET(label)));
-                         const char* text = gtk_label_get_label(label);
-                         if (tab && text && *text) {
-                             gtk_accessible_update_property(
-                                 GTK_ACCESSIBLE(tab), GTK_ACCESSIBLE_PROPERTY_LABEL, text, -1);
-                         }
-                     }),
-                     nullptr);
-    g_object_set_data(G_OBJECT(close), "stonewall-view", tab->view);
-    g_signal_connect(close, "clicked", G_CALLBACK(+[](GtkButton* button, BrowserWindow* self) {
-                         auto* view = static_cast<WebKitWebView*>(
-                             g_object_get_data(G_OBJECT(button), "stonewall-view"));
-                         if (Tab* tab = self->tabForView(view)) self->closeTab(tab);
-                     }),
-                     this);
-
-    g_signal_connect(tab->view, "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
-
-    // What a tab whose web process died shows over its (blank) view: the
-    // other tabs, the toolbar button and the extension go on as before.
-    tab->crashNotice = adw_status_page_new();
-    adw_status_page_set_icon_name(ADW_STATUS_PAGE(tab->crashNotice), "dialog-warning-symbolic");
-    adw_status_page_set_title(ADW_STATUS_PAGE(tab->crashNotice), "This Page Stopped Working");
-    adw_status_page_set_description(
-        ADW_STATUS_PAGE(tab->crashNotice),
-        "The process that showed it ended unexpectedly. Reload the page to show it again.");
-    GtkWidget* reloadCrashed = gtk_button_new_with_label("Reload");
-    gtk_widget_set_halign(reloadCrashed, GTK_ALIGN_CENTER);
-    gtk_widget_add_css_class(reloadCrashed, "suggested-action");
-    gtk_widget_add_css_class(reloadCrashed, "pill");
-    adw_status_page_set_child(ADW_STATUS_PAGE(tab->crashNotice), reloadCrashed);
-    gtk_widget_add_css_class(tab->crashNotice, "stonewall-crash-notice");
-    gtk_widget_set_visible(tab->crashNotice, FALSE);
-    g_object_set_data(G_OBJECT(reloadCrashed), "stonewall-view", tab->view);
-    g_signal_connect(
-        reloadCrashed, "clicked", G_CALLBACK(+[](GtkButton* button, BrowserWindow* self) {
-            auto* view =
-                static_cast<WebKitWebView*>(g_object_get_data(G_OBJECT(button), "stonewall-view"));
-            if (Tab* tab = self->tabForView(view)) self->reloadCrashedTab(tab);
-        }),
-        this);
-    tab->frame = gtk_overlay_new();
-    gtk_overlay_set_child(GTK_OVERLAY(tab->frame), GTK_WIDGET(tab->view));
-    gtk_overlay_add_overlay(GTK_OVERLAY(tab->frame), tab->crashNotice);
-
-    WebKitWebView* view = tab->view;
-    GtkWidget* frame = tab->frame;
+    auto tab = std::make_unique<BrowserTab>(*this, context_, pickerSource_, filters_);
+    BrowserTab& opened = *tab;
     tabs_.push_back(std::move(tab));
-    const int index = gtk_notebook_append_page(GTK_NOTEBOOK(notebook_), frame, title);
-    gtk_notebook_set_tab_reorderable(GTK_NOTEBOOK(notebook_), frame, TRUE);
+    const int index =
+        gtk_notebook_append_page(GTK_NOTEBOOK(notebook_), opened.frame(), opened.label());
+    gtk_notebook_set_tab_reorderable(GTK_NOTEBOOK(notebook_), opened.frame(), TRUE);
     gtk_notebook_set_current_page(GTK_NOTEBOOK(notebook_), index);
-    webkit_web_view_load_uri(view, url.c_str());
+    opened.load(url);
 }
 
-void BrowserWindow::closeTab(Tab* tab) {
-    const int index = gtk_notebook_page_num(GTK_NOTEBOOK(notebook_), tab->frame);
-    filters_->removeContentManager(tab->contentManager);
-    if (tab->blockedFlush) g_source_remove(tab->blockedFlush);
-    tab->page->detach();
+void BrowserWindow::closeTab(BrowserTab& tab) {
+    const int index = gtk_notebook_page_num(GTK_NOTEBOOK(notebook_), tab.frame());
     if (index >= 0) gtk_notebook_remove_page(GTK_NOTEBOOK(notebook_), index);
-    for (auto it = tabs_.begin(); it != tabs_.end(); ++it) {
-        if (it->get() == tab) {
-            tabs_.erase(it);
-            break;
-        }
-    }
+    std::erase_if(tabs_, [&tab](const auto& held) { return held.get() == &tab; });
     if (tabs_.empty()) gtk_window_close(GTK_WINDOW(window_));
 }
 
 void BrowserWindow::load(const std::string& url) {
-    if (Tab* tab = currentTab()) {
-        webkit_web_view_load_uri(tab->view, url.c_str());
+    if (BrowserTab* tab = currentTab()) {
+        tab->load(url);
     } else {
         openTab(url);
     }
 }
 
-BrowserWindow::Tab* BrowserWindow::tabForView(WebKitWebView* view) {
-    for (auto& tab : tabs_) {
-        if (tab->view == view) return tab.get();
-    }
-    return nullptr;
-}
-
-BrowserWindow::Tab* BrowserWindow::tabForFrame(GtkWidget* frame) {
-    for (auto& tab : tabs_) {
-        if (tab->frame == frame) return tab.get();
-    }
-    return nullptr;
-}
-
-BrowserWindow::Tab* BrowserWindow::currentTab() {
+BrowserTab* BrowserWindow::currentTab() const {
     const int index = gtk_notebook_get_current_page(GTK_NOTEBOOK(notebook_));
     if (index < 0) return nullptr;
-    GtkWidget* child = gtk_notebook_get_nth_page(GTK_NOTEBOOK(notebook_), index);
-    return child ? tabForFrame(child) : nullptr;
+    GtkWidget* frame = gtk_notebook_get_nth_page(GTK_NOTEBOOK(notebook_), index);
+    for (const auto& tab : tabs_) {
+        if (tab->frame() == frame) return tab.get();
+    }
+    return nullptr;
 }
 
 bool BrowserWindow::selectTab(int index) {
@@ -470,190 +348,28 @@ bool BrowserWindow::selectTab(int index) {
 }
 
 bool BrowserWindow::reloadCrashedCurrentTab() {
-    Tab* tab = currentTab();
-    if (!tab || !tab->crashed) return false;
-    reloadCrashedTab(tab);
+    BrowserTab* tab = currentTab();
+    if (!tab || !tab->crashed()) return false;
+    tab->reload();
     return true;
 }
 
-void BrowserWindow::reloadCrashedTab(Tab* tab) {
-    // A reload starts a new web process; the notice goes when its load starts.
-    webkit_web_view_reload(tab->view);
+void BrowserWindow::tabNavigated(const BrowserTab& tab) {
+    if (&tab == currentTab()) updateNavigationControls();
+}
+
+void BrowserWindow::blockedLoadReported() {
+    if (!blockedReportArrived_) blockedReportArrived_ = g_get_monotonic_time();
 }
 
 void BrowserWindow::updateNavigationControls() {
-    Tab* tab = currentTab();
-    gtk_widget_set_sensitive(backButton_, tab && webkit_web_view_can_go_back(tab->view));
-    gtk_widget_set_sensitive(forwardButton_, tab && webkit_web_view_can_go_forward(tab->view));
-    const char* uri = tab ? webkit_web_view_get_uri(tab->view) : nullptr;
+    BrowserTab* tab = currentTab();
+    gtk_widget_set_sensitive(backButton_, tab && webkit_web_view_can_go_back(tab->view()));
+    gtk_widget_set_sensitive(forwardButton_, tab && webkit_web_view_can_go_forward(tab->view()));
+    const char* uri = tab ? webkit_web_view_get_uri(tab->view()) : nullptr;
     if (!gtk_widget_has_focus(location_) || !uri) {
         gtk_editable_set_text(GTK_EDITABLE(location_), uri ? uri : "");
     }
-}
-
-// --- WebKit signals -----------------------------------------------------------
-
-void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent,
-                                  BrowserWindow* self) {
-    Tab* tab = self->tabForView(view);
-    if (!tab) return;
-    if (loadEvent == WEBKIT_LOAD_STARTED) {
-        tab->loadStarted = g_get_monotonic_time();
-        if (tab->crashed) {
-            tab->crashed = false;
-            gtk_widget_set_visible(tab->crashNotice, FALSE);
-        }
-        // The last document's reports count for it, before it is dropped.
-        self->flushBlockedLoads(tab);
-        // Told at the start, not at the commit: the web process reports the
-        // new document's blocked loads on its own channel, which can
-        // overtake the commit.
-        const char* uri = webkit_web_view_get_uri(view);
-        SafariExtensionHandler().page(self->pageEvent(*tab),
-                                      uri ? NullableString(uri) : std::nullopt);
-    }
-    if (loadEvent == WEBKIT_LOAD_FINISHED) {
-        const char* uri = webkit_web_view_get_uri(view);
-        self->event(std::string("loaded ") + (uri ? uri : ""));
-        if (tab->loadStarted) {
-            char text[64];
-            std::snprintf(text, sizeof text, "timing page-load %.2f",
-                          (g_get_monotonic_time() - tab->loadStarted) / 1000.0);
-            self->event(text);
-            tab->loadStarted = 0;
-        }
-        self->toolbarItemsNeedUpdate();
-    }
-    if (tab == self->currentTab()) self->updateNavigationControls();
-}
-
-void BrowserWindow::onWebProcessTerminated(WebKitWebView* view,
-                                           WebKitWebProcessTerminationReason reason,
-                                           BrowserWindow* self) {
-    Tab* tab = self->tabForView(view);
-    if (!tab) return;
-    tab->crashed = true;
-    tab->loadStarted = 0;
-    gtk_widget_set_visible(tab->crashNotice, TRUE);
-    const char* why = reason == WEBKIT_WEB_PROCESS_EXCEEDED_MEMORY_LIMIT ? "memory"
-                      : reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API   ? "ended"
-                                                                         : "crashed";
-    platform::log(platform::LogLevel::Error,
-                  std::string("The web process of a tab ended (") + why + ").");
-    self->event(std::string("web-process-terminated ") + why);
-    // The page's document is gone, and with it what was blocked on it: its
-    // count leaves the badge. Everything else the extension holds stays.
-    SafariExtensionHandler().popoverViewController().blockingStatController().removeURLsForPage(
-        tab->page);
-    self->toolbarItemsNeedUpdate();
-}
-
-void BrowserWindow::onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow* self) {
-    Tab* tab = self->tabForView(view);
-    if (!tab) return;
-    // Same-document navigations change the URL without a new load.
-    if (!webkit_web_view_is_loading(view)) {
-        const char* uri = webkit_web_view_get_uri(view);
-        SafariExtensionHandler().page(self->pageEvent(*tab),
-                                      uri ? NullableString(uri) : std::nullopt);
-    }
-    if (tab == self->currentTab()) self->updateNavigationControls();
-}
-
-gboolean BrowserWindow::onUserMessage(WebKitWebView* view, WebKitUserMessage* message,
-                                      BrowserWindow* self) {
-    if (g_strcmp0(webkit_user_message_get_name(message), kBlockedLoadMessage) != 0) return FALSE;
-    GVariant* parameters = webkit_user_message_get_parameters(message);
-    Tab* tab = self->tabForView(view);
-    if (!tab || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_STRING))
-        return TRUE;
-    const std::string url = g_variant_get_string(parameters, nullptr);
-    if (!self->blockedReportArrived_) self->blockedReportArrived_ = g_get_monotonic_time();
-    self->event("blocked " + url);
-    // A page that blocks thousands of loads at once reports them in a burst:
-    // the extension gets them together, and the badge changes once a burst
-    // rather than once a load.
-    tab->blockedPending.push_back(url);
-    if (!tab->blockedFlush) {
-        struct Flush {
-            BrowserWindow* self;
-            WebKitWebView* view;
-        };
-        tab->blockedFlush = g_idle_add_full(
-            G_PRIORITY_DEFAULT,
-            +[](gpointer data) -> gboolean {
-                auto* flush = static_cast<Flush*>(data);
-                if (Tab* tab = flush->self->tabForView(flush->view)) {
-                    tab->blockedFlush = 0;
-                    flush->self->flushBlockedLoads(tab);
-                }
-                return G_SOURCE_REMOVE;
-            },
-            new Flush{self, view}, +[](gpointer data) { delete static_cast<Flush*>(data); });
-    }
-    return TRUE;
-}
-
-void BrowserWindow::flushBlockedLoads(Tab* tab) {
-    if (tab->blockedFlush) {
-        g_source_remove(tab->blockedFlush);
-        tab->blockedFlush = 0;
-    }
-    if (tab->blockedPending.empty()) return;
-    SafariExtensionHandler().contentBlockerWithIdentifier(
-        ContainerLayout::kContentBlockerIdentifier, std::exchange(tab->blockedPending, {}),
-        pageEvent(*tab));
-}
-
-void BrowserWindow::onScriptMessage(WebKitUserContentManager* manager, JSCValue* value,
-                                    BrowserWindow* self) {
-    Tab* sender = nullptr;
-    for (auto& tab : self->tabs_) {
-        if (tab->contentManager == manager) sender = tab.get();
-    }
-    if (!sender) return;
-    const gint64 second = g_get_monotonic_time() / G_USEC_PER_SEC;
-    if (second != sender->messageSecond) {
-        if (sender->messagesThisSecond > kMessagesPerSecond) {
-            platform::log(platform::LogLevel::Error,
-                          "A page sent " + std::to_string(sender->messagesThisSecond) +
-                              " script messages in a second; those past " +
-                              std::to_string(kMessagesPerSecond) + " were dropped.");
-        }
-        sender->messageSecond = second;
-        sender->messagesThisSecond = 0;
-    }
-    if (++sender->messagesThisSecond > kMessagesPerSecond) {
-        ++sender->messagesDropped;
-        return;
-    }
-    char* json = jsc_value_to_json(value, 0);
-    auto message = json ? checkPageMessage(json) : std::nullopt;
-    g_free(json);
-    if (!message) {
-        platform::log(platform::LogLevel::Debug,
-                      "A page-script message of an unexpected shape was dropped.");
-        self->event("message-rejected");
-        return;
-    }
-    self->event("message " + message->name);
-    SafariExtensionHandler().messageReceivedWithName(message->name, self->pageEvent(*sender),
-                                                     message->userInfo);
-}
-
-gboolean BrowserWindow::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
-                                       WebKitPolicyDecisionType type, BrowserWindow*) {
-    if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) return FALSE;
-    WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(
-        WEBKIT_NAVIGATION_POLICY_DECISION(decision));
-    const char* uri = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
-    // The application's own links open the application, not a page.
-    if (uri && g_str_has_prefix(uri, "stonewall:")) {
-        (void)platform::sharedWorkspace().openURL(uri);
-        webkit_policy_decision_ignore(decision);
-        return TRUE;
-    }
-    return FALSE;
 }
 
 // The popover's views ask the engine for the page's website lists as they
@@ -679,14 +395,9 @@ void BrowserWindow::releaseMainQueue() {
 
 // --- What the extension asks -----------------------------------------------------
 
-PageEvent BrowserWindow::pageEvent(const Tab& tab) const {
-    return PageEvent{tab.page, SFSafariPageProperties{tab.page->url(), tab.page->isActive()},
-                     toolbarItem_};
-}
-
-std::shared_ptr<BrowserPage> BrowserWindow::activePage() {
-    Tab* tab = currentTab();
-    return tab ? tab->page : nullptr;
+std::shared_ptr<BrowserPage> BrowserWindow::activePage() const {
+    BrowserTab* tab = currentTab();
+    return tab ? tab->page() : nullptr;
 }
 
 void BrowserWindow::toolbarItemsNeedUpdate() {

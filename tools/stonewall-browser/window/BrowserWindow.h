@@ -1,12 +1,11 @@
 #pragma once
 
-// The browser window: location entry, back, forward, reload, tabs of web
-// views, and the extension's toolbar button with its badge and popover. It
-// delivers the browser's events to the extension's handler (a new
-// SafariExtensionHandler per event): toolbar validation, the popover
-// opening and closing, page-script messages from our own script world,
-// the web-process extension's blocked-load reports and navigation. The
-// popover shows the view tree of the extension's popover controller.
+// The browser window: location entry, back, forward, reload, the tabs
+// (BrowserTab) in their order, and the extension's toolbar button with its
+// badge and popover. It delivers the window's events to the extension's
+// handler (a new SafariExtensionHandler per event): toolbar validation and
+// the popover opening and closing; its tabs deliver their pages' events.
+// The popover shows the view tree of the extension's popover controller.
 //
 // With a control channel (--control) it reads commands from stdin and writes
 // events to stdout, one line each, so tests and benchmarks can drive the
@@ -27,6 +26,7 @@
 #include "front/BrowserPage.h"
 #include "front/BrowserServices.h"
 #include "front/GtkPopoverView.h"
+#include "window/BrowserTab.h"
 
 namespace stonewall::browser {
 
@@ -49,11 +49,23 @@ class BrowserWindow {
     BrowserWindow& operator=(const BrowserWindow&) = delete;
 
     void openTab(const std::string& url);
+    // In the current tab, or a new one when there is none.
     void load(const std::string& url);
     GtkWidget* window() const { return window_; }
 
+    // The tabs, in the order they were opened; the current one is shown.
+    size_t tabCount() const { return tabs_.size(); }
+    BrowserTab* currentTab() const;
+    // Asked by a tab: its close button, Ctrl+W, or its page closed itself.
+    void closeTab(BrowserTab& tab);
+    // Told by a tab whose page's address or history changed.
+    void tabNavigated(const BrowserTab& tab);
+    // Told by a tab as a blocked-load report arrives: the badge's timing
+    // starts at the first report it has not shown yet.
+    void blockedLoadReported();
+
     // What the extension asks of the window (main thread).
-    std::shared_ptr<BrowserPage> activePage();
+    std::shared_ptr<BrowserPage> activePage() const;
     std::shared_ptr<BrowserToolbarItem> toolbarItem() const { return toolbarItem_; }
     // Validates the toolbar item soon (once for any number of requests).
     void toolbarItemsNeedUpdate();
@@ -78,39 +90,6 @@ class BrowserWindow {
     std::string paletteLine();
 
   private:
-    struct Tab;
-    // A tab's page with what the extension would otherwise ask for, step by
-    // step: its URL, whether it is shown, and this window's toolbar item.
-    PageEvent pageEvent(const Tab& tab) const;
-
-    struct Tab {
-        WebKitWebView* view = nullptr;
-        // The notebook's page: the view, with the notice of a crashed web
-        // process over it.
-        GtkWidget* frame = nullptr;
-        GtkWidget* crashNotice = nullptr;
-        WebKitUserContentManager* contentManager = nullptr;
-        std::shared_ptr<BrowserPage> page;
-        gint64 loadStarted = 0;
-        bool crashed = false;
-        // Page-script messages of the current second, and those dropped.
-        gint64 messageSecond = 0;
-        int messagesThisSecond = 0;
-        int64_t messagesDropped = 0;
-        // Blocked-load reports not yet handed to the extension.
-        std::vector<std::string> blockedPending;
-        guint blockedFlush = 0;
-    };
-    // The picker sends a message or two per pick; a flood of them, from a
-    // page that found its way into the picker's world, is dropped here
-    // rather than queued: each one makes the extension read the databases.
-    static constexpr int kMessagesPerSecond = 20;
-    // Hands a tab's pending blocked-load reports to the extension at once.
-    void flushBlockedLoads(Tab* tab);
-    Tab* tabForView(WebKitWebView* view);
-    Tab* tabForFrame(GtkWidget* frame);
-    Tab* currentTab();
-    void closeTab(Tab* tab);
     void updateNavigationControls();
     void addShortcuts();
     void describeToolbarButton();
@@ -118,19 +97,6 @@ class BrowserWindow {
     void afterNextPaint(std::string timingName, gint64 since);
     void afterNextFrame(std::function<void()> work);
 
-    static void onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent, BrowserWindow* self);
-    static void onWebProcessTerminated(WebKitWebView* view,
-                                       WebKitWebProcessTerminationReason reason,
-                                       BrowserWindow* self);
-    // Loads the tab's page again in a new web process (the crash notice's button).
-    void reloadCrashedTab(Tab* tab);
-    static void onURIChanged(WebKitWebView* view, GParamSpec*, BrowserWindow* self);
-    static gboolean onUserMessage(WebKitWebView* view, WebKitUserMessage* message,
-                                  BrowserWindow* self);
-    static void onScriptMessage(WebKitUserContentManager* manager, JSCValue* value,
-                                BrowserWindow* self);
-    static gboolean onDecidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
-                                   WebKitPolicyDecisionType type, BrowserWindow* self);
     void validateToolbarItem();
     void holdMainQueueUntilPainted();
     void releaseMainQueue();
@@ -154,7 +120,7 @@ class BrowserWindow {
     GtkWidget* popover_ = nullptr;
     std::shared_ptr<BrowserToolbarItem> toolbarItem_;
     std::shared_ptr<GtkPopoverView> popoverView_;
-    std::vector<std::unique_ptr<Tab>> tabs_;
+    std::vector<std::unique_ptr<BrowserTab>> tabs_;
     guint validationSource_ = 0;
     gint64 popupStarted_ = 0;
     gint64 blockedReportArrived_ = 0;

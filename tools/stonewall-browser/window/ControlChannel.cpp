@@ -183,7 +183,7 @@ void BrowserWindow::startControlChannel() {
                     else if (command == "snapshot-window") {
                         // The page is drawn by the web process: ask it for
                         // its picture first, then compose the window.
-                        Tab* tab = self->currentTab();
+                        BrowserTab* tab = self->currentTab();
                         if (!tab) {
                             self->event("error snapshot-window");
                         } else {
@@ -192,7 +192,7 @@ void BrowserWindow::startControlChannel() {
                                 std::string path;
                             };
                             webkit_web_view_get_snapshot(
-                                tab->view, WEBKIT_SNAPSHOT_REGION_VISIBLE,
+                                tab->view(), WEBKIT_SNAPSHOT_REGION_VISIBLE,
                                 WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
                                 +[](GObject* view, GAsyncResult* result, gpointer data) {
                                     std::unique_ptr<Request> request(static_cast<Request*>(data));
@@ -339,13 +339,13 @@ void BrowserWindow::setDarkForTesting(bool dark) {
 }
 
 void BrowserWindow::evaluateInPage(const std::string& script, const char* world) {
-    Tab* tab = currentTab();
+    BrowserTab* tab = currentTab();
     if (!tab) {
         event("js null");
         return;
     }
     webkit_web_view_evaluate_javascript(
-        tab->view, script.c_str(), static_cast<gssize>(script.size()), world, nullptr, nullptr,
+        tab->view(), script.c_str(), static_cast<gssize>(script.size()), world, nullptr, nullptr,
         +[](GObject* view, GAsyncResult* result, gpointer data) {
             auto* self = static_cast<BrowserWindow*>(data);
             GError* error = nullptr;
@@ -558,8 +558,8 @@ std::string BrowserWindow::stateLine() {
         {"reloading", controller.reloading()},
         {"blocked", page ? controller.blockingStatController().URLsCountForPage(page) : 0},
         {"tabs", tabs_.size()},
-        {"crashed", currentTab() && currentTab()->crashed},
-        {"messagesDropped", currentTab() ? currentTab()->messagesDropped : 0},
+        {"crashed", currentTab() && currentTab()->crashed()},
+        {"messagesDropped", currentTab() ? currentTab()->messagesDropped() : 0},
         {"website", title("blockButton")},
         {"blockEnabled", views && views->rowEnabled("blockButton")},
         {"profile", title("profileButton")},
