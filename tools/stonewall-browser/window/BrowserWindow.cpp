@@ -33,6 +33,14 @@ std::string normalizedLocation(const std::string& text) {
     return "https://" + text;
 }
 
+// Icon buttons have no text of their own for a screen reader to read: each
+// is named, and its tooltip gives its shortcut.
+void name(GtkWidget* widget, const std::string& label, const char* keys) {
+    gtk_widget_set_tooltip_text(widget, (label + " (" + keys + ")").c_str());
+    gtk_accessible_update_property(GTK_ACCESSIBLE(widget), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                   label.c_str(), -1);
+}
+
 }  // namespace
 
 BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options,
@@ -43,6 +51,52 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
       handle_(std::make_shared<BrowserWindowHandle>(this)),
       filters_(std::move(filters)) {
     pickerSource_ = readText(options_.resources + "/picker.js");
+    loadWebContext();
+    loadStyle();
+
+    window_ = gtk_application_window_new(application);
+    gtk_window_set_title(GTK_WINDOW(window_), tr("Stonewall Browser").c_str());
+    gtk_window_set_default_size(GTK_WINDOW(window_), 1024, 720);
+    toolbarButton_ = std::make_unique<ExtensionToolbarButton>(options_.resources, options_.events);
+    toolbarButton_->setOnShow([this](gint64 clicked) { popoverShown(clicked); });
+    toolbarButton_->setOnClosed(
+        [this](ExtensionToolbarButton::Picking picking) { popoverClosed(picking); });
+    toolbarButton_->setOnBadgeChanged([this] {
+        if (!blockedReportArrived_) return;
+        afterNextPaint(window_, "badge-shown", blockedReportArrived_);
+        blockedReportArrived_ = 0;
+    });
+    gtk_window_set_titlebar(GTK_WINDOW(window_), newHeaderBar());
+    application_->setActiveWindow(handle_);
+
+    notebook_ = gtk_notebook_new();
+    gtk_notebook_set_scrollable(GTK_NOTEBOOK(notebook_), TRUE);
+    gtk_window_set_child(GTK_WINDOW(window_), notebook_);
+    g_signal_connect_after(notebook_, "switch-page",
+                           G_CALLBACK(+[](GtkNotebook*, GtkWidget*, guint, BrowserWindow* self) {
+                               self->updateNavigationControls();
+                               self->toolbarItemsNeedUpdate();
+                           }),
+                           this);
+
+    addShortcuts();
+    if (options_.control) startControlChannel();
+}
+
+BrowserWindow::~BrowserWindow() {
+    if (validationSource_) g_source_remove(validationSource_);
+    releaseMainQueue();
+    application_->setActiveWindow(nullptr);
+    handle_->detach();
+    tabs_.clear();
+    toolbarButton_.reset();
+    if (control_) g_object_unref(control_);
+    g_object_unref(css_);
+    g_object_unref(context_);
+}
+
+// The web context every tab's view runs in.
+void BrowserWindow::loadWebContext() {
     context_ = webkit_web_context_new();
     // The web processes run sandboxed and see the extension's folder only
     // once it is added, which must happen before the first one starts.
@@ -60,28 +114,22 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                              context, self->options_.extensionsFolder.c_str());
                      }),
                      this);
+}
 
+void BrowserWindow::loadStyle() {
     css_ = gtk_css_provider_new();
     gtk_css_provider_load_from_path(css_, (options_.resources + "/style.css").c_str());
     gtk_style_context_add_provider_for_display(gdk_display_get_default(), GTK_STYLE_PROVIDER(css_),
                                                GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
+}
 
-    window_ = gtk_application_window_new(application);
-    gtk_window_set_title(GTK_WINDOW(window_), tr("Stonewall Browser").c_str());
-    gtk_window_set_default_size(GTK_WINDOW(window_), 1024, 720);
-
+// Back, forward, reload and new tab; the location entry; the toolbar button.
+GtkWidget* BrowserWindow::newHeaderBar() {
     GtkWidget* header = gtk_header_bar_new();
     backButton_ = gtk_button_new_from_icon_name("go-previous-symbolic");
     forwardButton_ = gtk_button_new_from_icon_name("go-next-symbolic");
     GtkWidget* reload = gtk_button_new_from_icon_name("view-refresh-symbolic");
     GtkWidget* newTab = gtk_button_new_from_icon_name("tab-new-symbolic");
-    // Icon buttons have no text of their own for a screen reader to read:
-    // each is named, and its tooltip gives its shortcut.
-    const auto name = [](GtkWidget* widget, const std::string& label, const char* keys) {
-        gtk_widget_set_tooltip_text(widget, (label + " (" + keys + ")").c_str());
-        gtk_accessible_update_property(GTK_ACCESSIBLE(widget), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                       label.c_str(), -1);
-    };
     name(backButton_, tr("Back"), "Alt+Left");
     name(forwardButton_, tr("Forward"), "Alt+Right");
     name(reload, tr("Reload"), "F5, Ctrl+R");
@@ -95,94 +143,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
     gtk_widget_set_size_request(location_, 480, -1);
     name(location_, tr("Address"), "Ctrl+L");
     gtk_header_bar_set_title_widget(GTK_HEADER_BAR(header), location_);
-
-    // The extension's toolbar item: its image with the badge over a corner.
-    toolbarImage_ = gtk_image_new_from_file((options_.resources + "/ToolbarItemIcon.svg").c_str());
-    gtk_image_set_pixel_size(GTK_IMAGE(toolbarImage_), 16);
-    badge_ = gtk_label_new("");
-    gtk_widget_add_css_class(badge_, "stonewall-badge");
-    gtk_widget_set_halign(badge_, GTK_ALIGN_END);
-    gtk_widget_set_valign(badge_, GTK_ALIGN_START);
-    gtk_widget_set_visible(badge_, FALSE);
-    gtk_widget_set_can_target(badge_, FALSE);
-    // The button's description tells the count; a bare number is no control.
-    gtk_accessible_update_state(GTK_ACCESSIBLE(badge_), GTK_ACCESSIBLE_STATE_HIDDEN, TRUE, -1);
-    gtk_accessible_update_state(GTK_ACCESSIBLE(toolbarImage_), GTK_ACCESSIBLE_STATE_HIDDEN, TRUE,
-                                -1);
-    GtkWidget* overlay = gtk_overlay_new();
-    gtk_widget_set_size_request(overlay, 30, 22);
-    gtk_overlay_set_child(GTK_OVERLAY(overlay), toolbarImage_);
-    gtk_overlay_add_overlay(GTK_OVERLAY(overlay), badge_);
-    // The badge grows with the desktop's text size; the button grows with it.
-    gtk_overlay_set_measure_overlay(GTK_OVERLAY(overlay), badge_, TRUE);
-    // A group: the button inside is what is pressed.
-    toolbarButton_ = GTK_WIDGET(
-        g_object_new(GTK_TYPE_MENU_BUTTON, "accessible-role", GTK_ACCESSIBLE_ROLE_GROUP, nullptr));
-    gtk_menu_button_set_child(GTK_MENU_BUTTON(toolbarButton_), overlay);
-    name(toolbarButton_, "Stonewall", "Alt+Shift+S");
-    // GtkMenuButton presses an inner toggle button, labelled by the menu
-    // button; that is what assistive technologies find and press.
-    if (GtkWidget* inner = gtk_widget_get_first_child(toolbarButton_)) {
-        gtk_accessible_update_property(GTK_ACCESSIBLE(inner), GTK_ACCESSIBLE_PROPERTY_KEY_SHORTCUTS,
-                                       "Alt+Shift+S", -1);
-    }
-    gtk_header_bar_pack_end(GTK_HEADER_BAR(header), toolbarButton_);
-    gtk_window_set_titlebar(GTK_WINDOW(window_), header);
-
-    toolbarItem_ = std::make_shared<BrowserToolbarItem>(toolbarImage_, badge_, options_.events);
-    toolbarItem_->setOnBadgeChanged([this] {
-        describeToolbarButton();
-        if (!blockedReportArrived_) return;
-        afterNextPaint("badge-shown", blockedReportArrived_);
-        blockedReportArrived_ = 0;
-    });
-    application_->setActiveWindow(handle_);
-
-    // The popover shows the controller's view tree, built once with the
-    // controller and kept for the life of the process.
-    popoverView_ = std::dynamic_pointer_cast<GtkPopoverView>(
-        SafariExtensionHandler().popoverViewController().popoverView());
-    popover_ = gtk_popover_new();
-    gtk_accessible_update_property(GTK_ACCESSIBLE(popover_), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                   "Stonewall", -1);
-    if (popoverView_) {
-        gtk_popover_set_child(GTK_POPOVER(popover_), popoverView_->root());
-        popoverView_->setPopover(popover_);
-        popoverView_->setOnViewShown(
-            [this](int64_t code) { event("view " + std::to_string(code)); });
-    }
-    gtk_menu_button_set_popover(GTK_MENU_BUTTON(toolbarButton_), popover_);
-    g_signal_connect(popover_, "show", G_CALLBACK(+[](GtkWidget*, BrowserWindow* self) {
-                         self->holdMainQueueUntilPainted();
-                         SafariExtensionHandler().popoverWillShowInWindow(self->handle_);
-                         self->afterNextPaint("popover-shown", self->popupStarted_
-                                                                   ? self->popupStarted_
-                                                                   : g_get_monotonic_time());
-                         self->popupStarted_ = 0;
-                     }),
-                     this);
-    g_signal_connect(popover_, "closed", G_CALLBACK(+[](GtkPopover*, BrowserWindow* self) {
-                         // Closed while picking: the keys go on to the page, where
-                         // the picker takes them.
-                         const bool picking =
-                             self->popoverView_ && self->popoverView_->shownView() == 2;
-                         SafariExtensionHandler().popoverDidCloseInWindow(self->handle_);
-                         if (BrowserTab* tab = self->currentTab(); tab && picking) {
-                             gtk_widget_grab_focus(GTK_WIDGET(tab->view()));
-                         }
-                         self->event("popover-closed");
-                     }),
-                     this);
-
-    notebook_ = gtk_notebook_new();
-    gtk_notebook_set_scrollable(GTK_NOTEBOOK(notebook_), TRUE);
-    gtk_window_set_child(GTK_WINDOW(window_), notebook_);
-    g_signal_connect_after(notebook_, "switch-page",
-                           G_CALLBACK(+[](GtkNotebook*, GtkWidget*, guint, BrowserWindow* self) {
-                               self->updateNavigationControls();
-                               self->toolbarItemsNeedUpdate();
-                           }),
-                           this);
+    gtk_header_bar_pack_end(GTK_HEADER_BAR(header), toolbarButton_->widget());
 
     g_signal_connect(backButton_, "clicked", G_CALLBACK(+[](GtkButton*, BrowserWindow* self) {
                          if (BrowserTab* tab = self->currentTab()) tab->goBack();
@@ -206,21 +167,15 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                          if (text && *text) self->load(normalizedLocation(text));
                      }),
                      this);
-
-    addShortcuts();
-    if (options_.control) startControlChannel();
+    return header;
 }
 
 // The usual browser keys, and one for the extension's popover (it closes
 // the popover too). Taken before the focused widget sees them: the page and
 // the location entry would keep some.
 void BrowserWindow::addShortcuts() {
-    const auto newController = [] {
-        GtkEventController* controller = gtk_shortcut_controller_new();
-        gtk_event_controller_set_propagation_phase(controller, GTK_PHASE_CAPTURE);
-        return controller;
-    };
-    GtkEventController* controller = newController();
+    GtkEventController* controller = gtk_shortcut_controller_new();
+    gtk_event_controller_set_propagation_phase(controller, GTK_PHASE_CAPTURE);
     using Handler = void (*)(BrowserWindow*);
     const auto add = [&](const char* triggers, Handler handler) {
         GtkShortcut* shortcut = gtk_shortcut_new(
@@ -237,14 +192,7 @@ void BrowserWindow::addShortcuts() {
                 }));
         gtk_shortcut_controller_add_shortcut(GTK_SHORTCUT_CONTROLLER(controller), shortcut);
     };
-    const Handler togglePopover = [](BrowserWindow* self) {
-        if (gtk_widget_get_visible(self->popover_)) {
-            gtk_popover_popdown(GTK_POPOVER(self->popover_));
-        } else {
-            self->popupFromToolbar();
-        }
-    };
-    add("<Alt><Shift>s", togglePopover);
+    add("<Alt><Shift>s", [](BrowserWindow* self) { self->toolbarButton_->toggle(); });
     add("<Control>l", [](BrowserWindow* self) {
         gtk_widget_grab_focus(self->location_);
         gtk_editable_select_region(GTK_EDITABLE(self->location_), 0, -1);
@@ -266,44 +214,9 @@ void BrowserWindow::addShortcuts() {
         if (BrowserTab* tab = self->currentTab()) tab->reload();
     });
     gtk_widget_add_controller(window_, controller);
-    // The popover is a surface of its own: its keys never reach the window.
-    controller = newController();
-    add("<Alt><Shift>s", togglePopover);
-    gtk_widget_add_controller(popover_, controller);
 }
 
-// The toolbar button's description says how many loads were blocked on the
-// page, as its badge shows; with no badge (none blocked, or the counter off)
-// it says nothing.
-void BrowserWindow::describeToolbarButton() {
-    const auto& badge = toolbarItem_->badgeText();
-    // The inner button is described by this one.
-    if (!badge) {
-        gtk_accessible_reset_property(GTK_ACCESSIBLE(toolbarButton_),
-                                      GTK_ACCESSIBLE_PROPERTY_DESCRIPTION);
-        return;
-    }
-    std::string text = *badge == "1" ? tr("1 blocked load") : tr("%s blocked loads");
-    if (const size_t at = text.find("%s"); at != std::string::npos) text.replace(at, 2, *badge);
-    gtk_accessible_update_property(GTK_ACCESSIBLE(toolbarButton_),
-                                   GTK_ACCESSIBLE_PROPERTY_DESCRIPTION, text.c_str(), -1);
-}
-
-BrowserWindow::~BrowserWindow() {
-    if (validationSource_) g_source_remove(validationSource_);
-    releaseMainQueue();
-    application_->setActiveWindow(nullptr);
-    handle_->detach();
-    toolbarItem_->detach();
-    if (popoverView_) {
-        popoverView_->setPopover(nullptr);
-        popoverView_->setOnViewShown({});
-    }
-    tabs_.clear();
-    if (control_) g_object_unref(control_);
-    g_object_unref(css_);
-    g_object_unref(context_);
-}
+// --- Tabs ---------------------------------------------------------------------
 
 void BrowserWindow::openTab(const std::string& url) {
     auto tab = std::make_unique<BrowserTab>(*this, context_, pickerSource_, filters_);
@@ -372,6 +285,24 @@ void BrowserWindow::updateNavigationControls() {
     }
 }
 
+// --- The popover ----------------------------------------------------------------
+
+void BrowserWindow::popoverShown(gint64 clicked) {
+    holdMainQueueUntilPainted();
+    SafariExtensionHandler().popoverWillShowInWindow(handle_);
+    afterNextPaint(toolbarButton_->popover(), "popover-shown", clicked);
+}
+
+void BrowserWindow::popoverClosed(ExtensionToolbarButton::Picking picking) {
+    SafariExtensionHandler().popoverDidCloseInWindow(handle_);
+    // Closed while picking: the keys go on to the page, where the picker
+    // takes them.
+    if (BrowserTab* tab = currentTab(); tab && picking == ExtensionToolbarButton::Picking::Yes) {
+        gtk_widget_grab_focus(GTK_WIDGET(tab->view()));
+    }
+    event("popover-closed");
+}
+
 // The popover's views ask the engine for the page's website lists as they
 // open, which takes a while with a large profile; held back, that follows
 // the popover's first frame instead of delaying it. A popover that never
@@ -413,7 +344,7 @@ void BrowserWindow::toolbarItemsNeedUpdate() {
 
 void BrowserWindow::validateToolbarItem() {
     SafariExtensionHandler().validateToolbarItemInWindow(
-        handle_, [item = toolbarItem_](bool, std::optional<std::string> badgeText) {
+        handle_, [item = toolbarItem()](bool, std::optional<std::string> badgeText) {
             item->setBadgeText(badgeText);
         });
 }
@@ -422,9 +353,7 @@ void BrowserWindow::event(const std::string& line) const {
     if (options_.events) options_.events(line);
 }
 
-// Reports, once the window has painted the next frame, the time since `since`.
-void BrowserWindow::afterNextPaint(std::string timingName, gint64 since) {
-    GtkWidget* widget = timingName == "popover-shown" ? popover_ : window_;
+void BrowserWindow::afterNextPaint(GtkWidget* widget, std::string timingName, gint64 since) {
     GdkFrameClock* clock = gtk_widget_get_frame_clock(widget);
     if (!clock) clock = gtk_widget_get_frame_clock(window_);
     if (!clock) return;

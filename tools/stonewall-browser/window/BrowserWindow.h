@@ -2,10 +2,10 @@
 
 // The browser window: location entry, back, forward, reload, the tabs
 // (BrowserTab) in their order, and the extension's toolbar button with its
-// badge and popover. It delivers the window's events to the extension's
-// handler (a new SafariExtensionHandler per event): toolbar validation and
-// the popover opening and closing; its tabs deliver their pages' events.
-// The popover shows the view tree of the extension's popover controller.
+// badge and popover (ExtensionToolbarButton). It delivers the window's
+// events to the extension's handler (a new SafariExtensionHandler per
+// event): toolbar validation and the popover opening and closing; its tabs
+// deliver their pages' events.
 //
 // With a control channel (--control) it reads commands from stdin and writes
 // events to stdout, one line each, so tests and benchmarks can drive the
@@ -14,19 +14,16 @@
 #include <adwaita.h>
 #include <webkit/webkit.h>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "ContentFilters.h"
-#include "extension/SafariExtensionHandler.h"
 #include "front/BrowserPage.h"
 #include "front/BrowserServices.h"
-#include "front/GtkPopoverView.h"
 #include "window/BrowserTab.h"
+#include "window/ExtensionToolbarButton.h"
 
 namespace stonewall::browser {
 
@@ -52,10 +49,15 @@ class BrowserWindow {
     // In the current tab, or a new one when there is none.
     void load(const std::string& url);
     GtkWidget* window() const { return window_; }
+    ExtensionToolbarButton& toolbarButton() { return *toolbarButton_; }
+    void event(const std::string& line) const;
 
     // The tabs, in the order they were opened; the current one is shown.
     size_t tabCount() const { return tabs_.size(); }
     BrowserTab* currentTab() const;
+    // Switches to tab `index` (from 0, in the tab strip's order); false
+    // when there is none.
+    bool selectTab(int index);
     // Asked by a tab: its close button, Ctrl+W, or its page closed itself.
     void closeTab(BrowserTab& tab);
     // Told by a tab whose page's address or history changed.
@@ -66,13 +68,13 @@ class BrowserWindow {
 
     // What the extension asks of the window (main thread).
     std::shared_ptr<BrowserPage> activePage() const;
-    std::shared_ptr<BrowserToolbarItem> toolbarItem() const { return toolbarItem_; }
+    std::shared_ptr<BrowserToolbarItem> toolbarItem() const { return toolbarButton_->item(); }
     // Validates the toolbar item soon (once for any number of requests).
     void toolbarItemsNeedUpdate();
-    void event(const std::string& line) const;
+    // Validates the toolbar item now.
+    void validateToolbarItem();
 
     // For the control channel.
-    void popupFromToolbar();
     void showViewForTesting(int code);
     void setDarkForTesting(bool dark);
     bool snapshotPopover(const std::string& path);
@@ -80,8 +82,6 @@ class BrowserWindow {
     bool snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page);
     // In the page's own world, or in `world`.
     void evaluateInPage(const std::string& script, const char* world = nullptr);
-    // Switches to tab `index` (from 0); false when there is none.
-    bool selectTab(int index);
     // Presses the crash notice's Reload button of the current tab; false
     // when it shows none.
     bool reloadCrashedCurrentTab();
@@ -90,14 +90,20 @@ class BrowserWindow {
     std::string paletteLine();
 
   private:
-    void updateNavigationControls();
+    void loadWebContext();
+    void loadStyle();
+    GtkWidget* newHeaderBar();
     void addShortcuts();
-    void describeToolbarButton();
+    void updateNavigationControls();
+    void popoverShown(gint64 clicked);
+    void popoverClosed(ExtensionToolbarButton::Picking picking);
+    // Reports "timing NAME MS" once `widget` has painted its next frame.
+    void afterNextPaint(GtkWidget* widget, std::string timingName, gint64 since);
     void startControlChannel();
-    void afterNextPaint(std::string timingName, gint64 since);
     void afterNextFrame(std::function<void()> work);
 
-    void validateToolbarItem();
+    // The popover's views ask the engine for the page's website lists as
+    // they open; the main queue is held until its first frame.
     void holdMainQueueUntilPainted();
     void releaseMainQueue();
     static constexpr guint kMainQueueHoldLimitMs = 100;
@@ -109,23 +115,17 @@ class BrowserWindow {
     std::shared_ptr<ContentFilters> filters_;
     WebKitWebContext* context_ = nullptr;
     std::string pickerSource_;
+    GtkCssProvider* css_ = nullptr;
     GtkWidget* window_ = nullptr;
     GtkWidget* notebook_ = nullptr;
     GtkWidget* location_ = nullptr;
     GtkWidget* backButton_ = nullptr;
     GtkWidget* forwardButton_ = nullptr;
-    GtkWidget* toolbarButton_ = nullptr;
-    GtkWidget* toolbarImage_ = nullptr;
-    GtkWidget* badge_ = nullptr;
-    GtkWidget* popover_ = nullptr;
-    std::shared_ptr<BrowserToolbarItem> toolbarItem_;
-    std::shared_ptr<GtkPopoverView> popoverView_;
+    std::unique_ptr<ExtensionToolbarButton> toolbarButton_;
     std::vector<std::unique_ptr<BrowserTab>> tabs_;
     guint validationSource_ = 0;
-    gint64 popupStarted_ = 0;
     gint64 blockedReportArrived_ = 0;
     GDataInputStream* control_ = nullptr;
-    GtkCssProvider* css_ = nullptr;
 };
 
 }  // namespace stonewall::browser

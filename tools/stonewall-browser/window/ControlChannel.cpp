@@ -164,13 +164,14 @@ void BrowserWindow::startControlChannel() {
                     else if (command == "tab")
                         self->openTab(argument);
                     else if (command == "popup")
-                        self->popupFromToolbar();
+                        self->toolbarButton_->popup();
                     else if (command == "popdown")
-                        gtk_popover_popdown(GTK_POPOVER(self->popover_));
+                        self->toolbarButton_->popdown();
                     else if (command == "press")
-                        ok = self->popoverView_ && self->popoverView_->press(argument);
-                    else if (command == "select-profile" && self->popoverView_)
-                        self->popoverView_->selectProfile(
+                        ok = self->toolbarButton_->popoverView() &&
+                             self->toolbarButton_->popoverView()->press(argument);
+                    else if (command == "select-profile" && self->toolbarButton_->popoverView())
+                        self->toolbarButton_->popoverView()->selectProfile(
                             static_cast<unsigned>(std::strtoul(argument.c_str(), nullptr, 10)));
                     else if (command == "js")
                         self->evaluateInPage(argument);
@@ -239,8 +240,8 @@ void BrowserWindow::startControlChannel() {
                     } else if (command == "clipped-labels") {
                         self->afterNextFrame([self] {
                             nlohmann::json texts = nlohmann::json::array();
-                            if (self->popoverView_) {
-                                GtkWidget* root = self->popoverView_->root();
+                            if (GtkPopoverView* views = self->toolbarButton_->popoverView()) {
+                                GtkWidget* root = views->root();
                                 collectClippedLabels(root, root, texts);
                             }
                             self->event("clipped-labels " + texts.dump());
@@ -319,12 +320,7 @@ void BrowserWindow::afterNextFrame(std::function<void()> work) {
         }),
         pending);
     gtk_widget_queue_draw(window_);
-    if (popoverView_) gtk_widget_queue_draw(popoverView_->root());
-}
-
-void BrowserWindow::popupFromToolbar() {
-    popupStarted_ = g_get_monotonic_time();
-    gtk_menu_button_popup(GTK_MENU_BUTTON(toolbarButton_));
+    if (GtkPopoverView* views = toolbarButton_->popoverView()) gtk_widget_queue_draw(views->root());
 }
 
 void BrowserWindow::showViewForTesting(int code) {
@@ -365,8 +361,9 @@ void BrowserWindow::evaluateInPage(const std::string& script, const char* world)
 }
 
 bool BrowserWindow::snapshotPopover(const std::string& path) {
-    if (!popoverView_ || !gtk_widget_get_mapped(popoverView_->root())) return false;
-    GtkWidget* root = popoverView_->root();
+    GtkPopoverView* views = toolbarButton_->popoverView();
+    if (!views || !gtk_widget_get_mapped(views->root())) return false;
+    GtkWidget* root = views->root();
     const int width = gtk_widget_get_width(root);
     const int height = gtk_widget_get_height(root);
     return renderToPNG(root, snapshotOf(root, width, height), width, height, path);
@@ -387,10 +384,11 @@ bool BrowserWindow::snapshotWindow(const std::string& path, GtkWidget* pageView,
     }
     // The popover is a surface of its own; draw it where it hangs, under the
     // toolbar button.
-    GtkWidget* root = popoverView_ ? popoverView_->root() : nullptr;
+    GtkPopoverView* views = toolbarButton_->popoverView();
+    GtkWidget* root = views ? views->root() : nullptr;
     if (root && gtk_widget_get_mapped(root)) {
         graphene_rect_t button;
-        if (gtk_widget_compute_bounds(toolbarButton_, window_, &button)) {
+        if (gtk_widget_compute_bounds(toolbarButton_->widget(), window_, &button)) {
             const int popoverWidth = gtk_widget_get_width(root);
             const int popoverHeight = gtk_widget_get_height(root);
             float x = button.origin.x + button.size.width / 2 - popoverWidth / 2.0f;
@@ -448,8 +446,8 @@ std::string BrowserWindow::clippedLabels() {
             }
         }
     };
-    if (popoverView_) Walk::visit(popoverView_->root(), clipped);
-    Walk::visit(toolbarButton_, clipped);
+    if (GtkPopoverView* views = toolbarButton_->popoverView()) Walk::visit(views->root(), clipped);
+    Walk::visit(toolbarButton_->widget(), clipped);
     std::string line = std::to_string(clipped.size());
     for (size_t i = 0; i < clipped.size(); ++i) line += (i ? "|" : " ") + clipped[i];
     return line;
@@ -497,8 +495,9 @@ std::optional<std::array<double, 3>> popoverBackground(GtkWidget* root) {
 
 std::string BrowserWindow::paletteLine() {
     nlohmann::json texts = nlohmann::json::array();
-    if (!popoverView_) return texts.dump();
-    const auto background = popoverBackground(popoverView_->root());
+    GtkPopoverView* views = toolbarButton_->popoverView();
+    if (!views) return texts.dump();
+    const auto background = popoverBackground(views->root());
     if (!background) return texts.dump();
     struct Walk {
         static void visit(GtkWidget* widget, const std::array<double, 3>& under,
@@ -538,26 +537,26 @@ std::string BrowserWindow::paletteLine() {
             }
         }
     };
-    Walk::visit(popoverView_->root(), *background, texts);
+    Walk::visit(views->root(), *background, texts);
     return texts.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 std::string BrowserWindow::stateLine() {
     SafariExtensionViewController& controller = SafariExtensionHandler().popoverViewController();
     auto page = activePage();
-    const GtkPopoverView* views = popoverView_.get();
+    const GtkPopoverView* views = toolbarButton_->popoverView();
     const auto title = [views](const char* outlet) {
         return views ? views->rowTitle(outlet) : std::string();
     };
     nlohmann::json state = {
-        {"image", toolbarItem_->imageName()},
-        {"badge", toolbarItem_->badgeText() ? nlohmann::json(*toolbarItem_->badgeText())
-                                            : nlohmann::json(nullptr)},
+        {"image", toolbarItem()->imageName()},
+        {"badge", toolbarItem()->badgeText() ? nlohmann::json(*toolbarItem()->badgeText())
+                                             : nlohmann::json(nullptr)},
         {"view", views ? views->shownView() : 0},
-        {"popover", gtk_widget_get_visible(popover_) ? true : false},
+        {"popover", toolbarButton_->isOpen()},
         {"reloading", controller.reloading()},
         {"blocked", page ? controller.blockingStatController().URLsCountForPage(page) : 0},
-        {"tabs", tabs_.size()},
+        {"tabs", tabCount()},
         {"crashed", currentTab() && currentTab()->crashed()},
         {"messagesDropped", currentTab() ? currentTab()->messagesDropped() : 0},
         {"website", title("blockButton")},
