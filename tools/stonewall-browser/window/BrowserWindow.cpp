@@ -8,6 +8,7 @@
 #include "extension/SafariExtensionHandler.h"
 #include "front/GtkMainDispatch.h"
 #include "platform/Platform.h"
+#include "window/ControlChannel.h"
 
 namespace stonewall::browser {
 
@@ -80,17 +81,17 @@ BrowserWindow::BrowserWindow(GtkApplication* application, BrowserOptions options
                            this);
 
     addShortcuts();
-    if (options_.control) startControlChannel();
+    if (options_.control) control_ = std::make_unique<ControlChannel>(*this);
 }
 
 BrowserWindow::~BrowserWindow() {
+    control_.reset();
     if (validationSource_) g_source_remove(validationSource_);
     releaseMainQueue();
     application_->setActiveWindow(nullptr);
     handle_->detach();
     tabs_.clear();
     toolbarButton_.reset();
-    if (control_) g_object_unref(control_);
     g_object_unref(css_);
     g_object_unref(context_);
 }
@@ -257,13 +258,6 @@ BrowserTab* BrowserWindow::currentTab() const {
 bool BrowserWindow::selectTab(int index) {
     if (index < 0 || index >= gtk_notebook_get_n_pages(GTK_NOTEBOOK(notebook_))) return false;
     gtk_notebook_set_current_page(GTK_NOTEBOOK(notebook_), index);
-    return true;
-}
-
-bool BrowserWindow::reloadCrashedCurrentTab() {
-    BrowserTab* tab = currentTab();
-    if (!tab || !tab->crashed()) return false;
-    tab->reload();
     return true;
 }
 

@@ -9,12 +9,11 @@
 //
 // With a control channel (--control) it reads commands from stdin and writes
 // events to stdout, one line each, so tests and benchmarks can drive the
-// real program; see ControlChannel.cpp for the commands.
+// real program; see ControlChannel.h for the commands.
 
 #include <adwaita.h>
 #include <webkit/webkit.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,6 +25,8 @@
 #include "window/ExtensionToolbarButton.h"
 
 namespace stonewall::browser {
+
+class ControlChannel;
 
 struct BrowserOptions {
     std::string resources;         // images, page script, style sheet
@@ -74,21 +75,6 @@ class BrowserWindow {
     // Validates the toolbar item now.
     void validateToolbarItem();
 
-    // For the control channel.
-    void showViewForTesting(int code);
-    void setDarkForTesting(bool dark);
-    bool snapshotPopover(const std::string& path);
-    // `page`, when given, is the picture of `pageView`'s page.
-    bool snapshotWindow(const std::string& path, GtkWidget* pageView, GdkTexture* page);
-    // In the page's own world, or in `world`.
-    void evaluateInPage(const std::string& script, const char* world = nullptr);
-    // Presses the crash notice's Reload button of the current tab; false
-    // when it shows none.
-    bool reloadCrashedCurrentTab();
-    std::string stateLine();
-    std::string clippedLabels();
-    std::string paletteLine();
-
   private:
     void loadWebContext();
     void loadStyle();
@@ -99,8 +85,6 @@ class BrowserWindow {
     void popoverClosed(ExtensionToolbarButton::Picking picking);
     // Reports "timing NAME MS" once `widget` has painted its next frame.
     void afterNextPaint(GtkWidget* widget, std::string timingName, gint64 since);
-    void startControlChannel();
-    void afterNextFrame(std::function<void()> work);
 
     // The popover's views ask the engine for the page's website lists as
     // they open; the main queue is held until its first frame.
@@ -125,7 +109,7 @@ class BrowserWindow {
     std::vector<std::unique_ptr<BrowserTab>> tabs_;
     guint validationSource_ = 0;
     gint64 blockedReportArrived_ = 0;
-    GDataInputStream* control_ = nullptr;
+    std::unique_ptr<ControlChannel> control_;
 };
 
 }  // namespace stonewall::browser
