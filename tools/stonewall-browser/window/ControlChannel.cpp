@@ -11,6 +11,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "extension/SafariExtensionHandler.h"
@@ -45,8 +47,9 @@ bool accepts(Argument kind, const std::string& text) {
                    std::all_of(text.begin(), text.end(),
                                [](char c) { return c >= '0' && c <= '9'; });
         case Argument::Number: {
+            // In any locale, as the driver writes it.
             char* end = nullptr;
-            const double value = std::strtod(text.c_str(), &end);
+            const double value = g_ascii_strtod(text.c_str(), &end);
             return !text.empty() && *end == '\0' && std::isfinite(value) && value > 0;
         }
         case Argument::Switch:
@@ -67,7 +70,8 @@ std::pair<std::string, std::string> splitCommand(const std::string& line) {
 
 }  // namespace
 
-// One command: its name, its argument, and what it does and answers.
+// One command: its name, its argument, and what it does and answers (logged
+// at debug level when the argument is refused).
 struct ControlChannel::Command {
     const char* name;
     Argument argument;
@@ -161,7 +165,8 @@ std::span<const ControlChannel::Command> ControlChannel::commands() {
          "text-scale F: scale the desktop's text by F (as its text-size setting does)",
          [](ControlChannel&, const std::string& factor) {
              g_object_set(gtk_settings_get_default(), "gtk-xft-dpi",
-                          static_cast<int>(96 * 1024 * std::atof(factor.c_str())), nullptr);
+                          static_cast<int>(96 * 1024 * g_ascii_strtod(factor.c_str(), nullptr)),
+                          nullptr);
              return Outcome::Done;
          }},
         {"snapshot-popover", Text,
@@ -270,13 +275,18 @@ void ControlChannel::readNextLine() {
 }
 
 void ControlChannel::run(const std::string& line) {
-    const auto [name, argument] = splitCommand(line);
+    const auto parts = splitCommand(line);
+    const std::string& name = parts.first;
+    const std::string& argument = parts.second;
     const auto table = commands();
     const auto command = std::find_if(table.begin(), table.end(),
                                       [&](const Command& row) { return name == row.name; });
     Outcome outcome = Outcome::Failed;
     if (command != table.end() && accepts(command->argument, argument)) {
         outcome = command->run(*this, argument);
+    } else if (command != table.end()) {
+        platform::log(platform::LogLevel::Debug,
+                      std::string("Control channel: the command is ") + command->usage);
     }
     if (outcome == Outcome::Done) window_.event("done " + name);
     if (outcome == Outcome::Failed) window_.event("error " + name + " " + argument);
