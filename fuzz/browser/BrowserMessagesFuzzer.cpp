@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "BlockedLoad.h"
-#include "PageMessage.h"
+#include "page/BlockedLoad.h"
+#include "page/PageMessage.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "BlockedLoad.h"
-#include "PageMessage.h"
 #include "engine/DataElement.h"
+#include "page/BlockedLoad.h"
+#include "page/PageMessage.h"
 
 namespace stonewall::browser {
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "GtkMainDispatch.h"
+#include "front/GtkMainDispatch.h"
 
 namespace stonewall::browser {
 namespace {

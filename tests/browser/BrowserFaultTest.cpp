@@ -197,6 +197,12 @@ TEST_F(BrowserFaultTest, AKilledWebProcessLeavesItsTabReloadableAndTheRestWorkin
     const auto back = stateWhen([](auto& s) { return s["badge"] == "2"; });
     EXPECT_EQ(back["crashed"], false);
     EXPECT_EQ(back["badge"], "2");
+
+    // A page that closes itself takes its tab along; the other tab goes on.
+    evaluate("window.close(), 1");
+    const auto closed = stateWhen([](auto& s) { return s["tabs"] == 1; });
+    EXPECT_EQ(closed["tabs"], 1);
+    EXPECT_EQ(closed["crashed"], false) << closed;
 }
 
 TEST_F(BrowserFaultTest, ABlockWaitsForAnotherProgramsLockWithoutFreezingAndIsStoredOnce) {

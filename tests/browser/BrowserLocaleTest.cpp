@@ -40,10 +40,9 @@ class BrowserLocaleTest : public BrowserProgramTest {
         for (int view = 1; view <= 6; ++view) {
             browser_->send("show-view " + std::to_string(view));
             expect("view " + std::to_string(view));
-            browser_->send("clipped-labels");
-            const std::string line = expect("clipped-labels ");
-            if (line != "clipped-labels []")
-                clipped += "view " + std::to_string(view) + ": " + line;
+            browser_->send("clipped");
+            const std::string line = expect("clipped ");
+            if (line != "clipped 0") clipped += "view " + std::to_string(view) + ": " + line;
         }
         return clipped;
     }

@@ -10,6 +10,9 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "BrowserProgramTest.h"
 
@@ -160,6 +163,29 @@ TEST_F(BrowserTest, SwitchingTheProfileCompilesAndAppliesItsList) {
          {"", "loaded"}});
     EXPECT_EQ(server_.requests("/tracker.js"), 1);
     EXPECT_EQ(sharedValue("activeProfileID"), "work");
+}
+
+// What the control channel cannot do, or does not know, it answers with
+// "error COMMAND ARGUMENT", and reads on.
+TEST_F(BrowserTest, ControlChannelRefusesUnknownCommandsAndBadArguments) {
+    startBrowser(server_.url("/plain"));
+    for (const auto& [command, answer] : std::vector<std::pair<std::string, std::string>>{
+             {"frobnicate now", "error frobnicate now"},
+             {"clipped-labels", "error clipped-labels "},
+             {"load", "error load "},
+             {"popup now", "error popup now"},
+             {"select-tab 1", "error select-tab 1"},
+             {"select-tab -1", "error select-tab -1"},
+             {"select-tab first", "error select-tab first"},
+             {"dark 2", "error dark 2"},
+             {"text-scale 0", "error text-scale 0"},
+             {"text-scale 1.5x", "error text-scale 1.5x"},
+             {"press noSuchOutlet", "error press noSuchOutlet"},
+             {"reload-crashed", "error reload-crashed "}}) {
+        browser_->send(command);
+        EXPECT_EQ(expect("error "), answer) << command;
+    }
+    run({{"select-tab 0", "done select-tab"}, {"ping 7", "pong 7"}});
 }
 
 // Width and height of a PNG file, from its header.

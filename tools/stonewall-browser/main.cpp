@@ -13,18 +13,18 @@
 #include <memory>
 #include <string>
 
-#include "BrowserServices.h"
-#include "BrowserWindow.h"
 #include "ContentFilters.h"
-#include "GtkMainDispatch.h"
-#include "GtkToolkit.h"
 #include "engine/CompanionController.h"
 #include "extension/platform/FrontServices.h"
+#include "front/BrowserServices.h"
+#include "front/GtkMainDispatch.h"
+#include "front/GtkToolkit.h"
 #include "platform/linux/DBusNotificationCenter.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/GnomeWebFilters.h"
 #include "platform/linux/LinuxHost.h"
 #include "platform/linux/LinuxServices.h"
+#include "window/BrowserWindow.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include <webkit/webkit-web-process-extension.h>
 
-#include "BlockedLoad.h"
-#include "BrowserProtocol.h"
+#include "page/BlockedLoad.h"
+#include "page/BrowserProtocol.h"
 
 namespace {
 

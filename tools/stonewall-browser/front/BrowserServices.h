@@ -17,8 +17,8 @@
 #include <optional>
 #include <string>
 
-#include "BrowserPage.h"
 #include "extension/platform/SafariServices.h"
+#include "front/BrowserPage.h"
 
 namespace stonewall::browser {
 
@@ -33,10 +33,11 @@ using EventSink = std::function<void(const std::string& line)>;
 // (window, tab, page, toolbar item) does not wait a frame per step.
 void answerSoon(std::function<void()> answer);
 
-// The tab of a page: one page per tab, for the tab's life.
-class BrowserTab : public SFSafariTab {
+// The tab of a page as the extension sees it: one page per tab, for the
+// tab's life (the window's own tab is BrowserTab).
+class BrowserTabHandle : public SFSafariTab {
   public:
-    explicit BrowserTab(std::shared_ptr<BrowserPage> page) : page_(std::move(page)) {}
+    explicit BrowserTabHandle(std::shared_ptr<BrowserPage> page) : page_(std::move(page)) {}
     void getActivePageWithCompletionHandler(PageHandler completionHandler) override;
 
   private:

@@ -1,6 +1,6 @@
-#include "GtkPopoverView.h"
+#include "front/GtkPopoverView.h"
 
-#include "Controls.h"
+#include "front/Controls.h"
 
 namespace stonewall::browser {
 

@@ -1,4 +1,4 @@
-#include "GtkMainDispatch.h"
+#include "front/GtkMainDispatch.h"
 
 #include <glib.h>
 

@@ -1,8 +1,8 @@
-#include "BrowserServices.h"
+#include "front/BrowserServices.h"
 
-#include "BrowserWindow.h"
-#include "GtkViews.h"
+#include "front/GtkViews.h"
 #include "platform/Platform.h"
+#include "window/BrowserWindow.h"
 
 namespace stonewall::browser {
 
@@ -19,7 +19,7 @@ void answerSoon(std::function<void()> answer) {
         +[](gpointer data) { delete static_cast<std::function<void()>*>(data); });
 }
 
-void BrowserTab::getActivePageWithCompletionHandler(PageHandler completionHandler) {
+void BrowserTabHandle::getActivePageWithCompletionHandler(PageHandler completionHandler) {
     if (!completionHandler) return;
     answerSoon([page = page_, handler = std::move(completionHandler)] {
         handler(page->view() ? page : nullptr);
@@ -72,7 +72,7 @@ void BrowserWindowHandle::getActiveTabWithCompletionHandler(TabHandler completio
     if (!completionHandler) return;
     answerSoon([self = shared_from_this(), this, handler = std::move(completionHandler)] {
         auto page = window_ ? window_->activePage() : nullptr;
-        handler(page ? std::make_shared<BrowserTab>(page) : nullptr);
+        handler(page ? std::make_shared<BrowserTabHandle>(page) : nullptr);
     });
 }
 

@@ -1,4 +1,4 @@
-#include "GtkViews.h"
+#include "front/GtkViews.h"
 
 #include <algorithm>
 #include <cmath>

@@ -15,8 +15,8 @@
 #include <mutex>
 #include <string>
 
-#include "GtkPopoverView.h"
 #include "extension/platform/Toolkit.h"
+#include "front/GtkPopoverView.h"
 
 namespace stonewall::browser {
 

@@ -1,7 +1,7 @@
-#include "Controls.h"
+#include "front/Controls.h"
 
-#include "GtkViews.h"
 #include "extension/platform/FrontServices.h"
+#include "front/GtkViews.h"
 
 namespace stonewall::browser {
 

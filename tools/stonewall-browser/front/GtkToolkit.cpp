@@ -1,4 +1,4 @@
-#include "GtkToolkit.h"
+#include "front/GtkToolkit.h"
 
 #include <adwaita.h>
 

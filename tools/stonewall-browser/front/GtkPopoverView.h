@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "GtkViews.h"
 #include "extension/ExtensionButton.h"
 #include "extension/OutletPopoverView.h"
+#include "front/GtkViews.h"
 
 namespace stonewall::browser {
 

@@ -1,4 +1,4 @@
-#include "PageMessage.h"
+#include "page/PageMessage.h"
 
 #include "engine/PageProtocol.h"
 

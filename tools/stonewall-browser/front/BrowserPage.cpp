@@ -1,9 +1,9 @@
-#include "BrowserPage.h"
+#include "front/BrowserPage.h"
 
-#include "BrowserProtocol.h"
-#include "BrowserServices.h"
-#include "GtkViews.h"
-#include "PageMessage.h"
+#include "front/BrowserServices.h"
+#include "front/GtkViews.h"
+#include "page/BrowserProtocol.h"
+#include "page/PageMessage.h"
 #include "platform/Platform.h"
 
 namespace stonewall::browser {
@@ -41,7 +41,7 @@ void BrowserPage::getPagePropertiesWithCompletionHandler(PropertiesHandler compl
 void BrowserPage::getContainingTabWithCompletionHandler(TabHandler completionHandler) {
     if (!completionHandler) return;
     answerSoon([self = shared_from_this(), handler = std::move(completionHandler)] {
-        handler(self->view_ ? std::make_shared<BrowserTab>(self) : nullptr);
+        handler(self->view_ ? std::make_shared<BrowserTabHandle>(self) : nullptr);
     });
 }
 

@@ -1,4 +1,4 @@
-#include "BlockedLoad.h"
+#include "page/BlockedLoad.h"
 
 namespace stonewall::browser {
 
