@@ -13,9 +13,9 @@
 #include <memory>
 #include <string>
 
-#include "ContentFilters.h"
 #include "engine/CompanionController.h"
 #include "extension/platform/FrontServices.h"
+#include "filters/ContentFilters.h"
 #include "front/BrowserServices.h"
 #include "front/GtkMainDispatch.h"
 #include "front/GtkToolkit.h"

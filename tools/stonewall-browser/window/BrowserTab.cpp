@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
-#include "ContentFilters.h"
 #include "extension/platform/FrontServices.h"
+#include "filters/ContentFilters.h"
 #include "page/BrowserProtocol.h"
 #include "page/PageMessage.h"
 #include "platform/ContainerLayout.h"

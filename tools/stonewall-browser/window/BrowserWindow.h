@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "ContentFilters.h"
+#include "filters/ContentFilters.h"
 #include "front/BrowserPage.h"
 #include "front/BrowserServices.h"
 #include "window/BrowserTab.h"

@@ -1,4 +1,4 @@
-#include "ContentFilters.h"
+#include "filters/ContentFilters.h"
 
 #include <algorithm>
 #include <filesystem>
