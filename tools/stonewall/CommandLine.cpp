@@ -5,6 +5,7 @@
 #include <iostream>
 #include <map>
 #include <new>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -412,20 +413,67 @@ const Subcommand kSubcommands[] = {
      [](const Arguments& arguments, Report& report) { runInfo(arguments.common, report); }},
 };
 
-// "stonewall: usage: ..." and the subcommand whose help to read.
-int usageError(const CLI::App& app, const CLI::ParseError& error) {
+// CLI11's message in the user's language where its form is known (CLI11
+// words its messages in English only); any other as CLI11 put it. `deepest`
+// is the last subcommand that the words named.
+Message usageMessage(const CLI::App& deepest, const CLI::ParseError& error) {
+    const std::string what = error.what();
+    const std::vector<std::string> rest = deepest.remaining();
+    if (what == "A subcommand is required") {
+        // With words left over, the first one is what is wrong: a mistyped
+        // subcommand or an option that no command has.
+        if (rest.empty()) return message(N_("a subcommand is required"));
+        if (rest.front().starts_with("-")) {
+            return message(N_("unknown option {0}"), {rest.front()});
+        }
+        return message(N_("unknown subcommand {0}"), {rest.front()});
+    }
+    static const std::regex required("(.+) is required");
+    static const std::regex unexpected("The following arguments? (?:was|were) not expected: (.+)");
+    static const std::regex notMember("(.+): (.+) not in \\{(.*)\\}");
+    std::smatch match;
+    if (std::regex_match(what, match, required)) {
+        return message(N_("{0} is required"), {match.str(1)});
+    }
+    if (std::regex_match(what, match, unexpected)) {
+        // CLI11 lists them last first.
+        std::string words;
+        for (const std::string& word : rest) words += (words.empty() ? "" : " ") + word;
+        return message(N_("not expected: {0}"), {words.empty() ? match.str(1) : words});
+    }
+    if (std::regex_match(what, match, notMember)) {
+        return message(N_("{0}: {1} is not one of {2}"),
+                       {match.str(1), match.str(2), match.str(3)});
+    }
+    return what;
+}
+
+// "stonewall: usage: ..." and the subcommand whose help to read; with
+// --json also the error object that every failing command prints.
+int usageError(const CLI::App& app, const CLI::ParseError& error, bool json) {
     std::string command = "stonewall";
+    const CLI::App* deepest = &app;
     for (const CLI::App* sub = &app; sub;) {
         const CLI::App* next = nullptr;
         for (const CLI::App* child : sub->get_subcommands()) {
             command += " " + child->get_name();
             next = child;
+            deepest = child;
             break;
         }
         sub = next;
     }
-    // CLI11's own message stays in English.
-    std::cerr << "stonewall: " << format(tr("usage: {0} (see {1} --help)"), {error.what(), command})
+    const Message reason = usageMessage(*deepest, error);
+    if (json) {
+        const size_t space = command.find(' ');
+        std::cout << Json{{"command", space == std::string::npos ? "" : command.substr(space + 1)},
+                          {"error", Json{{"exitCode", toInt(ExitCode::Usage)},
+                                         {"subject", "usage"},
+                                         {"message", reason.english}}}}
+                         .dump()
+                  << std::endl;
+    }
+    std::cerr << "stonewall: " << format(tr("usage: {0} (see {1} --help)"), {reason.local, command})
               << std::endl;
     return toInt(ExitCode::Usage);
 }
@@ -526,7 +574,13 @@ int run(int argc, char** argv) {
     } catch (const CLI::CallForVersion& version) {
         return app.exit(version);
     } catch (const CLI::ParseError& error) {
-        return usageError(app, error);
+        // Whether the words asked for --json, read from them: the parse
+        // stopped before it stored every option.
+        bool json = false;
+        for (int index = 1; index < argc && std::string_view(argv[index]) != "--"; ++index) {
+            json = json || std::string_view(argv[index]) == "--json";
+        }
+        return usageError(app, error, json);
     }
 
     // People at a terminal see what a slow command is doing; watch prints
