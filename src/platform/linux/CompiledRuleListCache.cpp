@@ -260,7 +260,7 @@ CompiledRuleListCache::Outcome CompiledRuleListCache::install(const std::string&
 
     const std::string key = contentKey(source);
     const std::string entry = identifier + "." + key;
-    const fs::path entryFile = fs::path(cachePath_) / (kListFilePrefix + entry);
+    const fs::path entryFile = keyedEntryPath(identifier, key);
     const fs::path indexFile = fs::path(cachePath_) / "index.json";
     const fs::path lockFile = fs::path(cachePath_) / "index.lock";
     const fs::path current = currentListPath(identifier);

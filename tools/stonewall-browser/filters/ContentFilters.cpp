@@ -72,8 +72,7 @@ struct ContentFilters::Batch {
 
 namespace {
 
-// One store call's answer for part `index` of a batch: `Finish` is the
-// store's load or save finisher.
+// One store call's answer, for part `index` of a batch.
 struct StoreCall {
     void* batch;
     size_t index;
@@ -81,14 +80,27 @@ struct StoreCall {
 
 }  // namespace
 
-template <WebKitUserContentFilter* (*Finish)(WebKitUserContentFilterStore*, GAsyncResult*,
-                                             GError**)>
-void ContentFilters::storeAnswered(GObject* store, GAsyncResult* result, gpointer data) {
-    std::unique_ptr<StoreCall> call(static_cast<StoreCall*>(data));
-    GError* error = nullptr;
-    WebKitUserContentFilter* filter =
-        Finish(WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
-    Batch::answered(static_cast<Batch*>(call->batch), call->index, filter, error);
+void ContentFilters::loadParts(Batch* batch) {
+    batch->pending =
+        static_cast<size_t>(std::count(batch->loaded.begin(), batch->loaded.end(), true));
+    if (batch->pending == 0) {
+        std::unique_ptr<Batch> owned(batch);
+        owned->finish(*owned);
+        return;
+    }
+    for (size_t index = 0; index < kRuleListParts; ++index) {
+        if (!batch->loaded[index]) continue;
+        webkit_user_content_filter_store_load(
+            store(), partIdentifier(index).c_str(), nullptr,
+            +[](GObject* store, GAsyncResult* result, gpointer data) {
+                std::unique_ptr<StoreCall> call(static_cast<StoreCall*>(data));
+                GError* error = nullptr;
+                WebKitUserContentFilter* filter = webkit_user_content_filter_store_load_finish(
+                    WEBKIT_USER_CONTENT_FILTER_STORE(store), result, &error);
+                Batch::answered(static_cast<Batch*>(call->batch), call->index, filter, error);
+            },
+            new StoreCall{batch, index});
+    }
 }
 
 ContentFilters::ContentFilters(std::string containerPath, std::string defaultsPath,
@@ -267,12 +279,12 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
     auto* batch = new Batch{shared_from_this(),
                             std::vector<WebKitUserContentFilter*>(kRuleListParts, nullptr),
                             std::vector<std::string>(kRuleListParts),
-                            kRuleListParts,
+                            0,
                             0,
                             std::nullopt,
                             nullptr,
                             {},
-                            {}};
+                            std::vector<bool>(kRuleListParts, true)};
     batch->finish = [this, done](Batch& finished) {
         // A store without every part has not been compiled yet: nothing to apply.
         const bool found = !finished.error;
@@ -284,12 +296,7 @@ void ContentFilters::applyStoredList(std::function<void(bool)> done) {
         }
         if (done) done(found);
     };
-    for (size_t index = 0; index < kRuleListParts; ++index) {
-        webkit_user_content_filter_store_load(
-            store(), partIdentifier(index).c_str(), nullptr,
-            &storeAnswered<webkit_user_content_filter_store_load_finish>,
-            new StoreCall{batch, index});
-    }
+    loadParts(batch);
 }
 
 void ContentFilters::reloadContentBlockerWithIdentifier(const std::string& identifier,
@@ -348,13 +355,11 @@ void ContentFilters::apply(ReloadReport report, uint64_t generation, std::set<st
                             nullptr,
                             std::move(allows),
                             {}};
-    batch->loaded.assign(kRuleListParts, false);
+    batch->loaded.assign(kRuleListParts, true);
     for (size_t index = 0; index < kRuleListParts; ++index) {
         if (filters_[index] && !batch->keys[index].empty() && batch->keys[index] == keys_[index]) {
             batch->filters[index] = webkit_user_content_filter_ref(filters_[index]);
-        } else {
-            batch->loaded[index] = true;
-            ++batch->pending;
+            batch->loaded[index] = false;
         }
     }
     batch->finish = [handler = std::move(handler)](Batch& finished) {
@@ -380,18 +385,7 @@ void ContentFilters::apply(ReloadReport report, uint64_t generation, std::set<st
         }
         if (handler) handler(finished.error);
     };
-    if (batch->pending == 0) {
-        std::unique_ptr<Batch> owned(batch);
-        owned->finish(*owned);
-        return;
-    }
-    for (size_t index = 0; index < kRuleListParts; ++index) {
-        if (!batch->loaded[index]) continue;
-        webkit_user_content_filter_store_load(
-            store(), partIdentifier(index).c_str(), nullptr,
-            &storeAnswered<webkit_user_content_filter_store_load_finish>,
-            new StoreCall{batch, index});
-    }
+    loadParts(batch);
 }
 
 void ContentFilters::followChanges() {

@@ -74,9 +74,9 @@ class ContentFilters : public platform::ContentBlockerManager,
 
   private:
     struct Batch;
-    template <WebKitUserContentFilter* (*Finish)(WebKitUserContentFilterStore*, GAsyncResult*,
-                                                 GError**)>
-    static void storeAnswered(GObject* store, GAsyncResult* result, gpointer data);
+    // Loads the parts the batch marks from the store, then finishes it
+    // (at once when it marks none).
+    void loadParts(Batch* batch);
     using ReloadReport = platform::gnulinux::WebKitContentBlockerManager::ReloadReport;
     // Main thread: applies what the reload service installed.
     void apply(ReloadReport report, uint64_t generation, std::set<std::string> allows,
