@@ -39,10 +39,12 @@ for (let i = 0; i < 10000; ++i) {
 constexpr const char* kAdImage =
     R"(<svg xmlns="http://www.w3.org/2000/svg" width="100" height="50"/>)";
 
-// Far above what a live main loop takes, far below any of the faults' own
-// lengths: a freeze for the length of the fault cannot pass. The figure
-// itself is measured by bench/browser/browser_faults.
-constexpr auto kAnswersWithin = 500ms;
+// Only a freeze fails here: a live main loop answers in about 100 ms even
+// through the flood (the figure is measured by bench/browser/browser_faults),
+// and a loaded machine stretches that several times over (880 ms seen while
+// a package installed beside the suite). A freeze lasts as long as its fault:
+// the whole lock below, or a flood handled message by message (seconds).
+constexpr auto kAnswersWithin = 2000ms;
 
 // Under AddressSanitizer freed memory waits in quarantine (256 MiB) and
 // every block is padded: resident memory tells nothing there, so the bound
@@ -208,7 +210,7 @@ TEST_F(BrowserFaultTest, AKilledWebProcessLeavesItsTabReloadableAndTheRestWorkin
 TEST_F(BrowserFaultTest, ABlockWaitsForAnotherProgramsLockWithoutFreezingAndIsStoredOnce) {
     // The bench holds the lock for 10 s; here a shorter one, still far past
     // what a frozen main loop could hide.
-    constexpr double kLockMs = 2000;
+    constexpr double kLockMs = 3500;
     startBrowser(server_.url("/"));
     browser_->send("popup");
     expect("view 1");
