@@ -23,50 +23,18 @@
 #include <map>
 #include <string>
 
-#include "BrowserHarness.h"
+#include "BrowserBench.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using stonewall::browser::testing::BrowserProcess;
-using stonewall::browser::testing::HttpServer;
+using namespace stonewall::browser::testing;
 
 constexpr double kFloorMs = 100;
 
 constexpr const char* kPage = R"(<!doctype html><title>News</title><h1>Daily News</h1>
 <img src="/ads/banner.svg" width="100" height="50">)";
-constexpr const char* kFloodPage = R"(<!doctype html><title>Flood</title><script>
-for (let i = 0; i < 10000; ++i) {
-  const image = document.createElement('img');
-  image.src = '/ads/banner.svg?' + i;
-  document.documentElement.appendChild(image);
-}
-</script>)";
-
-std::map<std::string, std::string> environmentFor(const fs::path& root) {
-    return {{"HOME", (root / "home").string()},
-            {"XDG_DATA_HOME", (root / "data").string()},
-            {"XDG_CONFIG_HOME", (root / "config").string()},
-            {"XDG_CACHE_HOME", (root / "cache").string()},
-            {"STONEWALL_CONTAINER", (root / "container").string()},
-            {"STONEWALL_RESOURCES", STONEWALL_BUILD_RESOURCES},
-            {"GSK_RENDERER", "cairo"}};
-}
-
-int runStonewall(const std::map<std::string, std::string>& env, const std::string& args) {
-    std::string command;
-    for (const auto& [name, value] : env) command += name + "='" + value + "' ";
-    return std::system((command + STONEWALL_BINARY + " " + args + " >/dev/null").c_str());
-}
-
-long residentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) return std::atol(line.c_str() + 6);
-    }
-    return 0;
-}
 
 bool report(const char* what, const BrowserProcess::PingRun& run, long grownKiB,
             const std::string& extra) {
@@ -95,12 +63,11 @@ int main(int argc, char** argv) {
     }
     const fs::path root =
         fs::temp_directory_path() / ("stonewall-faults-" + std::to_string(getpid()));
-    for (const char* folder : {"home", "data", "config", "cache"})
-        fs::create_directories(root / folder);
-    const auto env = environmentFor(root);
+    auto env = benchEnvironment(root);
+    env["GSK_RENDERER"] = "cairo";
     HttpServer server(
         {{"/", {"text/html", kPage}},
-         {"/flood", {"text/html", kFloodPage}},
+         {"/flood", {"text/html", floodPage("/ads/banner.svg")}},
          {"/ads/banner.svg", {"image/svg+xml", "<svg xmlns='http://www.w3.org/2000/svg'/>"}}});
     runStonewall(env, "info");
     const fs::path profile = root / "container" / ".Profiles" / "profile_defaultProfile_data";

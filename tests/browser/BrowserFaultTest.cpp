@@ -28,14 +28,6 @@ constexpr const char* kNewsPage = R"(<!doctype html><title>News</title>
 <h1>Daily News</h1>
 <img src="/ads/banner.png" width="100" height="50">
 <script src="/tracker.js"></script>)";
-// Ten thousand images the default profile blocks, each its own URL.
-constexpr const char* kFloodPage = R"(<!doctype html><title>Flood</title><script>
-for (let i = 0; i < 10000; ++i) {
-  const image = document.createElement('img');
-  image.src = '/ads/banner.png?' + i;
-  document.documentElement.appendChild(image);
-}
-</script>)";
 constexpr const char* kAdImage =
     R"(<svg xmlns="http://www.w3.org/2000/svg" width="100" height="50"/>)";
 
@@ -61,15 +53,6 @@ constexpr bool kResidentMemoryMeans = true;
 constexpr bool kResidentMemoryMeans = true;
 #endif
 constexpr long kMemoryGrowthLimitKiB = 64 * 1024;
-
-// The resident memory of a process, in KiB.
-long residentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) return std::atol(line.c_str() + 6);
-    }
-    return 0;
-}
 
 // The web processes under `root`: its descendants that WebKit named so.
 std::set<pid_t> webProcessesOf(pid_t root) {
@@ -107,7 +90,7 @@ class BrowserFaultTest : public BrowserProgramTest {
   protected:
     BrowserFaultTest()
         : BrowserProgramTest({{"/", {"text/html", kNewsPage}},
-                              {"/flood", {"text/html", kFloodPage}},
+                              {"/flood", {"text/html", floodPage("/ads/banner.png")}},
                               {"/tracker.js", {"text/javascript", "window.tracked = true;"}},
                               {"/ads/banner.png", {"image/svg+xml", kAdImage}}}) {}
 

@@ -17,18 +17,54 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "support/LoopbackServer.h"
 
 namespace stonewall::browser::testing {
+
+// The browser's own home, XDG folders and container under `root` (the
+// folders are made), for the browser and the command alike.
+inline std::map<std::string, std::string> sandboxEnvironment(
+    const std::filesystem::path& root, const std::filesystem::path& container) {
+    for (const char* folder : {"home", "data", "config", "cache"})
+        std::filesystem::create_directories(root / folder);
+    return {{"HOME", (root / "home").string()},
+            {"XDG_DATA_HOME", (root / "data").string()},
+            {"XDG_CONFIG_HOME", (root / "config").string()},
+            {"XDG_CACHE_HOME", (root / "cache").string()},
+            {"STONEWALL_CONTAINER", container.string()}};
+}
+
+// A page that loads ten thousand copies of `image`, each its own URL.
+inline std::string floodPage(std::string_view image) {
+    std::string page = R"(<!doctype html><title>Flood</title><script>
+for (let i = 0; i < 10000; ++i) {
+  const image = document.createElement('img');
+  image.src = 'IMAGE?' + i;
+  document.documentElement.appendChild(image);
+}
+</script>)";
+    return page.replace(page.find("IMAGE"), 5, image);
+}
+
+// The resident memory of a process, in KiB.
+inline long residentKiB(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmRSS:")) return std::atol(line.c_str() + 6);
+    }
+    return 0;
+}
 
 class HttpServer {
   public:

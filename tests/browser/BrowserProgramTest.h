@@ -39,17 +39,10 @@ class BrowserProgramTest : public tool::testing::ToolTest {
     // The browser's environment, with `extra` laid over it.
     std::map<std::string, std::string> browserEnvironment(
         const std::map<std::string, std::string>& extra = {}) {
-        const std::filesystem::path root = runner().root();
-        std::filesystem::create_directories(root / "home");
-        std::map<std::string, std::string> environment = {
-            {"HOME", (root / "home").string()},
-            {"XDG_DATA_HOME", (root / "data").string()},
-            {"XDG_CONFIG_HOME", (root / "config").string()},
-            {"XDG_CACHE_HOME", (root / "cache").string()},
-            {"STONEWALL_CONTAINER", container().string()},
-            {"GSK_RENDERER", "cairo"},
-            // GTK and fontconfig keep caches for the life of the process.
-            {"ASAN_OPTIONS", "detect_leaks=0"}};
+        auto environment = sandboxEnvironment(runner().root(), container());
+        environment["GSK_RENDERER"] = "cairo";
+        // GTK and fontconfig keep caches for the life of the process.
+        environment["ASAN_OPTIONS"] = "detect_leaks=0";
         for (const auto& [name, value] : extra) environment[name] = value;
         return environment;
     }
