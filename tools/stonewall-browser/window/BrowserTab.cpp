@@ -2,6 +2,7 @@
 
 #include <adwaita.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <utility>
@@ -171,6 +172,8 @@ void BrowserTab::onLoadChanged(WebKitWebView* view, WebKitLoadEvent loadEvent, B
             self->window_.event(text);
             self->loadStarted_ = 0;
         }
+        // A finished page's badge counts every report that has come.
+        self->flushBlockedLoads();
         self->window_.toolbarItemsNeedUpdate();
     }
     self->window_.tabNavigated(*self);
@@ -211,12 +214,15 @@ gboolean BrowserTab::onUserMessage(WebKitWebView*, WebKitUserMessage* message, B
     self->window_.blockedLoadReported();
     self->window_.event("blocked " + url);
     // A page that blocks thousands of loads at once reports them in a burst:
-    // the extension gets them together, and the badge changes once a burst
+    // the extension gets them together, the first at once and the rest a
+    // frame after the last hand-over, so the badge changes once a burst
     // rather than once a load.
     self->blockedPending_.push_back(url);
     if (!self->blockedFlush_) {
-        self->blockedFlush_ = g_idle_add_full(
-            G_PRIORITY_DEFAULT,
+        const gint64 wait = std::max<gint64>(
+            0, self->blockedFlushed_ + kBlockedFlushInterval - g_get_monotonic_time());
+        self->blockedFlush_ = g_timeout_add_full(
+            G_PRIORITY_DEFAULT, static_cast<guint>((wait + 999) / 1000),
             +[](gpointer data) -> gboolean {
                 auto* self = static_cast<BrowserTab*>(data);
                 self->blockedFlush_ = 0;
@@ -234,6 +240,7 @@ void BrowserTab::flushBlockedLoads() {
         blockedFlush_ = 0;
     }
     if (blockedPending_.empty()) return;
+    blockedFlushed_ = g_get_monotonic_time();
     SafariExtensionHandler().contentBlockerWithIdentifier(
         ContainerLayout::kContentBlockerIdentifier, std::exchange(blockedPending_, {}),
         pageEvent());

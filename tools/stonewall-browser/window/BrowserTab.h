@@ -77,6 +77,10 @@ class BrowserTab {
     // page that found its way into the picker's world, is dropped here
     // rather than queued: each one makes the extension read the databases.
     static constexpr int kMessagesPerSecond = 20;
+    // Blocked loads reach the extension, and the badge, at most once a
+    // frame: however the web process batches its reports, a page that has
+    // thousands of loads blocked repaints the badge a few dozen times.
+    static constexpr gint64 kBlockedFlushInterval = G_USEC_PER_SEC / 60;
 
     BrowserWindow& window_;
     std::shared_ptr<ContentFilters> filters_;
@@ -99,6 +103,7 @@ class BrowserTab {
     // Blocked-load reports not yet handed to the extension.
     std::vector<std::string> blockedPending_;
     guint blockedFlush_ = 0;
+    gint64 blockedFlushed_ = 0;
 };
 
 }  // namespace stonewall::browser
