@@ -21,20 +21,11 @@
 #include "platform/testing/TestPlatform.h"
 #include "storage/ProfileDatabase.h"
 #include "storage/SharedDatabase.h"
+#include "support/ProfileRules.h"
 
 namespace stonewall::testing {
 
 using Json = nlohmann::json;
-
-inline ProfileRule makeRule(int64_t action, NullableString filter, int64_t blocker = 1,
-                            NullableString ruleID = std::nullopt) {
-    ProfileRule rule;
-    rule.ruleID = std::move(ruleID);
-    rule.blocker = blocker;
-    rule.action = action;
-    rule.filter = std::move(filter);
-    return rule;
-}
 
 inline std::string readText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -8,23 +8,16 @@
 #include "StorageTestSupport.h"
 #include "storage/ProfileDatabase.h"
 #include "storage/SQLiteSupport.h"
+#include "support/ProfileRules.h"
 
 namespace stonewall {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::makeRule;
 using testing::RawDatabase;
 using testing::StorageTest;
 using testing::writeBytes;
-
-ProfileRule makeRule(std::string id, int64_t blocker, int64_t action, std::string filter) {
-    ProfileRule rule;
-    rule.ruleID = std::move(id);
-    rule.blocker = blocker;
-    rule.action = action;
-    rule.filter = std::move(filter);
-    return rule;
-}
 
 std::vector<std::string> idsOf(const std::vector<ProfileRule>& rules) {
     std::vector<std::string> ids;
@@ -40,7 +33,7 @@ class ProfileDatabaseTest : public StorageTest {
 };
 
 TEST_F(ProfileDatabaseTest, EveryFieldRoundTrips) {
-    ProfileRule full = makeRule("full", 6, 2, "^https?://ads\\.");
+    ProfileRule full = makeRule(2, "^https?://ads\\.", 6, "full");
     full.selector = "div.ad > span[data-x=\"1\"]";
     full.resources = "image,script";
     full.loads = "third-party";
@@ -52,14 +45,14 @@ TEST_F(ProfileDatabaseTest, EveryFieldRoundTrips) {
     sparse.action = 2;
     sparse.blocker = 1;
 
-    ProfileRule empties = makeRule("", 1, 2, "");
+    ProfileRule empties = makeRule(2, "", 1, "");
     empties.selector = "";
     empties.resources = "";
     empties.loads = "";
     empties.domains = "";
 
     // Integers are stored as 32 bits: all low bits set reads back -1.
-    ProfileRule wide = makeRule("wide", (int64_t{1} << 32) + 5, 1, "f");
+    ProfileRule wide = makeRule(1, "f", (int64_t{1} << 32) + 5, "wide");
     wide.domainType = (int64_t{1} << 32) - 1;
     wide.filterSensitive = int64_t{1} << 33;
 
@@ -69,7 +62,7 @@ TEST_F(ProfileDatabaseTest, EveryFieldRoundTrips) {
     EXPECT_EQ(database->getProfileRulesByAction(2),
               (std::vector<ProfileRule>{sparse, empties, full}));
     EXPECT_EQ(database->getProfileRulesByAction(1),
-              std::vector<ProfileRule>{makeRule("wide", 5, 1, "f")});
+              std::vector<ProfileRule>{makeRule(1, "f", 5, "wide")});
     RawDatabase raw(profilePath("p1"));
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM ProfileRules WHERE selector = ''"), 1);
 }
@@ -80,9 +73,9 @@ TEST_F(ProfileDatabaseTest, RulesOfAnActionComeFromEveryListInFilterOrder) {
     for (int64_t blocker : {1, 2, 3, 4, 6}) {
         for (int64_t action : {5, 6}) {
             for (const char* filter : {"z", "a"}) {
-                rules.push_back(
-                    makeRule("b" + std::to_string(blocker) + "a" + std::to_string(action) + filter,
-                             blocker, action, filter));
+                rules.push_back(makeRule(
+                    action, filter, blocker,
+                    "b" + std::to_string(blocker) + "a" + std::to_string(action) + filter));
             }
         }
     }
@@ -104,12 +97,12 @@ TEST_F(ProfileDatabaseTest, RulesOfAnActionComeFromEveryListInFilterOrder) {
 
 TEST_F(ProfileDatabaseTest, UpdatesAndRemovalsTouchTheMatchingRowsOnly) {
     auto database = open();
-    database->addProfileRules({makeRule("a", 1, 5, "x"), makeRule("b", 1, 5, "y")});
-    ProfileRule changed = makeRule("a", 4, 3, "new");
+    database->addProfileRules({makeRule(5, "x", 1, "a"), makeRule(5, "y", 1, "b")});
+    ProfileRule changed = makeRule(3, "new", 4, "a");
     changed.domains = "shop.test";
     changed.domainType = 1;
-    ProfileRule unknown = makeRule("nobody", 1, 5, "z");
-    ProfileRule nullID = makeRule("", 1, 5, "w");
+    ProfileRule unknown = makeRule(5, "z", 1, "nobody");
+    ProfileRule nullID = makeRule(5, "w", 1, "");
     nullID.ruleID.reset();  // "WHERE ruleID=NULL" matches nothing
     database->updateProfileRules({changed, unknown, nullID});
 
@@ -118,10 +111,10 @@ TEST_F(ProfileDatabaseTest, UpdatesAndRemovalsTouchTheMatchingRowsOnly) {
     EXPECT_EQ(idsOf(database->getProfileRulesByAction(5)), std::vector<std::string>{"b"});
 
     database->removeAllProfileRules();
-    database->addProfileRules({makeRule("a", 1, 1, "1"), makeRule("b", 1, 1, "2"),
-                               makeRule("c", 2, 1, "3"), makeRule("d", 1, 2, "4")});
+    database->addProfileRules({makeRule(1, "1", 1, "a"), makeRule(1, "2", 1, "b"),
+                               makeRule(1, "3", 2, "c"), makeRule(2, "4", 1, "d")});
     // Blocker and action must match too.
-    database->removeProfileRulesCustom({makeRule("a", 1, 1, ""), makeRule("c", 1, 1, "")});
+    database->removeProfileRulesCustom({makeRule(1, "", 1, "a"), makeRule(1, "", 1, "c")});
     EXPECT_EQ(idsOf(database->getProfileRulesByAction(1)), (std::vector<std::string>{"b", "c"}));
 }
 
@@ -132,9 +125,9 @@ TEST_F(ProfileDatabaseTest, AFailingRecordDoesNotStopTheBatch) {
         raw.exec("CREATE UNIQUE INDEX OneRulePerID ON ProfileRules(ruleID)");
     }
     database->addProfileRules({});  // commits its transaction all the same
-    database->addProfileRules({makeRule("a", 1, 1, "1")});
+    database->addProfileRules({makeRule(1, "1", 1, "a")});
     database->addProfileRules(
-        {makeRule("b", 1, 1, "2"), makeRule("a", 1, 1, "dup"), makeRule("c", 1, 1, "3")});
+        {makeRule(1, "2", 1, "b"), makeRule(1, "dup", 1, "a"), makeRule(1, "3", 1, "c")});
     EXPECT_EQ(idsOf(database->getProfileRulesByAction(1)),
               (std::vector<std::string>{"a", "b", "c"}));
     EXPECT_TRUE(platform.log->contains("ProfileDatabase"));
@@ -155,7 +148,7 @@ TEST_F(ProfileDatabaseTest, FailedPrepareRollsTheTransactionBack) {
     // The first statement after the change reloads the connection's schema;
     // from then on the insert cannot even be prepared.
     EXPECT_EQ(database->getProfileRulesCount(), 0);
-    database->addProfileRules({makeRule("lost", 1, 1, "f")});
+    database->addProfileRules({makeRule(1, "f", 1, "lost")});
     EXPECT_TRUE(database->beginTransactionProfilesDatabase());
     EXPECT_TRUE(database->commitTransactionProfilesDatabase());
 }
@@ -164,9 +157,9 @@ TEST_F(ProfileDatabaseTest, FailedPrepareRollsTheTransactionBack) {
 // removed, in one transaction: a step that fails leaves every row in place.
 TEST_F(ProfileDatabaseTest, ReplacingByPrefixIsAllOrNothing) {
     auto database = open();
-    database->addProfileRules({makeRule("sab-1", 1, 1, "old1"), makeRule("sab-2", 1, 1, "old2"),
-                               makeRule("sabc", 1, 1, "other list"),
-                               makeRule("mine", 1, 5, "own")});
+    database->addProfileRules({makeRule(1, "old1", 1, "sab-1"), makeRule(1, "old2", 1, "sab-2"),
+                               makeRule(1, "other list", 1, "sabc"),
+                               makeRule(5, "own", 1, "mine")});
     const auto ids = [&] {
         std::vector<std::string> found;
         for (int64_t action : {1, 5}) {
@@ -184,12 +177,12 @@ TEST_F(ProfileDatabaseTest, ReplacingByPrefixIsAllOrNothing) {
             "BEGIN SELECT RAISE(ABORT, 'refused'); END");
     }
     EXPECT_FALSE(database->replaceProfileRulesWithPrefix(
-        "sab-", {makeRule("sab-3", 1, 1, "new"), makeRule("sab-4", 1, 1, "refused")},
-        {makeRule("sabc", 1, 1, "other list")}));
+        "sab-", {makeRule(1, "new", 1, "sab-3"), makeRule(1, "refused", 1, "sab-4")},
+        {makeRule(1, "other list", 1, "sabc")}));
     EXPECT_EQ(ids(), (std::vector<std::string>{"mine", "sab-1", "sab-2", "sabc"}));
 
-    EXPECT_TRUE(database->replaceProfileRulesWithPrefix("sab-", {makeRule("sab-3", 1, 1, "new")},
-                                                        {makeRule("sabc", 1, 1, "other list")}));
+    EXPECT_TRUE(database->replaceProfileRulesWithPrefix("sab-", {makeRule(1, "new", 1, "sab-3")},
+                                                        {makeRule(1, "other list", 1, "sabc")}));
     EXPECT_EQ(ids(), (std::vector<std::string>{"mine", "sab-3"}));
 }
 
@@ -201,7 +194,7 @@ TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {
         const auto before = std::distance(fs::recursive_directory_iterator(platform.rootPath()),
                                           fs::recursive_directory_iterator());
         auto database = open(identifier);
-        database->addProfileRules({makeRule("a", 1, 1, "f")});
+        database->addProfileRules({makeRule(1, "f", 1, "a")});
         database->restoreDatabase();
         EXPECT_EQ(database->getProfileRulesCount(), 0);
         EXPECT_FALSE(database->forEachProfileRuleByAction(1, [](const ProfileRule&) {}));
@@ -222,7 +215,7 @@ TEST_F(ProfileDatabaseTest, IdentifiersThatLeaveTheProfilesFolderOpenNothing) {
     };
     for (const auto& [identifier, fileName] : cases) {
         auto database = open(identifier);
-        database->addProfileRules({makeRule("a", 1, 1, "f")});
+        database->addProfileRules({makeRule(1, "f", 1, "a")});
         EXPECT_EQ(database->profilesFileName(), fileName);
         EXPECT_TRUE(fs::exists(profilesFolder() + "/" + fileName)) << fileName;
         EXPECT_EQ(database->getProfileRulesCount(), 1) << fileName;
@@ -241,9 +234,9 @@ TEST_F(ProfileDatabaseTest, TextThatIsNotUTF8ReadsAsNull) {
             "INSERT INTO ProfileRules VALUES ('b', 1, 1, X'C3A9', 12, NULL, NULL, -1, "
             "NULL, 0)");
     }
-    ProfileRule valid = makeRule("b", 1, 1, "12");
+    ProfileRule valid = makeRule(1, "12", 1, "b");
     valid.selector = "é";
-    ProfileRule invalid = makeRule("", 1, 1, "\xF0\x9F\x98\x80");
+    ProfileRule invalid = makeRule(1, "\xF0\x9F\x98\x80", 1, "");
     invalid.ruleID.reset();  // and the selector, an encoded surrogate
     EXPECT_EQ(database->getProfileRulesByAction(1), (std::vector<ProfileRule>{valid, invalid}));
 }
@@ -259,12 +252,12 @@ TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
             "INSERT INTO ProfileRules VALUES ('short', 1, 1, 'f')");
     }
     auto database = open();
-    ProfileRule expected = makeRule("short", 1, 1, "");
+    ProfileRule expected = makeRule(1, "", 1, "short");
     expected.filter.reset();
     expected.selector = "f";  // column 3, whatever its name
     expected.domainType = 0;
     EXPECT_EQ(database->getProfileRulesByAction(1), std::vector<ProfileRule>{expected});
-    database->addProfileRules({makeRule("x", 1, 1, "f")});  // 10 values into 4 columns: dropped
+    database->addProfileRules({makeRule(1, "f", 1, "x")});  // 10 values into 4 columns: dropped
     EXPECT_EQ(database->getProfileRulesCount(), 1);
 }
 
@@ -272,9 +265,9 @@ TEST_F(ProfileDatabaseTest, ForeignColumnShapesReadWithoutFault) {
 // empty results and nothing stops the process.
 TEST_F(ProfileDatabaseTest, UnusableStorageGivesEmptyResults) {
     auto database = open();
-    database->addProfileRules({makeRule("a", 1, 1, "f")});
+    database->addProfileRules({makeRule(1, "f", 1, "a")});
     fs::remove_all(platform.containerPath());
-    database->addProfileRules({makeRule("b", 1, 1, "g")});  // no folder for a journal
+    database->addProfileRules({makeRule(1, "g", 1, "b")});  // no folder for a journal
     (void)database->getProfileRulesByAction(1);
     database->close();
     database->close();
@@ -310,7 +303,7 @@ TEST_F(ProfileDatabaseTest, WaitingForWriteAccessOutlastsTheBusyTimeoutAndWrites
         holder.join();
     }
     // Nothing was left open: a write goes through at once.
-    database->addProfileRules({makeRule("after", 1, 1, "x")});
+    database->addProfileRules({makeRule(1, "x", 1, "after")});
     EXPECT_EQ(database->getProfileRulesCount(), 1);
     storage_detail::setBusyTimeoutForTesting(-1);
 }
